@@ -1,0 +1,54 @@
+// What differs from one operating system to the next, one source per system (platform_linux.cpp,
+// platform_macos.cpp). Nothing else in the tree asks on which system it runs.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+// Stores the path of the running executable, as it was given to exec, with its terminator in
+// `buffer`, which has *size bytes. Returns 0; or -1 when it does not fit, *size then holds the
+// bytes needed and the buffer is as it was.
+int ExecutablePath(char* buffer, std::uint32_t* size);
+
+// Sees to it that no descriptor above standard error survives the next exec. For a child between
+// fork and exec: it takes no lock and allocates nothing.
+void CloseDescriptorsOnExec();
+
+// Reserves the memory behind the first `size` bytes of a shared-memory object, so that a later
+// write cannot fail. Returns 0 or an error number (ENOSPC when there is no room).
+int ReserveSharedMemory(int descriptor, off_t size);
+
+// Names of all shared-memory objects of the system, without a leading "/"; empty where the system
+// cannot list them.
+std::vector<std::string> SharedMemoryNames();
+
+// Follows one child process from its start on. Where the system allows it, the watch stays exact
+// when the id of the ended child is given to another process.
+class ProcessWatch {
+  public:
+    ProcessWatch() : ProcessWatch(-1) {}
+    // `pid` is what fork returned; a value below 1 is a process that was never there.
+    explicit ProcessWatch(pid_t pid);
+    ~ProcessWatch();
+    ProcessWatch(ProcessWatch&& other) noexcept;
+    ProcessWatch& operator=(ProcessWatch&& other) noexcept;
+
+    // Whether the process has ended (reaped or not) or never was.
+    bool Gone() const;
+
+    // Sends a signal; does nothing when the process is gone.
+    void Signal(int number) const;
+
+    pid_t Pid() const { return pid_; }
+
+  private:
+    pid_t pid_;
+    int descriptor_;  // of the process where the system has such a thing; else -1
+};
+
+}  // namespace platform

@@ -1,0 +1,50 @@
+#include <fcntl.h>
+#include <mach-o/dyld.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <utility>
+
+#include "common/platform.h"
+
+namespace platform {
+
+int ExecutablePath(char* buffer, std::uint32_t* size) {
+    return _NSGetExecutablePath(buffer, size);
+}
+
+void CloseDescriptorsOnExec() {
+    const int limit = getdtablesize();
+    for (int fd = 3; fd < limit; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
+}
+
+int ReserveSharedMemory(int, off_t) {
+    return 0;  // the system backs shared memory by anonymous memory; there is nothing to reserve
+}
+
+std::vector<std::string> SharedMemoryNames() {
+    return {};
+}
+
+ProcessWatch::ProcessWatch(pid_t pid) : pid_(pid), descriptor_(-1) {}
+
+ProcessWatch::~ProcessWatch() = default;
+
+ProcessWatch::ProcessWatch(ProcessWatch&& other) noexcept
+    : pid_(std::exchange(other.pid_, -1)), descriptor_(-1) {}
+
+ProcessWatch& ProcessWatch::operator=(ProcessWatch&& other) noexcept {
+    std::swap(pid_, other.pid_);
+    return *this;
+}
+
+bool ProcessWatch::Gone() const {
+    return pid_ < 1 || (kill(pid_, 0) == -1 && errno == ESRCH);
+}
+
+void ProcessWatch::Signal(int number) const {
+    if (!Gone()) kill(pid_, number);
+}
+
+}  // namespace platform

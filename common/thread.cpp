@@ -1,0 +1,18 @@
+#include "common/thread.h"
+
+#include <csignal>
+
+int StartThread(pthread_t* thread, void* (*routine)(void*), void* argument, bool detached) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes,
+                                detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const int error = pthread_create(thread, &attributes, routine, argument);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_attr_destroy(&attributes);
+    return error;
+}
