@@ -1,0 +1,149 @@
+// The task manager, for applications.
+//
+// An application starts the manager once, adds tasks, may ask tasks to stop, and ends the manager.
+// Each task is carried out by a worker process of its own; what the worker reports arrives in the
+// task's callbacks. Whatever happens to a worker, each task that was added gets exactly one final
+// callback (codes 1, 3, 6, 7, 8 and 16).
+//
+// The application installs proc_child as its handler for SIGCHLD, with SA_RESTART and
+// SA_NOCLDSTOP, before it adds the first task. That handler reaps every child of the process: an
+// application cannot wait for children of its own (system, popen) while tasks run.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "TaskMan/taskcontext.h"
+#include "common/threadsafety.h"
+
+// ---- The manager. Any thread may call; a callback may call everything but EndTaskManager.
+
+// Starts the manager of this process: creates the section, writes `szInfoDirectory` (the directory
+// of the download info files, at most 1024 bytes) into its common area, and begins to supervise.
+// `szWorkerPath` is the program that AddTask starts for each task. Returns 0; or -1 with the reason
+// in one line, nothing is left behind then.
+int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory, std::string& strReason);
+
+// Puts the task into a free slot and starts its worker. The record is copied; its callbacks are
+// called from the manager's scanner thread, with no lock held, and must return soon and not throw.
+// Returns 0; or -1 with the reason in one line, no callback comes then. Refused are: an id that is
+// empty, longer than 63 bytes, not of letters, digits, "_" and "-", in use, a prefix of one in use
+// or the reverse; a command and kind that make neither a parse nor a download job; an address that
+// is not http or https; a path that CheckTaskParam refuses or that a live task writes; a text that
+// fills its field; a ninth task.
+int AddTask(const tagTaskInfo& taskinfo, std::string& strReason);
+
+// Asks a task to stop. It ends with code 8, or with the code it had reached before. A worker that
+// does not end within ten seconds is killed. Returns 0, or -1 when there is no such task.
+int StopTask(const char* szTaskID);
+
+// What the manager knows about the way a task ended beyond its code, in one line: "worker died",
+// for example. Empty when the worker itself reported the end. To be called from the task's final
+// callback; afterwards the task is forgotten.
+std::string TaskRemark(const char* szTaskID);
+
+// Size in bytes of the file of a task, as its worker has announced it with code 10; 0 while it is
+// unknown. To be called no later than from the final callback: a task that ends within the second
+// in which its size became known reports its final code only, and the size is told here alone.
+double TaskFileSize(const char* szTaskID);
+
+// Number of further tasks that AddTask has room for now, 0 to 8. A slot is free again when its
+// task's final callback has returned and its worker process is gone.
+int FreeSlotCount();
+
+// Ends the manager: refuses new tasks, stops all, waits for their ends (at most 12 seconds),
+// removes every name it made and closes the section. Returns 0; or -1 when no manager runs.
+int EndTaskManager();
+
+// A new id for a task: 30 characters, made of the process id, the time and 64 random bits. No two
+// calls on a machine give the same.
+std::string MakeTaskID();
+
+// ---- The scanner and what it works on.
+
+// The tasks in hand. The map owns its nodes; while a scanner runs, only the scanner erases and
+// frees them. Lock order: g_access_taskmap_mutex, then a task's mutexLock or
+// g_access_taskcount_mutex.
+extern Threading::Mutex g_access_taskmap_mutex;
+extern std::map<std::string, tagTaskNode*> g_TaskInfo_map TS_GUARDED_BY(g_access_taskmap_mutex);
+
+extern Threading::Mutex g_access_taskcount_mutex;
+extern std::int32_t g_ParseCount TS_GUARDED_BY(g_access_taskcount_mutex);     // parse jobs
+extern std::int32_t g_DownloadCount TS_GUARDED_BY(g_access_taskcount_mutex);  // download jobs
+extern std::int32_t g_TaskCount TS_GUARDED_BY(g_access_taskcount_mutex);      // all, 0 to 8
+
+// Whether no scanner runs, with its lock; a scanner that ends sets it and broadcasts.
+extern pthread_mutex_t g_ScanThradIsExit_Lock;
+extern pthread_cond_t g_ScanThradIsExit_Cond;
+extern bool g_ScanThradIsExit;
+
+// Kept for applications that address the module by them; the manager sets the first three.
+extern std::int32_t g_mainpid;     // process id in the section's name; -1 while no manager runs
+extern std::string g_AppDataPath;  // directory of the download info files
+extern pthread_t g_ScanDataPid;    // the scanner thread started last
+extern Threading::Mutex g_start_tarnwick_mutex;
+extern Threading::Mutex g_ScanThradIsExit_Mutex;
+
+// Per slot, the size that the scanner took last with code 10, bytes; AddTask sets 0.
+extern std::atomic<double> g_TaskFileSize[TASK_SLOT_COUNT];
+
+// The scanner: a thread function, started while tasks are in the map and none runs. Once a second
+// it takes the state bits of every task and calls the tasks back; a final code empties the slot and
+// deletes the node first. It ends, with pthread_exit, when the map is empty, or with the fourth
+// pass that finds g_Exit set. `arg` is not used.
+void* StartScanData(void* arg);
+
+// Whether the task counts as a parse job (command 0, or kind 1) or as a download job (command 1 or
+// 3, and kind 0). A task that is neither must not enter the map.
+constexpr bool IsParseJob(std::int32_t nCmd, std::int32_t nTaskKind) {
+    return nCmd == TASK_CMD_PARSE || nTaskKind == 1;
+}
+constexpr bool IsDownloadJob(std::int32_t nCmd, std::int32_t nTaskKind) {
+    return IsDownloadCommand(nCmd) && nTaskKind == 0;
+}
+
+// ---- Admission and the start of programs.
+
+// Whether the task may be admitted: its id is not empty; and for a download command the path is
+// acceptable and, with kind 0, nBlockCount is 0 to 10. A larger nBlockCount is refused and set to
+// 10 in the record, so that a second check passes. `strFuncName` is the caller, for diagnostics.
+bool CheckTaskParam(tagTaskInfo* taskinfo, std::string strFuncName);
+
+// Whether the path holds no backslash; the empty path holds none. A refusal is told on standard
+// error.
+bool CheckPath(std::string strFilePath, std::string strFuncName);
+
+// Sets the three counters from the map. Takes both locks, one after the other. Always true.
+bool CheckAndCalcTaskCount();
+
+// Writes a listing of the map to standard error. `NewTaskinfo` must not be null.
+void PrintTaskMapInfo(tagTaskInfo* NewTaskinfo) TS_REQUIRES(g_access_taskmap_mutex);
+
+// What a worker is started with: its program and three arguments.
+struct tagStartParam {
+    char szProgramPath[1024];  // full path; becomes argv[0] as well
+    char szTaskID[64];
+    char szTaskIndex[32];  // slot 0 to 7, decimal
+    char szMainPid[32];    // the manager's process id, decimal
+};
+
+// Thread function: starts one worker. `param` is a tagStartParam made with new, which it frees. The
+// thread ends with pthread_exit; its result is null, or -1 when the process could not be forked.
+// The worker inherits no descriptor but the standard three, and no blocked signal but SIGINT: the
+// terminal's Ctrl-C is for the manager, which stops its workers in order.
+void* StartProgram(void* param);
+
+// Per slot, what the fork of its last StartProgram returned: the worker's process id, -1 when the
+// fork failed, 0 while none was made. The only process ids that may be signalled: the one in a slot
+// is another process's word.
+extern std::atomic<pid_t> g_WorkerPid[TASK_SLOT_COUNT];
+
+// Handler for SIGCHLD: reaps every child that has ended. Keeps errno.
+void proc_child(int signal);
+
+// Thread function that ends its thread at once.
+void* CallUIFunction(void* param);

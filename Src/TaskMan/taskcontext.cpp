@@ -1,0 +1,153 @@
+#include "TaskMan/taskcontext.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <stdexcept>
+
+#include "common/TraceLog.h"
+#include "common/fieldtext.h"
+#include "common/keepstores.h"
+#include "common/stringutility.h"
+
+tagVideoInfoSection g_VideoInfoSection;
+char* g_TaskCommData = nullptr;
+tagTaskContext g_TaskContext[TASK_SLOT_COUNT];
+std::atomic<bool> g_Exit{false};
+
+namespace {
+
+TraceLog::TraceLog LogOut("LOG");
+
+template <class Record>
+void SetCommonDefaults(Record& record, std::int32_t nBlockCount, std::int32_t nTries) {
+    SetField(record.szTaskID, "");
+    SetField(record.szOrgUrl, "");
+    SetField(record.szDownloadUrl, "");
+    SetField(record.szFilePath, "");
+    record.nCmd = record.nTaskKind = record.nReserved1 = record.nReserved2 = -1;
+    SetField(record.szProxyHost, "");
+    record.nProxyPort = record.nProxyType = 0;
+    SetField(record.szProxyUser, "");
+    SetField(record.szProxyPassword, "");
+    record.bUseProxy = 0;
+    record.nBlockCount = nBlockCount;
+    record.nTryCount = record.nTryInterval = nTries;
+}
+
+void SetDefaults(tagTaskContext& slot) {
+    SetCommonDefaults(slot, 3, 3);
+    SetField(slot.szReserved1, "");
+    SetField(slot.szReserved2, "");
+    slot.bReserved = false;
+    slot.nPid = -1;
+    slot.bStateChanged = 0;
+    slot.nStateBits = 0;
+    slot.dFileSize = 0.0;
+    slot.dProgress = slot.dSpeed = -1.0;
+    slot.nDownloadInfoTag = slot.nControl = slot.nReserved3 = -1;
+    SetField(slot.szVideoInfo, "");
+    slot.nReserved4 = 0;
+    KeepStores(&slot);
+}
+
+void SetDefaults(tagTaskInfo& info, const char* id) {
+    SetCommonDefaults(info, 0, -1);
+    SetField(info.szTaskID, id);
+    info.pCallbackParam = nullptr;
+    info.pfnResultCallback = nullptr;
+    info.pfnStateCallback = nullptr;
+    KeepStores(&info);
+}
+
+constexpr unsigned kNameLimit = 63;
+
+std::array<char, 64> SectionName(const char* name) {
+    std::array<char, 64> buffer{};
+    strutil::vsnpf(buffer.data(), kNameLimit, "%s", name == nullptr ? SHARE_MEM_NAME : name);
+    return buffer;
+}
+
+}  // namespace
+
+tagTaskContext::tagTaskContext() {
+    // The whole record, so that the padding behind bReserved carries nothing of this process into
+    // the shared section.
+    std::memset(static_cast<void*>(this), 0, sizeof *this);
+    SetDefaults(*this);
+}
+
+tagTaskContext::~tagTaskContext() {
+    SetDefaults(*this);
+}
+
+tagTaskInfo::tagTaskInfo(const char* id) {
+    SetDefaults(*this, id);
+}
+
+tagTaskInfo::~tagTaskInfo() {
+    SetDefaults(*this, "");
+}
+
+tagTaskNode::tagTaskNode(const char* id)
+    : tagTaskInfo(id), nTaskIndex(-1), mutexLock(nullptr), nNodeReserved(0) {}
+
+tagTaskNode::~tagTaskNode() {
+    nNodeReserved = 0;
+    nTaskIndex = -1;
+    delete mutexLock;
+    mutexLock = nullptr;
+    KeepStores(this);
+}
+
+int InitShareMem(tagVideoInfoSection* section, const char* name) {
+    section->hShm = shm_open(SectionName(name).data(), O_RDWR | O_CREAT, 0644);
+    if (section->hShm == -1) return -1;
+    // An existing section has its size already, and some systems refuse to set it again.
+    static_cast<void>(ftruncate(section->hShm, SHARE_MEM_SIZE) == 0);
+    // A mapping beyond the end of the section succeeds and kills the process at its first use.
+    struct stat status {};
+    if (fstat(section->hShm, &status) != 0 || status.st_size < off_t{SHARE_MEM_SIZE}) return -1;
+    void* mapping =
+        mmap(nullptr, SHARE_MEM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, section->hShm, 0);
+    if (mapping == MAP_FAILED) return -1;
+    section->hPrt = static_cast<char*>(mapping);
+    section->pCommDataPrt = section->hPrt + TASK_COMMDATA_OFFSET;
+    return 0;
+}
+
+int UnInitShareMem(tagVideoInfoSection* section, const char* name) {
+    section->pCommDataPrt = nullptr;
+    if (section->hPrt != nullptr) munmap(section->hPrt, SHARE_MEM_SIZE);
+    shm_unlink(SectionName(name).data());
+    return 0;
+}
+
+tagTaskContext* SlotAt(const tagVideoInfoSection& section, int nIndex) {
+    if (section.hPrt == nullptr || nIndex < 0 || nIndex >= TASK_SLOT_COUNT) return nullptr;
+    return reinterpret_cast<tagTaskContext*>(section.hPrt +
+                                             static_cast<std::size_t>(nIndex) * TASK_SLOT_SIZE);
+}
+
+void CopySlot(void* to, const void* from) {
+    std::memcpy(to, from, TASK_SLOT_SIZE);
+}
+
+void SetStateBit(tagTaskContext& slot, tagDownloadStateCode code) {
+    if (static_cast<std::uint32_t>(code) >= 32) throw std::out_of_range("bitset::set");
+    slot.bStateChanged = 1;
+    slot.nStateBits |= 1U << code;
+}
+
+std::int32_t LoadControl(const tagTaskContext& slot) {
+    return std::atomic_ref(const_cast<std::int32_t&>(slot.nControl))
+        .load(std::memory_order_acquire);
+}
+
+void StoreControl(tagTaskContext& slot, std::int32_t nControl) {
+    std::atomic_ref(slot.nControl).store(nControl, std::memory_order_release);
+}
