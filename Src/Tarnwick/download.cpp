@@ -1,0 +1,142 @@
+#include "Tarnwick/download.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "Tarnwick/jobstate.h"
+#include "Tarnwick/progress.h"
+#include "Tarnwick/statereport.h"
+#include "Tarnwick/transfer.h"
+#include "common/assertion.h"
+#include "common/fieldtext.h"
+
+namespace {
+
+constexpr const char* kSource = "Src/Tarnwick/tarnwick";
+constexpr std::size_t kStreamBuffer = 8192;
+// The largest receive buffer of libcurl: half the processor time per byte of its default.
+constexpr long kReceiveBuffer = 512L * 1024;
+
+std::size_t OnFileData(char* data, std::size_t size, std::size_t count, void* stream) noexcept {
+    return KeepExceptions(kBreakOff, [&] { return process_data(data, size, count, stream); });
+}
+
+// The output file with a fully buffered stream of its own.
+class OutputFile {
+  public:
+    ~OutputFile() { Close(); }
+
+    // Creates or empties the file. False when it cannot be opened, or when there is something that
+    // is neither a regular file nor a character device: a pipe without a reader would block the job
+    // for ever.
+    bool Open(const std::string& path) {
+        struct stat status {};
+        if (path.empty()) return false;
+        if (stat(path.c_str(), &status) == 0) {
+            if (!S_ISREG(status.st_mode) && !S_ISCHR(status.st_mode)) return false;
+        } else if (errno != ENOENT) {
+            return false;
+        }
+        stream_ = std::fopen(path.c_str(), "wb+");
+        if (stream_ == nullptr) return false;
+        std::fseek(stream_, 0, SEEK_SET);
+        buffer_ = std::make_unique<char[]>(kStreamBuffer);
+        std::setvbuf(stream_, buffer_.get(), _IOFBF, kStreamBuffer);
+        return true;
+    }
+
+    // False when what was written before cannot reach the file.
+    bool Rewind() { return std::fseek(stream_, 0, SEEK_SET) == 0; }
+
+    // False when something of the file did not reach the disk. On a full disk it is the flush that
+    // says so: the close that follows succeeds.
+    bool Close() {
+        if (stream_ == nullptr) return true;
+        const bool flushed = std::fflush(stream_) == 0;
+        const bool closed = std::fclose(stream_) == 0;
+        stream_ = nullptr;
+        return flushed && closed;
+    }
+
+    FILE* Stream() const { return stream_; }
+
+  private:
+    std::unique_ptr<char[]> buffer_;  // must outlive the stream
+    FILE* stream_ = nullptr;
+};
+
+void SetUpDownload(CURL* curl, const tagTaskContext& task, FILE* stream) {
+    curl_easy_setopt(curl, CURLOPT_URL, FieldText(task.szDownloadUrl).c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, stream);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, OnFileData);
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl, CURLOPT_PROGRESSFUNCTION, OnProgress);
+    FollowRedirects(curl);
+    SetTimeouts(curl);
+    curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBuffer);
+}
+
+// Runs the tries. kEnded means that a try succeeded, that the process ends or that no try was
+// allowed: the response code decides then.
+TryStep RunTries(CURL* curl, const tagTaskContext& task, OutputFile& output) {
+    while (g_TryCount < task.nTryCount) {
+        // Bytes of the try before that still wait for room on the disk make the try fail: the
+        // stream would go on behind them.
+        const bool rewound = output.Rewind();
+        g_Progress = 0.0;
+        if (rewound && curl_easy_perform(curl) == CURLE_OK) return TryStep::kEnded;
+        const TryStep step = AfterFailedTry(task);
+        if (step != TryStep::kAgain) return step;
+    }
+    return TryStep::kEnded;
+}
+
+// The final check of a download that was neither stopped nor used up its tries.
+int ReportFinished(CURL* curl) {
+    long code = 0;
+    const bool known = curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK;
+    const bool finished = known && code == 200;
+    SendStateMSG(finished ? DOWNLOAD_STATE_DOWNLOAD_FINISH : DOWNLOAD_STATE_DOWNLOAD_FAIL);
+    return finished ? 0 : -1;
+}
+
+}  // namespace
+
+int DownloadVideo(void* curl, tagTaskContext* taskCon) {
+    assertion::Require(taskCon != nullptr, "DownloadVideo", kSource, "taskCon");
+    assertion::Require(curl != nullptr, "DownloadVideo", kSource, "NULL != curl");
+    assertion::Require(!FieldEmpty(taskCon->szDownloadUrl), "DownloadVideo", kSource,
+                       "0 < strlen( taskCon->szDownloadUrl )");
+    if (g_Exit) return 0;
+    SetProxy(curl, *taskCon);
+    curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+    if (g_Exit) return 0;
+    OutputFile output;
+    if (!output.Open(FieldText(taskCon->szFilePath))) {
+        ReportEnd(TryStep::kUsedUp, *taskCon);
+        return 0;
+    }
+    SetUpDownload(curl, *taskCon, output.Stream());
+    if (g_Exit) return 0;
+    ClampTries(*taskCon);
+
+    TryStep outcome = RunTries(curl, *taskCon, output);
+    if (!output.Close() && outcome == TryStep::kEnded) outcome = TryStep::kUsedUp;
+    if (outcome == TryStep::kEnded) return ReportFinished(curl);
+    ReportEnd(outcome, *taskCon);
+    return 0;
+}
+
+std::size_t process_data(void* ptr, std::size_t size, std::size_t nmemb, void* userdata) {
+    auto* stream = static_cast<FILE*>(userdata);
+    const std::size_t written = std::fwrite(ptr, size, nmemb, stream);
+    if (StopRequested() || g_Exit) {
+        std::fflush(stream);
+        return kBreakOff;
+    }
+    return written;
+}

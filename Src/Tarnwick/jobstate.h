@@ -1,0 +1,43 @@
+// The state of the worker process: what it was started with, its task, and its transfers.
+//
+// A worker carries out one job. The main thread fills the first two groups before it starts the job
+// thread; from then on only the job thread, on which libcurl's callbacks run too, touches anything
+// here but the two flags g_exit_download and g_Exit, which either thread may read at any time.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "TaskMan/taskcontext.h"
+
+// ---- The command line and what follows from it.
+
+extern std::string g_TaskID;      // argv[1], the task id
+extern std::int32_t g_TaskIndex;  // argv[2], the slot of the task, 0 to 7
+extern std::string g_szmainpid;   // argv[3], the manager's process id as text
+extern std::int32_t g_ParentPid;  // argv[3] as a number
+extern std::string g_ShareName;   // name of the manager's section
+extern std::string g_WorkPath;    // directory of the running executable, with a trailing "/"
+extern std::string g_LogConfigFile;
+extern const std::string LOG_FILE;
+
+// ---- The task, set by the intake.
+
+extern std::string g_DownloadConfigPath;      // directory of the download info files
+extern tagTaskNode g_TaskInfo;                // the task; owns its named lock
+extern tagTaskContext g_TaskConData;          // private copy of the slot; the job's argument
+extern tagTaskContext* g_CurTaskContext_prt;  // the live slot; null before the claim
+extern pthread_t g_pid;                       // the job thread
+extern std::atomic<bool> g_exit_download;     // the job is over; set by the job thread, last
+
+// ---- The transfers.
+
+extern std::uint64_t g_FileSize;          // bytes of the file; 0: unknown
+extern std::int32_t g_TryCount;           // failed tries since bytes arrived last
+extern double g_Progress;                 // last percentage reported in this try; 0: none
+extern std::uint32_t g_LastBPS;           // last speed, bytes per second
+extern std::uint64_t g_LastCalcTime;      // its time, milliseconds; 0: no baseline
+extern std::uint64_t g_LastDownloadSize;  // bytes received at that time

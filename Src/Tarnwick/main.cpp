@@ -1,0 +1,46 @@
+// tarnwick: carries out one task of a task manager and exits with status 0, whatever became of the
+// task: that is told in the task's slot.
+//
+//   tarnwick TASK_ID SLOT_INDEX MANAGER_PID
+#include <array>
+#include <cstdlib>
+
+#include "Tarnwick/jobstate.h"
+#include "Tarnwick/tarnwick.h"
+#include "Tarnwick/transfer.h"
+#include "common/assertion.h"
+#include "common/stringutility.h"
+#include "common/sysutility.h"
+
+namespace {
+
+constexpr unsigned kNameLimit = 63;
+
+// A number as atoi reads it, for texts of any length.
+int Number(const char* text) {
+    return static_cast<int>(std::strtol(text, nullptr, 10));
+}
+
+void ReadArguments(char** argv) {
+    g_TaskID = argv[1];
+    g_TaskIndex = Number(argv[2]);
+    g_szmainpid = argv[3];
+    g_ParentPid = Number(argv[3]);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    IgnoreProxyEnvironment();
+    g_WorkPath = sysutility::GetCurrentPath(true);
+    g_LogConfigFile = g_WorkPath + LOG_FILE;
+    LoadCurlLib();
+    std::array<char, 64> name{};
+    assertion::Require(argc >= 4, "main", "Src/Tarnwick/main", "false", 61);
+    ReadArguments(argv);
+    strutil::vsnpf(name.data(), kNameLimit, "%s_%d", SHARE_MEM_NAME, g_ParentPid);
+    g_ShareName = name.data();
+    ParseTask(g_TaskID.c_str());
+    UnLoadCurlLib();
+    exit(0);
+}

@@ -1,0 +1,144 @@
+#include "Tarnwick/tarnwick.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "Tarnwick/download.h"
+#include "Tarnwick/filesize.h"
+#include "Tarnwick/jobstate.h"
+#include "Tarnwick/pageresolution.h"
+#include "Tarnwick/transfer.h"
+#include "common/AutoLock.h"
+#include "common/assertion.h"
+#include "common/fieldtext.h"
+#include "common/sysutility.h"
+
+namespace {
+
+constexpr const char* kSource = "Src/Tarnwick/tarnwick";
+
+void RequireInParseTask(bool holds, const char* expression, int line) {
+    assertion::Require(holds, "ParseTask", kSource, expression, line);
+}
+
+bool SectionExists(const char* name) {
+    const int descriptor = shm_open(name, O_RDONLY, 0);
+    if (descriptor != -1) close(descriptor);
+    return descriptor != -1 || errno != ENOENT;
+}
+
+// Attaches the manager's section. True when there was none: attaching has made an empty one, which
+// nobody but this process knows of.
+bool AttachSection() {
+    if (g_VideoInfoSection.hPrt != nullptr) return false;
+    const bool existed = SectionExists(g_ShareName.c_str());
+    InitShareMem(&g_VideoInfoSection, g_ShareName.c_str());
+    return !existed;
+}
+
+// Takes the snapshot of the common area and of all slots, without a lock.
+void ReadSection() {
+    g_TaskCommData = g_VideoInfoSection.pCommDataPrt;
+    g_DownloadConfigPath.assign(g_TaskCommData, strnlen(g_TaskCommData, TASK_COMMDATA_SIZE));
+    RequireInParseTask(g_VideoInfoSection.hPrt != nullptr, "NULL != g_VideoInfoSection.hPrt", 1066);
+    for (int i = 0; i < TASK_SLOT_COUNT; ++i) {
+        CopySlot(&g_TaskContext[i], SlotAt(g_VideoInfoSection, i));
+    }
+}
+
+bool SomeSlotCarries(std::string_view id) {
+    for (const tagTaskContext& slot : g_TaskContext) {
+        if (FieldBeginsWith(slot.szTaskID, id)) return true;
+    }
+    return false;
+}
+
+// Everything of the request but nTaskKind, which the job reads from its copy of the slot.
+void FillTaskInfo(tagTaskNode& info, const tagTaskContext& slot) {
+    SetField(info.szTaskID, FieldView(slot.szTaskID));
+    SetField(info.szOrgUrl, FieldView(slot.szOrgUrl));
+    SetField(info.szDownloadUrl, FieldView(slot.szDownloadUrl));
+    SetField(info.szFilePath, FieldView(slot.szFilePath));
+    info.nCmd = slot.nCmd;
+    info.nReserved1 = slot.nReserved1;
+    info.nReserved2 = slot.nReserved2;
+    info.bUseProxy = slot.bUseProxy;
+    CopyProxy(info, slot);
+    info.nBlockCount = slot.nBlockCount;
+    info.nTryCount = ClampTries(slot.nTryCount);
+    info.nTryInterval = ClampTries(slot.nTryInterval);
+}
+
+// Writes this process's id into the slot; from here on the slot is this worker's.
+void ClaimSlot(tagTaskContext& live, tagTaskContext& copy, Threading::Mutex* lock) {
+    Threading::AutoLock hold(lock);
+    CopySlot(&copy, &live);
+    copy.nPid = sysutility::GetCurrentPid();
+    CopySlot(&live, &copy);
+    g_CurTaskContext_prt = &live;
+}
+
+void StartJobThread() {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setscope(&attributes, PTHREAD_SCOPE_PROCESS);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_create(&g_pid, &attributes, ParseYoutube, &g_TaskConData);
+    pthread_attr_destroy(&attributes);
+}
+
+void RunJob(CURL* curl, tagTaskContext* task) {
+    if (!IsDownloadCommand(task->nCmd) || FieldEmpty(task->szDownloadUrl)) {
+        ParseDownloadUrl(curl, task);
+        return;
+    }
+    if (task->nTaskKind != 0 || g_FileSize == 0) GetFileSize(curl, task);
+    if (!g_Exit) DownloadVideo(curl, task);
+}
+
+}  // namespace
+
+int ParseTask(const char* szTaskID) {
+    RequireInParseTask(szTaskID != nullptr, "NULL != szTaskID", 1047);
+    RequireInParseTask(*szTaskID != '\0', "0 < strlen(szTaskID)", 1048);
+    const bool made = AttachSection();
+    RequireInParseTask(g_VideoInfoSection.pCommDataPrt != nullptr,
+                       "NULL != g_VideoInfoSection.pCommDataPrt", 1056);
+    ReadSection();
+    tagTaskContext* live = SlotAt(g_VideoInfoSection, g_TaskIndex);
+    if (live == nullptr || !SomeSlotCarries(szTaskID)) {
+        if (made) UnInitShareMem(&g_VideoInfoSection, g_ShareName.c_str());
+        return -1;
+    }
+
+    tagTaskContext& copy = g_TaskContext[g_TaskIndex];
+    FillTaskInfo(g_TaskInfo, copy);
+    g_TaskInfo.mutexLock = new Threading::Mutex(g_TaskInfo.szTaskID);
+    ClaimSlot(*live, copy, g_TaskInfo.mutexLock);
+    CopySlot(&g_TaskConData, &copy);
+    StartJobThread();
+    while (!g_exit_download) sleep(1);
+
+    delete g_TaskInfo.mutexLock;
+    g_TaskInfo.mutexLock = nullptr;
+    return 0;
+}
+
+void* ParseYoutube(void* data) {
+    assertion::Require(data != nullptr, "ParseYoutube", kSource, "NULL != data", 3047);
+    if (CURL* curl = curl_easy_init()) {
+        RunJob(curl, static_cast<tagTaskContext*>(data));
+        curl_easy_cleanup(curl);
+    } else {
+        curl_global_cleanup();
+    }
+    // The main thread deletes the lock and leaves as soon as it sees the first flag.
+    g_exit_download = true;
+    g_Exit = true;
+    return nullptr;
+}
