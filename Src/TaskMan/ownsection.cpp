@@ -1,0 +1,63 @@
+#include "TaskMan/ownsection.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "TaskMan/taskman.h"
+#include "common/platform.h"
+
+namespace {
+
+constexpr mode_t kPrivate = 0600;
+
+std::string SectionName() {
+    return SHARE_MEM_NAME + ("_" + std::to_string(g_mainpid));
+}
+
+// Creates the section anew, private to this user, with its memory reserved: on a full system the
+// first write into it would kill the process otherwise. Returns an error number.
+int CreateSection(const std::string& name) {
+    shm_unlink(name.c_str());
+    const int descriptor = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, kPrivate);
+    if (descriptor == -1) return errno;
+    int error = ftruncate(descriptor, SHARE_MEM_SIZE) == 0 ? 0 : errno;
+    if (error == 0) error = platform::ReserveSharedMemory(descriptor, SHARE_MEM_SIZE);
+    close(descriptor);
+    if (error != 0) shm_unlink(name.c_str());
+    return error;
+}
+
+}  // namespace
+
+int OpenSection(const std::string& directory, std::string& strReason) {
+    const std::string name = SectionName();
+    if (const int error = CreateSection(name); error != 0) {
+        strReason = SystemReason("cannot create the task section", error);
+        return -1;
+    }
+    if (InitShareMem(&g_VideoInfoSection, name.c_str()) != 0) {
+        strReason = "cannot map the task section";
+        RemoveSection();
+        return -1;
+    }
+    std::memcpy(g_VideoInfoSection.pCommDataPrt, directory.data(), directory.size());
+    return 0;
+}
+
+void RemoveSection() {
+    UnInitShareMem(&g_VideoInfoSection, SectionName().c_str());
+    if (g_VideoInfoSection.hShm != -1) close(g_VideoInfoSection.hShm);
+    g_VideoInfoSection = tagVideoInfoSection{};
+}
+
+void RemoveSectionName() {
+    shm_unlink(SectionName().c_str());
+}
+
+std::string SystemReason(const std::string& what, int error) {
+    return what + ": " + std::strerror(error);
+}

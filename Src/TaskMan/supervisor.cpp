@@ -1,0 +1,190 @@
+// The supervisor: sees to it that every task ends, whatever becomes of its worker.
+//
+// The scanner learns of a task's end only from a final code, and it waits for a task's lock without
+// bound. A worker may die without that code, or with the lock. The supervisor follows the worker
+// processes, so it can tell both; what it sets in a slot, the scanner handles like a worker's word.
+#include <csignal>
+#include <thread>
+
+#include "TaskMan/watch.h"
+#include "common/AutoLock.h"
+#include "common/fieldtext.h"
+#include "common/thread.h"
+
+Threading::Mutex g_watch_mutex;
+Watch g_Watches[TASK_SLOT_COUNT];
+std::atomic<bool> g_supervisor_ends{false};
+
+pthread_t g_ScanDataPid{};
+Threading::Mutex g_start_tarnwick_mutex;
+Threading::Mutex g_ScanThradIsExit_Mutex;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kTick = 250ms;
+// Ticks in a row without the lock after which a dead worker must have been its holder. Living
+// holders have it for the copy of one slot.
+constexpr int kAbandonedTicks = 5;
+constexpr auto kLockPatience = 5s;   // a living worker with the lock is stuck
+constexpr auto kStopPatience = 10s;  // a size probe does not see the stop word
+constexpr auto kExitPatience = 10s;  // after its final code a worker exits within a second
+
+// Takes the task's lock if it is free.
+bool TryLock(Watch& watch) {
+    return sem_trywait(watch.lock) == 0;
+}
+
+void Unlock(Watch& watch) {
+    sem_post(watch.lock);
+}
+
+// The slot while it is the task's, else null. The caller holds the task's lock.
+tagTaskContext* OwnSlot(const Watch& watch) {
+    tagTaskContext* slot = SlotAt(g_VideoInfoSection, watch.nTaskIndex);
+    return slot != nullptr && FieldView(slot->szTaskID) == watch.id ? slot : nullptr;
+}
+
+void NoteEnded(Watch& watch, Clock::time_point now) {
+    if (watch.bEnded) return;
+    watch.bEnded = true;
+    watch.endedAt = now;
+}
+
+void StoreStop(Watch& watch, tagTaskContext& slot) {
+    if (!watch.bStopAsked || watch.bStopStored) return;
+    StoreControl(slot, TASK_CONTROL_STOP);
+    watch.bStopStored = true;
+}
+
+tagDownloadStateCode CodeForTheDead(const Watch& watch) {
+    if (watch.bStopAsked) return DOWNLOAD_STATE_STOPPED;
+    return watch.nCmd == TASK_CMD_PARSE ? DOWNLOAD_STATE_PARSE_FAIL : DOWNLOAD_STATE_DOWNLOAD_FAIL;
+}
+
+void SpeakForTheDead(Watch& watch, tagTaskContext& slot) {
+    if (watch.remark.empty()) {
+        watch.remark = g_WorkerPid[watch.nTaskIndex] == -1 ? "the worker could not be started"
+                       : slot.nPid == -1 ? "the worker ended before it took the task"
+                                         : "the worker died";
+    }
+    SetStateBit(slot, CodeForTheDead(watch));
+}
+
+// Looks at the slot; the caller holds the task's lock.
+void Inspect(Watch& watch, Clock::time_point now) {
+    tagTaskContext* slot = OwnSlot(watch);
+    if (slot == nullptr) {
+        NoteEnded(watch, now);  // the scanner has retired the task
+        return;
+    }
+    if ((slot->nStateBits & FINAL_STATE_BITS) != 0) {
+        NoteEnded(watch, now);
+    } else if (watch.bGone && !watch.bEnded) {
+        SpeakForTheDead(watch, *slot);
+        NoteEnded(watch, now);
+    } else {
+        StoreStop(watch, *slot);
+    }
+}
+
+void CountMiss(Watch& watch, Clock::time_point now) {
+    if (watch.nMissed++ == 0) watch.missedSince = now;
+}
+
+// Why a living worker is to be killed now; null when it is not.
+const char* Overdue(const Watch& watch, Clock::time_point now) {
+    if (watch.nMissed > 0 && now - watch.missedSince >= kLockPatience) {
+        return "the worker hung with the task's lock";
+    }
+    if (watch.bEnded) return now - watch.endedAt >= kExitPatience ? "" : nullptr;
+    if (watch.bStopAsked && now - watch.stopAskedAt >= kStopPatience) {
+        return "the worker did not stop by itself";
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+Watch* FindWatch(const std::string& id) {
+    for (Watch& watch : g_Watches) {
+        if (watch.bUsed && watch.id == id) return &watch;
+    }
+    return nullptr;
+}
+
+void AskToStop(Watch& watch) {
+    if (watch.bStopAsked) return;
+    watch.bStopAsked = true;
+    watch.stopAskedAt = Clock::now();
+    if (!watch.bStarted || !TryLock(watch)) return;
+    if (tagTaskContext* slot = OwnSlot(watch)) StoreStop(watch, *slot);
+    Unlock(watch);
+}
+
+void FreeWatch(Watch& watch) {
+    if (watch.lock != nullptr) {
+        sem_close(watch.lock);
+        // The scanner's lock has removed the name; a worker that came late has made it again.
+        sem_unlink(watch.id.c_str());
+    }
+    g_WorkerPid[watch.nTaskIndex] = 0;
+    watch = Watch{};
+}
+
+void Supervise(Watch& watch, Clock::time_point now) {
+    if (!watch.bUsed || !watch.bStarted) return;
+    if (!watch.bGone && watch.process.Gone()) {
+        watch.bGone = true;
+        watch.nMissed = 0;
+    }
+    if (watch.bGone && watch.bDelivered) {
+        FreeWatch(watch);
+        return;
+    }
+    if (TryLock(watch)) {
+        watch.nMissed = 0;
+        Inspect(watch, now);
+        Unlock(watch);
+    } else {
+        CountMiss(watch, now);
+    }
+    if (watch.bGone) {
+        // A dead holder cannot release the lock. Its release is made up for, once, and the lock
+        // taken like by everybody with the next tick: a write without it would race with the
+        // scanner.
+        if (watch.nMissed >= kAbandonedTicks && !watch.bReleased) {
+            watch.bReleased = true;
+            Unlock(watch);
+        }
+    } else if (const char* reason = Overdue(watch, now)) {
+        if (watch.remark.empty()) watch.remark = reason;
+        watch.process.Signal(SIGKILL);
+    }
+}
+
+void StartScanner() {
+    pthread_mutex_lock(&g_ScanThradIsExit_Lock);
+    if (g_ScanThradIsExit) {
+        g_ScanThradIsExit = StartThread(&g_ScanDataPid, StartScanData, nullptr, true) != 0;
+    }
+    pthread_mutex_unlock(&g_ScanThradIsExit_Lock);
+}
+
+void* RunSupervisor(void* /*argument*/) {
+    while (!g_supervisor_ends) {
+        bool scannerNeeded = false;
+        {
+            Threading::AutoLock hold(&g_watch_mutex);
+            for (Watch& watch : g_Watches) {
+                Supervise(watch, Clock::now());
+                if (watch.bStarted && !watch.bDelivered) scannerNeeded = true;
+            }
+        }
+        // One that found the map empty may have ended just when a task came.
+        if (scannerNeeded && !g_Exit) StartScanner();
+        std::this_thread::sleep_for(kTick);
+    }
+    return nullptr;
+}

@@ -1,0 +1,80 @@
+// What the manager keeps about each task in hand.
+//
+// The scanner owns the nodes of the map; nothing else may hold on to one. Everybody else works on a
+// watch: it has a handle of its own on the task's semaphore, follows the worker process, and stands
+// between the scanner and the application's callbacks. Watch i belongs to slot i, so that a slot is
+// free exactly when its watch is: after the final callback has returned and the worker is gone.
+#pragma once
+
+#include <semaphore.h>
+
+#include <chrono>
+#include <string>
+
+#include "TaskMan/taskman.h"
+#include "common/mutex.h"
+#include "common/platform.h"
+#include "common/threadsafety.h"
+
+using Clock = std::chrono::steady_clock;
+
+struct Watch {
+    bool bUsed = false;     // the slot is taken
+    bool bStarted = false;  // the worker's start has been tried: `process` is valid
+    std::string id;
+    std::string path;        // output path without links; empty for none
+    int nTaskIndex = -1;     // slot
+    std::int32_t nCmd = -1;  // command of the task
+    sem_t* lock = nullptr;   // the task's semaphore
+    platform::ProcessWatch process;
+
+    // The application's callbacks; set before the node enters the map, then only read.
+    void* pCallbackParam = nullptr;
+    TaskResultCallback pfnResultCallback = nullptr;
+    TaskStateCallback pfnStateCallback = nullptr;
+
+    bool bStopAsked = false;   // the application wants the task to stop
+    bool bStopStored = false;  // the stop word is in the slot
+    bool bEnded = false;       // a final code has been set, by the worker or for it
+    bool bDelivered = false;   // the final callback has returned
+    bool bGone = false;        // the worker process has ended
+    bool bReleased = false;    // the lock was released on behalf of the dead worker
+    int nMissed = 0;           // ticks in a row in which the lock was not to be had; begins
+                               // afresh with the worker's death
+    Clock::time_point missedSince;
+    Clock::time_point stopAskedAt;
+    Clock::time_point endedAt;
+    std::string remark;  // TaskRemark
+};
+
+// Guards all watches. Taken alone, or before a semaphore that is only tried; never held while a
+// callback runs or anything waits.
+extern Threading::Mutex g_watch_mutex;
+extern Watch g_Watches[TASK_SLOT_COUNT] TS_GUARDED_BY(g_watch_mutex);
+
+// Whether tasks may be added, and the program that is started for each; guarded like the watches.
+enum class ManagerPhase { kIdle, kRunning, kEnding };
+extern ManagerPhase g_phase TS_GUARDED_BY(g_watch_mutex);
+extern std::string g_worker_path TS_GUARDED_BY(g_watch_mutex);
+
+// The watch in use for `id`, or null.
+Watch* FindWatch(const std::string& id) TS_REQUIRES(g_watch_mutex);
+
+// Notes that the task is to stop and stores the stop word if the lock can be had at once; otherwise
+// the supervisor stores it at one of its next ticks.
+void AskToStop(Watch& watch) TS_REQUIRES(g_watch_mutex);
+
+// Closes and removes the task's semaphore and frees the slot.
+void FreeWatch(Watch& watch) TS_REQUIRES(g_watch_mutex);
+
+// Looks after one task: restores a lock that its holder took to the grave, gives a final code to a
+// task whose worker is gone, kills a worker that hangs, frees the slot in the end. Never waits.
+void Supervise(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex);
+
+// Starts a scanner when none runs. It does not look at the map: the supervisor must not wait for
+// the map's lock, whose holder may wait for a task's lock that only the supervisor can restore.
+void StartScanner();
+
+// Thread function of the supervisor: a tick every 250 ms until `g_supervisor_ends` is set.
+void* RunSupervisor(void* argument);
+extern std::atomic<bool> g_supervisor_ends;
