@@ -1,0 +1,204 @@
+#include "Tarnwick/pageresolution.h"
+
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "Tarnwick/jobstate.h"
+#include "Tarnwick/progress.h"
+#include "Tarnwick/statereport.h"
+#include "Tarnwick/transfer.h"
+#include "Tarnwick/videoinfo.h"
+#include "common/fieldtext.h"
+#include "common/httputility.h"
+#include "common/stringutility.h"
+
+namespace {
+
+constexpr std::string_view kSite = TASKMAN_SITE_BASE_ADDRESS;
+constexpr std::string_view kInformationService = "get_video_info?video_id=";
+constexpr const char* kUserAgent =
+    "User-Agent: Mozilla/5.0 (Macintosh; U; Intel Mac OS X 10.6; en-US; rv:1.9.2.17) "
+    "Gecko/20110420 Firefox/3.6.17";
+constexpr const char* kLineEnd = "\r\n";
+constexpr const char* kStatusKey = "status=";
+constexpr std::size_t kLongestVideoId = 511;
+constexpr std::size_t kLongestResponse = std::size_t{64} << 20;
+constexpr std::size_t kLongestText = sizeof(tagTaskContext::szVideoInfo);
+
+static_assert(kSite.starts_with("http://") && kSite.ends_with("/"));
+
+using HeaderList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
+
+std::size_t OnPageData(char* data, std::size_t size, std::size_t count, void* buffer) noexcept {
+    return KeepExceptions(kBreakOff, [&] {
+        return static_cast<std::size_t>(writer_func(data, static_cast<int>(size),
+                                                    static_cast<int>(count),
+                                                    *static_cast<std::string*>(buffer)));
+    });
+}
+
+// The video id in a page address: what stands behind the first "=", up to the next "&". Empty when
+// there is none or when it is too long.
+std::string VideoIdOf(std::string_view address) {
+    const std::size_t key = address.find('=');
+    if (key == std::string_view::npos) return {};
+    address.remove_prefix(key + 1);
+    const std::string_view id = address.substr(0, address.find('&'));
+    return id.size() > kLongestVideoId ? std::string() : std::string(id);
+}
+
+void SetDefaults(const std::string& videoId) {
+    char thumbnail[256];
+    strutil::vsnpf(thumbnail, sizeof thumbnail, YOTUBE_DEFAULT_THUMBNAIL.c_str(), videoId.c_str());
+    g_DefaultThumbnail = thumbnail;
+    g_DefaultTitle = videoId;
+}
+
+// The one header entry ends in a line end of its own, which cuts off whatever stands behind it: it
+// must stay the last.
+HeaderList MakeHeaders() {
+    char entry[256];
+    strutil::vsnpf(entry, sizeof entry, "%s\r\n", kUserAgent);
+    return HeaderList(curl_slist_append(nullptr, entry), curl_slist_free_all);
+}
+
+void SetUpFetch(CURL* curl, const tagTaskContext& task, curl_slist* headers,
+                std::string& response) {
+    SetProxy(curl, task);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, OnPageData);
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl, CURLOPT_PROGRESSFUNCTION, OnProgress);
+    SetTimeouts(curl);
+}
+
+long ResponseCode(CURL* curl) {
+    long code = 0;
+    return curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK ? code : 0;
+}
+
+// One stage's tries. kAgain means that the answer is in `response`; kEnded that the process ends.
+TryStep Fetch(CURL* curl, const tagTaskContext& task, const std::string& address,
+              std::string& response) {
+    // Answers other than 200 are bounded over both stages; tries that receive bytes are not.
+    static int httpErrorCnt = 0;
+    curl_easy_setopt(curl, CURLOPT_URL, address.c_str());
+    g_TryCount = 0;
+    for (;;) {
+        response.clear();
+        const bool transferred = curl_easy_perform(curl) == CURLE_OK;
+        const long code = ResponseCode(curl);
+        if (transferred && code == 200) return TryStep::kAgain;
+        if (const TryStep step = EndedOrStopped(); step != TryStep::kAgain) return step;
+        if (code != 200 && ++httpErrorCnt >= task.nTryCount) return TryStep::kUsedUp;
+        if (CountFailedTry(task) == TryStep::kUsedUp) return TryStep::kUsedUp;
+    }
+}
+
+// Fields of the service's answer, separated by "&", as lines.
+std::string TextOfInformation(std::string& response) {
+    strutil::string_replace(response, "&", kLineEnd);
+    return HttpUtility::HtmlDecode(response);
+}
+
+std::string TextOfPage(CURL* curl, const std::string& response) {
+    int length = 0;
+    const std::unique_ptr<char, decltype(&curl_free)> page(
+        curl_easy_unescape(curl, response.c_str(), static_cast<int>(response.size()), &length),
+        curl_free);
+    if (page == nullptr) return {};
+    return ParseYoutubeInfo(std::string(page.get(), static_cast<std::size_t>(length)));
+}
+
+// Whether the text has lines and none of them tells of a failure.
+bool IsGood(const std::string& text) {
+    const std::vector<std::string> lines = strutil::split(text, kLineEnd);
+    for (const std::string& line : lines) {
+        const std::string trimmed = strutil::trim(line);
+        if (trimmed.starts_with(kStatusKey) && strutil::getContent(trimmed, kStatusKey) == "fail") {
+            return false;
+        }
+    }
+    return !lines.empty();
+}
+
+bool HoldsFormatMap(const std::string& text) {
+    return text.find(YOTUBE_FMT_STREAM_MAP_PREFIX) != std::string::npos ||
+           text.find(YOTUBE_FMT_URL_MAP_PREFIX) != std::string::npos;
+}
+
+// Fetches the information and, when the service does not give it, the page. The text made last is
+// in `text`; kAgain means that it is good, kUsedUp that it is not or could not be had.
+TryStep Resolve(CURL* curl, const tagTaskContext& task, const std::string& videoId,
+                std::string& response, std::string& text) {
+    std::string address(kSite);
+    address.append(kInformationService).append(videoId);
+    const auto fetch = [&](const std::string& from) {
+        const TryStep step = Fetch(curl, task, from, response);
+        if (step != TryStep::kAgain) return step;
+        if (g_Exit) return TryStep::kEnded;
+        return ResponseCode(curl) == 200 ? TryStep::kAgain : TryStep::kUsedUp;
+    };
+
+    TryStep step = fetch(address);
+    if (step != TryStep::kAgain) return step;
+    text = TextOfInformation(response);
+    if (IsGood(text)) return TryStep::kAgain;
+    if (g_Exit) return TryStep::kEnded;
+
+    step = fetch(FieldText(task.szOrgUrl));
+    if (step != TryStep::kAgain) return step;
+    text = TextOfPage(curl, response);
+    return IsGood(text) ? TryStep::kAgain : TryStep::kUsedUp;
+}
+
+// Reports what came of the resolution. Returns the text when it was published.
+std::string Finish(TryStep outcome, const tagTaskContext& task, const std::string& text) {
+    if (g_Exit) return {};
+    if (outcome == TryStep::kStopped) {
+        SendStateMSG(DOWNLOAD_STATE_STOPPED);
+    } else if (text.size() > kLongestText) {
+        SendStateMSG(DOWNLOAD_STATE_INFO_TOO_LONG);
+    } else if (outcome != TryStep::kAgain || !HoldsFormatMap(text)) {
+        SendStateMSG(FailureCode(task));
+    } else if (OwnsSlot()) {
+        ReportInfoText(text);
+        return text;
+    }
+    return {};
+}
+
+}  // namespace
+
+std::string ParseDownloadUrl(void* curl, tagTaskContext* task) {
+    if (task->nCmd == TASK_CMD_PARSE) SendStateMSG(DOWNLOAD_STATE_PARSE_START);
+    const std::string_view page = FieldView(task->szOrgUrl);
+    const std::string videoId = page.starts_with(kSite) ? VideoIdOf(page) : std::string();
+    if (videoId.empty()) {
+        SendStateMSG(FailureCode(*task));
+        return {};
+    }
+    SetDefaults(videoId);
+    if (g_Exit) return {};
+    std::string response;
+    HeaderList headers = MakeHeaders();
+    SetUpFetch(curl, *task, headers.get(), response);
+    if (g_Exit) return {};
+    ClampTries(*task);
+    std::string text;
+    const TryStep outcome = Resolve(curl, *task, videoId, response, text);
+    headers.reset();
+    return Finish(outcome, *task, text);
+}
+
+int writer_func(void* data, int size, int nmemb, std::string& buffer) {
+    const std::int64_t length = std::int64_t{size} * nmemb;
+    if (length > static_cast<std::int64_t>(kLongestResponse - buffer.size())) return -1;
+    if (length > 0) buffer.append(static_cast<const char*>(data), static_cast<std::size_t>(length));
+    if (StopRequested() || g_Exit) return -1;
+    return static_cast<int>(length);
+}

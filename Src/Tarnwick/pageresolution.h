@@ -1,0 +1,20 @@
+// The resolution of a video page into the video information text.
+#pragma once
+
+#include <string>
+
+#include "TaskMan/taskcontext.h"
+
+// Resolves the page of `task` and publishes the information text in the slot with code 1, or
+// reports why not: code 8 (a stop was asked), 16 (the text is longer than 20000 bytes) or the
+// failure code. Nothing is reported once g_Exit is set, or when the slot is no longer the task's.
+// Returns the text that was published, else an empty string. Clamps nTryCount and nTryInterval of
+// `task`, and sets g_DefaultTitle and g_DefaultThumbnail.
+//
+// `curl` is a fresh handle of the caller, who only releases it afterwards. Job thread only.
+std::string ParseDownloadUrl(void* curl, tagTaskContext* task);
+
+// Write callback of the page fetch: appends size * nmemb bytes to `buffer`. Returns their number;
+// or -1, which breaks the transfer off, when a stop was asked or g_Exit is set (the bytes are
+// appended all the same), or when the buffer would grow beyond 64 MiB.
+int writer_func(void* data, int size, int nmemb, std::string& buffer);
