@@ -1,0 +1,82 @@
+// What a person sees of the downloads. The logic reports to a Display and knows nothing of its
+// form.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Console/outcome.h"
+#include "common/uncopyable.h"
+
+using Clock = std::chrono::steady_clock;
+
+// One file, as far as its worker has reported.
+struct FileView {
+    std::string name{};           // fit for a terminal
+    double size = -1;             // bytes; below 0 while unknown
+    double percent = 0;           // 0 to 100
+    double speed = -1;            // bytes per second; below 0 while unknown
+    bool answered = false;        // bytes of the file have come
+    Clock::time_point started{};  // of its task
+
+    double Received() const { return size < 0 ? 0 : size * percent / 100; }
+};
+
+// All files of the command.
+struct Totals {
+    std::size_t files = 0;
+    std::size_t waiting = 0;  // not begun
+    std::size_t finished = 0;
+    std::size_t stopped = 0;
+    std::size_t ended = 0;     // finished, stopped or failed
+    double finishedBytes = 0;  // of the finished files
+};
+
+// Calls come from one thread. A FileView keeps its address from Begin to End.
+class Display : private Uncopyable {
+  public:
+    virtual ~Display() = default;
+
+    // The file's task has been started.
+    virtual void Begin(const FileView& file) = 0;
+
+    // The worker reported `code` with `value`; `file` holds it already.
+    virtual void State(const FileView& file, std::int32_t code, double value) = 0;
+
+    // The file has ended; one that was refused had no Begin.
+    virtual void End(const FileView& file, const Outcome& outcome) = 0;
+
+    // A line to be shown at once.
+    virtual void Note(const std::string& line) = 0;
+
+    // The state of things, told several times a second.
+    virtual void Refresh(const std::vector<const FileView*>& running, const Totals& totals) = 0;
+
+    // The terminal may have another size. After the command was suspended (`resumed`), what it had
+    // drawn is no longer where it was.
+    virtual void ScreenChanged(bool resumed) = 0;
+
+    // Nothing more comes.
+    virtual void Close(const Totals& totals) = 0;
+};
+
+// Bars on standard error when that is a terminal that can do it, else plain lines there.
+std::unique_ptr<Display> MakeDisplay();
+
+// ---- Texts that all displays share.
+
+// "file.iso: finished, 64.0 MiB in 4.1 s, 15.6 MiB/s"; "file.iso: failed: the reason"
+std::string EndLine(const FileView& file, const Outcome& outcome);
+
+// "2 of 5 files finished, 1 failed, 1 stopped, 1 not begun"; empty when there is but one file.
+std::string SummaryLine(const Totals& totals);
+
+// Seconds until the rest of `bytes` has come at `speed`; below 0 when that cannot be said.
+double TimeLeft(double bytes, double speed);
+
+// Writes everything to a descriptor, whatever comes of it.
+void WriteAll(int descriptor, std::string_view bytes);

@@ -1,0 +1,271 @@
+#include "Console/downloads.h"
+
+#include <semaphore.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+
+#include "Console/filename.h"
+#include "Console/signals.h"
+#include "Console/text.h"
+#include "TaskMan/taskman.h"
+#include "common/fieldtext.h"
+
+namespace {
+
+constexpr int kMostOfAddress = 100;  // columns, of one that is refused
+constexpr std::int32_t kTries = 3;
+constexpr std::int32_t kSecondsBetweenTries = 1;
+constexpr std::int32_t kBlocks = 3;
+
+std::string Join(const std::string& directory, const std::string& name) {
+    if (!directory.empty() && name.front() != '/') {
+        return directory + (directory.back() == '/' ? "" : "/") + name;
+    }
+    // A program that is given the path must not take it for an option.
+    return name.front() == '-' ? "./" + name : name;
+}
+
+std::string BaseName(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+// A value from another process.
+double Sane(double value, double most) {
+    return value >= 0 ? std::min(value, most) : 0;
+}
+
+}  // namespace
+
+Downloads::Downloads(const GetOptions& options, EventQueue& events, Display& display)
+    : options_(options),
+      events_(events),
+      display_(display),
+      print_paths_(isatty(STDOUT_FILENO) != 1) {
+    for (const std::string& address : options.addresses) {
+        files_.push_back(std::make_unique<File>());
+        files_.back()->address = address;
+        Plan(*files_.back());
+    }
+    totals_.files = totals_.waiting = files_.size();
+}
+
+Downloads::~Downloads() {
+    for (const auto& file : files_) {
+        if (file->store.joinable()) file->store.join();
+    }
+}
+
+void Downloads::Plan(File& file) {
+    file.fault = AddressFault(file.address);
+    if (!file.fault.empty()) {
+        file.view.name = text::CutMiddle(text::Printable(file.address), kMostOfAddress);
+        return;
+    }
+    const std::string name =
+        options_.output.empty() ? NameFromAddress(file.address) : options_.output;
+    file.target = std::make_unique<Target>(Join(options_.directory, name), options_.force);
+    file.view.name = text::Printable(BaseName(file.target->Path()));
+}
+
+void Downloads::StartNext() {
+    while (!stopping_ && next_ < files_.size() &&
+           TaskCount() < static_cast<std::size_t>(options_.jobs) && FreeSlotCount() > 0) {
+        if (!Start(*files_[next_])) return;
+        ++next_;
+        --totals_.waiting;
+    }
+}
+
+// False when the manager has no room after all: the file keeps its turn.
+bool Downloads::Start(File& file) {
+    Outcome refusal = Refusal(file);
+    if (refusal.result == EndResult::kFinished) {
+        std::string reason;
+        file.id = MakeTaskID();
+        if (AddTaskFor(file, reason)) {
+            file.view.started = Clock::now();
+            running_[file.id] = &file;
+            display_.Begin(file.view);
+            return true;
+        }
+        if (FreeSlotCount() == 0) return false;
+        refusal = {EndResult::kRefused, EXIT_STATUS_FAILED, reason};
+    }
+    Report(file, std::move(refusal));
+    return true;
+}
+
+// Opens the target. A finished outcome when nothing speaks against the start.
+Outcome Downloads::Refusal(File& file) {
+    if (!file.fault.empty()) return {EndResult::kRefused, EXIT_STATUS_USAGE, file.fault};
+    if (file.target->IsOpen()) return {};
+    const std::string& path = file.target->Path();
+    const std::string& part = file.target->PartPath();
+    if (claimed_.count(path) + claimed_.count(part) > 0) {
+        return {EndResult::kRefused, EXIT_STATUS_LOCAL,
+                "another URL of this command goes to " + path};
+    }
+    claimed_.insert({path, part});
+    std::string fault = file.target->Open();
+    if (fault.empty()) return {};
+    return {EndResult::kRefused, EXIT_STATUS_LOCAL, std::move(fault)};
+}
+
+bool Downloads::AddTaskFor(File& file, std::string& reason) {
+    tagTaskInfo task(file.id.c_str());
+    SetField(task.szDownloadUrl, file.address);
+    SetField(task.szFilePath, file.target->PartPath());
+    task.nCmd = TASK_CMD_DOWNLOAD;
+    task.nTaskKind = 0;
+    task.nBlockCount = kBlocks;
+    task.nTryCount = kTries;
+    task.nTryInterval = kSecondsBetweenTries;
+    SetProxy(options_.proxy, task);
+    task.pCallbackParam = &events_;
+    task.pfnStateCallback = EventQueue::OnState;
+    return AddTask(task, reason) == 0;
+}
+
+void Downloads::Handle(const Event& event) {
+    const auto found = running_.find(event.id);
+    if (found == running_.end()) return;
+    File& file = *found->second;
+    if (event.kind == Event::Kind::kStored) {
+        running_.erase(found);
+        Report(file, event.outcome);
+        return;
+    }
+    if ((FINAL_STATE_BITS >> event.code & 1U) != 0) {
+        Ended(file, event);
+        return;
+    }
+    FileView& view = file.view;
+    switch (event.code) {
+        case DOWNLOAD_STATE_FILE_SIZE:
+            view.size = Sane(event.value, 1e18);
+            break;
+        case DOWNLOAD_STATE_PROGRESS:
+            view.percent = Sane(event.value, 100);
+            break;
+        case DOWNLOAD_STATE_SPEED:
+            view.speed = Sane(event.value, 1e12);
+            break;
+        default:
+            break;
+    }
+    view.answered = view.answered || event.code != DOWNLOAD_STATE_FILE_SIZE;
+    display_.State(view, event.code, event.value);
+}
+
+void Downloads::Ended(File& file, const Event& event) {
+    file.seconds = std::chrono::duration<double>(Clock::now() - file.view.started).count();
+    if (event.size > 0) file.view.size = event.size;
+    if (event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH) {
+        Store(file);
+        return;
+    }
+    running_.erase(event.id);
+    Report(file, FailureOf(file, event));
+}
+
+Outcome Downloads::FailureOf(const File& file, const Event& event) const {
+    if (stopping_) return {EndResult::kStopped, EXIT_STATUS_STOPPED};
+    if (event.code == DOWNLOAD_STATE_STOPPED) {
+        return {EndResult::kStopped, EXIT_STATUS_STOPPED, event.remark};
+    }
+    if (!event.remark.empty()) return {EndResult::kDied, EXIT_STATUS_FAILED, event.remark};
+    if (Outcome local = file.target->LocalFault(file.view.size);
+        local.result != EndResult::kFinished) {
+        return local;
+    }
+    const FileView& view = file.view;
+    std::string reason =
+        view.size < 0 ? "the server offered no file of known size" : "the transfer broke off";
+    if (view.percent > 0) reason += " at " + std::to_string(static_cast<int>(view.percent)) + " %";
+    return {EndResult::kFailed, EXIT_STATUS_FAILED, std::move(reason)};
+}
+
+// The last step waits for the disk, so it has a thread of its own.
+void Downloads::Store(File& file) {
+    file.storing = true;
+    file.view.answered = true;
+    file.view.percent = 100;
+    file.store = std::thread([this, &file, size = file.view.size] {
+        Event event{Event::Kind::kStored, file.id};
+        event.outcome = file.target->Store(size);
+        events_.Add(std::move(event));
+    });
+}
+
+void Downloads::Report(File& file, Outcome outcome) {
+    outcome.seconds = file.seconds;
+    Tell(file, outcome);
+    if (outcome.result == EndResult::kFinished && print_paths_) PrintPath(file.target->Path());
+    if (file.store.joinable()) file.store.join();
+    file.target.reset();
+}
+
+void Downloads::Tell(const File& file, const Outcome& outcome) {
+    status_ = Combine(status_, outcome.status);
+    ++totals_.ended;
+    if (outcome.result == EndResult::kStopped) ++totals_.stopped;
+    if (outcome.result == EndResult::kFinished) {
+        ++totals_.finished;
+        totals_.finishedBytes += outcome.bytes;
+    }
+    display_.End(file.view, outcome);
+}
+
+// Whoever reads the paths is gone when one cannot be written: that ends the command.
+void Downloads::PrintPath(const std::string& path) {
+    std::string line = path + "\n";
+    while (!line.empty()) {
+        const ssize_t written = write(STDOUT_FILENO, line.data(), line.size());
+        if (written > 0) {
+            line.erase(0, static_cast<std::size_t>(written));
+        } else if (written == -1 && errno == EINTR) {
+            if (signals::StopCount() > 0) return;
+        } else {
+            std::raise(SIGTERM);
+            return;
+        }
+    }
+}
+
+std::size_t Downloads::Stop() {
+    stopping_ = true;
+    std::size_t asked = 0;
+    for (const auto& [id, file] : running_) {
+        if (!file->storing && StopTask(id.c_str()) == 0) ++asked;
+    }
+    return asked;
+}
+
+void Downloads::Abandon() {
+    for (const auto& [id, file] : running_) {
+        sem_unlink(id.c_str());
+        file->target->RemovePart();
+        Tell(*file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
+    }
+}
+
+bool Downloads::Done() const {
+    return running_.empty() && (stopping_ || next_ == files_.size());
+}
+
+std::size_t Downloads::TaskCount() const {
+    return static_cast<std::size_t>(std::count_if(
+        running_.begin(), running_.end(), [](const auto& r) { return !r.second->storing; }));
+}
+
+std::vector<const FileView*> Downloads::Running() const {
+    std::vector<const FileView*> views;
+    for (const auto& [id, file] : running_) views.push_back(&file->view);
+    std::sort(views.begin(), views.end(),
+              [](const FileView* a, const FileView* b) { return a->started < b->started; });
+    return views;
+}

@@ -1,0 +1,14 @@
+// Addresses of files, and the names their files get.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// Why the address cannot be downloaded, in one line; empty when it can be tried. It must be http or
+// https, name a host, hold no blank or control byte and fit its field in the task's slot.
+std::string AddressFault(std::string_view address);
+
+// The file name for an address: the last part of its path, percent-decoded. Whatever the address
+// says, the name has no "/", no control characters and no leading dot, is valid UTF-8, is never
+// empty ("download" then), and together with ".part" stays below 255 bytes.
+std::string NameFromAddress(std::string_view address);

@@ -1,0 +1,43 @@
+// The command `taskman`.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+
+#include "Console/get.h"
+#include "Console/options.h"
+#include "Console/outcome.h"
+#include "Console/text.h"
+
+namespace {
+
+// With a standard descriptor closed, the next file to be opened would become it, and be written to.
+void OpenStandardDescriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) == -1) static_cast<void>(open("/dev/null", O_RDWR));
+    }
+}
+
+int RunVerb(const Command& command) {
+    switch (command.verb) {
+        case Verb::kGet:
+            return RunGet(command.get);
+    }
+    return EXIT_STATUS_USAGE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    OpenStandardDescriptors();
+    text::UseUtf8();
+    try {
+        Command command;
+        if (const auto status = ParseCommandLine(argc, argv, command)) return *status;
+        return RunVerb(command);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "taskman: %s\n", error.what());
+        return EXIT_STATUS_FAILED;
+    }
+}

@@ -1,0 +1,35 @@
+#include "Console/plaindisplay.h"
+
+#include "Console/text.h"
+#include "TaskMan/taskcontext.h"
+
+void PlainDisplay::Begin(const FileView& file) {
+    marks_[&file] = 0;
+    Note(file.name + ": started");
+}
+
+void PlainDisplay::State(const FileView& file, std::int32_t code, double /*value*/) {
+    if (code != DOWNLOAD_STATE_PROGRESS) return;
+    const int quarters = static_cast<int>(file.percent) / 25;
+    int& told = marks_[&file];
+    // The end tells the last quarter.
+    if (quarters <= told || quarters > 3) return;
+    told = quarters;
+    std::string line = file.name + ": " + std::to_string(quarters * 25) + " %";
+    if (file.size >= 0) line += " of " + text::Size(file.size);
+    if (file.speed >= 0) line += ", " + text::Size(file.speed) + "/s";
+    Note(line);
+}
+
+void PlainDisplay::End(const FileView& file, const Outcome& outcome) {
+    marks_.erase(&file);
+    Note(EndLine(file, outcome));
+}
+
+void PlainDisplay::Note(const std::string& line) {
+    WriteAll(descriptor_, line + "\n");
+}
+
+void PlainDisplay::Close(const Totals& totals) {
+    if (const std::string line = SummaryLine(totals); !line.empty()) Note(line);
+}

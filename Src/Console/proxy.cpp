@@ -1,0 +1,94 @@
+#include "Console/proxy.h"
+
+#include <charconv>
+
+#include "Console/utf8.h"
+#include "common/fieldtext.h"
+
+namespace {
+
+struct Scheme {
+    std::string_view name;
+    std::int32_t type;
+};
+constexpr Scheme kSchemes[] = {
+    {"http", 0}, {"socks4", 4}, {"socks5", 5}, {"socks4a", 6}, {"socks5h", 7},
+};
+constexpr std::int32_t kUsualPort = 1080;
+
+// The type of a scheme; -1 for an unknown one.
+std::int32_t TypeOf(std::string_view name) {
+    for (const Scheme& scheme : kSchemes) {
+        if (scheme.name == name) return scheme.type;
+    }
+    return -1;
+}
+
+// Splits "user:password" and decodes both.
+std::string ReadCredentials(std::string_view text, Proxy& proxy) {
+    const std::size_t colon = text.find(':');
+    proxy.user = utf8::PercentDecode(text.substr(0, colon));
+    if (colon != std::string_view::npos) {
+        proxy.password = utf8::PercentDecode(text.substr(colon + 1));
+    }
+    if (proxy.user.empty() || proxy.user.find(':') != std::string::npos) {
+        return "the user must neither be empty nor hold a colon";
+    }
+    if ((proxy.user + proxy.password).find('\0') != std::string::npos) {
+        return "a zero byte in user or password";
+    }
+    if (proxy.user.size() >= sizeof(tagTaskInfo::szProxyUser) ||
+        proxy.password.size() >= sizeof(tagTaskInfo::szProxyPassword)) {
+        return "user or password is longer than 127 bytes";
+    }
+    return "";
+}
+
+// Splits "host:port"; a host in brackets keeps them.
+std::string ReadServer(std::string_view text, Proxy& proxy) {
+    const std::size_t bracket = text.rfind(']');
+    const std::size_t colon = text.find(':', bracket == std::string_view::npos ? 0 : bracket);
+    proxy.host = text.substr(0, colon);
+    proxy.port = kUsualPort;
+    if (proxy.host.empty()) return "no host";
+    if (proxy.host.size() >= sizeof(tagTaskInfo::szProxyHost)) {
+        return "the host is longer than 127 bytes";
+    }
+    if (colon == std::string_view::npos) return "";
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data() + colon + 1, end, proxy.port);
+    if (error != std::errc() || stop != end || proxy.port < 1 || proxy.port > 65535) {
+        return "the port must be 1 to 65535";
+    }
+    return "";
+}
+
+}  // namespace
+
+std::string ParseProxy(std::string_view address, Proxy& proxy) {
+    Proxy read;
+    if (const std::size_t scheme = address.find("://"); scheme != std::string_view::npos) {
+        read.type = TypeOf(address.substr(0, scheme));
+        if (read.type == -1) return "the scheme must be http, socks4, socks4a, socks5 or socks5h";
+        address.remove_prefix(scheme + 3);
+    }
+    if (!address.empty() && address.back() == '/') address.remove_suffix(1);
+    std::string fault;
+    if (const std::size_t at = address.rfind('@'); at != std::string_view::npos) {
+        fault = ReadCredentials(address.substr(0, at), read);
+        address.remove_prefix(at + 1);
+    }
+    if (fault.empty()) fault = ReadServer(address, read);
+    if (fault.empty()) proxy = read;
+    return fault;
+}
+
+void SetProxy(const Proxy& proxy, tagTaskInfo& task) {
+    if (proxy.host.empty()) return;
+    task.bUseProxy = 1;
+    task.nProxyType = proxy.type;
+    task.nProxyPort = proxy.port;
+    SetField(task.szProxyHost, proxy.host);
+    SetField(task.szProxyUser, proxy.user);
+    SetField(task.szProxyPassword, proxy.password);
+}

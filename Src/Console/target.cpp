@@ -1,0 +1,142 @@
+#include "Console/target.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "TaskMan/taskcontext.h"
+
+namespace {
+
+constexpr std::size_t kLongestPath = sizeof(tagTaskInfo::szFilePath) - 1;
+
+std::string Fault(const char* what, const std::string& path, int error) {
+    return std::string(what) + " " + path + ": " + std::strerror(error);
+}
+
+Outcome Local(std::string reason) {
+    return {EndResult::kFailed, EXIT_STATUS_LOCAL, std::move(reason)};
+}
+
+// Gives the file its second name and takes the first one away, unless the second is in use. Returns
+// 0 or an error number.
+int RenameToNew(const char* from, const char* to) {
+    if (link(from, to) == 0) {
+        unlink(from);
+        return 0;
+    }
+    if (errno == EEXIST || errno == ENOENT || errno == ENOSPC || errno == EDQUOT) return errno;
+    // File systems without links: an empty file made here, and by nobody else, is what the rename
+    // replaces.
+    const int place = open(to, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (place == -1) return errno;
+    close(place);
+    if (rename(from, to) == 0) return 0;
+    const int error = errno;
+    unlink(to);
+    return error;
+}
+
+}  // namespace
+
+Target::Target(std::string path, bool replace)
+    : path_(std::move(path)), part_(path_ + ".part"), replace_(replace) {}
+
+Target::~Target() {
+    if (!IsOpen()) return;
+    if (!stored_) RemovePart();
+    close(file_);
+}
+
+std::string Target::Open() {
+    if (part_.size() > kLongestPath) {
+        return "the path is longer than " + std::to_string(kLongestPath) + " bytes";
+    }
+    if (path_.find('\\') != std::string::npos) return "a backslash in the path";
+    struct stat status {};
+    if (lstat(path_.c_str(), &status) == 0) {
+        if (!replace_) return path_ + " exists already (--force replaces it)";
+        if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+            return path_ + " is not a regular file";
+        }
+    }
+    // Whoever held the part may have renamed or removed it between its opening and its locking
+    // here.
+    for (int tries = 0; tries < 10; ++tries) {
+        std::string fault = OpenOnce();
+        if (!fault.empty() || IsOpen()) return fault;
+    }
+    return part_ + " keeps changing";
+}
+
+// Leaves the target closed, without a fault, when the part lost its name meanwhile.
+std::string Target::OpenOnce() {
+    const int file =
+        open(part_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666);
+    if (file == -1) return Fault("cannot create", part_, errno);
+    std::string fault;
+    struct stat status {};
+    if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+        fault = part_ + " is not a regular file";
+    } else if (flock(file, LOCK_EX | LOCK_NB) != 0) {
+        fault = errno == EWOULDBLOCK ? "another download writes " + part_
+                                     : Fault("cannot lock", part_, errno);
+    }
+    file_ = file;
+    if (fault.empty() && StillNamed()) return "";
+    file_ = -1;
+    close(file);
+    return fault;
+}
+
+bool Target::StillNamed() const {
+    struct stat mine {};
+    struct stat named {};
+    return fstat(file_, &mine) == 0 && lstat(part_.c_str(), &named) == 0 &&
+           mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
+}
+
+Outcome Target::Store(double size) {
+    struct stat status {};
+    if (fstat(file_, &status) != 0 || !StillNamed()) return Local(part_ + " was taken away");
+    const auto bytes = static_cast<double>(status.st_size);
+    if (size >= 0 && bytes != size) {
+        return {EndResult::kMismatch, EXIT_STATUS_MISMATCH,
+                std::to_string(status.st_size) + " bytes arrived, the server announced " +
+                    std::to_string(static_cast<long long>(size))};
+    }
+    if (fsync(file_) != 0) return Local(Fault("cannot write", part_, errno));
+    std::string fault = Rename();
+    if (!fault.empty()) return Local(std::move(fault));
+    stored_ = true;
+    return {EndResult::kFinished, EXIT_STATUS_FINISHED, "", bytes};
+}
+
+std::string Target::Rename() const {
+    const int error = replace_ ? (rename(part_.c_str(), path_.c_str()) == 0 ? 0 : errno)
+                               : RenameToNew(part_.c_str(), path_.c_str());
+    if (error == 0) return "";
+    if (error == EEXIST) return path_ + " appeared meanwhile (--force replaces it)";
+    return Fault("cannot create", path_, error);
+}
+
+Outcome Target::LocalFault(double size) const {
+    if (!StillNamed()) return Local(part_ + " was taken away");
+    struct stat status {};
+    struct statvfs space {};
+    if (fstat(file_, &status) != 0 || fstatvfs(file_, &space) != 0) return {};
+    const double held = static_cast<double>(status.st_blocks) * 512;
+    const double free = static_cast<double>(space.f_bavail) * static_cast<double>(space.f_frsize);
+    if (held + free < size) return Local("no space left for " + part_);
+    return {};
+}
+
+void Target::RemovePart() const {
+    if (IsOpen() && StillNamed()) unlink(part_.c_str());
+}

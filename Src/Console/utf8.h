@@ -1,0 +1,29 @@
+// Characters of byte strings that claim to be UTF-8.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace utf8 {
+
+struct Character {
+    char32_t code;       // 0 when the bytes are no character
+    std::size_t length;  // bytes it takes; 1 when they are none
+    bool valid;
+};
+
+// The first character of `bytes`, which must not be empty. Overlong forms, surrogates and codes
+// beyond U+10FFFF are no characters.
+Character First(std::string_view bytes);
+
+// Whether the character steers a terminal or the direction of writing instead of showing anything.
+bool IsControl(char32_t code);
+
+// The longest start of `bytes` of at most `limit` bytes that does not cut a character in two.
+std::string_view Head(std::string_view bytes, std::size_t limit);
+
+// Replaces every %XX by the byte; anything else stays as it is.
+std::string PercentDecode(std::string_view text);
+
+}  // namespace utf8
