@@ -1,0 +1,628 @@
+// The command `taskman get`: its parts alone, and the real program against scripted servers.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstddef>
+#include <filesystem>
+#include <iterator>
+#include <map>
+#include <mutex>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "Console/bardisplay.h"
+#include "Console/filename.h"
+#include "Console/plaindisplay.h"
+#include "Console/proxy.h"
+#include "Console/text.h"
+#include "TaskMan/taskcontext.h"
+#include "common/platform.h"
+#include "support/helpers.h"
+#include "support/http_server.h"
+
+using namespace test_support;
+
+namespace {
+
+// ---- Names, proxies, texts and lines.
+
+TEST(GetName, IsSafeWhateverTheAddressSays) {
+    const std::string many(300, 'a');
+    struct Row {
+        std::string path, name;
+    };
+    const Row rows[] = {
+        {"/dir/file.iso", "file.iso"},
+        {"/file?name=/x/y#z", "file"},
+        {"/a%20b%2Bc", "a b+c"},
+        {"", "download"},
+        {"/", "download"},
+        {"/dir/", "download"},
+        {"?file=/x", "download"},
+        {"/..", "download"},
+        {"/...%2e", "download"},
+        {"/..%2F..%2Fetc%2Fpasswd", "passwd"},
+        {"/a%2F", "download"},
+        {"/%2e%2Eprofile", "profile"},
+        {"/%01.%02.bashrc%00%7f", "bashrc"},
+        {"/%1b%5B31mred%0a", "[31mred"},
+        {"/C:%5Cboot", "C:_boot"},
+        {"/%zz%4", "%zz%4"},
+        {"/%C3%A4%C2%85%E2%80%AEx", "\u00e4x"},
+        {"/%E4.txt%C3", "_.txt_"},
+        {"/%C0%AF%ED%A0%80", "_____"},
+        {"/%E0%80%AF%BF%80", "_____"},
+        {"/" + many, many.substr(0, 249)},
+        {"/" + many.substr(0, 248) + "%C3%A4", many.substr(0, 248)},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(NameFromAddress("http://host" + row.path), row.name) << row.path;
+    }
+}
+
+TEST(GetAddress, MustBeHttpWithAHost) {
+    for (const char* good : {"http://h", "HTTPS://h/x", "http://[::1]:80/?a"}) {
+        EXPECT_EQ(AddressFault(good), "") << good;
+    }
+    for (const char* bad : {"", "h/x", "ftp://h/x", "http:/h", "http://", "http:///x", "httpx://h",
+                            "http://h/a b", "http://h/\r\nX: y", "file:///etc/passwd"}) {
+        EXPECT_NE(AddressFault(bad), "") << bad;
+    }
+    EXPECT_EQ(AddressFault("http://h/" + std::string(1023 - 9, 'x')), "");
+    EXPECT_NE(AddressFault("http://h/" + std::string(1024 - 9, 'x')), "");
+}
+
+TEST(GetProxy, IsReadFromItsAddress) {
+    struct Row {
+        const char* address;
+        std::int32_t type;
+        const char *host, *user, *password;
+        std::int32_t port;
+    };
+    const Row rows[] = {
+        {"h:8080", 0, "h", "", "", 8080},
+        {"http://h/", 0, "h", "", "", 1080},
+        {"socks4://u@h:1", 4, "h", "u", "", 1},
+        {"socks4a://h:65535", 6, "h", "", "", 65535},
+        {"socks5://u:p%40%3A%25@[::1]:9", 5, "[::1]", "u", "p@:%", 9},
+        {"socks5h://u:a@b:c@h", 7, "h", "u", "a@b:c", 1080},
+    };
+    for (const Row& row : rows) {
+        Proxy proxy;
+        ASSERT_EQ(ParseProxy(row.address, proxy), "") << row.address;
+        EXPECT_EQ(std::tie(proxy.type, proxy.host, proxy.user, proxy.password, proxy.port),
+                  std::make_tuple(row.type, row.host, row.user, row.password, row.port))
+            << row.address;
+    }
+    const std::string longText(128, 'x');
+    for (const std::string& bad :
+         {std::string(), std::string("ftp://h"), std::string("h:0"), std::string("h:65536"),
+          std::string("h:"), std::string("h:8x"), std::string("http://:p@h"),
+          std::string("u%3Ax:p@h"), std::string("u%00:p@h"), longText, longText + ":p@h"}) {
+        Proxy proxy;
+        const std::string fault = ParseProxy(bad, proxy);
+        EXPECT_NE(fault, "") << bad;
+        EXPECT_EQ(proxy.host, "") << bad;
+    }
+}
+
+TEST(GetText, NothingButVisibleCharacters) {
+    text::UseUtf8();
+    EXPECT_EQ(text::Printable("a\x1b[2J\n\x7f"), "a\\x1b[2J\\x0a\\x7f");
+    EXPECT_EQ(text::Printable("\xc2\x9b\xff\u202e\u00e4\u65e5"),
+              "\\xc2\\x9b\\xff\\xe2\\x80\\xae\u00e4\u65e5");
+    EXPECT_EQ(text::CutMiddle("abcdefghij", 9), "abc...hij");
+    EXPECT_EQ(text::CutMiddle("abcdefghij", 10), "abcdefghij");
+    EXPECT_EQ(text::CutMiddle("\u65e5\u672c\u8a9e\u65e5\u672c\u8a9e", 8), "\u65e5...\u8a9e");
+    EXPECT_EQ(text::Wrap("ab\u65e5\u672c", 3),
+              (std::vector<std::string>{"ab", "\u65e5", "\u672c"}));
+    struct Row {
+        std::string actual, expected;
+    };
+    for (const Row& row :
+         {Row{text::Size(1023), "1023 B"}, Row{text::Size(1024), "1.0 KiB"},
+          Row{text::Size(1048575), "1.0 MiB"}, Row{text::Size(1e300), "9999.9 PiB"},
+          Row{text::Duration(59.94), "59.9 s"}, Row{text::Duration(60), "1:00"},
+          Row{text::Clock(3599.6), "1:00:00"}, Row{text::Clock(-1), "--:--"},
+          Row{text::Clock(1e9), "--:--"}}) {
+        EXPECT_EQ(row.actual, row.expected);
+    }
+}
+
+TEST(GetLines, FitTheirColumns) {
+    text::UseUtf8();
+    const Clock::time_point now = Clock::now();
+    FileView file{
+        "a\u65e5\u672c\u8a9e-file-of-some-length.tar.gz", 67108864, 25, 1048576, true, now};
+    EXPECT_EQ(FileLine(file, 79, now),
+              "a\u65e5\u672c\u8a9e-f...th.tar.gz  [===>         ]  25%    64.0 MiB     1.0 MiB/s   "
+              "   0:48");
+    EXPECT_EQ(FileLine(file, 19, now), "a\u65e5\u672c...tar.gz  25%");
+    FileView waiting{"name", -1, 0, -1, false, now - std::chrono::milliseconds(4200)};
+    EXPECT_EQ(FileLine(waiting, 40, now), "name         waiting for the server, 4 s");
+    EXPECT_EQ(FileLine(waiting, 19, now), "name   waiting, 4 s");
+    const Totals totals{3, 0, 1, 0, 1, 1024 * 1024};
+    EXPECT_EQ(TotalLine({&file}, totals, 79), "1 of 3 files done, 17.0 MiB, 1.0 MiB/s, 0:48 left");
+    EXPECT_EQ(TotalLine({&file, &waiting}, totals, 19), "1 of 3 files done");
+    for (int columns = 2; columns < 210; ++columns) {
+        for (const FileView& view : {file, waiting}) {
+            EXPECT_LE(text::Width(FileLine(view, columns, now)), columns);
+        }
+        EXPECT_LE(text::Width(TotalLine({&file, &waiting}, totals, columns)), columns);
+        for (const std::string& line : text::Wrap(file.name, columns)) {
+            EXPECT_LE(text::Width(line), columns);
+        }
+    }
+}
+
+TEST(GetLines, PipedTellsQuartersOnce) {
+    const TempDir directory;
+    WriteFile(directory.Path("log"), "");
+    const int log = open(directory.Path("log").c_str(), O_WRONLY);
+    PlainDisplay display(log);
+    FileView file{"f", 2048, 0, 1024, true, {}};
+    display.Begin(file);
+    for (const double percent : {24, 30, 49, 80, 90, 100}) {
+        file.percent = percent;
+        display.State(file, DOWNLOAD_STATE_PROGRESS, percent);
+        display.State(file, DOWNLOAD_STATE_SPEED, 1024);
+    }
+    display.End(file, {EndResult::kFinished, EXIT_STATUS_FINISHED, "", 2048, 4});
+    display.Close({4, 1, 1, 1, 3, 2048});
+    close(log);
+    EXPECT_EQ(ReadFile(directory.Path("log")),
+              "f: started\n"
+              "f: 25 % of 2.0 KiB, 1.0 KiB/s\n"
+              "f: 75 % of 2.0 KiB, 1.0 KiB/s\n"
+              "f: finished, 2.0 KiB in 4.0 s, 512 B/s\n"
+              "1 of 4 files finished, 1 failed, 1 stopped, 1 not begun\n");
+}
+
+// ---- The program.
+
+// A run of the real program in a directory of its own, which becomes its working directory.
+// Standard output and standard error go to files; with columns given, standard error is a terminal.
+class GetRun {
+  public:
+    ~GetRun() {
+        if (pid_ > 0 && !Ended()) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        if (reader_.joinable()) reader_.join();
+        if (terminal_ != -1) close(terminal_);
+    }
+
+    // `output`: descriptor of standard output; -1 is a file.
+    void Start(std::vector<std::string> arguments, int columns = 0, int output = -1) {
+        arguments.insert(arguments.begin(), {TASKMAN_PATH, "get"});
+        std::vector<char*> argv;
+        for (std::string& argument : arguments) argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        const std::string out = scratch_.Path("out");
+        const std::string err = scratch_.Path("err");
+        const std::string directory = directory_.Path();
+        const winsize size{24, static_cast<unsigned short>(columns), 0, 0};
+        pid_ = columns > 0 ? forkpty(&terminal_, nullptr, nullptr, &size) : fork();
+        if (pid_ == 0) {
+            if (output == -1) output = open(out.c_str(), O_WRONLY | O_CREAT, 0600);
+            dup2(output, STDOUT_FILENO);
+            if (columns == 0) dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
+            for (const std::string& setting : environment)
+                putenv(const_cast<char*>(setting.data()));
+            if (chdir(directory.c_str()) == 0) execv(TASKMAN_PATH, argv.data());
+            _exit(99);
+        }
+        if (columns > 0) reader_ = std::thread([this] { ReadTerminal(); });
+    }
+
+    // Waits for the end and tells it: "exit 0", "signal 2", "running".
+    std::string End() {
+        if (!WaitUntil([this] { return Ended(); })) return "running";
+        if (reader_.joinable()) reader_.join();
+        if (WIFSIGNALED(status_)) return "signal " + std::to_string(WTERMSIG(status_));
+        return "exit " + std::to_string(WEXITSTATUS(status_));
+    }
+
+    void Signal(int number) const { kill(pid_, number); }
+    void Type(char key) const { EXPECT_EQ(write(terminal_, &key, 1), 1); }
+    std::string Path(const std::string& name) const { return directory_.Path(name); }
+    std::string Out() const { return ReadFile(scratch_.Path("out")); }
+    std::string Err() {
+        std::lock_guard hold(mutex_);
+        return terminal_ == -1 ? ReadFile(scratch_.Path("err")) : terminal_text_;
+    }
+    bool Says(const std::string& text) {
+        return WaitUntil([&] { return Err().find(text) != std::string::npos; });
+    }
+
+    // Names in the working directory, with a blank between them.
+    std::string Files() const {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(directory_.Path())) {
+            names.insert(entry.path().filename());
+        }
+        std::string list;
+        for (const std::string& name : names) list += (list.empty() ? "" : " ") + name;
+        return list;
+    }
+
+    // Names in shared memory that the run has made: its section, and locks, whose ids begin with
+    // the process id.
+    std::vector<std::string> SharedNames() const {
+        char id[16];
+        std::snprintf(id, sizeof id, "%06x", static_cast<unsigned>(pid_));
+        std::vector<std::string> mine;
+        for (const std::string& name : platform::SharedMemoryNames()) {
+            if (name == SHARE_MEM_NAME + ("_" + std::to_string(pid_)) ||
+                name.find(std::string("sem.") + id) == 0) {
+                mine.push_back(name);
+            }
+        }
+        return mine;
+    }
+
+    // Process id of a worker, from its slot; waits until one has claimed its slot.
+    pid_t Worker() const {
+        const std::string section = SHARE_MEM_NAME + ("_" + std::to_string(pid_));
+        std::int32_t pid = 0;
+        WaitUntil([&] {
+            const int file = shm_open(section.c_str(), O_RDONLY, 0);
+            if (file == -1) return false;
+            if (pread(file, &pid, sizeof pid, offsetof(tagTaskContext, nPid)) < 1) pid = 0;
+            close(file);
+            return pid > 0;
+        });
+        return pid;
+    }
+
+    std::vector<std::string> environment{"TERM=xterm", "LC_ALL=C"};
+
+  private:
+    bool Ended() { return status_ != -1 || waitpid(pid_, &status_, WNOHANG) == pid_; }
+
+    void ReadTerminal() {
+        char bytes[4096];
+        for (ssize_t count; (count = read(terminal_, bytes, sizeof bytes)) > 0;) {
+            std::lock_guard hold(mutex_);
+            terminal_text_.append(bytes, static_cast<std::size_t>(count));
+        }
+    }
+
+    TempDir directory_;
+    TempDir scratch_;
+    pid_t pid_ = -1;
+    int status_ = -1;
+    int terminal_ = -1;
+    std::thread reader_;
+    std::mutex mutex_;
+    std::string terminal_text_;
+};
+
+const std::string& GoodBytes() {
+    static const std::string bytes = TestBytes(200'000);
+    return bytes;
+}
+
+// One server for all: the path says how it behaves.
+HttpServer& Server() {
+    static std::mutex mutex;
+    static std::map<std::string, int> asked;
+    static HttpServer server([](const std::string& request, std::size_t) {
+        const std::string path = request.substr(4, request.find(' ', 4) - 4);
+        const auto is = [&path](const char* what) { return path.find(what) != std::string::npos; };
+        if (is("good")) return Reply::Ok(GoodBytes());
+        if (is("short")) return Reply::Head("100").Send("five!");
+        if (is("slow")) return Reply::Head("100000000").Stream(100'000);
+        if (is("2s")) return Reply::Head("400000").Send(std::string(400'000, 'x'), 180'000);
+        if (is("silent")) return Reply().Silence();
+        if (is("differs")) {
+            std::lock_guard hold(mutex);
+            return Reply::Ok(std::string(asked[path]++ == 0 ? 100 : 50, 'x'));
+        }
+        return Reply::Status(404, "no such file");
+    });
+    return server;
+}
+
+struct Row {
+    const char* what;
+    std::vector<std::string> arguments;  // "@" at the begin stands for the server's address
+    const char* end;
+    const char* files;  // afterwards
+    const char* says;   // on standard error
+    std::function<void(const GetRun&)> prepare = [](const GetRun&) {};
+    const char* kept = nullptr;  // a file that holds "old" before and after
+};
+
+std::vector<std::string> Addressed(std::vector<std::string> arguments) {
+    for (std::string& argument : arguments) {
+        if (argument[0] == '@') argument = Server().Url(argument.substr(1));
+    }
+    return arguments;
+}
+
+TEST(Get, EndsWithTheStatusOfItsFiles) {
+    const auto old = [](const GetRun& run) { WriteFile(run.Path("good"), "old"); };
+    const std::string longAddress = "http://h/" + std::string(1024, 'x');
+    const std::vector<Row> rows = {
+        {"one", {"@/good?x"}, "exit 0", "good", "good: finished"},
+        {"two", {"@/good", "@/good2"}, "exit 0", "good good2", "2 of 2 files finished"},
+        {"named", {"@/good", "-o", "x"}, "exit 0", "x", "x: finished"},
+        {"beginning with a dash", {"@/-good"}, "exit 0", "-good", "-good: finished"},
+        {"404", {"@/404"}, "exit 1", "", "404: failed: "},
+        {"nobody listens", {"http://127.0.0.1:1/x"}, "exit 1", "", "x: failed: "},
+        {"ends early", {"@/short"}, "exit 1", "", "short: failed: "},
+        {"other size",
+         {"@/differs"},
+         "exit 5",
+         "",
+         "mismatch: 50 bytes arrived, the server announced 100"},
+        {"target exists", {"@/good"}, "exit 3", "good", "good exists already", old, "good"},
+        {"replaced", {"-f", "@/good"}, "exit 0", "good", "good: finished", old},
+        {"one target twice", {"@/good", "@/x/good"}, "exit 3", "good", "refused: another URL"},
+        {"target is another's part",
+         {"-j1", "@/good.part", "@/good"},
+         "exit 3",
+         "good.part",
+         "another URL"},
+        {"part is another's target",
+         {"-f", "@/good", "@/good.part"},
+         "exit 3",
+         "good",
+         "another URL"},
+        {"no directory",
+         {"-d", "none", "@/good"},
+         "exit 3",
+         "",
+         "refused: cannot create none/good.part"},
+        {"directory in the way",
+         {"-f", "@/good"},
+         "exit 3",
+         "good",
+         "not a regular file",
+         [](const GetRun& run) { std::filesystem::create_directory(run.Path("good")); }},
+        {"part is a link",
+         {"@/good"},
+         "exit 3",
+         "good.part victim",
+         "cannot create good.part",
+         [](const GetRun& run) {
+             WriteFile(run.Path("victim"), "old");
+             std::filesystem::create_symlink("victim", run.Path("good.part"));
+         },
+         "victim"},
+        {"backslash", {"@/good", "-o", "a\\b"}, "exit 3", "", "a backslash"},
+        {"old part",
+         {"@/good"},
+         "exit 0",
+         "good",
+         "good: finished",
+         [](const GetRun& run) { WriteFile(run.Path("good.part"), std::string(300'000, 'x')); }},
+        {"bad scheme",
+         {"ftp://h/x\x1b[2J"},
+         "exit 2",
+         "",
+         "ftp://h/x\\x1b[2J: refused: not an http"},
+        {"long address", {longAddress}, "exit 2", "", "longer than 1023 bytes"},
+        {"good, bad", {"@/good", "x"}, "exit 2", "good", "1 of 2 files finished, 1 failed"},
+        {"bad, good", {"x", "@/good"}, "exit 2", "good", "1 of 2 files finished, 1 failed"},
+        {"bad, 404, good", {"x", "@/404", "@/good"}, "exit 1", "good", "2 failed"},
+        {"404, bad", {"@/404", "x"}, "exit 1", "", "2 failed"},
+        {"no worker",
+         {"--worker", "/nowhere/w", "@/good"},
+         "exit 1",
+         "",
+         "no worker program at /nowhere/w"},
+        {"worker ends at once", {"--worker", "/bin/true", "@/good"}, "exit 1", "", "good: died"},
+        {"no address", {}, "exit 2", "", "taskman get --help"},
+        {"jobs", {"-j", "9", "@/good"}, "exit 2", "", "--jobs"},
+        {"one name, two files", {"-o", "x", "@/good", "@/good2"}, "exit 2", "", "--output"},
+        {"proxy", {"-x", "ftp://u:secret@h", "@/good"}, "exit 2", "", "--proxy: the scheme"},
+    };
+    InParallel(
+        rows.size(),
+        [&rows](std::size_t number) {
+            const Row& row = rows[number];
+            SCOPED_TRACE(row.what);
+            GetRun run;
+            row.prepare(run);
+            run.Start(Addressed(row.arguments));
+            EXPECT_EQ(run.End(), row.end) << run.Err();
+            EXPECT_EQ(run.Files(), row.files);
+            const std::string err = run.Err();
+            EXPECT_NE(err.find(row.says), std::string::npos) << err;
+            EXPECT_EQ(err.find_first_of("\x1b\x9b"), std::string::npos) << err;
+            EXPECT_EQ(err.find("secret"), std::string::npos) << err;
+            EXPECT_EQ(run.SharedNames(), std::vector<std::string>());
+            // Every finished file is told on standard output, and has its bytes.
+            std::string paths = run.Out();
+            for (std::size_t end; (end = paths.find('\n')) != std::string::npos;
+                 paths.erase(0, end + 1)) {
+                EXPECT_EQ(ReadFile(run.Path(paths.substr(0, end))), GoodBytes());
+                EXPECT_NE(paths[0], '-');
+            }
+            EXPECT_EQ(paths, "");
+            if (row.kept != nullptr) {
+                EXPECT_EQ(ReadFile(run.Path(row.kept)), "old");
+            }
+        },
+        8);
+}
+
+TEST(Get, FilesKeepTheirOrderAndAllComeThroughEightSlots) {
+    std::vector<std::string> names;
+    for (int i = 0; i < 20; ++i) names.push_back("@/good" + std::to_string(i));
+    GetRun many;
+    many.Start(Addressed([&] {
+        auto all = names;
+        all.push_back("-j8");
+        return all;
+    }()));
+    GetRun single;
+    single.Start(Addressed({"-j1", names[2], names[0], names[1]}));
+    EXPECT_EQ(single.End(), "exit 0");
+    EXPECT_EQ(single.Out(), "good2\ngood0\ngood1\n");
+    EXPECT_EQ(many.End(), "exit 0");
+    for (const std::string& name : names)
+        EXPECT_EQ(ReadFile(many.Path(name.substr(2))), GoodBytes());
+}
+
+TEST(Get, APartBelongsToOneDownload) {
+    GetRun run;
+    run.Start(Addressed({"@/slow"}));
+    ASSERT_TRUE(run.Says("slow: started"));
+    GetRun other;
+    other.Start(Addressed({"@/good", "-o", run.Path("slow")}));
+    EXPECT_EQ(other.End(), "exit 3");
+    EXPECT_NE(other.Err().find("another download writes"), std::string::npos) << other.Err();
+    EXPECT_EQ(run.Files(), "slow.part");
+    // What appears under the final name meanwhile stays.
+    GetRun late;
+    late.Start(Addressed({"@/2s"}));
+    ASSERT_TRUE(late.Says("2s: started"));
+    WriteFile(late.Path("2s"), "mine");
+    EXPECT_EQ(late.End(), "exit 3");
+    EXPECT_EQ(ReadFile(late.Path("2s")), "mine");
+    EXPECT_EQ(late.Files(), "2s");
+}
+
+TEST(Get, GoesThroughTheProxy) {
+    HttpServer proxy({Reply::Ok(GoodBytes())});
+    GetRun run;
+    run.Start(
+        {"-x", "user:p%40ss@127.0.0.1:" + std::to_string(proxy.Port()), "http://far.invalid/x"});
+    EXPECT_EQ(run.End(), "exit 0") << run.Err();
+    const std::string request = proxy.Requests().at(0).text;
+    EXPECT_EQ(request.find("GET http://far.invalid/x "), 0U) << request;
+    EXPECT_NE(request.find("Basic dXNlcjpwQHNz"), std::string::npos) << request;
+}
+
+TEST(Get, AKilledWorkerIsAFailure) {
+    GetRun run;
+    run.Start(Addressed({"@/slow"}));
+    const pid_t worker = run.Worker();
+    ASSERT_GT(worker, 0);
+    ASSERT_TRUE(run.Says("slow: started"));
+    kill(worker, SIGKILL);
+    EXPECT_EQ(run.End(), "exit 1");
+    EXPECT_NE(run.Err().find("slow: died: "), std::string::npos) << run.Err();
+    EXPECT_EQ(run.Files(), "");
+    EXPECT_EQ(run.SharedNames(), std::vector<std::string>());
+}
+
+TEST(Get, InterruptedItLeavesNothing) {
+    struct Case {
+        const char* path;
+        int signal, count;
+        const char *end, *says;
+    };
+    const Case cases[] = {
+        {"@/slow", SIGINT, 1, "signal 2", "slow: stopped"},
+        {"@/slow", SIGTERM, 1, "signal 15", "slow: stopped"},
+        {"@/slow", SIGHUP, 1, "signal 1", "slow: stopped"},
+        {"@/silent", SIGINT, 1, "signal 2", "silent: stopped"},
+        {"@/silent", SIGINT, 2, "signal 2", "stopping 2 downloads (again: end now)\n"},
+        {"@/slow", SIGTERM, 2, "signal 15", "stopping 2 downloads (again: end now)\n"},
+    };
+    std::chrono::steady_clock::duration took[std::size(cases)] = {};
+    InParallel(std::size(cases), [&](std::size_t number) {
+        const Case& row = cases[number];
+        SCOPED_TRACE(testing::Message() << row.path << " " << row.signal << " x " << row.count);
+        GetRun run;
+        run.Start(Addressed({"-j2", row.path, std::string(row.path) + "-2", "@/good"}));
+        ASSERT_TRUE(run.Says("-2: started"));
+        const pid_t worker = run.Worker();
+        run.Signal(row.signal);
+        ASSERT_TRUE(run.Says("stopping 2 downloads (again: end now)\n"));
+        const auto start = std::chrono::steady_clock::now();
+        if (row.count == 2) run.Signal(row.signal);
+        EXPECT_EQ(run.End(), row.end);
+        took[number] = std::chrono::steady_clock::now() - start;
+        EXPECT_NE(run.Err().find(row.says), std::string::npos) << run.Err();
+        EXPECT_NE(run.Err().find("1 not begun"), std::string::npos) << run.Err();
+        EXPECT_EQ(run.Files(), "");
+        EXPECT_EQ(run.SharedNames(), std::vector<std::string>());
+        EXPECT_TRUE(WaitUntil([&] { return kill(worker, 0) != 0; }));
+    });
+    // A worker whose server is silent does not stop by itself; the second signal does not wait.
+    EXPECT_LT(took[4], took[3]);
+}
+
+TEST(Get, ABrokenOutputEndsLikeSigterm) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    close(ends[0]);
+    GetRun run;
+    run.Start(Addressed({"@/good", "@/slow"}), 0, ends[1]);
+    close(ends[1]);
+    EXPECT_EQ(run.End(), "signal 15");
+    EXPECT_EQ(run.Files(), "good");
+}
+
+// What a terminal was sent, without its control sequences, in the pieces between line ends.
+std::vector<std::string> Pieces(const std::string& sent) {
+    const std::string plain = std::regex_replace(sent, std::regex("\x1b\\[[0-9;?]*[a-zA-Z]"), "");
+    std::vector<std::string> pieces(1);
+    for (const char c : plain) {
+        if (c == '\r' || c == '\n') {
+            pieces.emplace_back();
+        } else {
+            pieces.back() += c;
+        }
+    }
+    return pieces;
+}
+
+TEST(GetTerminal, LinesStayWithinTheColumns) {
+    InParallel(2, [](std::size_t number) {
+        const int columns = number == 0 ? 20 : 200;
+        SCOPED_TRACE(columns);
+        GetRun run;
+        run.Start(
+            Addressed({"-j2", "@/2s%1b%5b2J-with-a-name-of-some-length", "@/slow", "bad\x1b[2J"}),
+            columns);
+        ASSERT_TRUE(run.Says("bad"));
+        ASSERT_TRUE(run.Says("%"));
+        const auto count = [&run](const char* what) {
+            const std::string sent = run.Err();
+            const std::regex pattern(what);
+            return std::distance(std::sregex_iterator(sent.begin(), sent.end(), pattern), {});
+        };
+        ASSERT_TRUE(WaitUntil([&] { return count("fin") > 0; }));
+        run.Type('\x03');
+        EXPECT_EQ(run.End(), "signal 2");
+        for (const std::string& piece : Pieces(run.Err())) {
+            EXPECT_EQ(piece, text::Printable(piece));
+            EXPECT_LT(text::Width(piece), columns) << piece;
+        }
+        EXPECT_EQ(count("\x1b\\[2J"), 0);
+        EXPECT_GT(count("\x1b\\[31m"), 0);  // what failed is red
+        EXPECT_EQ(count("\x1b\\[\\?7l"), count("\x1b\\[\\?7h"));
+        EXPECT_EQ(run.Files(), "2s[2J-with-a-name-of-some-length");
+    });
+}
+
+TEST(GetTerminal, ObeysItsEnvironment) {
+    GetRun dumb;
+    dumb.environment = {"TERM=dumb"};
+    dumb.Start(Addressed({"@/good", "x"}), 80);
+    GetRun colourless;
+    colourless.environment.push_back("NO_COLOR=1");
+    colourless.Start(Addressed({"@/good", "x"}), 80);
+    EXPECT_EQ(dumb.End(), "exit 2");
+    EXPECT_EQ(dumb.Err().find('\x1b'), std::string::npos) << dumb.Err();
+    EXPECT_EQ(colourless.End(), "exit 2");
+    EXPECT_EQ(colourless.Err().find("\x1b[31m"), std::string::npos) << colourless.Err();
+    EXPECT_NE(colourless.Err().find("\x1b["), std::string::npos);
+}
+
+}  // namespace

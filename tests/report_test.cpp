@@ -1,0 +1,361 @@
+// What the job reports: SendStateMSG, and the progress function, driven inside this process with a
+// clock that the tests set. The worker's state lasts as long as its process, so every case has a
+// process of its own.
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <functional>
+#include <random>
+#include <stdexcept>
+#include <thread>
+
+#include "Tarnwick/download.h"
+#include "Tarnwick/jobstate.h"
+#include "Tarnwick/progress.h"
+#include "Tarnwick/statereport.h"
+#include "common/fieldtext.h"
+#include "support/helpers.h"
+#include "support/http_server.h"
+
+using test_support::InChild;
+using test_support::SemaphoreValue;
+using test_support::UniqueName;
+
+namespace {
+
+// The clock of this program, milliseconds: what the tests set, and real time as often as they say.
+std::int64_t g_clock = 0;
+int g_clockFactor = 0;
+
+}  // namespace
+
+extern "C" int gettimeofday(timeval* now, void*) noexcept {
+    const auto real = std::chrono::steady_clock::now().time_since_epoch();
+    const std::int64_t time =
+        g_clock +
+        g_clockFactor * std::chrono::duration_cast<std::chrono::milliseconds>(real).count();
+    now->tv_sec = time / 1000;
+    now->tv_usec = time % 1000 * 1000;
+    return 0;
+}
+
+namespace {
+
+// The state that the intake leaves to the job, around a section in this process's memory.
+class Job {
+  public:
+    explicit Job(std::int32_t nCmd = TASK_CMD_DOWNLOAD) : id(UniqueName()) {
+        g_VideoInfoSection.hPrt = reinterpret_cast<char*>(memory_.data());
+        g_TaskIndex = 5;
+        SetField(Slot().szTaskID, id + "-and-more");
+        SetField(g_TaskInfo.szTaskID, id);
+        g_TaskInfo.mutexLock = new Threading::Mutex(id.c_str());
+        g_CurTaskContext_prt = &Slot();
+        g_TaskConData.nCmd = nCmd;
+    }
+    ~Job() { delete std::exchange(g_TaskInfo.mutexLock, nullptr); }
+    tagTaskContext& Slot() {
+        return reinterpret_cast<tagTaskContext*>(memory_.data())[g_TaskIndex];
+    }
+
+    const std::string id;
+
+  private:
+    std::vector<std::uint64_t> memory_ = std::vector<std::uint64_t>(SHARE_MEM_SIZE / 8 + 1);
+};
+
+TEST(SendStateMSG, AddsBits) {
+    InChild([] {
+        Job job;
+        EXPECT_EQ(SendStateMSG(DOWNLOAD_STATE_DOWNLOAD_START), 0);
+        EXPECT_EQ(SendStateMSG(static_cast<tagDownloadStateCode>(31)), 0);
+        EXPECT_EQ(job.Slot().nStateBits, 1U << 2 | 1U << 31);
+        EXPECT_EQ(job.Slot().bStateChanged, 1);
+        EXPECT_EQ(SemaphoreValue(job.id), 1);
+    });
+}
+
+TEST(Reports, WaitForTheLock) {
+    const auto value = [] { ReportValue(&tagTaskContext::dSpeed, 9.0, DOWNLOAD_STATE_SPEED); };
+    const auto code = [] { SendStateMSG(DOWNLOAD_STATE_SPEED); };
+    for (const std::function<void()>& report : {std::function(value), std::function(code)}) {
+        InChild([&] {
+            Job job;
+            g_TaskInfo.mutexLock->Lock();
+            std::thread reporter(report);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            EXPECT_EQ(job.Slot().nStateBits, 0u);
+            EXPECT_EQ(job.Slot().dSpeed, 0.0);
+            g_TaskInfo.mutexLock->UnLock();
+            reporter.join();
+            EXPECT_EQ(job.Slot().nStateBits, 1U << 5);
+        });
+    }
+}
+
+TEST(SendStateMSG, RefusesCodesBeyondTheWord) {
+    for (int code : {32, 33, 64, -1}) {
+        SCOPED_TRACE(code);
+        InChild([code] {
+            Job job;
+            try {
+                SendStateMSG(static_cast<tagDownloadStateCode>(code));
+                ADD_FAILURE() << "nothing thrown";
+            } catch (const std::out_of_range& error) {
+                EXPECT_STREQ(error.what(), "bitset::set");
+            }
+            EXPECT_EQ(job.Slot().nStateBits, 0u);
+            EXPECT_EQ(job.Slot().bStateChanged, 0);
+            EXPECT_EQ(SemaphoreValue(job.id), 1);
+        });
+    }
+}
+
+TEST(ReportDeath, ASlotOfAnotherTaskEndsTheProcessWithTheLockFree) {
+    Job job;
+    job.Slot().szTaskID[job.id.size() - 1] ^= 1;
+    EXPECT_DEATH(SendStateMSG(DOWNLOAD_STATE_SPEED),
+                 "^Assertion failed: \\(false\\), function SendStateMSG, file "
+                 "Src/Tarnwick/tarnwick, line 990\\.\n$");
+    const auto step = [] {
+        g_Progress = 1.0;
+        for (g_clock = 1000; g_clock < 4000; g_clock += 1000) {
+            progress_callback(nullptr, 1e4, static_cast<double>(g_clock), 0.0, 0.0);
+        }
+    };
+    EXPECT_DEATH(step(),
+                 "\\(false\\), function progress_callback, file Src/Tarnwick/tarnwick, line ");
+    EXPECT_EQ(SemaphoreValue(job.id), 1);
+    EXPECT_EQ(job.Slot().nStateBits, 0u);
+}
+
+constexpr std::uint32_t kFirst = 1U << 2, kPercent = 1U << 4, kSpeed = 1U << 5;
+
+// A call of the progress function and what it leaves; `bits` are those set by this call.
+struct Call {
+    std::int64_t time;
+    double total, received;
+    int result;
+    std::uint32_t bits;
+    double progress, speed;
+};
+
+void Play(const char* name, std::int32_t nCmd, std::int32_t nControl,
+          const std::vector<Call>& calls) {
+    SCOPED_TRACE(name);
+    InChild([&] {
+        Job job(nCmd);
+        tagTaskContext& slot = job.Slot();
+        slot.dProgress = slot.dSpeed = -1.0;
+        slot.nControl = nControl;
+        for (const Call& call : calls) {
+            SCOPED_TRACE(call.time);
+            g_clock = call.time;
+            slot.nStateBits = 0;
+            slot.bStateChanged = 0;
+            EXPECT_EQ(progress_callback(nullptr, call.total, call.received, 0, 0), call.result);
+            EXPECT_EQ(slot.nStateBits, call.bits);
+            EXPECT_EQ(slot.bStateChanged, call.bits != 0 ? 1 : 0);
+            EXPECT_EQ(slot.dProgress, call.progress);
+            EXPECT_EQ(slot.dSpeed, call.speed);
+        }
+    });
+}
+
+TEST(Progress, ReportsAndBreaksOff) {
+    Play("percentage and speed", 3, -1,
+         {{1000, 0, 0, 0, 0, -1, -1},
+          {1100, 1e7, 1000, 0, kFirst, -1, -1},
+          {1200, 1e7, 2000, 0, 0, -1, -1},
+          {2300, 1e7, 2.5e6, 0, kPercent, 25, -1},
+          {2900, 1e7, 2.6e6, 0, 0, 25, -1},
+          {4300, 1e7, 3.5e6, 0, kPercent | kSpeed, 35, 500000},
+          {6300, 1e7, 4.5e6, 0, kPercent, 45, 500000},
+          {8300, 1e7, 1.0e6, 0, 0, 45, 500000},
+          {8310, 2e7, 9.0e6, 0, 0, 45, 500000},
+          {9400, 2e7, 9.0e6, 0, kSpeed, 45, 7272727}});
+    Play("20 seconds without bytes", 1, -1,
+         {{1000, 100, 0, 0, 0, -1, -1},
+          {20900, 100, 0, 0, 0, -1, -1},
+          {20999, 100, 0, 0, 0, -1, -1},
+          {21000, 100, 0, -1, 0, -1, -1},
+          {21000, 100, 0, 0, 0, -1, -1},
+          {30000, 100, 7, 0, kFirst, -1, -1},
+          {41000, 100, 8, 0, kPercent, 8, -1},
+          {60999, 100, 8, 0, 0, 8, -1},
+          {80998, 100, 8, 0, 0, 8, -1},
+          {80999, 100, 8, -1, 0, 8, -1}});
+    Play("a file that is there at once", 1, -1,
+         {{1000, 5, 5, 0, 0, -1, -1}, {9000, 5, 5, 0, 0, -1, -1}});
+    Play("a page", 0, -1,
+         {{1000, 9, 1, 0, 0, -1, -1}, {3000, 9, 2, 0, 0, -1, -1}, {6000, 9, 3, 0, 0, -1, -1}});
+    Play("no length", 1, -1,
+         {{1000, 0, 10, 0, kFirst, -1, -1},
+          {2000, 0, 20, 0, 0, -1, -1},
+          {4000, 0, 40, 0, kSpeed, -1, 10}});
+    Play("a stop while nothing comes", 1, 2,
+         {{1000, 0, 0, -1, 0, -1, -1}, {1001, 9, 1, -1, 0, -1, -1}});
+}
+
+// The progress function once more, written down step by step without regard to anything else.
+struct Model {
+    std::uint64_t uTotal = 0, uPrevRecvSize = 0, uLastProgressTime = 0, uStartTime = 0;
+    bool bHasDownload = false, bStartCheckNetState = false;
+    double progress = 0.0, slotProgress = 0.0, slotSpeed = 0.0;
+    std::uint32_t bps = 0, bits = 0;
+    std::uint64_t calcTime = 0, downloadSize = 0;
+    std::int32_t tries = 0;
+
+    int Call(std::uint64_t now, std::uint64_t total, std::uint64_t bytes, bool download,
+             bool stop) {
+        if (uTotal == 0) uTotal = total;
+        if (uTotal != total) return uTotal = total, 0;
+        if (stop) return -1;
+        if (bytes == total && progress == 0.0) return 0;
+        if (!bHasDownload && progress == 0.0 && bytes != 0) {
+            bHasDownload = true;
+            if (download) bits |= 1U << 2;
+        }
+        if (uPrevRecvSize == 0 && bytes != 0) return uPrevRecvSize = bytes, 0;
+        if (bytes != uPrevRecvSize) {
+            uPrevRecvSize = bytes;
+            bStartCheckNetState = false;
+            uStartTime = 0;
+            tries = 0;
+        } else if (!bStartCheckNetState) {
+            bStartCheckNetState = true;
+            uStartTime = now;
+        } else if ((now - uStartTime) / 1000 >= 20) {
+            bStartCheckNetState = false;
+            uStartTime = uPrevRecvSize = 0;
+            return -1;
+        }
+        if (!download) return 0;
+        if (uTotal != 0) {
+            if (uLastProgressTime == 0) return uLastProgressTime = now, 0;
+            if ((now - uLastProgressTime) / 1000 >= 1) {
+                uLastProgressTime = now;
+                const auto percent = static_cast<double>(100 * bytes / uTotal);
+                if (percent > progress) {
+                    progress = slotProgress = percent;
+                    bits |= 1U << 4;
+                }
+            }
+        }
+        if (calcTime == 0 || bytes < downloadSize) {
+            bps = 0;
+            calcTime = now;
+            downloadSize = bytes;
+            return 0;
+        }
+        const std::uint64_t elapsed = now - calcTime;
+        if (elapsed / 1000 == 0) return 0;
+        const double exact =
+            static_cast<double>((bytes - downloadSize) * 1000) / static_cast<double>(elapsed);
+        const std::uint32_t speed =
+            exact > 4294967295.0 ? 4294967295U : static_cast<std::uint32_t>(exact);
+        calcTime = now;
+        downloadSize = bytes;
+        if (speed == bps) return 0;
+        bps = speed;
+        slotSpeed = speed;
+        bits |= 1U << 5;
+        return 0;
+    }
+};
+
+// What a call leaves, each as a double: result, bits, dProgress, dSpeed, g_Progress, g_TryCount,
+// g_LastBPS, g_LastCalcTime, g_LastDownloadSize.
+using Outcome = std::array<double, 9>;
+
+template <class... Numbers>
+Outcome MakeOutcome(Numbers... numbers) {
+    return {static_cast<double>(numbers)...};
+}
+
+// A long transfer of random steps, with new tries, stops, new totals and leaps of the clock.
+void CompareWithModel(unsigned seed) {
+    std::minstd_rand random(seed * 7919 + 1);
+    const auto pick = [&random](const auto& choices) { return choices[random() % choices.size()]; };
+    const auto rarely = [&random](unsigned often) { return random() % often == 0; };
+    const std::array<std::int64_t, 12> steps{0,    1,    250,  400,    700,    999,
+                                             1000, 1001, 3000, 19'000, 20'000, -500};
+    const std::array<std::uint64_t, 7> totals{0, 1, 3, 1000, 10'000'000, 5'000'000'000, 1ULL << 53};
+    const bool download = !rarely(4);
+    Job job(download ? TASK_CMD_DOWNLOAD : TASK_CMD_PARSE);
+    Model model;
+    std::uint64_t total = pick(totals);
+    std::uint64_t bytes = 0;
+    g_clock = 1'000'000;
+    for (int step = 0; step < 400; ++step) {
+        g_clock += pick(steps);
+        if (rarely(40)) total = pick(totals);
+        const std::array<std::uint64_t, 8> next{
+            bytes, bytes, bytes + 1, bytes + 1000, bytes + total / 100, bytes + total / 10,
+            total, 0};
+        bytes = std::min(pick(next), std::uint64_t{1} << 53);
+        if (rarely(30)) g_Progress = model.progress = 0.0;
+        if (rarely(3)) job.Slot().nStateBits = model.bits = 0;
+        g_TryCount = model.tries = static_cast<std::int32_t>(random() % 4);
+        job.Slot().nControl = rarely(25) ? TASK_CONTROL_STOP : -1;
+        g_Exit = rarely(40);
+        const bool stop = job.Slot().nControl == TASK_CONTROL_STOP || g_Exit;
+        const int expected =
+            model.Call(static_cast<std::uint64_t>(g_clock), total, bytes, download, stop);
+        const int result = progress_callback(nullptr, static_cast<double>(total),
+                                             static_cast<double>(bytes), 0.0, 0.0);
+        const tagTaskContext& slot = job.Slot();
+        ASSERT_EQ(
+            MakeOutcome(result, slot.nStateBits, slot.dProgress, slot.dSpeed, g_Progress,
+                        g_TryCount, g_LastBPS, g_LastCalcTime, g_LastDownloadSize),
+            MakeOutcome(expected, model.bits, model.slotProgress, model.slotSpeed, model.progress,
+                        model.tries, model.bps, model.calcTime, model.downloadSize))
+            << "seed " << seed << ", step " << step << ": " << bytes << " of " << total << " at "
+            << g_clock;
+    }
+}
+
+TEST(Progress, FollowsTheModel) {
+    for (unsigned seed = 0; seed < 150; ++seed) {
+        InChild([seed] { CompareWithModel(seed); });
+    }
+}
+
+TEST(Progress, LengthsThatAreNoneAreZero) {
+    InChild([] {
+        Job job;
+        g_clock = 1000;
+        EXPECT_EQ(progress_callback(nullptr, -1.0, -5.0, 0.0, 0.0), 0);
+        EXPECT_EQ(progress_callback(nullptr, 1e300, std::nan(""), 0.0, 0.0), 0);
+        EXPECT_EQ(job.Slot().nStateBits, 0u);
+    });
+}
+
+// With the clock going 40 times as fast, a stall costs half a second.
+TEST(Download, AStalledTryIsFollowedByAnother) {
+    InChild([] {
+        using test_support::Reply;
+        g_clockFactor = 40;
+        const test_support::TempDir directory;
+        const std::string bytes = test_support::TestBytes(100'000);
+        test_support::HttpServer server(
+            {Reply::Head("100000").Send(bytes.substr(0, 700)).Silence(), Reply::Ok(bytes)});
+        Job job;
+        SetField(g_TaskConData.szDownloadUrl, server.Url());
+        SetField(g_TaskConData.szFilePath, directory.Path("output"));
+        g_TaskConData.nTryInterval = 0;
+        CURL* curl = curl_easy_init();
+        EXPECT_EQ(DownloadVideo(curl, &g_TaskConData), 0);
+        curl_easy_cleanup(curl);
+        EXPECT_EQ(server.RequestCount(), 2u);
+        EXPECT_EQ(test_support::ReadFile(directory.Path("output")), bytes);
+        EXPECT_NE(job.Slot().nStateBits & 1U << DOWNLOAD_STATE_DOWNLOAD_FINISH, 0u);
+    });
+}
+
+}  // namespace

@@ -1,0 +1,104 @@
+#include "support/helpers.h"
+
+#include <gtest/gtest.h>
+#include <semaphore.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace test_support {
+
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds deadline) {
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= end) return condition();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+void InParallel(std::size_t count, const std::function<void(std::size_t)>& run, std::size_t width) {
+    std::atomic<std::size_t> next{0};
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < std::min(count, width); ++i) {
+        threads.emplace_back([&] {
+            for (std::size_t number; (number = next++) < count;) run(number);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+}
+
+void InChild(const std::function<void()>& body) {
+    const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();
+    const int before = result->total_part_count();
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        std::fflush(nullptr);
+        _exit(result->total_part_count() == before ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << "as waitpid tells of the child";
+}
+
+std::string UniqueName(const std::string& stem) {
+    static std::atomic<unsigned> count{0};
+    static const unsigned random = std::random_device{}();
+    std::ostringstream name;
+    name << stem << '-' << std::hex << getpid() << '-' << random << '-' << count++;
+    return name.str();
+}
+
+int SemaphoreValue(const std::string& name) {
+    int value = -1;
+    sem_t* semaphore = sem_open(name.c_str(), 0);
+    if (semaphore == SEM_FAILED) return value;
+    sem_getvalue(semaphore, &value);
+    sem_close(semaphore);
+    return value;
+}
+
+TempDir::TempDir() {
+    path_ = (std::filesystem::temp_directory_path() / "taskman-XXXXXX").string();
+    if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no temporary directory");
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << file.rdbuf();
+    return bytes.str();
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+bool FileExists(const std::string& path) {
+    return std::filesystem::exists(path);
+}
+
+std::string TestBytes(std::size_t size) {
+    std::string bytes(size, '\0');
+    std::minstd_rand random;
+    for (char& byte : bytes) byte = static_cast<char>(random() >> 8);
+    return bytes;
+}
+
+}  // namespace test_support

@@ -1,0 +1,94 @@
+// An HTTP server inside the test program, which does exactly what a test writes down: slow, silent,
+// lying and breaking servers included.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace test_support {
+
+class HttpServer;
+
+// What the server does on one connection once the request is there: the steps in the order of the
+// calls; then it closes the connection in good order. Without any step it just closes.
+class Reply {
+  public:
+    // The usual replies: a head with the length of `body` and "Connection: close", and the body.
+    static Reply Ok(const std::string& body) { return Status(200, body); }
+    static Reply Status(int code, const std::string& body, const std::string& headers = "");
+    static Reply Redirect(const std::string& location);
+    // A head of code 200 that announces `length`, any text or "" for none; and in one piece with it
+    // the beginning of a body.
+    static Reply Head(const std::string& length, const std::string& body = "");
+
+    // Sends `bytes` at once, or at about that many bytes per second.
+    Reply& Send(const std::string& bytes, std::size_t bytesPerSecond = 0);
+    // Sends blanks at that rate until the client goes.
+    Reply& Stream(std::size_t bytesPerSecond);
+    Reply& Pause(std::chrono::milliseconds time);
+    // Stays silent until the client goes.
+    Reply& Silence();
+    // Breaks the connection with a reset. What was sent just before may be lost with it: pause
+    // first.
+    Reply& Reset();
+
+  private:
+    friend class HttpServer;
+    // Does one thing on a connection; false when the connection is of no more use.
+    using Step = std::function<bool(HttpServer& server, int connection)>;
+    Reply& Add(Step step);
+    std::vector<Step> steps_;
+};
+
+// Listens on 127.0.0.1, on a port the system picks. Each connection carries one request and has a
+// thread of its own; all threads have ended when the destructor returns. Any thread may call.
+class HttpServer {
+  public:
+    struct Request {
+        std::string text;  // to the byte, up to the empty line
+        std::chrono::steady_clock::time_point arrived;
+    };
+    // Chooses the reply to a request from its text and its number, the first is 0. It is called on
+    // the connection's thread.
+    using Script = std::function<Reply(const std::string& request, std::size_t number)>;
+
+    explicit HttpServer(Script script);
+    // One reply per request; the last one repeats.
+    explicit HttpServer(std::vector<Reply> replies);
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+    int Port() const { return port_; }
+    // "http://127.0.0.1:PORT" and `path`.
+    std::string Url(const std::string& path = "/file") const;
+    std::vector<Request> Requests() const;
+    std::size_t RequestCount() const { return Requests().size(); }
+
+  private:
+    friend class Reply;
+    void Accept();
+    void Serve(int connection);
+    // Both false when the connection is of no more use.
+    bool Send(int connection, const std::string& bytes, std::size_t bytesPerSecond);
+    bool Wait(std::chrono::milliseconds time);
+
+    const Script script_;
+    int listener_ = -1;
+    int port_ = 0;
+    std::thread acceptor_;
+    mutable std::mutex mutex_;  // guards the rest
+    std::condition_variable ending_;
+    bool stop_ = false;
+    std::vector<Request> requests_;
+    std::list<int> connections_;
+    std::vector<std::thread> servants_;  // one per connection
+};
+
+}  // namespace test_support

@@ -1,0 +1,89 @@
+// One run of the real worker program under a test that plays its manager: the test has the section
+// and the lock and meets the worker at the binary interface only.
+#pragma once
+
+#include <semaphore.h>
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "TaskMan/taskcontext.h"
+#include "support/helpers.h"
+
+namespace test_support {
+
+// Makes a section of its own with mode 0600, all zero but for a constructed record that carries
+// `id` in slot `index`; and the lock of that name. Everything is removed at the end, a worker that
+// still runs is killed. For one thread, but for UnderLock() and Stop().
+class WorkerRun {
+  public:
+    explicit WorkerRun(int index = 2, const std::string& id = UniqueName("task"));
+    ~WorkerRun();
+    WorkerRun(const WorkerRun&) = delete;
+    WorkerRun& operator=(const WorkerRun&) = delete;
+
+    // The live slot: to be filled before the start, and looked at afterwards.
+    tagTaskContext& Slot(int index) const;
+    tagTaskContext& Slot() const { return Slot(index_); }
+    // Fills the slot with a download (command 1) of `url`: 3 tries without pauses into Output().
+    void Request(const std::string& url);
+    // Path that Request() gives, in the worker's working directory.
+    std::string Output() const { return directory_.Path("output"); }
+    const std::string& SectionName() const { return section_; }
+
+    // What the worker gets: task id, slot index, number of the manager; and in addition to the
+    // environment of the test "NAME=value".
+    std::vector<std::string> arguments, environment;
+
+    void Start();
+    pid_t Pid() const { return pid_; }
+    // Waits for the worker's end; false when it does not come.
+    bool Wait();
+    // Start() and Wait(); how it ended.
+    std::string Run();
+    // "exit 0", "signal 6", or "running".
+    std::string End() const;
+    // What the worker wrote to standard error.
+    std::string Errors() const { return ReadFile(directory_.Path("stderr")); }
+
+    struct Report {
+        int code;
+        double value;  // of the codes 4, 5 and 10; else 0
+    };
+    // Waits as well, but takes and clears the state bits all the time, as a manager does; `reports`
+    // has what they say, in ascending order of codes for each taking.
+    bool WaitCollecting();
+    std::vector<Report> reports;
+
+    // Calls `step` with the live slot while holding the task's lock. Throws when the lock cannot be
+    // had by the deadline.
+    void UnderLock(const std::function<void(tagTaskContext&)>& step) const;
+    // Asks the worker to stop.
+    void Stop() const;
+    // Value of the lock, also when its name is gone: 1 when it is free and sound.
+    int LockValue() const;
+    // Whether the bytes outside the slot are what they were at Start().
+    bool RestIntact() const;
+
+  private:
+    void Collect();
+    bool Ended();
+
+    const int index_;
+    const std::string id_;
+    const int manager_;
+    const std::string section_;
+    TempDir directory_;
+    char* mapping_ = nullptr;
+    sem_t* lock_ = nullptr;
+    std::string atStart_;  // all bytes of the section
+    pid_t pid_ = -1;
+    int status_ = -1;  // as waitpid tells; -1 while the worker runs
+};
+
+// "" when two slots are equal to the byte, else where they differ first.
+std::string Difference(const tagTaskContext& actual, const tagTaskContext& expected);
+
+}  // namespace test_support
