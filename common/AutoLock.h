@@ -15,6 +15,7 @@ class TS_SCOPED_CAPABILITY AutoLock : private Uncopyable {
     // Releases the mutex if it is still held, also when an exception leaves the scope.
     virtual ~AutoLock() TS_RELEASE();
 
+    // Neither looks whether the mutex is held: each is for its turn.
     void Lock() TS_ACQUIRE();
     void UnLock() TS_RELEASE();
 

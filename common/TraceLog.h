@@ -1,4 +1,4 @@
-// A named log. It carries its name; nothing is written yet by any module.
+// A log that carries a name. It offers nothing but that.
 #pragma once
 
 #include <string>

@@ -27,7 +27,8 @@ bool FieldEmpty(const char (&field)[Width]) {
     return field[0] == '\0';
 }
 
-// Zero-fills the field, then stores as much of `text` as leaves room for a terminator.
+// Zero-fills the field, then stores as much of `text`, which lies elsewhere, as leaves room for a
+// terminator.
 template <std::size_t Width>
 void SetField(char (&field)[Width], std::string_view text) {
     std::memset(field, 0, Width);

@@ -210,9 +210,13 @@ class GetRun {
         const std::string out = scratch_.Path("out");
         const std::string err = scratch_.Path("err");
         const std::string directory = directory_.Path();
+        for (const std::string& name : platform::SharedMemoryNames()) strangers_.insert(name);
         const winsize size{24, static_cast<unsigned short>(columns), 0, 0};
         pid_ = columns > 0 ? forkpty(&terminal_, nullptr, nullptr, &size) : fork();
         if (pid_ == 0) {
+            // Whoever runs the tests in the background has these ignored, and the program would
+            // obey.
+            for (const int number : {SIGINT, SIGHUP}) signal(number, SIG_DFL);
             if (output == -1) output = open(out.c_str(), O_WRONLY | O_CREAT, 0600);
             dup2(output, STDOUT_FILENO);
             if (columns == 0) dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
@@ -262,6 +266,7 @@ class GetRun {
         std::snprintf(id, sizeof id, "%06x", static_cast<unsigned>(pid_));
         std::vector<std::string> mine;
         for (const std::string& name : platform::SharedMemoryNames()) {
+            if (strangers_.count(name) > 0) continue;
             if (name == SHARE_MEM_NAME + ("_" + std::to_string(pid_)) ||
                 name.find(std::string("sem.") + id) == 0) {
                 mine.push_back(name);
@@ -299,6 +304,7 @@ class GetRun {
 
     TempDir directory_;
     TempDir scratch_;
+    std::set<std::string> strangers_;  // names in shared memory that were there before
     pid_t pid_ = -1;
     int status_ = -1;
     int terminal_ = -1;

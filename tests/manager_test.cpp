@@ -30,10 +30,6 @@ struct Outcome {
     double size = 0.0;
 };
 
-std::string SectionName() {
-    return std::string(SHARE_MEM_NAME) + "_" + std::to_string(getpid());
-}
-
 int OpenDescriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return static_cast<int>(std::distance(begin(all), end(all)));
@@ -52,7 +48,7 @@ class ManagerTest : public testing::Test {
     }
     ~ManagerTest() override {
         EndTaskManager();
-        EXPECT_EQ(-1, shm_open(SectionName().c_str(), O_RDONLY, 0));
+        EXPECT_EQ(-1, shm_open(SectionName(getpid()).c_str(), O_RDONLY, 0));
         for (const auto& [id, outcome] : outcomes_) {
             EXPECT_EQ(SEM_FAILED, sem_open(id.c_str(), 0)) << id;
         }
@@ -174,7 +170,7 @@ TEST_F(ManagerTest, RefusesWhatItCannotAccept) {
     EXPECT_EQ(-1, StopTask("nobody"));
     for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
         const std::string name = entry.path().filename();
-        if (name != SectionName() && name != "sem." + live) continue;
+        if (name != SectionName(getpid()) && name != "sem." + live) continue;
         struct stat status {};
         stat(entry.path().c_str(), &status);
         EXPECT_EQ(0600U, status.st_mode & 0777U) << name;
@@ -283,13 +279,13 @@ TEST(Manager, TellsWhyItCannotStart) {
         std::string reason;
         // A section that was left behind, and no room for a new one.
         tagVideoInfoSection old{};
-        ASSERT_EQ(0, InitShareMem(&old, SectionName().c_str()));
+        ASSERT_EQ(0, InitShareMem(&old, SectionName(getpid()).c_str()));
         signal(SIGXFSZ, SIG_IGN);
         const rlimit small{4096, RLIM_INFINITY};
         setrlimit(RLIMIT_FSIZE, &small);
         EXPECT_EQ(-1, StartTaskManager("w", "", reason));
         EXPECT_EQ("cannot create the task section: File too large", reason);
-        EXPECT_EQ(-1, shm_open(SectionName().c_str(), O_RDONLY, 0));
+        EXPECT_EQ(-1, shm_open(SectionName(getpid()).c_str(), O_RDONLY, 0));
         EXPECT_EQ(-1, StartTaskManager("w", std::string(1025, 'd').c_str(), reason));
         EXPECT_EQ(-1, EndTaskManager());
     });

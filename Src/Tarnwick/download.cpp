@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr const char* kSource = "Src/Tarnwick/tarnwick";
 constexpr std::size_t kStreamBuffer = 8192;
 // The largest receive buffer of libcurl: half the processor time per byte of its default.
 constexpr long kReceiveBuffer = 512L * 1024;
@@ -43,14 +42,17 @@ class OutputFile {
         }
         stream_ = std::fopen(path.c_str(), "wb+");
         if (stream_ == nullptr) return false;
-        std::fseek(stream_, 0, SEEK_SET);
         buffer_ = std::make_unique<char[]>(kStreamBuffer);
         std::setvbuf(stream_, buffer_.get(), _IOFBF, kStreamBuffer);
         return true;
     }
 
-    // False when what was written before cannot reach the file.
-    bool Rewind() { return std::fseek(stream_, 0, SEEK_SET) == 0; }
+    // Goes back to the first byte. What a full disk has not taken of the try before is given up: it
+    // comes again. False when the position cannot be set; a device without positions needs none.
+    bool Rewind() {
+        static_cast<void>(std::fflush(stream_));
+        return std::fseek(stream_, 0, SEEK_SET) == 0 || errno == ESPIPE;
+    }
 
     // False when something of the file did not reach the disk. On a full disk it is the flush that
     // says so: the close that follows succeeds.
@@ -80,19 +82,18 @@ void SetUpDownload(CURL* curl, const tagTaskContext& task, FILE* stream) {
     curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBuffer);
 }
 
-// Runs the tries. kEnded means that a try succeeded, that the process ends or that no try was
-// allowed: the response code decides then.
+// Runs the tries. kDone is for the final check to judge: a try succeeded, the process ends, or no
+// try was allowed.
 TryStep RunTries(CURL* curl, const tagTaskContext& task, OutputFile& output) {
     while (g_TryCount < task.nTryCount) {
-        // Bytes of the try before that still wait for room on the disk make the try fail: the
-        // stream would go on behind them.
         const bool rewound = output.Rewind();
         g_Progress = 0.0;
-        if (rewound && curl_easy_perform(curl) == CURLE_OK) return TryStep::kEnded;
+        if (rewound && curl_easy_perform(curl) == CURLE_OK) return TryStep::kDone;
         const TryStep step = AfterFailedTry(task);
+        if (step == TryStep::kEnded) return TryStep::kDone;
         if (step != TryStep::kAgain) return step;
     }
-    return TryStep::kEnded;
+    return TryStep::kDone;
 }
 
 // The final check of a download that was neither stopped nor used up its tries.
@@ -107,9 +108,9 @@ int ReportFinished(CURL* curl) {
 }  // namespace
 
 int DownloadVideo(void* curl, tagTaskContext* taskCon) {
-    assertion::Require(taskCon != nullptr, "DownloadVideo", kSource, "taskCon");
-    assertion::Require(curl != nullptr, "DownloadVideo", kSource, "NULL != curl");
-    assertion::Require(!FieldEmpty(taskCon->szDownloadUrl), "DownloadVideo", kSource,
+    assertion::Require(taskCon != nullptr, "DownloadVideo", kWorkerSource, "taskCon");
+    assertion::Require(curl != nullptr, "DownloadVideo", kWorkerSource, "NULL != curl");
+    assertion::Require(!FieldEmpty(taskCon->szDownloadUrl), "DownloadVideo", kWorkerSource,
                        "0 < strlen( taskCon->szDownloadUrl )");
     if (g_Exit) return 0;
     SetProxy(curl, *taskCon);
@@ -125,8 +126,8 @@ int DownloadVideo(void* curl, tagTaskContext* taskCon) {
     ClampTries(*taskCon);
 
     TryStep outcome = RunTries(curl, *taskCon, output);
-    if (!output.Close() && outcome == TryStep::kEnded) outcome = TryStep::kUsedUp;
-    if (outcome == TryStep::kEnded) return ReportFinished(curl);
+    if (!output.Close() && outcome == TryStep::kDone) outcome = TryStep::kUsedUp;
+    if (outcome == TryStep::kDone) return ReportFinished(curl);
     ReportEnd(outcome, *taskCon);
     return 0;
 }

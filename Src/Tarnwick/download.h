@@ -8,10 +8,12 @@
 // Downloads `taskCon`'s address into its output path, from the first byte with every try, and
 // reports the outcome in the slot: code 3 (the transfer ended with response code 200), 8 (a stop
 // was asked) or a failure code. Nothing is reported when g_Exit was set before the first try. No
-// outcome deletes the file, and a try never truncates it. Returns 0, or -1 when a transfer that
-// ended did not end with response code 200. Clamps nTryCount and nTryInterval of `taskCon`.
+// outcome deletes the file, and a try never truncates it. Returns 0, or -1 when it was neither
+// stopped nor out of tries and yet has no response code 200. Clamps nTryCount and nTryInterval of
+// `taskCon`.
 //
-// `curl` is the handle of the caller, who releases it. Job thread only.
+// `curl` is the handle of the caller, who releases it. Neither argument is null, nor the address
+// empty: that fails the standard assertion. Job thread only.
 int DownloadVideo(void* curl, tagTaskContext* taskCon);
 
 // Write callback of the download; `userdata` is the output's FILE. Returns the number of items

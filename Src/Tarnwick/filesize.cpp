@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr const char* kSource = "Src/Tarnwick/tarnwick";
-
 std::size_t OnProbeData(char* data, std::size_t size, std::size_t count, void* handle) noexcept {
     return KeepExceptions(kBreakOff,
                           [&] { return GetFileSize_Callback(data, size, count, handle); });
@@ -50,15 +48,15 @@ std::uint64_t GetFileSize(void* curl, tagTaskContext* taskCon) {
     if (curl == nullptr) {
         own.reset(curl_easy_init());
         curl = own.get();
-        assertion::Require(curl != nullptr, "GetFileSize", kSource, "NULL != curl");
+        assertion::Require(curl != nullptr, "GetFileSize", kWorkerSource, "NULL != curl");
     }
-    assertion::Require(!FieldEmpty(taskCon->szDownloadUrl), "GetFileSize", kSource,
+    assertion::Require(!FieldEmpty(taskCon->szDownloadUrl), "GetFileSize", kWorkerSource,
                        "0 < strlen( taskCon->szDownloadUrl )");
     SetUpProbe(curl, *taskCon);
     ClampTries(*taskCon);
     Probe(curl, *taskCon);
     if (g_FileSize == 0) return 0;
-    assertion::Require(OwnsSlot(), "GetFileSize", kSource, "false");
+    assertion::Require(OwnsSlot(), "GetFileSize", kWorkerSource, "false");
     ReportValue(&tagTaskContext::dFileSize, static_cast<double>(g_FileSize),
                 DOWNLOAD_STATE_FILE_SIZE);
     return g_FileSize;
@@ -67,7 +65,7 @@ std::uint64_t GetFileSize(void* curl, tagTaskContext* taskCon) {
 std::size_t GetFileSize_Callback(void* /*ptr*/, std::size_t size, std::size_t nmemb,
                                  void* userdata) {
     if (size == 0 && nmemb == 0) return 0;
-    assertion::Require(userdata != nullptr, "GetFileSize_Callback", kSource, "NULL != curl");
+    assertion::Require(userdata != nullptr, "GetFileSize_Callback", kWorkerSource, "NULL != curl");
     CURL* curl = userdata;
     const std::size_t accepted = size * nmemb;
     long code = 0;

@@ -13,7 +13,8 @@
 // no try was allowed. Clamps nTryCount and nTryInterval of `taskCon`.
 //
 // `curl` is a handle of the caller, which keeps the options set here; or null: the probe then uses
-// one of its own. Job thread only.
+// one of its own. The address must not be empty, and a slot that is no longer the task's ends the
+// process: standard assertions. Job thread only.
 std::uint64_t GetFileSize(void* curl, tagTaskContext* taskCon);
 
 // Write callback of the probe; `userdata` is the transfer's handle. Returns size * nmemb to let the

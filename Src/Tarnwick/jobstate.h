@@ -1,8 +1,8 @@
 // The state of the worker process: what it was started with, its task, and its transfers.
 //
 // A worker carries out one job. The main thread fills the first two groups before it starts the job
-// thread; from then on only the job thread, on which libcurl's callbacks run too, touches anything
-// here but the two flags g_exit_download and g_Exit, which either thread may read at any time.
+// thread, on which libcurl's callbacks run too; until that one sets g_exit_download, its last step,
+// only the job thread touches the task and the transfers. Either thread may read the flag any time.
 #pragma once
 
 #include <pthread.h>
@@ -12,6 +12,9 @@
 #include <string>
 
 #include "TaskMan/taskcontext.h"
+
+// The source that the worker's assertions name, all but main's.
+constexpr const char* kWorkerSource = "Src/Tarnwick/tarnwick";
 
 // ---- The command line and what follows from it.
 

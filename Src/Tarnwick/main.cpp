@@ -2,19 +2,15 @@
 // task: that is told in the task's slot.
 //
 //   tarnwick TASK_ID SLOT_INDEX MANAGER_PID
-#include <array>
 #include <cstdlib>
 
 #include "Tarnwick/jobstate.h"
 #include "Tarnwick/tarnwick.h"
 #include "Tarnwick/transfer.h"
 #include "common/assertion.h"
-#include "common/stringutility.h"
 #include "common/sysutility.h"
 
 namespace {
-
-constexpr unsigned kNameLimit = 63;
 
 // A number as atoi reads it, for texts of any length.
 int Number(const char* text) {
@@ -35,11 +31,9 @@ int main(int argc, char** argv) {
     g_WorkPath = sysutility::GetCurrentPath(true);
     g_LogConfigFile = g_WorkPath + LOG_FILE;
     LoadCurlLib();
-    std::array<char, 64> name{};
     assertion::Require(argc >= 4, "main", "Src/Tarnwick/main", "false", 61);
     ReadArguments(argv);
-    strutil::vsnpf(name.data(), kNameLimit, "%s_%d", SHARE_MEM_NAME, g_ParentPid);
-    g_ShareName = name.data();
+    g_ShareName = SectionName(g_ParentPid);
     ParseTask(g_TaskID.c_str());
     UnLoadCurlLib();
     exit(0);

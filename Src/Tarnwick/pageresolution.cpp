@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <memory>
 #include <string_view>
-#include <vector>
 
 #include "Tarnwick/jobstate.h"
 #include "Tarnwick/progress.h"
@@ -81,7 +80,7 @@ long ResponseCode(CURL* curl) {
     return curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK ? code : 0;
 }
 
-// One stage's tries. kAgain means that the answer is in `response`; kEnded that the process ends.
+// One stage's tries. kDone means that the answer, of code 200, is in `response`.
 TryStep Fetch(CURL* curl, const tagTaskContext& task, const std::string& address,
               std::string& response) {
     // Answers other than 200 are bounded over both stages; tries that receive bytes are not.
@@ -92,7 +91,7 @@ TryStep Fetch(CURL* curl, const tagTaskContext& task, const std::string& address
         response.clear();
         const bool transferred = curl_easy_perform(curl) == CURLE_OK;
         const long code = ResponseCode(curl);
-        if (transferred && code == 200) return TryStep::kAgain;
+        if (transferred && code == 200) return TryStep::kDone;
         if (const TryStep step = EndedOrStopped(); step != TryStep::kAgain) return step;
         if (code != 200 && ++httpErrorCnt >= task.nTryCount) return TryStep::kUsedUp;
         if (CountFailedTry(task) == TryStep::kUsedUp) return TryStep::kUsedUp;
@@ -116,14 +115,17 @@ std::string TextOfPage(CURL* curl, const std::string& response) {
 
 // Whether the text has lines and none of them tells of a failure.
 bool IsGood(const std::string& text) {
-    const std::vector<std::string> lines = strutil::split(text, kLineEnd);
-    for (const std::string& line : lines) {
-        const std::string trimmed = strutil::trim(line);
-        if (trimmed.starts_with(kStatusKey) && strutil::getContent(trimmed, kStatusKey) == "fail") {
+    bool hasLines = false;
+    // One line at a time: a long answer may have many millions.
+    strutil::Tokenizer lines(text, kLineEnd);
+    while (lines.nextToken()) {
+        hasLines = true;
+        const std::string line = strutil::trim(lines.m_token);
+        if (line.starts_with(kStatusKey) && strutil::getContent(line, kStatusKey) == "fail") {
             return false;
         }
     }
-    return !lines.empty();
+    return hasLines;
 }
 
 bool HoldsFormatMap(const std::string& text) {
@@ -132,28 +134,21 @@ bool HoldsFormatMap(const std::string& text) {
 }
 
 // Fetches the information and, when the service does not give it, the page. The text made last is
-// in `text`; kAgain means that it is good, kUsedUp that it is not or could not be had.
+// in `text`; kDone means that it is good, kUsedUp that it is not or could not be had.
 TryStep Resolve(CURL* curl, const tagTaskContext& task, const std::string& videoId,
                 std::string& response, std::string& text) {
     std::string address(kSite);
     address.append(kInformationService).append(videoId);
-    const auto fetch = [&](const std::string& from) {
-        const TryStep step = Fetch(curl, task, from, response);
-        if (step != TryStep::kAgain) return step;
-        if (g_Exit) return TryStep::kEnded;
-        return ResponseCode(curl) == 200 ? TryStep::kAgain : TryStep::kUsedUp;
-    };
-
-    TryStep step = fetch(address);
-    if (step != TryStep::kAgain) return step;
+    TryStep step = Fetch(curl, task, address, response);
+    if (step != TryStep::kDone) return step;
     text = TextOfInformation(response);
-    if (IsGood(text)) return TryStep::kAgain;
+    if (IsGood(text)) return TryStep::kDone;
     if (g_Exit) return TryStep::kEnded;
 
-    step = fetch(FieldText(task.szOrgUrl));
-    if (step != TryStep::kAgain) return step;
+    step = Fetch(curl, task, FieldText(task.szOrgUrl), response);
+    if (step != TryStep::kDone) return step;
     text = TextOfPage(curl, response);
-    return IsGood(text) ? TryStep::kAgain : TryStep::kUsedUp;
+    return IsGood(text) ? TryStep::kDone : TryStep::kUsedUp;
 }
 
 // Reports what came of the resolution. Returns the text when it was published.
@@ -163,7 +158,7 @@ std::string Finish(TryStep outcome, const tagTaskContext& task, const std::strin
         SendStateMSG(DOWNLOAD_STATE_STOPPED);
     } else if (text.size() > kLongestText) {
         SendStateMSG(DOWNLOAD_STATE_INFO_TOO_LONG);
-    } else if (outcome != TryStep::kAgain || !HoldsFormatMap(text)) {
+    } else if (outcome != TryStep::kDone || !HoldsFormatMap(text)) {
         SendStateMSG(FailureCode(task));
     } else if (OwnsSlot()) {
         ReportInfoText(text);

@@ -38,7 +38,7 @@ std::uint64_t SecondsSince(std::uint64_t then, std::uint64_t now) {
 }
 
 void Report(double tagTaskContext::*field, double value, tagDownloadStateCode code) {
-    assertion::Require(OwnsSlot(), "progress_callback", "Src/Tarnwick/tarnwick", "false");
+    assertion::Require(OwnsSlot(), "progress_callback", kWorkerSource, "false");
     ReportValue(field, value, code);
 }
 
@@ -136,7 +136,8 @@ int progress_callback(void* /*clientp*/, double dltotal, double dlnow, double /*
         g_memory.uTotal = total;
         return kGoOn;
     }
-    // Before anything else: a server that accepts and stays silent shows 0 of 0 until it answers.
+    // Before the return below: a server that accepts and stays silent shows 0 of 0 until it
+    // answers.
     if (StopRequested() || g_Exit) return kStopTransfer;
     if (received == total && g_Progress == 0.0) return kGoOn;
     NoteFirstBytes(received);

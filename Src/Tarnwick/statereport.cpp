@@ -14,13 +14,13 @@ tagTaskContext& LiveSlot() {
     return *SlotAt(g_VideoInfoSection, g_TaskIndex);
 }
 
-// Stores something in the slot, sets the bit of `code`; the step that all reports share.
+// Stores something in the slot and sets the bit of `code`: the step that all reports of values
+// share.
 template <class Store>
-void LockedUpdate(tagTaskContext& slot, Threading::Mutex* lock, tagDownloadStateCode code,
-                  Store store) {
-    Threading::AutoLock hold(lock);
-    store(slot);
-    SetStateBit(slot, code);
+void LockedUpdate(tagDownloadStateCode code, Store store) {
+    Threading::AutoLock hold(g_TaskInfo.mutexLock);
+    store(LiveSlot());
+    SetStateBit(LiveSlot(), code);
 }
 
 }  // namespace
@@ -34,22 +34,19 @@ int SendStateMSG(tagDownloadStateCode code) {
     if (!OwnsSlot()) {
         // A semaphore that its holder takes to the grave would block the manager.
         hold.UnLock();
-        assertion::Fail("SendStateMSG", "Src/Tarnwick/tarnwick", "false", 990);
+        assertion::Fail("SendStateMSG", kWorkerSource, "false", 990);
     }
     SetStateBit(LiveSlot(), code);
     return 0;
 }
 
 void ReportValue(double tagTaskContext::*field, double value, tagDownloadStateCode code) {
-    LockedUpdate(LiveSlot(), g_TaskInfo.mutexLock, code,
-                 [&](tagTaskContext& slot) { slot.*field = value; });
+    LockedUpdate(code, [&](tagTaskContext& slot) { slot.*field = value; });
 }
 
 void ReportInfoText(const std::string& text) {
-    LockedUpdate(LiveSlot(), g_TaskInfo.mutexLock, DOWNLOAD_STATE_PARSE_FINISH,
-                 [&](tagTaskContext& slot) {
-                     std::memset(slot.szVideoInfo, 0, sizeof slot.szVideoInfo);
-                     std::memcpy(slot.szVideoInfo, text.data(),
-                                 std::min(text.size(), sizeof slot.szVideoInfo));
-                 });
+    LockedUpdate(DOWNLOAD_STATE_PARSE_FINISH, [&](tagTaskContext& slot) {
+        std::memset(slot.szVideoInfo, 0, sizeof slot.szVideoInfo);
+        std::memcpy(slot.szVideoInfo, text.data(), std::min(text.size(), sizeof slot.szVideoInfo));
+    });
 }

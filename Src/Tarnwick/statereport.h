@@ -1,7 +1,8 @@
 // Reports into the worker's live slot.
 //
-// Every report happens under the task's lock and only while the slot still carries the task's id.
-// Job thread only.
+// Every report happens under the task's lock, and is for a slot that still carries the task's id:
+// SendStateMSG checks it under the lock, who reports a value checks it right before. Job thread
+// only.
 #pragma once
 
 #include "TaskMan/taskcontext.h"

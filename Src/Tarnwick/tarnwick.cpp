@@ -4,7 +4,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <string_view>
 
@@ -20,25 +19,19 @@
 
 namespace {
 
-constexpr const char* kSource = "Src/Tarnwick/tarnwick";
-
 void RequireInParseTask(bool holds, const char* expression, int line) {
-    assertion::Require(holds, "ParseTask", kSource, expression, line);
+    assertion::Require(holds, "ParseTask", kWorkerSource, expression, line);
 }
 
-bool SectionExists(const char* name) {
-    const int descriptor = shm_open(name, O_RDONLY, 0);
-    if (descriptor != -1) close(descriptor);
-    return descriptor != -1 || errno != ENOENT;
-}
-
-// Attaches the manager's section. True when there was none: attaching has made an empty one, which
-// nobody but this process knows of.
+// Attaches the manager's section. True when there was none: this process has made an empty one
+// then, which nobody else knows of.
 bool AttachSection() {
     if (g_VideoInfoSection.hPrt != nullptr) return false;
-    const bool existed = SectionExists(g_ShareName.c_str());
+    const int made = shm_open(g_ShareName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
+    if (made != -1) close(made);
     InitShareMem(&g_VideoInfoSection, g_ShareName.c_str());
-    return !existed;
+    if (made != -1 && g_VideoInfoSection.hPrt == nullptr) shm_unlink(g_ShareName.c_str());
+    return made != -1;
 }
 
 // Takes the snapshot of the common area and of all slots, without a lock.
@@ -88,8 +81,10 @@ void StartJobThread() {
     pthread_attr_init(&attributes);
     pthread_attr_setscope(&attributes, PTHREAD_SCOPE_PROCESS);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_create(&g_pid, &attributes, ParseYoutube, &g_TaskConData);
+    const int error = pthread_create(&g_pid, &attributes, ParseYoutube, &g_TaskConData);
     pthread_attr_destroy(&attributes);
+    // Nobody would set the flag that the main thread waits for.
+    if (error != 0) g_exit_download = g_Exit = true;
 }
 
 void RunJob(CURL* curl, tagTaskContext* task) {
@@ -130,7 +125,7 @@ int ParseTask(const char* szTaskID) {
 }
 
 void* ParseYoutube(void* data) {
-    assertion::Require(data != nullptr, "ParseYoutube", kSource, "NULL != data", 3047);
+    assertion::Require(data != nullptr, "ParseYoutube", kWorkerSource, "NULL != data", 3047);
     if (CURL* curl = curl_easy_init()) {
         RunJob(curl, static_cast<tagTaskContext*>(data));
         curl_easy_cleanup(curl);

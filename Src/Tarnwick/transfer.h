@@ -1,5 +1,6 @@
 // What every transfer of the worker shares: libcurl itself, the proxy, the bound on tries, and what
-// happens after a try that failed. Job thread only, but for the first two.
+// happens after a try that failed. The first three are for the main thread, ClampTries of a number
+// for any, the rest for the job thread.
 #pragma once
 
 #include <curl/curl.h>
@@ -48,6 +49,7 @@ tagDownloadStateCode FailureCode(const tagTaskContext& task);
 
 // What follows a try.
 enum class TryStep {
+    kDone,     // the try succeeded
     kEnded,    // the process is ending: report nothing
     kStopped,  // a stop was asked: code 8
     kUsedUp,   // no tries are left: the failure code

@@ -14,10 +14,6 @@ namespace {
 
 constexpr mode_t kPrivate = 0600;
 
-std::string SectionName() {
-    return SHARE_MEM_NAME + ("_" + std::to_string(g_mainpid));
-}
-
 // Creates the section anew, private to this user, with its memory reserved: on a full system the
 // first write into it would kill the process otherwise. Returns an error number.
 int CreateSection(const std::string& name) {
@@ -34,7 +30,7 @@ int CreateSection(const std::string& name) {
 }  // namespace
 
 int OpenSection(const std::string& directory, std::string& strReason) {
-    const std::string name = SectionName();
+    const std::string name = SectionName(g_mainpid);
     if (const int error = CreateSection(name); error != 0) {
         strReason = SystemReason("cannot create the task section", error);
         return -1;
@@ -49,13 +45,13 @@ int OpenSection(const std::string& directory, std::string& strReason) {
 }
 
 void RemoveSection() {
-    UnInitShareMem(&g_VideoInfoSection, SectionName().c_str());
+    UnInitShareMem(&g_VideoInfoSection, SectionName(g_mainpid).c_str());
     if (g_VideoInfoSection.hShm != -1) close(g_VideoInfoSection.hShm);
     g_VideoInfoSection = tagVideoInfoSection{};
 }
 
 void RemoveSectionName() {
-    shm_unlink(SectionName().c_str());
+    shm_unlink(SectionName(g_mainpid).c_str());
 }
 
 std::string SystemReason(const std::string& what, int error) {

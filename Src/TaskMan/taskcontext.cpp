@@ -9,9 +9,9 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "common/TraceLog.h"
 #include "common/fieldtext.h"
 #include "common/keepstores.h"
+#include "common/platform.h"
 #include "common/stringutility.h"
 
 tagVideoInfoSection g_VideoInfoSection;
@@ -19,54 +19,34 @@ char* g_TaskCommData = nullptr;
 tagTaskContext g_TaskContext[TASK_SLOT_COUNT];
 std::atomic<bool> g_Exit{false};
 
-namespace {
-
 TraceLog::TraceLog LogOut("LOG");
 
-template <class Record>
-void SetCommonDefaults(Record& record, std::int32_t nBlockCount, std::int32_t nTries) {
-    SetField(record.szTaskID, "");
-    SetField(record.szOrgUrl, "");
-    SetField(record.szDownloadUrl, "");
-    SetField(record.szFilePath, "");
-    record.nCmd = record.nTaskKind = record.nReserved1 = record.nReserved2 = -1;
-    SetField(record.szProxyHost, "");
-    record.nProxyPort = record.nProxyType = 0;
-    SetField(record.szProxyUser, "");
-    SetField(record.szProxyPassword, "");
-    record.bUseProxy = 0;
-    record.nBlockCount = nBlockCount;
-    record.nTryCount = record.nTryInterval = nTries;
-}
+namespace {
 
 void SetDefaults(tagTaskContext& slot) {
-    SetCommonDefaults(slot, 3, 3);
-    SetField(slot.szReserved1, "");
-    SetField(slot.szReserved2, "");
-    slot.bReserved = false;
+    // The whole record, so that the padding behind bReserved carries nothing into the section.
+    std::memset(static_cast<void*>(&slot), 0, sizeof slot);
+    slot.nCmd = slot.nTaskKind = slot.nReserved1 = slot.nReserved2 = -1;
+    slot.nBlockCount = slot.nTryCount = slot.nTryInterval = 3;
     slot.nPid = -1;
-    slot.bStateChanged = 0;
-    slot.nStateBits = 0;
-    slot.dFileSize = 0.0;
     slot.dProgress = slot.dSpeed = -1.0;
     slot.nDownloadInfoTag = slot.nControl = slot.nReserved3 = -1;
-    SetField(slot.szVideoInfo, "");
-    slot.nReserved4 = 0;
     KeepStores(&slot);
 }
 
 void SetDefaults(tagTaskInfo& info, const char* id) {
-    SetCommonDefaults(info, 0, -1);
+    // The padding at the end may belong to a record that this one is the base of.
+    std::memset(static_cast<void*>(&info), 0,
+                offsetof(tagTaskInfo, pfnStateCallback) + sizeof info.pfnStateCallback);
     SetField(info.szTaskID, id);
-    info.pCallbackParam = nullptr;
-    info.pfnResultCallback = nullptr;
-    info.pfnStateCallback = nullptr;
+    info.nCmd = info.nTaskKind = info.nReserved1 = info.nReserved2 = -1;
+    info.nTryCount = info.nTryInterval = -1;
     KeepStores(&info);
 }
 
 constexpr unsigned kNameLimit = 63;
 
-std::array<char, 64> SectionName(const char* name) {
+std::array<char, 64> CutName(const char* name) {
     std::array<char, 64> buffer{};
     strutil::vsnpf(buffer.data(), kNameLimit, "%s", name == nullptr ? SHARE_MEM_NAME : name);
     return buffer;
@@ -75,9 +55,6 @@ std::array<char, 64> SectionName(const char* name) {
 }  // namespace
 
 tagTaskContext::tagTaskContext() {
-    // The whole record, so that the padding behind bReserved carries nothing of this process into
-    // the shared section.
-    std::memset(static_cast<void*>(this), 0, sizeof *this);
     SetDefaults(*this);
 }
 
@@ -104,14 +81,22 @@ tagTaskNode::~tagTaskNode() {
     KeepStores(this);
 }
 
+std::string SectionName(int nManagerPid) {
+    char name[64];
+    strutil::vsnpf(name, kNameLimit, "%s_%d", SHARE_MEM_NAME, nManagerPid);
+    return name;
+}
+
 int InitShareMem(tagVideoInfoSection* section, const char* name) {
-    section->hShm = shm_open(SectionName(name).data(), O_RDWR | O_CREAT, 0644);
+    section->hShm = shm_open(CutName(name).data(), O_RDWR | O_CREAT, 0644);
     if (section->hShm == -1) return -1;
     // An existing section has its size already, and some systems refuse to set it again.
     static_cast<void>(ftruncate(section->hShm, SHARE_MEM_SIZE) == 0);
-    // A mapping beyond the end of the section succeeds and kills the process at its first use.
+    // A mapping beyond the end of the section, or of memory that the system does not have, succeeds
+    // and kills the process at its first use.
     struct stat status {};
     if (fstat(section->hShm, &status) != 0 || status.st_size < off_t{SHARE_MEM_SIZE}) return -1;
+    if (platform::ReserveSharedMemory(section->hShm, SHARE_MEM_SIZE) != 0) return -1;
     void* mapping =
         mmap(nullptr, SHARE_MEM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, section->hShm, 0);
     if (mapping == MAP_FAILED) return -1;
@@ -123,7 +108,7 @@ int InitShareMem(tagVideoInfoSection* section, const char* name) {
 int UnInitShareMem(tagVideoInfoSection* section, const char* name) {
     section->pCommDataPrt = nullptr;
     if (section->hPrt != nullptr) munmap(section->hPrt, SHARE_MEM_SIZE);
-    shm_unlink(SectionName(name).data());
+    shm_unlink(CutName(name).data());
     return 0;
 }
 

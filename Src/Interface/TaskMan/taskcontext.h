@@ -4,7 +4,8 @@
 // A task manager owns one section of POSIX shared memory. It holds eight slots, one per task, and a
 // common area. TM below is the task manager, W the worker that serves the slot. Every write of a
 // worker, and every take-and-clear of the manager, happens under the task's named lock, a
-// Threading::Mutex whose name is the task id; the one exception is nControl, which W reads without.
+// Threading::Mutex whose name is the task id. Without the lock W reads nControl, and the request
+// once before it claims the slot.
 //
 // All numbers are little-endian, all texts zero-padded byte arrays. A reader treats texts as
 // unterminated (common/fieldtext.h): the other side may have died in the middle of one.
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/TraceLog.h"
 #include "common/mutex.h"
 
 constexpr int TASK_SLOT_COUNT = 8;
@@ -188,13 +190,16 @@ struct tagVideoInfoSection {
 
 // Attaches the section `name` (null: SHARE_MEM_NAME), creating it with mode 0644 when there is
 // none; an existing one keeps its contents. Names are cut to 61 bytes. Returns 0, or -1 when the
-// section cannot be opened (hShm is -1 then) or not be mapped at its full size; the pointers then
-// stay as they were.
+// section cannot be opened (hShm is -1 then) or its memory not be had or mapped at its full size
+// (hShm is open then and the caller's); the pointers stay as they were.
 int InitShareMem(tagVideoInfoSection* section, const char* name);
 
 // Detaches and removes the name. The descriptor stays open and hPrt keeps its value, which must not
 // be used any more. Always 0.
 int UnInitShareMem(tagVideoInfoSection* section, const char* name);
+
+// Name of the section of the manager with that process id.
+std::string SectionName(int nManagerPid);
 
 // Slot `nIndex` of an attached section; null when nothing is attached or the index is not 0 to 7.
 // Every address of a slot is computed here.
@@ -220,6 +225,9 @@ void SetStateBit(tagTaskContext& slot, tagDownloadStateCode code);
 // The slot's control word, which the other side may write at any time.
 std::int32_t LoadControl(const tagTaskContext& slot);
 void StoreControl(tagTaskContext& slot, std::int32_t nControl);
+
+// The log of the task module.
+extern TraceLog::TraceLog LogOut;
 
 // The section this process has attached: the manager its own, a worker its manager's. Set before
 // any task exists.
