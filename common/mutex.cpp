@@ -26,6 +26,9 @@ Mutex::Mutex(const char* name)
     assertion::Require(m_NamedLock != nullptr, "Mutex", kSource, kHasSemaphore, 60);
 }
 
+Mutex::Mutex(const char* name, sem_t* opened)
+    : m_nInitValue(1), m_strName(name), m_bNamed(true), m_NamedLock(opened), m_Mutex() {}
+
 Mutex::~Mutex() {
     if (!m_bNamed) {
         pthread_mutex_destroy(&m_Mutex);

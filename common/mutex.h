@@ -23,6 +23,10 @@ class TS_CAPABILITY("mutex") Mutex {
     // opened ends the process with the standard assertion.
     explicit Mutex(const char* name);
 
+    // The named form over a semaphore of that name that is open already; it is this object's from
+    // now on. Nothing can fail.
+    Mutex(const char* name, sem_t* opened);
+
     // Closes the semaphore and removes its name; a process that still has it open goes on using it.
     virtual ~Mutex();
 

@@ -2,6 +2,7 @@
 // platform_macos.cpp). Nothing else in the tree asks on which system it runs.
 #pragma once
 
+#include <pthread.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -22,6 +23,10 @@ void CloseDescriptorsOnExec();
 // Reserves the memory behind the first `size` bytes of a shared-memory object, so that a later
 // write cannot fail. Returns 0 or an error number (ENOSPC when there is no room).
 int ReserveSharedMemory(int descriptor, off_t size);
+
+// Waits on a condition, whose mutex the caller holds, for at most `milliseconds` of a clock that is
+// never set. Returns 0 when woken, else an error number.
+int WaitCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, int milliseconds);
 
 // Names of all shared-memory objects of the system, without a leading "/"; empty where the system
 // cannot list them.

@@ -5,10 +5,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <utility>
 
 #include "common/platform.h"
@@ -31,7 +33,8 @@ void CloseDescriptorsOnExec() {
     // Only flags are set: a child whose exec fails still has what it needs to say so.
     constexpr unsigned kCloseRangeCloexec = 4;
     if (syscall(SYS_close_range, 3U, UINT_MAX, kCloseRangeCloexec) == 0) return;
-    const long limit = sysconf(_SC_OPEN_MAX);
+    // Kernels without the call; the limit may be a number of no use.
+    const long limit = std::min(sysconf(_SC_OPEN_MAX), 65536L);
     for (int fd = 3; fd < limit; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
 }
 
@@ -41,6 +44,15 @@ int ReserveSharedMemory(int descriptor, off_t size) {
         error = posix_fallocate(descriptor, 0, size);
     } while (error == EINTR);
     return error;
+}
+
+int WaitCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, int milliseconds) {
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    const long nanoseconds = deadline.tv_nsec + milliseconds % 1000 * 1'000'000L;
+    deadline.tv_sec += milliseconds / 1000 + nanoseconds / 1'000'000'000;
+    deadline.tv_nsec = nanoseconds % 1'000'000'000;
+    return pthread_cond_clockwait(condition, mutex, CLOCK_MONOTONIC, &deadline);
 }
 
 std::vector<std::string> SharedMemoryNames() {

@@ -23,6 +23,11 @@ int ReserveSharedMemory(int, off_t) {
     return 0;  // the system backs shared memory by anonymous memory; there is nothing to reserve
 }
 
+int WaitCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, int milliseconds) {
+    const timespec time{milliseconds / 1000, milliseconds % 1000 * 1'000'000L};
+    return pthread_cond_timedwait_relative_np(condition, mutex, &time);
+}
+
 std::vector<std::string> SharedMemoryNames() {
     return {};
 }

@@ -13,7 +13,6 @@
 #define TS_SCOPED_CAPABILITY TS_ATTRIBUTE(scoped_lockable)
 #define TS_GUARDED_BY(lock) TS_ATTRIBUTE(guarded_by(lock))
 #define TS_REQUIRES(...) TS_ATTRIBUTE(requires_capability(__VA_ARGS__))
-#define TS_EXCLUDES(...) TS_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define TS_ACQUIRE(...) TS_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define TS_RELEASE(...) TS_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define TS_NO_ANALYSIS TS_ATTRIBUTE(no_thread_safety_analysis)

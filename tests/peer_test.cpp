@@ -99,8 +99,8 @@ class PeerTest : public testing::Test {
           tinyproxy_([this](int port) { return Tinyproxy(port); }),
           microsocks_([](int port) {
               return std::vector<std::string>{
-                  "microsocks",         "-q", "-i",   "127.0.0.1", "-p",
-                  std::to_string(port), "-u", "user", "-P",        "pass"};
+                  "microsocks", "-i",   "127.0.0.1", "-p",  std::to_string(port),
+                  "-u",         "user", "-P",        "pass"};
           }) {}
 
     std::vector<std::string> Nginx(int port) {

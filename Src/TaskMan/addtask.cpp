@@ -74,10 +74,12 @@ Watch* TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, std::strin
         return nullptr;
     }
     g_TaskFileSize[taken->nTaskIndex] = 0.0;
+    g_TaskEndTaken[taken->nTaskIndex] = false;
     taken->bUsed = true;
     taken->id = id;
     taken->path = path;
     taken->nCmd = taskinfo.nCmd;
+    taken->nTaskKind = taskinfo.nTaskKind;
     taken->pCallbackParam = taskinfo.pCallbackParam;
     taken->pfnResultCallback = taskinfo.pfnResultCallback;
     taken->pfnStateCallback = taskinfo.pfnStateCallback;
@@ -85,25 +87,27 @@ Watch* TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, std::strin
 }
 
 // Makes the task's semaphore anew: one that is found may have been left taken, or be a stranger's.
-// Returns an error number.
-int MakeSemaphore(Watch& watch) {
+// Opens it twice, for the watch and for the node, which closes its handle by itself. Returns the
+// node's, or null with errno set.
+sem_t* MakeSemaphore(Watch& watch) {
     sem_unlink(watch.id.c_str());
-    sem_t* semaphore = sem_open(watch.id.c_str(), O_CREAT | O_EXCL, kPrivate, 1U);
-    if (semaphore == SEM_FAILED) return errno;
-    watch.lock = semaphore;
-    return 0;
+    sem_t* first = sem_open(watch.id.c_str(), O_CREAT | O_EXCL, kPrivate, 1U);
+    if (first == SEM_FAILED) return nullptr;
+    watch.lock = first;
+    sem_t* second = sem_open(watch.id.c_str(), 0);
+    return second == SEM_FAILED ? nullptr : second;
 }
 
 // Puts the task into its slot and into the map. All in one hold of the map lock: the scanner that
 // finds the map empty clears the slots, and a counter that is raised late may be lowered before.
-void EnterTask(Watch& watch, const tagTaskInfo& taskinfo) {
+void EnterTask(Watch& watch, const tagTaskInfo& taskinfo, sem_t* lock) {
     auto node = std::make_unique<tagTaskNode>(watch.id.c_str());
     static_cast<tagTaskInfo&>(*node) = taskinfo;
     node->nTaskIndex = watch.nTaskIndex;
     node->pCallbackParam = &watch;
     node->pfnResultCallback = OnResult;
     node->pfnStateCallback = OnState;
-    node->mutexLock = new Threading::Mutex(watch.id.c_str());
+    node->mutexLock = new Threading::Mutex(watch.id.c_str(), lock);
     const tagTaskContext request = SlotOf(taskinfo);
 
     Threading::AutoLock map(&g_access_taskmap_mutex);
@@ -142,22 +146,28 @@ void StartWorker(Watch& watch, const std::string& program) {
 
 }  // namespace
 
+void DeliverStopped(Watch& watch) {
+    OnState(&watch, watch.id.c_str(), DOWNLOAD_STATE_STOPPED, 0.0, watch.nTaskKind);
+}
+
 int AddTask(const tagTaskInfo& taskinfo, std::string& strReason) {
     strReason = RefusalOf(taskinfo);
     if (!strReason.empty()) return -1;
     Watch* watch = TakeSlot(taskinfo, OutputPath(taskinfo), strReason);
     if (watch == nullptr) return -1;
     std::string program;
+    sem_t* lock = nullptr;
     {
         Threading::AutoLock hold(&g_watch_mutex);
-        if (const int error = MakeSemaphore(*watch); error != 0) {
-            strReason = SystemReason("cannot create the task's lock", error);
+        lock = MakeSemaphore(*watch);
+        if (lock == nullptr) {
+            strReason = SystemReason("cannot create the task's lock", errno);
             FreeWatch(*watch);
             return -1;
         }
         program = g_worker_path;
     }
-    EnterTask(*watch, taskinfo);
+    EnterTask(*watch, taskinfo, lock);
     StartScanner();
     StartWorker(*watch, program);
     return 0;

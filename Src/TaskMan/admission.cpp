@@ -34,12 +34,21 @@ const char* CommandName(std::int32_t nCmd) {
     }
 }
 
+// Takes the application's handlers out of the child, so that none runs there once signals are let
+// through. What is ignored stays so, as after nohup, but SIGTERM: a worker must end by it.
+void ResetSignals() {
+    for (int number = 1; number < NSIG; ++number) {
+        struct sigaction action {};
+        if (sigaction(number, nullptr, &action) != 0) continue;
+        if (action.sa_handler != SIG_IGN || number == SIGTERM) signal(number, SIG_DFL);
+    }
+}
+
 // The child of StartProgram. Between fork and exec of a process with threads only what is safe in a
 // signal handler may be called: nothing here allocates or takes a lock.
 [[noreturn]] void ExecWorker(const tagStartParam& start) {
     platform::CloseDescriptorsOnExec();
-    // An application may ignore SIGTERM; a worker must end by it.
-    signal(SIGTERM, SIG_DFL);
+    ResetSignals();
     sigset_t mask;
     sigemptyset(&mask);
     sigaddset(&mask, SIGINT);

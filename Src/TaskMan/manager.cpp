@@ -3,9 +3,10 @@
 
 #include <algorithm>
 #include <csignal>
-#include <ctime>
+#include <cstdlib>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "TaskMan/ownsection.h"
 #include "TaskMan/taskman.h"
@@ -43,37 +44,35 @@ bool WaitFor(Clock::duration patience, Condition condition) {
 }
 
 bool NoTaskLeft() {
-    {
-        Threading::AutoLock hold(&g_access_taskmap_mutex);
-        if (!g_TaskInfo_map.empty()) return false;
-    }
+    // Delivered tasks are out of the map. Its lock is not taken: who has it may wait for a task's.
     Threading::AutoLock hold(&g_watch_mutex);
     return std::all_of(std::begin(g_Watches), std::end(g_Watches),
                        [](const Watch& watch) { return !watch.bUsed || watch.bDelivered; });
 }
 
 // Waits for the scanner's end; whether it has ended.
-bool ScannerEnded(std::chrono::seconds patience) {
-    timespec deadline{};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += patience.count();
+bool ScannerEnded(std::chrono::milliseconds patience) {
+    const Clock::time_point deadline = Clock::now() + patience;
     pthread_mutex_lock(&g_ScanThradIsExit_Lock);
-    int error = 0;
-    while (!g_ScanThradIsExit && error == 0) {
-        error = pthread_cond_timedwait(&g_ScanThradIsExit_Cond, &g_ScanThradIsExit_Lock, &deadline);
+    while (!g_ScanThradIsExit && Clock::now() < deadline) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        platform::WaitCondition(&g_ScanThradIsExit_Cond, &g_ScanThradIsExit_Lock,
+                                static_cast<int>(std::max<std::int64_t>(left, 1)));
     }
     const bool ended = g_ScanThradIsExit;
     pthread_mutex_unlock(&g_ScanThradIsExit_Lock);
     return ended;
 }
 
-// Whether the scanner has ended, by itself or because it was told to.
-bool EndScanner() {
-    if (ScannerEnded(kScannerPatience)) return true;
+// Ends the scanner, by itself or because it is told to, and the supervisor, which would start one
+// anew. Whether the scanner has ended.
+bool EndThreads() {
+    ScannerEnded(kScannerPatience);
     g_Exit = true;
-    const bool ended = ScannerEnded(kShutdownPatience);
-    g_Exit = false;
-    return ended;
+    g_supervisor_ends = true;
+    pthread_join(g_supervisor, nullptr);
+    return ScannerEnded(kShutdownPatience);
 }
 
 // Kills the workers that are still there and waits until they are gone.
@@ -89,8 +88,21 @@ void EndWorkers() {
     WaitFor(kWorkerPatience, allGone);
 }
 
-// Frees what tasks have left that did not end in time.
+std::vector<Watch*> UsedWatches() {
+    Threading::AutoLock hold(&g_watch_mutex);
+    std::vector<Watch*> used;
+    for (Watch& watch : g_Watches) {
+        if (watch.bUsed) used.push_back(&watch);
+    }
+    return used;
+}
+
+// Ends the tasks that did not end in time, and frees what all have left. No other thread of the
+// manager runs any more.
 void ForgetTasks() {
+    for (Watch* watch : UsedWatches()) {
+        if (!watch->bDelivered) DeliverStopped(*watch);
+    }
     {
         Threading::AutoLock hold(&g_access_taskmap_mutex);
         for (const auto& [id, node] : g_TaskInfo_map) delete node;
@@ -101,6 +113,14 @@ void ForgetTasks() {
     for (Watch& watch : g_Watches) {
         if (watch.bUsed) FreeWatch(watch);
     }
+}
+
+// The threads of a manager that nobody ended must not run on while statics are destroyed.
+void EndBeforeExit() {
+    static const int registered = std::atexit([] {
+        if (g_mainpid == getpid()) EndTaskManager();
+    });
+    static_cast<void>(registered);
 }
 
 }  // namespace
@@ -124,14 +144,19 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory,
     }
     g_mainpid = getpid();
     g_AppDataPath = directory;
-    if (OpenSection(directory, strReason) != 0) return -1;
+    if (OpenSection(directory, strReason) != 0) {
+        g_mainpid = -1;
+        return -1;
+    }
     g_worker_path = program;
     g_supervisor_ends = false;
     if (const int error = StartThread(&g_supervisor, RunSupervisor, nullptr, false); error != 0) {
         strReason = SystemReason("cannot start the supervisor", error);
         RemoveSection();
+        g_mainpid = -1;
         return -1;
     }
+    EndBeforeExit();
     g_phase = ManagerPhase::kRunning;
     return 0;
 }
@@ -158,6 +183,7 @@ double TaskFileSize(const char* szTaskID) {
 
 int FreeSlotCount() {
     Threading::AutoLock hold(&g_watch_mutex);
+    if (g_phase != ManagerPhase::kRunning) return 0;
     return static_cast<int>(std::count_if(std::begin(g_Watches), std::end(g_Watches),
                                           [](const Watch& watch) { return !watch.bUsed; }));
 }
@@ -172,17 +198,18 @@ int EndTaskManager() {
         }
     }
     WaitFor(kTasksPatience, NoTaskLeft);
-    const bool scannerEnded = EndScanner();
-    g_supervisor_ends = true;
-    pthread_join(g_supervisor, nullptr);
+    const bool scannerEnded = EndThreads();
     EndWorkers();
-    // A scanner that is stuck in a callback still uses its nodes and the section: they stay.
-    if (scannerEnded) {
-        ForgetTasks();
-        RemoveSection();
-    } else {
+    if (!scannerEnded) {
+        // It is stuck in a callback and still uses its nodes and the section, which stay. With
+        // g_Exit it ends once the callback returns.
+        for (const Watch* watch : UsedWatches()) sem_unlink(watch->id.c_str());
         RemoveSectionName();
+        return -1;
     }
+    ForgetTasks();
+    RemoveSection();
+    g_Exit = false;
     g_mainpid = -1;
     Threading::AutoLock hold(&g_watch_mutex);
     g_phase = ManagerPhase::kIdle;

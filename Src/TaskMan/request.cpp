@@ -55,6 +55,12 @@ std::string RefusalOfAddress(const tagTaskInfo& taskinfo) {
     return IsHttp(address) ? "" : "the address is neither http nor https";
 }
 
+std::string RefusalOfProxy(const tagTaskInfo& taskinfo) {
+    const bool tooLong = FillsField(taskinfo.szProxyHost) || FillsField(taskinfo.szProxyUser) ||
+                         FillsField(taskinfo.szProxyPassword);
+    return tooLong ? "the proxy's host, user or password is longer than 127 bytes" : "";
+}
+
 std::string RefusalOfPath(const tagTaskInfo& taskinfo) {
     if (FillsField(taskinfo.szFilePath)) return "the path is longer than 1023 bytes";
     tagTaskInfo checked = taskinfo;
@@ -72,6 +78,7 @@ std::string RefusalOf(const tagTaskInfo& taskinfo) {
         return "the task is neither a parse job nor a download job";
     }
     if (std::string reason = RefusalOfAddress(taskinfo); !reason.empty()) return reason;
+    if (std::string reason = RefusalOfProxy(taskinfo); !reason.empty()) return reason;
     return RefusalOfPath(taskinfo);
 }
 

@@ -23,6 +23,7 @@ pthread_mutex_t g_ScanThradIsExit_Lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_ScanThradIsExit_Cond = PTHREAD_COND_INITIALIZER;
 bool g_ScanThradIsExit = true;
 std::atomic<double> g_TaskFileSize[TASK_SLOT_COUNT];
+std::atomic<bool> g_TaskEndTaken[TASK_SLOT_COUNT];
 
 namespace {
 
@@ -137,9 +138,6 @@ class Scanner {
         Invariant(live != nullptr, "NULL != pTask");
         Invariant(node.mutexLock != nullptr, "NULL != Node->mutexLock");
         if (!TakeReports(visit, *live)) return;
-        if ((snapshot_.nStateBits >> DOWNLOAD_STATE_FILE_SIZE & 1U) != 0) {
-            g_TaskFileSize[node.nTaskIndex] = snapshot_.dFileSize;
-        }
         for (int code = 0; code < 32; ++code) {
             if ((snapshot_.nStateBits >> code & 1U) != 0 && !Handle(visit, *live, code)) return;
         }
@@ -153,6 +151,12 @@ class Scanner {
         if (strutil::trim(FieldText(snapshot_.szTaskID)) != visit.id) return false;
         live.bStateChanged = 0;
         live.nStateBits = 0;
+        if ((snapshot_.nStateBits >> DOWNLOAD_STATE_FILE_SIZE & 1U) != 0) {
+            g_TaskFileSize[visit.node->nTaskIndex] = snapshot_.dFileSize;
+        }
+        if ((snapshot_.nStateBits & FINAL_STATE_BITS) != 0) {
+            g_TaskEndTaken[visit.node->nTaskIndex] = true;
+        }
         return true;
     }
 

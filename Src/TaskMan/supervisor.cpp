@@ -27,7 +27,7 @@ constexpr auto kTick = 250ms;
 // Ticks in a row without the lock after which a dead worker must have been its holder. Living
 // holders have it for the copy of one slot.
 constexpr int kAbandonedTicks = 5;
-constexpr auto kLockPatience = 5s;   // a living worker with the lock is stuck
+constexpr int kStuckTicks = 20;      // without the lock: a living worker with it is stuck
 constexpr auto kStopPatience = 10s;  // a size probe does not see the stop word
 constexpr auto kExitPatience = 10s;  // after its final code a worker exits within a second
 
@@ -40,10 +40,15 @@ void Unlock(Watch& watch) {
     sem_post(watch.lock);
 }
 
-// The slot while it is the task's, else null. The caller holds the task's lock.
+// The slot as long as no final code was taken out of it; else null. The caller holds the task's
+// lock.
 tagTaskContext* OwnSlot(const Watch& watch) {
-    tagTaskContext* slot = SlotAt(g_VideoInfoSection, watch.nTaskIndex);
-    return slot != nullptr && FieldView(slot->szTaskID) == watch.id ? slot : nullptr;
+    return g_TaskEndTaken[watch.nTaskIndex] ? nullptr
+                                            : SlotAt(g_VideoInfoSection, watch.nTaskIndex);
+}
+
+bool CarriesId(const tagTaskContext& slot, const Watch& watch) {
+    return FieldView(slot.szTaskID) == watch.id;
 }
 
 void NoteEnded(Watch& watch, Clock::time_point now) {
@@ -53,7 +58,7 @@ void NoteEnded(Watch& watch, Clock::time_point now) {
 }
 
 void StoreStop(Watch& watch, tagTaskContext& slot) {
-    if (!watch.bStopAsked || watch.bStopStored) return;
+    if (!watch.bStopAsked || watch.bStopStored || !CarriesId(slot, watch)) return;
     StoreControl(slot, TASK_CONTROL_STOP);
     watch.bStopStored = true;
 }
@@ -63,25 +68,24 @@ tagDownloadStateCode CodeForTheDead(const Watch& watch) {
     return watch.nCmd == TASK_CMD_PARSE ? DOWNLOAD_STATE_PARSE_FAIL : DOWNLOAD_STATE_DOWNLOAD_FAIL;
 }
 
+// Sets the final code for a worker that is gone without one.
 void SpeakForTheDead(Watch& watch, tagTaskContext& slot) {
-    if (watch.remark.empty()) {
-        watch.remark = g_WorkerPid[watch.nTaskIndex] == -1 ? "the worker could not be started"
-                       : slot.nPid == -1 ? "the worker ended before it took the task"
-                                         : "the worker died";
-    }
+    watch.remark = !watch.killReason.empty()             ? watch.killReason
+                   : g_WorkerPid[watch.nTaskIndex] == -1 ? "the worker could not be started"
+                   : slot.nPid == -1 ? "the worker ended before it took the task"
+                                     : "the worker died";
+    // The scanner passes over a slot without the task's id; a worker may have damaged it.
+    SetField(slot.szTaskID, watch.id);
     SetStateBit(slot, CodeForTheDead(watch));
 }
 
 // Looks at the slot; the caller holds the task's lock.
 void Inspect(Watch& watch, Clock::time_point now) {
     tagTaskContext* slot = OwnSlot(watch);
-    if (slot == nullptr) {
-        NoteEnded(watch, now);  // the scanner has retired the task
-        return;
-    }
-    if ((slot->nStateBits & FINAL_STATE_BITS) != 0) {
+    if (slot == nullptr ||
+        (CarriesId(*slot, watch) && (slot->nStateBits & FINAL_STATE_BITS) != 0)) {
         NoteEnded(watch, now);
-    } else if (watch.bGone && !watch.bEnded) {
+    } else if (watch.bGone) {
         SpeakForTheDead(watch, *slot);
         NoteEnded(watch, now);
     } else {
@@ -89,13 +93,9 @@ void Inspect(Watch& watch, Clock::time_point now) {
     }
 }
 
-void CountMiss(Watch& watch, Clock::time_point now) {
-    if (watch.nMissed++ == 0) watch.missedSince = now;
-}
-
 // Why a living worker is to be killed now; null when it is not.
 const char* Overdue(const Watch& watch, Clock::time_point now) {
-    if (watch.nMissed > 0 && now - watch.missedSince >= kLockPatience) {
+    if (watch.nMissed >= kStuckTicks) {
         return "the worker hung with the task's lock";
     }
     if (watch.bEnded) return now - watch.endedAt >= kExitPatience ? "" : nullptr;
@@ -148,18 +148,18 @@ void Supervise(Watch& watch, Clock::time_point now) {
         Inspect(watch, now);
         Unlock(watch);
     } else {
-        CountMiss(watch, now);
+        ++watch.nMissed;
     }
     if (watch.bGone) {
-        // A dead holder cannot release the lock. Its release is made up for, once, and the lock
+        // A dead holder cannot release the lock. Its release is made up for, and the lock
         // taken like by everybody with the next tick: a write without it would race with the
         // scanner.
-        if (watch.nMissed >= kAbandonedTicks && !watch.bReleased) {
-            watch.bReleased = true;
+        if (watch.nMissed >= kAbandonedTicks) {
+            watch.nMissed = 0;
             Unlock(watch);
         }
     } else if (const char* reason = Overdue(watch, now)) {
-        if (watch.remark.empty()) watch.remark = reason;
+        if (watch.killReason.empty()) watch.killReason = reason;
         watch.process.Signal(SIGKILL);
     }
 }

@@ -22,8 +22,9 @@ struct Watch {
     bool bUsed = false;     // the slot is taken
     bool bStarted = false;  // the worker's start has been tried: `process` is valid
     std::string id;
-    std::string path;        // output path without links; empty for none
-    int nTaskIndex = -1;     // slot
+    std::string path;     // output path without links; empty for none
+    int nTaskIndex = -1;  // slot
+    std::int32_t nTaskKind = -1;
     std::int32_t nCmd = -1;  // command of the task
     sem_t* lock = nullptr;   // the task's semaphore
     platform::ProcessWatch process;
@@ -38,13 +39,12 @@ struct Watch {
     bool bEnded = false;       // a final code has been set, by the worker or for it
     bool bDelivered = false;   // the final callback has returned
     bool bGone = false;        // the worker process has ended
-    bool bReleased = false;    // the lock was released on behalf of the dead worker
     int nMissed = 0;           // ticks in a row in which the lock was not to be had; begins
                                // afresh with the worker's death
-    Clock::time_point missedSince;
     Clock::time_point stopAskedAt;
     Clock::time_point endedAt;
-    std::string remark;  // TaskRemark
+    std::string killReason;  // why the worker was killed, if it was
+    std::string remark;      // TaskRemark
 };
 
 // Guards all watches. Taken alone, or before a semaphore that is only tried; never held while a
@@ -63,6 +63,9 @@ Watch* FindWatch(const std::string& id) TS_REQUIRES(g_watch_mutex);
 // Notes that the task is to stop and stores the stop word if the lock can be had at once; otherwise
 // the supervisor stores it at one of its next ticks.
 void AskToStop(Watch& watch) TS_REQUIRES(g_watch_mutex);
+
+// Calls the application back with code 8 in the scanner's place. For when no scanner runs any more.
+void DeliverStopped(Watch& watch);
 
 // Closes and removes the task's semaphore and frees the slot.
 void FreeWatch(Watch& watch) TS_REQUIRES(g_watch_mutex);

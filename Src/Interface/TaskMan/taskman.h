@@ -20,7 +20,8 @@
 #include "TaskMan/taskcontext.h"
 #include "common/threadsafety.h"
 
-// ---- The manager. Any thread may call; a callback may call everything but EndTaskManager.
+// ---- The manager. Any thread may call; a callback may call everything but EndTaskManager. No text
+// is null.
 
 // Starts the manager of this process: creates the section, writes `szInfoDirectory` (the directory
 // of the download info files, at most 1024 bytes) into its common area, and begins to supervise.
@@ -29,7 +30,10 @@
 int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory, std::string& strReason);
 
 // Puts the task into a free slot and starts its worker. The record is copied; its callbacks are
-// called from the manager's scanner thread, with no lock held, and must return soon and not throw.
+// called from the manager's scanner thread, with no lock held and signals blocked, and must return
+// soon and not throw. The first may come before AddTask returns. AddTask may wait some seconds
+// while the worker of another task hangs with that task's lock.
+//
 // Returns 0; or -1 with the reason in one line, no callback comes then. Refused are: an id that is
 // empty, longer than 63 bytes, not of letters, digits, "_" and "-", in use, a prefix of one in use
 // or the reverse; a command and kind that make neither a parse nor a download job; an address that
@@ -51,12 +55,15 @@ std::string TaskRemark(const char* szTaskID);
 // in which its size became known reports its final code only, and the size is told here alone.
 double TaskFileSize(const char* szTaskID);
 
-// Number of further tasks that AddTask has room for now, 0 to 8. A slot is free again when its
-// task's final callback has returned and its worker process is gone.
+// Number of further tasks that AddTask has room for now, 0 to 8; 0 while no manager runs. A slot is
+// free again when its task's final callback has returned and its worker process is gone.
 int FreeSlotCount();
 
-// Ends the manager: refuses new tasks, stops all, waits for their ends (at most 12 seconds),
-// removes every name it made and closes the section. Returns 0; or -1 when no manager runs.
+// Ends the manager: refuses new tasks, stops all, waits for their ends (at most 12 seconds, then as
+// much again as the scanner takes, at most 10), removes every name it made and closes the section.
+// Returns 0; or -1 when no manager runs, or when a callback does not return: the names are removed
+// then too, and no manager can be started any more. A manager that still runs when the process
+// exits is ended then.
 int EndTaskManager();
 
 // A new id for a task: 30 characters, made of the process id, the time and 64 random bits. No two
@@ -84,12 +91,14 @@ extern bool g_ScanThradIsExit;
 // Kept for applications that address the module by them; the manager sets the first three.
 extern std::int32_t g_mainpid;     // process id in the section's name; -1 while no manager runs
 extern std::string g_AppDataPath;  // directory of the download info files
-extern pthread_t g_ScanDataPid;    // the scanner thread started last
+extern pthread_t g_ScanDataPid;    // the scanner thread started last, which is detached
 extern Threading::Mutex g_start_tarnwick_mutex;
 extern Threading::Mutex g_ScanThradIsExit_Mutex;
 
-// Per slot, the size that the scanner took last with code 10, bytes; AddTask sets 0.
+// Per slot, what the scanner has taken of the task: its size with code 10, bytes; and whether a
+// final code, from which on the slot is the scanner's alone. AddTask sets both back.
 extern std::atomic<double> g_TaskFileSize[TASK_SLOT_COUNT];
+extern std::atomic<bool> g_TaskEndTaken[TASK_SLOT_COUNT];
 
 // The scanner: a thread function, started while tasks are in the map and none runs. Once a second
 // it takes the state bits of every task and calls the tasks back; a final code empties the slot and
@@ -117,7 +126,8 @@ bool CheckTaskParam(tagTaskInfo* taskinfo, std::string strFuncName);
 // error.
 bool CheckPath(std::string strFilePath, std::string strFuncName);
 
-// Sets the three counters from the map. Takes both locks, one after the other. Always true.
+// Sets the three counters from the map. Takes both locks, one after the other: a task that is added
+// or retired between is counted wrong. Always true.
 bool CheckAndCalcTaskCount();
 
 // Writes a listing of the map to standard error. `NewTaskinfo` must not be null.
