@@ -66,6 +66,16 @@ class ManagerTest : public testing::Test {
         task.pfnStateCallback = OnState;
         return task;
     }
+    // A page that the server, as a proxy, is asked about.
+    tagTaskInfo Page(const HttpServer& server) {
+        tagTaskInfo task = Download("");
+        SetField(task.szOrgUrl, "http://www.youtube.com/watch?v=a");
+        SetField(task.szProxyHost, "127.0.0.1");
+        task.nProxyPort = server.Port();
+        task.bUseProxy = 1;
+        task.nCmd = 0;
+        return task;
+    }
     // Adds the task, waiting for a free slot; its id.
     std::string Add(const tagTaskInfo& task) {
         std::string reason;
@@ -224,13 +234,7 @@ TEST_F(ManagerTest, NoticesWorkersThatDie) {
     const std::string killed = Add(Download(silent.Url()));
     const std::string holder = Add(Download(silent.Url()));
     const std::string stuck = Add(Download(silent.Url()));
-    tagTaskInfo parse = Download("");
-    SetField(parse.szOrgUrl, "http://www.youtube.com/watch?v=a");
-    SetField(parse.szProxyHost, "127.0.0.1");
-    parse.nProxyPort = silent.Port();
-    parse.bUseProxy = 1;
-    parse.nCmd = 0;
-    const std::string page = Add(parse);
+    const std::string page = Add(Page(silent));
     EXPECT_TRUE(WaitUntil([&] { return silent.RequestCount() == 4; }));
 
     kill(WorkerOf(killed), SIGKILL);
@@ -254,6 +258,19 @@ TEST_F(ManagerTest, NoticesWorkersThatDie) {
     sem_wait(lock);
     ExpectEnd(stuck, 7, "the worker hung with the task's lock");
     sem_close(lock);
+}
+
+TEST_F(ManagerTest, GivesASilentServerUp) {
+    HttpServer silent({Reply().Silence()});
+    HttpServer slow({Reply::Head("40000").Send(std::string(40000, 's'), 10000)});
+    SetTaskLimits({3, 1});
+    const std::string started = Add(Download(slow.Url()));
+    const std::string unanswered = Add(Download(silent.Url()));
+    const std::string page = Add(Page(silent));
+    ExpectEnd(unanswered, 7, "the server did not answer in time");
+    ExpectEnd(page, 6, "the server did not answer in time");
+    ExpectEnd(started, 3);
+    SetTaskLimits({});
 }
 
 TEST_F(ManagerTest, LosesNoTaskWhenTheScannerIsJustEnding) {

@@ -21,6 +21,11 @@ bool IsFinal(int code) {
     return (FINAL_STATE_BITS >> code & 1U) != 0;
 }
 
+void MarkAnswered(Watch& watch) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    watch.bAnswered = true;
+}
+
 void MarkDelivered(Watch& watch) {
     Threading::AutoLock hold(&g_watch_mutex);
     watch.bDelivered = true;
@@ -30,6 +35,9 @@ void MarkDelivered(Watch& watch) {
 void OnState(void* param, const char* szTaskID, std::int32_t nCode, double dValue,
              std::int32_t nTaskKind) {
     Watch& watch = *static_cast<Watch*>(param);
+    if (nCode == DOWNLOAD_STATE_FILE_SIZE || nCode == DOWNLOAD_STATE_DOWNLOAD_START) {
+        MarkAnswered(watch);
+    }
     if (watch.pfnStateCallback != nullptr) {
         watch.pfnStateCallback(watch.pCallbackParam, szTaskID, nCode, dValue, nTaskKind);
     }

@@ -19,6 +19,7 @@ std::string g_AppDataPath;
 
 ManagerPhase g_phase = ManagerPhase::kIdle;
 std::string g_worker_path;
+tagTaskLimits g_limits;
 
 namespace {
 
@@ -167,6 +168,11 @@ int StopTask(const char* szTaskID) {
     if (watch == nullptr || watch->bDelivered) return -1;
     AskToStop(*watch);
     return 0;
+}
+
+void SetTaskLimits(const tagTaskLimits& limits) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    g_limits = limits;
 }
 
 std::string TaskRemark(const char* szTaskID) {

@@ -57,6 +57,12 @@ void NoteEnded(Watch& watch, Clock::time_point now) {
     watch.endedAt = now;
 }
 
+void NoteClaim(Watch& watch, const tagTaskContext& slot, Clock::time_point now) {
+    if (watch.bClaimed || slot.nPid != watch.process.Pid()) return;
+    watch.bClaimed = true;
+    watch.claimedAt = now;
+}
+
 void StoreStop(Watch& watch, tagTaskContext& slot) {
     if (!watch.bStopAsked || watch.bStopStored || !CarriesId(slot, watch)) return;
     StoreControl(slot, TASK_CONTROL_STOP);
@@ -89,19 +95,27 @@ void Inspect(Watch& watch, Clock::time_point now) {
         SpeakForTheDead(watch, *slot);
         NoteEnded(watch, now);
     } else {
+        NoteClaim(watch, *slot, now);
         StoreStop(watch, *slot);
     }
 }
 
+// Whether the worker has waited for its server for longer than it may.
+bool Unanswered(const Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
+    const bool download = IsDownloadCommand(watch.nCmd);
+    const std::chrono::seconds limit(download ? g_limits.nAnswerSeconds : g_limits.nPageSeconds);
+    if (limit <= 0s || !watch.bClaimed || (download && watch.bAnswered)) return false;
+    return now - watch.claimedAt >= limit;
+}
+
 // Why a living worker is to be killed now; null when it is not.
-const char* Overdue(const Watch& watch, Clock::time_point now) {
-    if (watch.nMissed >= kStuckTicks) {
-        return "the worker hung with the task's lock";
-    }
+const char* Overdue(const Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
+    if (watch.nMissed >= kStuckTicks) return "the worker hung with the task's lock";
     if (watch.bEnded) return now - watch.endedAt >= kExitPatience ? "" : nullptr;
     if (watch.bStopAsked && now - watch.stopAskedAt >= kStopPatience) {
         return "the worker did not stop by itself";
     }
+    if (Unanswered(watch, now)) return "the server did not answer in time";
     return nullptr;
 }
 

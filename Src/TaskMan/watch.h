@@ -34,6 +34,8 @@ struct Watch {
     TaskResultCallback pfnResultCallback = nullptr;
     TaskStateCallback pfnStateCallback = nullptr;
 
+    bool bClaimed = false;     // the worker has taken the task
+    bool bAnswered = false;    // the server has answered a download
     bool bStopAsked = false;   // the application wants the task to stop
     bool bStopStored = false;  // the stop word is in the slot
     bool bEnded = false;       // a final code has been set, by the worker or for it
@@ -41,6 +43,7 @@ struct Watch {
     bool bGone = false;        // the worker process has ended
     int nMissed = 0;           // ticks in a row in which the lock was not to be had; begins
                                // afresh with the worker's death
+    Clock::time_point claimedAt;
     Clock::time_point stopAskedAt;
     Clock::time_point endedAt;
     std::string killReason;  // why the worker was killed, if it was
@@ -56,6 +59,7 @@ extern Watch g_Watches[TASK_SLOT_COUNT] TS_GUARDED_BY(g_watch_mutex);
 enum class ManagerPhase { kIdle, kRunning, kEnding };
 extern ManagerPhase g_phase TS_GUARDED_BY(g_watch_mutex);
 extern std::string g_worker_path TS_GUARDED_BY(g_watch_mutex);
+extern tagTaskLimits g_limits TS_GUARDED_BY(g_watch_mutex);
 
 // The watch in use for `id`, or null.
 Watch* FindWatch(const std::string& id) TS_REQUIRES(g_watch_mutex);

@@ -45,6 +45,16 @@ int AddTask(const tagTaskInfo& taskinfo, std::string& strReason);
 // does not end within ten seconds is killed. Returns 0, or -1 when there is no such task.
 int StopTask(const char* szTaskID);
 
+// How long a worker may wait for a server before it is killed and its task has failed: neither a
+// size probe nor a page fetch ends by itself when a server accepts and stays silent.
+struct tagTaskLimits {
+    std::int32_t nAnswerSeconds = 30;  // a download, to its code 10 or 2; 0: for ever
+    std::int32_t nPageSeconds = 60;    // a page, to its final code; 0: for ever
+};
+
+// Sets the limits for all tasks, from now on.
+void SetTaskLimits(const tagTaskLimits& limits);
+
 // What the manager knows about the way a task ended beyond its code, in one line: "worker died",
 // for example. Empty when the worker itself reported the end. To be called from the task's final
 // callback; afterwards the task is forgotten.
