@@ -1,21 +1,16 @@
 // The command `taskman get`: its parts alone, and the real program against scripted servers.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pty.h>
 #include <sys/file.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
-#include <cstddef>
 #include <filesystem>
 #include <iterator>
 #include <map>
 #include <mutex>
 #include <regex>
-#include <set>
 #include <thread>
 
 #include "Console/bardisplay.h"
@@ -24,7 +19,7 @@
 #include "Console/proxy.h"
 #include "Console/text.h"
 #include "TaskMan/taskcontext.h"
-#include "common/platform.h"
+#include "support/command_run.h"
 #include "support/helpers.h"
 #include "support/http_server.h"
 
@@ -188,130 +183,7 @@ TEST(GetLines, PipedTellsQuartersOnce) {
 
 // ---- The program.
 
-// A run of the real program in a directory of its own, which becomes its working directory.
-// Standard output and standard error go to files; with columns given, standard error is a terminal.
-class GetRun {
-  public:
-    ~GetRun() {
-        if (pid_ > 0 && !Ended()) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        if (reader_.joinable()) reader_.join();
-        if (terminal_ != -1) close(terminal_);
-    }
-
-    // `output`: descriptor of standard output; -1 is a file.
-    void Start(std::vector<std::string> arguments, int columns = 0, int output = -1) {
-        arguments.insert(arguments.begin(), {TASKMAN_PATH, "get"});
-        std::vector<char*> argv;
-        for (std::string& argument : arguments) argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        const std::string out = scratch_.Path("out");
-        const std::string err = scratch_.Path("err");
-        const std::string directory = directory_.Path();
-        for (const std::string& name : platform::SharedMemoryNames()) strangers_.insert(name);
-        const winsize size{24, static_cast<unsigned short>(columns), 0, 0};
-        pid_ = columns > 0 ? forkpty(&terminal_, nullptr, nullptr, &size) : fork();
-        if (pid_ == 0) {
-            // Whoever runs the tests in the background has these ignored, and the program would
-            // obey.
-            for (const int number : {SIGINT, SIGHUP}) signal(number, SIG_DFL);
-            if (output == -1) output = open(out.c_str(), O_WRONLY | O_CREAT, 0600);
-            dup2(output, STDOUT_FILENO);
-            if (columns == 0) dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
-            for (const std::string& setting : environment)
-                putenv(const_cast<char*>(setting.data()));
-            if (chdir(directory.c_str()) == 0) execv(TASKMAN_PATH, argv.data());
-            _exit(99);
-        }
-        if (columns > 0) reader_ = std::thread([this] { ReadTerminal(); });
-    }
-
-    // Waits for the end and tells it: "exit 0", "signal 2", "running".
-    std::string End() {
-        if (!WaitUntil([this] { return Ended(); })) return "running";
-        if (reader_.joinable()) reader_.join();
-        if (WIFSIGNALED(status_)) return "signal " + std::to_string(WTERMSIG(status_));
-        return "exit " + std::to_string(WEXITSTATUS(status_));
-    }
-
-    void Signal(int number) const { kill(pid_, number); }
-    void Type(char key) const { EXPECT_EQ(write(terminal_, &key, 1), 1); }
-    std::string Path(const std::string& name) const { return directory_.Path(name); }
-    std::string Out() const { return ReadFile(scratch_.Path("out")); }
-    std::string Err() {
-        std::lock_guard hold(mutex_);
-        return terminal_ == -1 ? ReadFile(scratch_.Path("err")) : terminal_text_;
-    }
-    bool Says(const std::string& text) {
-        return WaitUntil([&] { return Err().find(text) != std::string::npos; });
-    }
-
-    // Names in the working directory, with a blank between them.
-    std::string Files() const {
-        std::set<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(directory_.Path())) {
-            names.insert(entry.path().filename());
-        }
-        std::string list;
-        for (const std::string& name : names) list += (list.empty() ? "" : " ") + name;
-        return list;
-    }
-
-    // Names in shared memory that the run has made: its section, and locks, whose ids begin with
-    // the process id.
-    std::vector<std::string> SharedNames() const {
-        char id[16];
-        std::snprintf(id, sizeof id, "%06x", static_cast<unsigned>(pid_));
-        std::vector<std::string> mine;
-        for (const std::string& name : platform::SharedMemoryNames()) {
-            if (strangers_.count(name) > 0) continue;
-            if (name == SHARE_MEM_NAME + ("_" + std::to_string(pid_)) ||
-                name.find(std::string("sem.") + id) == 0) {
-                mine.push_back(name);
-            }
-        }
-        return mine;
-    }
-
-    // Process id of a worker, from its slot; waits until one has claimed its slot.
-    pid_t Worker() const {
-        const std::string section = SHARE_MEM_NAME + ("_" + std::to_string(pid_));
-        std::int32_t pid = 0;
-        WaitUntil([&] {
-            const int file = shm_open(section.c_str(), O_RDONLY, 0);
-            if (file == -1) return false;
-            if (pread(file, &pid, sizeof pid, offsetof(tagTaskContext, nPid)) < 1) pid = 0;
-            close(file);
-            return pid > 0;
-        });
-        return pid;
-    }
-
-    std::vector<std::string> environment{"TERM=xterm", "LC_ALL=C"};
-
-  private:
-    bool Ended() { return status_ != -1 || waitpid(pid_, &status_, WNOHANG) == pid_; }
-
-    void ReadTerminal() {
-        char bytes[4096];
-        for (ssize_t count; (count = read(terminal_, bytes, sizeof bytes)) > 0;) {
-            std::lock_guard hold(mutex_);
-            terminal_text_.append(bytes, static_cast<std::size_t>(count));
-        }
-    }
-
-    TempDir directory_;
-    TempDir scratch_;
-    std::set<std::string> strangers_;  // names in shared memory that were there before
-    pid_t pid_ = -1;
-    int status_ = -1;
-    int terminal_ = -1;
-    std::thread reader_;
-    std::mutex mutex_;
-    std::string terminal_text_;
-};
+using GetRun = CommandRun;
 
 const std::string& GoodBytes() {
     static const std::string bytes = TestBytes(200'000);

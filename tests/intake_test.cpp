@@ -1,11 +1,9 @@
 // The worker's start: its arguments, the section, the claim of its slot, and slots full of
 // nonsense.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstring>
 #include <random>
 
@@ -131,8 +129,12 @@ TEST(Intake, ReadsTheSlotAgainUnderTheLock) {
     run.UnderLock([&](tagTaskContext& slot) {
         run.Start();
         const std::string maps = "/proc/" + std::to_string(run.Pid()) + "/maps";
-        EXPECT_TRUE(WaitUntil([&] { return ReadFile(maps).find("sem.") != std::string::npos; }));
-        EXPECT_EQ(slot.nPid, -1) << "claimed without the lock";
+        EXPECT_TRUE(WaitUntil([&] {
+            const std::string files = ReadFile(maps);
+            return files.find("/tarnwick") != files.npos && files.find("sem.") != files.npos;
+        }));
+        EXPECT_FALSE(WaitUntil([&] { return slot.nPid != -1; }, std::chrono::milliseconds(200)))
+            << "claimed without the lock";
         slot.nReserved3 = 4711;
         StoreControl(slot, TASK_CONTROL_STOP);
     });

@@ -9,15 +9,20 @@
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <random>
 #include <stdexcept>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "Tarnwick/download.h"
 #include "Tarnwick/jobstate.h"
 #include "Tarnwick/progress.h"
 #include "Tarnwick/statereport.h"
+#include "Tarnwick/transfer.h"
 #include "common/fieldtext.h"
 #include "support/helpers.h"
 #include "support/http_server.h"
@@ -326,36 +331,67 @@ TEST(Progress, FollowsTheModel) {
     }
 }
 
-TEST(Progress, LengthsThatAreNoneAreZero) {
-    InChild([] {
-        Job job;
-        g_clock = 1000;
-        EXPECT_EQ(progress_callback(nullptr, -1.0, -5.0, 0.0, 0.0), 0);
-        EXPECT_EQ(progress_callback(nullptr, 1e300, std::nan(""), 0.0, 0.0), 0);
-        EXPECT_EQ(job.Slot().nStateBits, 0u);
-    });
+TEST(Numbers, OfTriesAndLengthsAreBounded) {
+    for (auto [number, tries] : {std::pair(0, 0), {3, 3}, {4, 3}, {-1, 3}, {INT32_MIN, 3}}) {
+        EXPECT_EQ(ClampTries(number), tries) << number;
+    }
+    constexpr std::uint64_t kMost = UINT64_MAX;
+    for (auto [length, bytes] : {std::pair(-1.0, std::uint64_t{0}),
+                                 {0.0, 0},
+                                 {1.9, 1},
+                                 {0x1p63, 1ULL << 63},
+                                 {0x1p64, kMost},
+                                 {std::nan(""), 0}}) {
+        EXPECT_EQ(ToLength(length), bytes) << length;
+    }
+}
+
+TEST(Download, BlocksAreWrittenBeforeAStopIsHeeded) {
+    for (bool stop : {false, true}) {
+        for (bool exit : {false, true}) {
+            InChild([=] {
+                Job job;
+                job.Slot().nControl = stop ? TASK_CONTROL_STOP : -1;
+                g_Exit = exit;
+                const test_support::TempDir directory;
+                FILE* file = std::fopen(directory.Path("file").c_str(), "wb+");
+                char block[] = "block";
+                EXPECT_EQ(process_data(block, 1, 5, file), stop || exit ? SIZE_MAX : 5);
+                EXPECT_EQ(test_support::ReadFile(directory.Path("file")),
+                          stop || exit ? "block" : "");
+                std::fclose(file);
+            });
+        }
+    }
 }
 
 // With the clock going 40 times as fast, a stall costs half a second.
-TEST(Download, AStalledTryIsFollowedByAnother) {
-    InChild([] {
-        using test_support::Reply;
-        g_clockFactor = 40;
-        const test_support::TempDir directory;
-        const std::string bytes = test_support::TestBytes(100'000);
-        test_support::HttpServer server(
-            {Reply::Head("100000").Send(bytes.substr(0, 700)).Silence(), Reply::Ok(bytes)});
-        Job job;
-        SetField(g_TaskConData.szDownloadUrl, server.Url());
-        SetField(g_TaskConData.szFilePath, directory.Path("output"));
-        g_TaskConData.nTryInterval = 0;
-        CURL* curl = curl_easy_init();
-        EXPECT_EQ(DownloadVideo(curl, &g_TaskConData), 0);
-        curl_easy_cleanup(curl);
-        EXPECT_EQ(server.RequestCount(), 2u);
-        EXPECT_EQ(test_support::ReadFile(directory.Path("output")), bytes);
-        EXPECT_NE(job.Slot().nStateBits & 1U << DOWNLOAD_STATE_DOWNLOAD_FINISH, 0u);
-    });
+TEST(Download, AStalledTryIsFollowedByAnotherThatStartsAfresh) {
+    using test_support::Reply;
+    const std::string bytes = test_support::TestBytes(100'000);
+    const auto half = Reply::Head("100000").Send(bytes.substr(0, 50'000), 250'000).Silence();
+    for (const Reply& second : {Reply::Ok(bytes), Reply()}) {
+        InChild([&] {
+            g_clockFactor = 40;
+            const test_support::TempDir directory;
+            test_support::HttpServer server({half, second});
+            Job job;
+            SetField(g_TaskConData.szDownloadUrl, server.Url());
+            SetField(g_TaskConData.szFilePath, directory.Path("output"));
+            g_TaskConData.nTryCount = 2;
+            g_TaskConData.nTryInterval = 0;
+            CURL* curl = curl_easy_init();
+            EXPECT_EQ(DownloadVideo(curl, &g_TaskConData), 0);
+            curl_easy_cleanup(curl);
+            const bool failed = (job.Slot().nStateBits >> DOWNLOAD_STATE_DOWNLOAD_FAIL & 1) != 0;
+            const std::string file = test_support::ReadFile(directory.Path("output"));
+            EXPECT_EQ(server.RequestCount(), 2u);
+            EXPECT_TRUE(file == bytes.substr(0, failed ? 50'000 : 100'000));
+            EXPECT_GT(job.Slot().dProgress, 0.0);
+            EXPECT_EQ(g_Exit, failed);
+            EXPECT_TRUE(!failed || g_Progress == 0.0) << g_Progress;
+        });
+    }
 }
 
 }  // namespace

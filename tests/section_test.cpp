@@ -5,10 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <new>
-#include <stdexcept>
+#include <utility>
 
 #include "TaskMan/taskcontext.h"
 #include "common/fieldtext.h"
@@ -105,37 +106,29 @@ TEST(Records, NodeOwnsItsLock) {
 
 // A section of a test, which is removed with its descriptor.
 struct Attached : tagVideoInfoSection {
-    explicit Attached(const char* given = nullptr)
-        : tagVideoInfoSection{}, own(UniqueName()), name(given == nullptr ? own.c_str() : given) {
-        result = InitShareMem(this, name);
-    }
+    Attached() : tagVideoInfoSection{}, result(InitShareMem(this, name.c_str())) {}
     ~Attached() {
-        UnInitShareMem(this, name);
-        if (hShm != -1) close(hShm);
+        UnInitShareMem(this, name.c_str());
+        close(hShm);
     }
-    std::string own;
-    const char* name;
-    int result;
+    const std::string name = UniqueName();
+    const int result;
 };
-
-mode_t ModeOf(int descriptor) {
-    struct stat status {};
-    fstat(descriptor, &status);
-    return status.st_mode & 0777;
-}
 
 TEST(Section, NewOneIsEmptyAndAnExistingOneIsKept) {
     const mode_t mask = umask(0);
     Attached first;
     umask(mask);
     ASSERT_EQ(first.result, 0);
-    EXPECT_EQ(ModeOf(first.hShm), 0644u);
-    EXPECT_EQ(lseek(first.hShm, 0, SEEK_END), 198657);
+    struct stat status {};
+    fstat(first.hShm, &status);
+    EXPECT_EQ(status.st_mode & 0777, 0644u);
+    EXPECT_EQ(status.st_size, 198657);
     EXPECT_EQ(first.pCommDataPrt, first.hPrt + 197632);
     EXPECT_EQ(std::string(first.hPrt, SHARE_MEM_SIZE), std::string(SHARE_MEM_SIZE, '\0'));
     std::memset(first.hPrt, 'k', SHARE_MEM_SIZE);
     tagVideoInfoSection second{};
-    ASSERT_EQ(InitShareMem(&second, first.name), 0);
+    ASSERT_EQ(InitShareMem(&second, first.name.c_str()), 0);
     EXPECT_EQ(std::string(second.hPrt, SHARE_MEM_SIZE), std::string(SHARE_MEM_SIZE, 'k'));
     munmap(second.hPrt, SHARE_MEM_SIZE);
     close(second.hShm);
@@ -144,34 +137,26 @@ TEST(Section, NewOneIsEmptyAndAnExistingOneIsKept) {
 TEST(Section, DetachingRemovesTheNameOnly) {
     Attached section;
     char* const mapping = section.hPrt;
-    EXPECT_EQ(UnInitShareMem(&section, section.name), 0);
+    EXPECT_EQ(UnInitShareMem(&section, section.name.c_str()), 0);
     EXPECT_EQ(section.pCommDataPrt, nullptr);
     EXPECT_EQ(section.hPrt, mapping);
     EXPECT_EQ(msync(mapping, SHARE_MEM_SIZE, MS_ASYNC), -1) << "still mapped";
     EXPECT_NE(fcntl(section.hShm, F_GETFD), -1) << "the descriptor was closed";
-    EXPECT_EQ(shm_open(section.name, O_RDONLY, 0), -1);
+    EXPECT_EQ(shm_open(section.name.c_str(), O_RDONLY, 0), -1);
     section.hPrt = nullptr;
 }
 
-TEST(Section, NamesAreCutTo61Bytes) {
+TEST(Section, NamesAreCutTo61BytesAndOneIsTheDefault) {
     const std::string stem = UniqueName();
     const std::string name = stem + std::string(80 - stem.size(), 'n');
-    Attached section(name.c_str());
-    ASSERT_EQ(section.result, 0);
-    const int descriptor = shm_open(name.substr(0, 61).c_str(), O_RDONLY, 0);
-    EXPECT_NE(descriptor, -1);
-    close(descriptor);
-}
-
-TEST(Section, WithoutANameItIsTheDefaultOne) {
-    tagVideoInfoSection section{};
-    ASSERT_EQ(InitShareMem(&section, nullptr), 0);
-    const int descriptor = shm_open("ZentuTaskmanShareMem", O_RDONLY, 0);
-    EXPECT_NE(descriptor, -1);
-    close(descriptor);
-    UnInitShareMem(&section, nullptr);
-    EXPECT_EQ(shm_open("ZentuTaskmanShareMem", O_RDONLY, 0), -1);
-    close(section.hShm);
+    for (auto [given, made] : {std::pair(name.c_str(), name.substr(0, 61)),
+                               {nullptr, std::string("ZentuTaskmanShareMem")}}) {
+        tagVideoInfoSection section{};
+        EXPECT_EQ(InitShareMem(&section, given), 0);
+        EXPECT_EQ(shm_unlink(made.c_str()), 0) << made;
+        UnInitShareMem(&section, given);
+        close(section.hShm);
+    }
 }
 
 TEST(Section, FailuresLeaveThePointersAlone) {

@@ -58,7 +58,7 @@ WorkerRun::WorkerRun(int index, const std::string& id)
 }
 
 WorkerRun::~WorkerRun() {
-    if (pid_ != -1 && !Ended()) {
+    if (!Wait(std::chrono::milliseconds(0))) {
         kill(pid_, SIGKILL);
         waitpid(pid_, &status_, 0);
     }
@@ -102,8 +102,10 @@ void WorkerRun::Start() {
     _exit(127);
 }
 
-bool WorkerRun::Wait() {
-    return WaitUntil([this] { return Ended(); });
+bool WorkerRun::Wait(std::chrono::milliseconds deadline) {
+    if (pid_ == -1) return true;
+    return WaitUntil([this] { return status_ != -1 || waitpid(pid_, &status_, WNOHANG) == pid_; },
+                     deadline);
 }
 
 std::string WorkerRun::Run() {
@@ -112,37 +114,10 @@ std::string WorkerRun::Run() {
     return End();
 }
 
-bool WorkerRun::Ended() {
-    return status_ != -1 || waitpid(pid_, &status_, WNOHANG) == pid_;
-}
-
 std::string WorkerRun::End() const {
     if (status_ == -1) return "running";
     return WIFEXITED(status_) ? "exit " + std::to_string(WEXITSTATUS(status_))
                               : "signal " + std::to_string(WTERMSIG(status_));
-}
-
-bool WorkerRun::WaitCollecting() {
-    const bool ended = WaitUntil([this] {
-        Collect();
-        return Ended();
-    });
-    Collect();
-    return ended;
-}
-
-void WorkerRun::Collect() {
-    UnderLock([this](tagTaskContext& slot) {
-        for (int code = 0; code < 32; ++code) {
-            if ((slot.nStateBits >> code & 1U) == 0) continue;
-            reports.push_back({code, code == DOWNLOAD_STATE_PROGRESS    ? slot.dProgress
-                                     : code == DOWNLOAD_STATE_SPEED     ? slot.dSpeed
-                                     : code == DOWNLOAD_STATE_FILE_SIZE ? slot.dFileSize
-                                                                        : 0.0});
-        }
-        slot.nStateBits = 0;
-        slot.bStateChanged = 0;
-    });
 }
 
 void WorkerRun::UnderLock(const std::function<void(tagTaskContext&)>& step) const {

@@ -5,6 +5,7 @@
 #include <semaphore.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -39,23 +40,14 @@ class WorkerRun {
 
     void Start();
     pid_t Pid() const { return pid_; }
-    // Waits for the worker's end; false when it does not come.
-    bool Wait();
+    // Waits for the worker's end; false when it does not come by the deadline.
+    bool Wait(std::chrono::milliseconds deadline = std::chrono::minutes(1));
     // Start() and Wait(); how it ended.
     std::string Run();
     // "exit 0", "signal 6", or "running".
     std::string End() const;
     // What the worker wrote to standard error.
     std::string Errors() const { return ReadFile(directory_.Path("stderr")); }
-
-    struct Report {
-        int code;
-        double value;  // of the codes 4, 5 and 10; else 0
-    };
-    // Waits as well, but takes and clears the state bits all the time, as a manager does; `reports`
-    // has what they say, in ascending order of codes for each taking.
-    bool WaitCollecting();
-    std::vector<Report> reports;
 
     // Calls `step` with the live slot while holding the task's lock. Throws when the lock cannot be
     // had by the deadline.
@@ -68,9 +60,6 @@ class WorkerRun {
     bool RestIntact() const;
 
   private:
-    void Collect();
-    bool Ended();
-
     const int index_;
     const std::string id_;
     const int manager_;

@@ -1,0 +1,68 @@
+// One run of the real command `taskman` under a test.
+#pragma once
+
+#include <sys/types.h>
+
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/helpers.h"
+
+namespace test_support {
+
+// The program runs in a directory of its own, which becomes its working directory. Standard output
+// and standard error go to files; with columns given, standard error is a terminal. It is killed,
+// if it still runs, at the end of the scope. For one thread.
+class CommandRun {
+  public:
+    explicit CommandRun(std::string verb = "get") : verb_(std::move(verb)) {}
+    ~CommandRun();
+    CommandRun(const CommandRun&) = delete;
+    CommandRun& operator=(const CommandRun&) = delete;
+
+    // `output`: descriptor of standard output; -1 is a file.
+    void Start(std::vector<std::string> arguments, int columns = 0, int output = -1);
+
+    // Waits for the end and tells it: "exit 0", "signal 2", "running".
+    std::string End();
+
+    void Signal(int number) const;
+    void Type(char key) const;
+    std::string Path(const std::string& name) const { return directory_.Path(name); }
+    std::string Out() const { return ReadFile(scratch_.Path("out")); }
+    std::string Err();
+    // Waits until `text` stands in Err(); false when it never does.
+    bool Says(const std::string& text);
+
+    // Names in the working directory, with a blank between them.
+    std::string Files() const;
+
+    // Names in shared memory that the run has made: its section, and locks, whose ids begin with
+    // the process id.
+    std::vector<std::string> SharedNames() const;
+
+    // Process id of a worker, from its slot; waits until one has claimed its slot.
+    pid_t Worker() const;
+
+    std::vector<std::string> environment{"TERM=xterm", "LC_ALL=C"};
+
+  private:
+    bool Ended();
+    void ReadTerminal();
+
+    const std::string verb_;
+    TempDir directory_;
+    TempDir scratch_;
+    std::set<std::string> strangers_;  // names in shared memory that were there before
+    pid_t pid_ = -1;
+    int status_ = -1;
+    int terminal_ = -1;
+    std::thread reader_;
+    std::mutex mutex_;
+    std::string terminal_text_;
+};
+
+}  // namespace test_support
