@@ -58,11 +58,12 @@ double TimeLeft(double bytes, double speed) {
     return speed > 0 && bytes >= 0 ? bytes / speed : -1;
 }
 
-void WriteAll(int descriptor, std::string_view bytes) {
+bool WriteAll(int descriptor, std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t written = write(descriptor, bytes.data(), bytes.size());
         if (written == -1 && errno == EINTR) continue;
-        if (written < 1) return;
+        if (written < 1) return false;
         bytes.remove_prefix(static_cast<std::size_t>(written));
     }
+    return true;
 }

@@ -41,7 +41,8 @@ class Display : private Uncopyable {
   public:
     virtual ~Display() = default;
 
-    // The file's task has been started.
+    // A task of the file has been started; the file of a page has a second one, once its name is
+    // known.
     virtual void Begin(const FileView& file) = 0;
 
     // The worker reported `code` with `value`; `file` holds it already.
@@ -78,5 +79,5 @@ std::string SummaryLine(const Totals& totals);
 // Seconds until the rest of `bytes` has come at `speed`; below 0 when that cannot be said.
 double TimeLeft(double bytes, double speed);
 
-// Writes everything to a descriptor, whatever comes of it.
-void WriteAll(int descriptor, std::string_view bytes);
+// Writes everything to a descriptor. False when that cannot be done.
+bool WriteAll(int descriptor, std::string_view bytes);

@@ -7,18 +7,19 @@
 #include <cerrno>
 #include <cmath>
 #include <csignal>
+#include <utility>
 
 #include "Console/filename.h"
 #include "Console/signals.h"
+#include "Console/tasks.h"
 #include "Console/text.h"
+#include "Console/videopage.h"
 #include "TaskMan/taskman.h"
 #include "common/fieldtext.h"
 
 namespace {
 
 constexpr int kMostOfAddress = 100;  // columns, of one that is refused
-constexpr std::int32_t kTries = 3;
-constexpr std::int32_t kSecondsBetweenTries = 1;
 constexpr std::int32_t kBlocks = 3;
 
 std::string Join(const std::string& directory, const std::string& name) {
@@ -48,6 +49,7 @@ Downloads::Downloads(const GetOptions& options, EventQueue& events, Display& dis
     for (const std::string& address : options.addresses) {
         files_.push_back(std::make_unique<File>());
         files_.back()->address = address;
+        files_.back()->page = options.format.Given();
         Plan(*files_.back());
     }
     totals_.files = totals_.waiting = files_.size();
@@ -61,17 +63,25 @@ Downloads::~Downloads() {
 
 void Downloads::Plan(File& file) {
     file.fault = AddressFault(file.address);
-    if (!file.fault.empty()) {
+    if (!file.fault.empty() || file.page) {
         file.view.name = text::CutMiddle(text::Printable(file.address), kMostOfAddress);
-        return;
+    } else {
+        Aim(file, NameFromAddress(file.address));
     }
-    const std::string name =
-        options_.output.empty() ? NameFromAddress(file.address) : options_.output;
-    file.target = std::make_unique<Target>(Join(options_.directory, name), options_.force);
+}
+
+// Sets the path of the file, which gets `name` unless the user has named it.
+void Downloads::Aim(File& file, const std::string& name) {
+    const std::string& wanted = options_.output.empty() ? name : options_.output;
+    file.target = std::make_unique<Target>(Join(options_.directory, wanted), options_.force);
     file.view.name = text::Printable(BaseName(file.target->Path()));
 }
 
 void Downloads::StartNext() {
+    while (!resolved_.empty() && FreeSlotCount() > 0) {
+        if (!Start(*resolved_.front())) return;
+        resolved_.pop_front();
+    }
     while (!stopping_ && next_ < files_.size() &&
            TaskCount() < static_cast<std::size_t>(options_.jobs) && FreeSlotCount() > 0) {
         if (!Start(*files_[next_])) return;
@@ -102,7 +112,7 @@ bool Downloads::Start(File& file) {
 // Opens the target. A finished outcome when nothing speaks against the start.
 Outcome Downloads::Refusal(File& file) {
     if (!file.fault.empty()) return {EndResult::kRefused, EXIT_STATUS_USAGE, file.fault};
-    if (file.target->IsOpen()) return {};
+    if (file.page || file.target->IsOpen()) return {};
     const std::string& path = file.target->Path();
     const std::string& part = file.target->PartPath();
     if (claimed_.count(path) + claimed_.count(part) > 0) {
@@ -116,17 +126,12 @@ Outcome Downloads::Refusal(File& file) {
 }
 
 bool Downloads::AddTaskFor(File& file, std::string& reason) {
-    tagTaskInfo task(file.id.c_str());
+    if (file.page) return AddPageTask(file.id, file.address, options_.proxy, events_, reason);
+    tagTaskInfo task = NewTask(file.id, options_.proxy, events_);
     SetField(task.szDownloadUrl, file.address);
     SetField(task.szFilePath, file.target->PartPath());
     task.nCmd = TASK_CMD_DOWNLOAD;
-    task.nTaskKind = 0;
     task.nBlockCount = kBlocks;
-    task.nTryCount = kTries;
-    task.nTryInterval = kSecondsBetweenTries;
-    SetProxy(options_.proxy, task);
-    task.pCallbackParam = &events_;
-    task.pfnStateCallback = EventQueue::OnState;
     return AddTask(task, reason) == 0;
 }
 
@@ -157,7 +162,7 @@ void Downloads::Handle(const Event& event) {
         default:
             break;
     }
-    view.answered = view.answered || event.code != DOWNLOAD_STATE_FILE_SIZE;
+    if (!file.page && event.code != DOWNLOAD_STATE_FILE_SIZE) view.answered = true;
     display_.State(view, event.code, event.value);
 }
 
@@ -169,11 +174,31 @@ void Downloads::Ended(File& file, const Event& event) {
         return;
     }
     running_.erase(event.id);
-    Report(file, FailureOf(file, event));
+    if (file.page && event.code == DOWNLOAD_STATE_PARSE_FINISH && !stopping_) {
+        Resolved(file, event);
+    } else {
+        Report(file, FailureOf(file, event));
+    }
+}
+
+// The page gives the file its name and its address; from here on it is like any other.
+void Downloads::Resolved(File& file, const Event& event) {
+    const VideoPage page = ReadVideoPage(event.text);
+    const VideoFormat* format = Choose(page, options_.format);
+    if (format == nullptr) {
+        Report(file, {EndResult::kFailed, EXIT_STATUS_UNRESOLVED, "the page has no such format"});
+        return;
+    }
+    file.page = false;
+    file.address = format->address;
+    file.fault = AddressFault(file.address);
+    Aim(file, NameFromTitle(page.title));
+    resolved_.push_back(&file);
 }
 
 Outcome Downloads::FailureOf(const File& file, const Event& event) const {
     if (stopping_) return {EndResult::kStopped, EXIT_STATUS_STOPPED};
+    if (file.page) return PageFailure(file.address, event);
     if (event.code == DOWNLOAD_STATE_STOPPED) {
         return {EndResult::kStopped, EXIT_STATUS_STOPPED, event.remark};
     }
@@ -238,6 +263,9 @@ void Downloads::PrintPath(const std::string& path) {
 
 std::size_t Downloads::Stop() {
     stopping_ = true;
+    for (File* file : std::exchange(resolved_, {})) {
+        Report(*file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
+    }
     std::size_t asked = 0;
     for (const auto& [id, file] : running_) {
         if (!file->storing && StopTask(id.c_str()) == 0) ++asked;
@@ -248,23 +276,27 @@ std::size_t Downloads::Stop() {
 void Downloads::Abandon() {
     for (const auto& [id, file] : running_) {
         sem_unlink(id.c_str());
-        file->target->RemovePart();
         Tell(*file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
+    }
+    for (const auto& file : files_) {
+        if (file->target != nullptr) file->target->RemovePart();
     }
 }
 
 bool Downloads::Done() const {
-    return running_.empty() && (stopping_ || next_ == files_.size());
+    return running_.empty() && resolved_.empty() && (stopping_ || next_ == files_.size());
 }
 
 std::size_t Downloads::TaskCount() const {
-    return static_cast<std::size_t>(std::count_if(
-        running_.begin(), running_.end(), [](const auto& r) { return !r.second->storing; }));
+    const auto tasks = std::count_if(running_.begin(), running_.end(),
+                                     [](const auto& r) { return !r.second->storing; });
+    return resolved_.size() + static_cast<std::size_t>(tasks);
 }
 
 std::vector<const FileView*> Downloads::Running() const {
     std::vector<const FileView*> views;
     for (const auto& [id, file] : running_) views.push_back(&file->view);
+    for (const File* file : resolved_) views.push_back(&file->view);
     std::sort(views.begin(), views.end(),
               [](const FileView* a, const FileView* b) { return a->started < b->started; });
     return views;

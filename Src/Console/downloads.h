@@ -1,6 +1,7 @@
 // The files of one `taskman get`: which run, which wait, and what became of the others.
 #pragma once
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -11,42 +12,35 @@
 #include "Console/display.h"
 #include "Console/events.h"
 #include "Console/options.h"
+#include "Console/session.h"
 #include "Console/target.h"
 
 // Works on the main thread. The manager runs from the first StartNext until the last task has ended
 // or Abandon was called.
-class Downloads : private Uncopyable {
+class Downloads : public Work {
   public:
     // The references outlive the object.
     Downloads(const GetOptions& options, EventQueue& events, Display& display);
-    ~Downloads();
+    ~Downloads() override;
 
     // Begins files in their order while fewer than the wanted number run and the manager has room.
-    void StartNext();
+    void StartNext() override;
+    void Handle(const Event& event) override;
+    std::size_t Stop() override;
 
-    // Acts on one event from the queue.
-    void Handle(const Event& event);
-
-    // Begins nothing more and asks every running task to stop. Returns how many were asked.
-    std::size_t Stop();
-
-    // For an end that waits for nothing: removes the names of the parts and locks of running tasks,
-    // and reports these as stopped. Nothing else may be called afterwards.
-    void Abandon();
-
-    // Whether no file runs and none will be begun.
-    bool Done() const;
-
-    ExitStatus Status() const { return status_; }
-    const Totals& Counts() const { return totals_; }
-
-    // The files that have a line in a display.
-    std::vector<const FileView*> Running() const;
+    // Removes the parts and the locks' names.
+    void Abandon() override;
+    bool Done() const override;
+    ExitStatus Status() const override { return status_; }
+    const Totals& Counts() const override { return totals_; }
+    std::vector<const FileView*> Running() const override;
 
   private:
-    // One file. From its start to the end of its last step it is in running_.
+    // One file. From its start to the end of its last step it is in running_, but for the time
+    // between its two tasks when it is that of a page: then it is in resolved_.
     struct File {
         std::string address{};
+        bool page = false;    // the address is that of a page
         std::string fault{};  // why the address cannot be used; empty: it can
         std::unique_ptr<Target> target{};
         std::string id{};  // of its task
@@ -57,10 +51,12 @@ class Downloads : private Uncopyable {
     };
 
     void Plan(File& file);
+    void Aim(File& file, const std::string& name);
     bool Start(File& file);
     Outcome Refusal(File& file);
     bool AddTaskFor(File& file, std::string& reason);
     void Ended(File& file, const Event& event);
+    void Resolved(File& file, const Event& event);
     Outcome FailureOf(const File& file, const Event& event) const;
     void Store(File& file);
     void Report(File& file, Outcome outcome);
@@ -74,6 +70,7 @@ class Downloads : private Uncopyable {
     std::vector<std::unique_ptr<File>> files_{};
     std::size_t next_ = 0;  // first file that has not begun
     std::map<std::string, File*> running_{};
+    std::deque<File*> resolved_{};     // the second task comes next
     std::set<std::string> claimed_{};  // paths of files and parts
     Totals totals_{};
     ExitStatus status_ = EXIT_STATUS_FINISHED;

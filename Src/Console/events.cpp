@@ -62,3 +62,11 @@ void EventQueue::OnState(void* queue, const char* szTaskID, std::int32_t nCode, 
     }
     static_cast<EventQueue*>(queue)->Add(std::move(event));
 }
+
+void EventQueue::OnResult(void* queue, const char* szTaskID, std::int32_t nCode, const char* szText,
+                          std::uint32_t nLength) {
+    Event event{Event::Kind::kState, szTaskID, nCode};
+    event.remark = TaskRemark(szTaskID);
+    event.text.assign(szText, nLength);
+    static_cast<EventQueue*>(queue)->Add(std::move(event));
+}

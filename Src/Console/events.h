@@ -39,6 +39,7 @@ struct Event {
     double value = 0;
     std::string remark{};  // with a final code: what the manager knows beyond it
     double size = 0;       // with a final code: bytes the worker announced; 0 when it did not
+    std::string text{};    // with code 1: the information text
     Outcome outcome{};
 };
 
@@ -53,9 +54,12 @@ class EventQueue : private Uncopyable {
     // Everything that was added since the last call.
     std::vector<Event> Take();
 
-    // The state callback for tasks whose callback parameter is an EventQueue.
+    // The callbacks for tasks whose callback parameter is an EventQueue. Both add events of states:
+    // a task that ends with code 1 calls the second one only.
     static void OnState(void* queue, const char* szTaskID, std::int32_t nCode, double dValue,
                         std::int32_t nTaskKind);
+    static void OnResult(void* queue, const char* szTaskID, std::int32_t nCode, const char* szText,
+                         std::uint32_t nLength);
 
   private:
     const WakePipe& wake_;

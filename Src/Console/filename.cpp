@@ -5,10 +5,14 @@
 
 #include "Console/utf8.h"
 #include "TaskMan/taskcontext.h"
+#include "common/stringutility.h"
+#include "common/sysutility.h"
 
 namespace {
 
 constexpr std::size_t kLongestName = 254 - std::string_view(".part").size();
+const std::string kNoName = "download";
+const std::string kVideoExtension = ".flv";
 constexpr std::size_t kLongestAddress = sizeof(tagTaskInfo::szDownloadUrl) - 1;
 
 // What follows `scheme` and "://"; a view without data when the address has another scheme.
@@ -38,6 +42,22 @@ std::string_view LastPart(std::string_view address) {
     return path == std::string_view::npos ? std::string_view() : AfterLast(rest, '/');
 }
 
+// The text as a name of at most `limit` bytes. Empty when nothing of it can be in a name.
+std::string SafeName(std::string_view text, std::size_t limit) {
+    std::string name;
+    while (!text.empty()) {
+        const utf8::Character next = utf8::First(text);
+        const std::string_view bytes = text.substr(0, next.length);
+        text.remove_prefix(next.length);
+        if (!next.valid || next.code == '\\') {
+            name += '_';
+        } else if (!utf8::IsControl(next.code) && !(next.code == '.' && name.empty())) {
+            name += bytes;
+        }
+    }
+    return std::string(utf8::Head(name, limit));
+}
+
 }  // namespace
 
 std::string AddressFault(std::string_view address) {
@@ -58,18 +78,13 @@ std::string AddressFault(std::string_view address) {
 std::string NameFromAddress(std::string_view address) {
     const std::string decoded = utf8::PercentDecode(LastPart(address));
     // An encoded "/" separates like any other: "dir%2Ffile" names "file".
-    std::string_view rest = AfterLast(decoded, '/');
-    std::string name;
-    while (!rest.empty()) {
-        const utf8::Character next = utf8::First(rest);
-        const std::string_view bytes = rest.substr(0, next.length);
-        rest.remove_prefix(next.length);
-        if (!next.valid || next.code == '\\') {
-            name += '_';
-        } else if (!utf8::IsControl(next.code) && !(next.code == '.' && name.empty())) {
-            name += bytes;
-        }
-    }
-    name = utf8::Head(name, kLongestName);
-    return name.empty() ? "download" : name;
+    const std::string name = SafeName(AfterLast(decoded, '/'), kLongestName);
+    return name.empty() ? kNoName : name;
+}
+
+std::string NameFromTitle(const std::string& title) {
+    if (strutil::trim(title).empty()) return kNoName + kVideoExtension;
+    const std::string name =
+        SafeName(sysutility::MakeFileName(title), kLongestName - kVideoExtension.size());
+    return (strutil::trim(name).empty() ? kNoName : name) + kVideoExtension;
 }

@@ -12,3 +12,7 @@ std::string AddressFault(std::string_view address);
 // says, the name has no "/", no control characters and no leading dot, is valid UTF-8, is never
 // empty ("download" then), and together with ".part" stays below 255 bytes.
 std::string NameFromAddress(std::string_view address);
+
+// The file name for a video of that title, safe in the same way: what cannot be in a name is left
+// out, ".flv" is at the end, and something stands before it ("download" when nothing is left).
+std::string NameFromTitle(const std::string& title);

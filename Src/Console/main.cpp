@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "Console/get.h"
+#include "Console/info.h"
 #include "Console/options.h"
 #include "Console/outcome.h"
 #include "Console/text.h"
@@ -23,6 +24,8 @@ int RunVerb(const Command& command) {
     switch (command.verb) {
         case Verb::kGet:
             return RunGet(command.get);
+        case Verb::kInfo:
+            return RunInfo(command.info);
     }
     return EXIT_STATUS_USAGE;
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Console/proxy.h"
+#include "Console/videopage.h"
 
 // `taskman get`
 struct GetOptions {
@@ -16,13 +17,25 @@ struct GetOptions {
     bool force = false;                    // existing files are replaced
     std::string worker{};                  // program of the workers; empty: looked for
     Proxy proxy{};
+    FormatWish format{};  // when given, the addresses are those of pages
 };
 
-enum class Verb { kGet };
+// `taskman info`
+struct InfoOptions {
+    std::string address{};  // of the page
+    bool json = false;      // for programs
+    bool url = false;       // only the address of the chosen format
+    std::string worker{};
+    Proxy proxy{};
+    FormatWish format{};
+};
+
+enum class Verb { kGet, kInfo };
 
 struct Command {
     Verb verb = Verb::kGet;
     GetOptions get{};
+    InfoOptions info{};
 };
 
 // Reads the arguments of the program. When there is nothing to run, because help was asked for or

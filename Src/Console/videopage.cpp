@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
-#include <map>
+#include <set>
 #include <string_view>
 
 #include "Tarnwick/videoinfo.h"
@@ -55,10 +55,10 @@ void ReadList(const std::string& list, VideoPage& page) {
 
 // The map: 34|http://host/one,5|http://host/two. Of several entries with an id the first counts.
 void ReadMap(const std::string& map, VideoPage& page) {
-    std::map<std::string, std::string> seen;
+    std::set<std::string> seen;
     for (const std::string& item : strutil::split(map, ",")) {
         const std::vector<std::string> parts = strutil::split(strutil::trim(item), "|");
-        if (parts.size() < 2 || !seen.emplace(parts[0], parts[1]).second) continue;
+        if (parts.size() < 2 || !seen.insert(parts[0]).second) continue;
         FormatOf(page, parts[0]).address = parts[1];
     }
 }
@@ -121,9 +121,9 @@ VideoPage ReadVideoPage(const std::string& text) {
 
 const VideoFormat* Choose(const VideoPage& page, const FormatWish& wish) {
     const auto first = [&page](const auto& fits) -> const VideoFormat* {
-        const auto found = std::find_if(
-            page.formats.begin(), page.formats.end(),
-            [&fits](const VideoFormat& f) { return !f.address.empty() && fits(f); });
+        const auto found =
+            std::find_if(page.formats.begin(), page.formats.end(),
+                         [&fits](const VideoFormat& f) { return !f.address.empty() && fits(f); });
         return found == page.formats.end() ? nullptr : &*found;
     };
     if (!wish.Given()) return first([&](const VideoFormat& f) { return f.address == page.usual; });

@@ -1,24 +1,35 @@
-#include "Console/pagetask.h"
+#include "Console/tasks.h"
+
+#include <utility>
 
 #include "TaskMan/taskman.h"
 #include "common/fieldtext.h"
 
 namespace {
 
+constexpr std::int32_t kTries = 3;
+constexpr std::int32_t kSecondsBetweenTries = 1;
 constexpr const char* kSite = TASKMAN_SITE_BASE_ADDRESS;
 
 }  // namespace
 
-bool AddPageTask(const std::string& id, const std::string& page, const Proxy& proxy,
-                 EventQueue& events, std::string& reason) {
+tagTaskInfo NewTask(const std::string& id, const Proxy& proxy, EventQueue& events) {
     tagTaskInfo task(id.c_str());
-    SetField(task.szOrgUrl, page);
-    task.nCmd = TASK_CMD_PARSE;
     task.nTaskKind = 0;
     task.nTryCount = kTries;
     task.nTryInterval = kSecondsBetweenTries;
     SetProxy(proxy, task);
-    EventQueue::Connect(events, task);
+    task.pCallbackParam = &events;
+    task.pfnStateCallback = EventQueue::OnState;
+    task.pfnResultCallback = EventQueue::OnResult;
+    return task;
+}
+
+bool AddPageTask(const std::string& id, const std::string& page, const Proxy& proxy,
+                 EventQueue& events, std::string& reason) {
+    tagTaskInfo task = NewTask(id, proxy, events);
+    SetField(task.szOrgUrl, page);
+    task.nCmd = TASK_CMD_PARSE;
     return AddTask(task, reason) == 0;
 }
 

@@ -1,0 +1,194 @@
+#include "Console/info.h"
+
+#include <semaphore.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <nlohmann/json.hpp>
+
+#include "Console/filename.h"
+#include "Console/plaindisplay.h"
+#include "Console/session.h"
+#include "Console/signals.h"
+#include "Console/tasks.h"
+#include "Console/text.h"
+#include "TaskMan/taskman.h"
+
+namespace {
+
+constexpr int kColumns = 80;
+constexpr int kLabelColumns = 8;
+constexpr int kMostOfId = 30;
+
+// The one task of the verb.
+class Inquiry : public Work {
+  public:
+    // The references outlive the object.
+    Inquiry(const InfoOptions& options, EventQueue& events, Display& display)
+        : options_(options), events_(events), display_(display) {}
+
+    void StartNext() override;
+    void Handle(const Event& event) override;
+    std::size_t Stop() override;
+    void Abandon() override { sem_unlink(id_.c_str()); }
+    bool Done() const override { return done_; }
+    ExitStatus Status() const override { return outcome_.status; }
+    std::vector<const FileView*> Running() const override { return {}; }
+    const Totals& Counts() const override { return totals_; }
+
+    // After a finished outcome.
+    const std::string& Text() const { return text_; }
+
+  private:
+    void End(Outcome outcome);
+
+    const InfoOptions& options_;
+    EventQueue& events_;
+    Display& display_;
+    std::string id_{};  // empty: no task has been added
+    std::string text_{};
+    Outcome outcome_{};
+    bool done_ = false;
+    const Totals totals_{};
+};
+
+void Inquiry::StartNext() {
+    if (done_ || !id_.empty()) return;
+    id_ = MakeTaskID();
+    std::string reason;
+    if (!AddPageTask(id_, options_.address, options_.proxy, events_, reason)) {
+        End({EndResult::kRefused, EXIT_STATUS_FAILED, reason});
+    }
+}
+
+void Inquiry::Handle(const Event& event) {
+    if (event.id != id_ || (FINAL_STATE_BITS >> event.code & 1U) == 0) return;
+    if (event.code != DOWNLOAD_STATE_PARSE_FINISH) {
+        End(PageFailure(options_.address, event));
+        return;
+    }
+    text_ = event.text;
+    End({});
+}
+
+std::size_t Inquiry::Stop() {
+    if (id_.empty()) done_ = true;
+    return !done_ && StopTask(id_.c_str()) == 0 ? 1 : 0;
+}
+
+void Inquiry::End(Outcome outcome) {
+    done_ = true;
+    outcome_ = std::move(outcome);
+    if (outcome_.result == EndResult::kFinished || signals::StopCount() > 0) return;
+    display_.Note(EndLine({text::Printable(options_.address)}, outcome_));
+}
+
+std::string FrameText(const VideoFormat& format) {
+    if (!format.width) return "unknown";
+    return std::to_string(*format.width) + "x" + std::to_string(*format.height);
+}
+
+std::string Labelled(const std::string& label, std::string_view bytes) {
+    std::string lines;
+    for (const std::string& line : text::Wrap(text::Printable(bytes), kColumns - kLabelColumns)) {
+        lines += text::PadRight(lines.empty() ? label : "", kLabelColumns) + line + "\n";
+    }
+    return lines;
+}
+
+// A text that may be missing.
+nlohmann::json OrNull(const std::string& text) {
+    return text.empty() ? nlohmann::json() : nlohmann::json(text);
+}
+
+// Writes what the options ask for.
+int Write(const InfoOptions& options, const VideoPage& page) {
+    const VideoFormat* taken = Choose(page, options.format);
+    const auto fail = [&options](int status, const std::string& reason) {
+        WriteAll(STDERR_FILENO, text::Printable(options.address) + ": " + reason + "\n");
+        return status;
+    };
+    if (taken == nullptr && (options.format.Given() || options.url)) {
+        return fail(EXIT_STATUS_UNRESOLVED, "the page has no such format");
+    }
+    std::string out;
+    if (options.url) {
+        const std::string fault = AddressFault(taken->address);
+        if (!fault.empty()) return fail(EXIT_STATUS_USAGE, "address of the format: " + fault);
+        out = text::Printable(taken->address) + "\n";
+    } else {
+        out = options.json ? PageJson(page, taken) : PageTable(page, taken);
+    }
+    // Whoever reads it is gone: that ends the command.
+    if (!WriteAll(STDOUT_FILENO, out)) signals::EndBy(SIGTERM);
+    return EXIT_STATUS_FINISHED;
+}
+
+}  // namespace
+
+std::string PageTable(const VideoPage& page, const VideoFormat* taken) {
+    std::string table = Labelled("Title", page.title.empty() ? "unknown" : page.title);
+    table += Labelled("Length",
+                      page.length ? text::Clock(static_cast<double>(*page.length)) : "unknown");
+    if (page.formats.empty()) return table + "No formats.\n";
+    std::vector<std::string> ids{"ID"};
+    std::vector<std::string> frames{"Frame"};
+    for (const VideoFormat& format : page.formats) {
+        ids.push_back(text::CutMiddle(text::Printable(format.id), kMostOfId));
+        frames.push_back(FrameText(format));
+    }
+    const auto widest = [](const std::vector<std::string>& column) {
+        int columns = 0;
+        for (const std::string& cell : column) columns = std::max(columns, text::Width(cell));
+        return columns;
+    };
+    const int idColumns = widest(ids);
+    const int frameColumns = widest(frames);
+    table += '\n';
+    for (std::size_t row = 0; row < ids.size(); ++row) {
+        std::string note;
+        if (row > 0 && page.formats[row - 1].address.empty()) note = "no address";
+        if (row > 0 && &page.formats[row - 1] == taken) note = "taken";
+        std::string line = text::PadRight(ids[row], idColumns) + "  ";
+        line += note.empty() ? frames[row] : text::PadRight(frames[row], frameColumns) + "  ";
+        table += line + note + "\n";
+    }
+    return table;
+}
+
+std::string PageJson(const VideoPage& page, const VideoFormat* taken) {
+    nlohmann::ordered_json formats = nlohmann::ordered_json::array();
+    for (const VideoFormat& format : page.formats) {
+        formats.push_back({{"id", format.id},
+                           {"width", nullptr},
+                           {"height", nullptr},
+                           {"url", OrNull(format.address)},
+                           {"taken", &format == taken}});
+        if (!format.width) continue;
+        formats.back()["width"] = *format.width;
+        formats.back()["height"] = *format.height;
+    }
+    nlohmann::ordered_json all;
+    all["title"] = page.title;
+    all["length_seconds"] = nullptr;
+    if (page.length) all["length_seconds"] = *page.length;
+    all["thumbnail_url"] = OrNull(page.thumbnail);
+    all["formats"] = formats;
+    // Text that is not UTF-8 is replaced; nothing but ASCII is safe on every terminal.
+    return all.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+int RunInfo(const InfoOptions& options) {
+    PlainDisplay display(STDERR_FILENO);
+    if (std::string fault = AddressFault(options.address); !fault.empty()) {
+        const Outcome refused{EndResult::kRefused, EXIT_STATUS_USAGE, std::move(fault)};
+        display.Note(EndLine({text::Printable(options.address)}, refused));
+        return refused.status;
+    }
+    const WakePipe& wake = InstallSignals();
+    EventQueue events(wake);
+    Inquiry inquiry(options, events, display);
+    const int status = Session(inquiry, "page", wake, events, display).Run(options.worker);
+    return status == EXIT_STATUS_FINISHED ? Write(options, ReadVideoPage(inquiry.Text())) : status;
+}

@@ -1,0 +1,129 @@
+#include "Console/session.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <string>
+#include <thread>
+
+#include "Console/signals.h"
+#include "Console/text.h"
+#include "TaskMan/taskman.h"
+#include "common/sysutility.h"
+
+namespace {
+
+// The longest wait of the main loop: what the display shows grows no older.
+constexpr std::chrono::milliseconds kTurn{250};
+// From the first signal to an end that waits for nothing more.
+constexpr std::chrono::milliseconds kStopTime{11'400};
+constexpr std::chrono::milliseconds kKillTime{500};
+
+std::string FindWorker(const std::string& given) {
+    if (!given.empty()) return given;
+    const std::string directory = sysutility::GetCurrentPath(true);
+    std::string beside = directory + "tarnwick";
+    if (access(beside.c_str(), X_OK) == 0) return beside;
+    return directory + "../libexec/taskman/tarnwick";
+}
+
+}  // namespace
+
+Session::Session(Work& work, const char* noun, const WakePipe& wake, EventQueue& events,
+                 Display& display)
+    : work_(work), noun_(noun), wake_(wake), events_(events), display_(display) {}
+
+int Session::Run(const std::string& given) {
+    const std::string worker = FindWorker(given);
+    std::string reason;
+    if (access(worker.c_str(), X_OK) != 0) {
+        display_.Note("taskman: no worker program at " + text::Printable(worker));
+        return EXIT_STATUS_FAILED;
+    }
+    if (StartTaskManager(worker.c_str(), "", reason) != 0) {
+        display_.Note("taskman: " + text::Printable(reason));
+        return EXIT_STATUS_FAILED;
+    }
+    try {
+        while (!work_.Done()) Turn();
+        CloseDisplay();
+        EndManager();
+    } catch (...) {
+        EndTaskManager();
+        throw;
+    }
+    if (signals::StopCount() > 0) signals::EndBy(signals::StopSignal());
+    return work_.Status();
+}
+
+void Session::Turn() {
+    for (const Event& event : events_.Take()) work_.Handle(event);
+    LookAtSignals();
+    work_.StartNext();
+    const bool resumed = signals::TakeResume();
+    if (signals::TakeResize() || resumed) display_.ScreenChanged(resumed);
+    display_.Refresh(work_.Running(), work_.Counts());
+    if (!work_.Done()) wake_.Wait(kTurn);
+}
+
+void Session::LookAtSignals() {
+    const int count = signals::StopCount();
+    if (count > 1 || (stopping_ && Clock::now() > stop_deadline_)) EndNow();
+    if (count == 0 || stopping_) return;
+    stopping_ = true;
+    stop_deadline_ = Clock::now() + kStopTime;
+    const std::size_t asked = work_.Stop();
+    if (asked > 0) {
+        display_.Note("stopping " + text::Count(asked, noun_) + " (again: end now)");
+    }
+}
+
+void Session::CloseDisplay() {
+    if (display_closed_) return;
+    display_closed_ = true;
+    display_.Close(work_.Counts());
+}
+
+// The manager waits for its workers; meanwhile a signal can still cut everything short.
+void Session::EndManager() {
+    std::atomic<bool> ended{false};
+    std::thread ender([this, &ended] {
+        EndTaskManager();
+        ended = true;
+        wake_.Wake();
+    });
+    while (!ended) {
+        LookAtSignals();
+        wake_.Wait(kTurn);
+    }
+    ender.join();
+}
+
+// Ends without waiting for anybody: the workers are killed and all names removed.
+void Session::EndNow() {
+    const Clock::time_point deadline = Clock::now() + kKillTime;
+    bool alive = true;
+    while (alive && Clock::now() < deadline) {
+        alive = false;
+        for (const std::atomic<pid_t>& worker : g_WorkerPid) {
+            const pid_t pid = worker;
+            if (pid > 0 && kill(pid, SIGKILL) == 0) alive = true;
+        }
+        if (alive) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    work_.Abandon();
+    const std::string section =
+        std::string(SHARE_MEM_NAME) + "_" + std::to_string(sysutility::GetCurrentPid());
+    shm_unlink(section.c_str());
+    CloseDisplay();
+    signals::EndBy(signals::StopSignal());
+}
+
+const WakePipe& InstallSignals() {
+    static const WakePipe wake;
+    signals::Install(wake);
+    return wake;
+}

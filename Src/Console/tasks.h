@@ -1,0 +1,21 @@
+// What the tasks of the command have in common, and those that resolve a video page.
+#pragma once
+
+#include <string>
+
+#include "Console/events.h"
+#include "Console/outcome.h"
+#include "Console/proxy.h"
+#include "TaskMan/taskcontext.h"
+
+// A task without command and address: its tries, its proxy, and callbacks that report to `events`,
+// which lives as long as the manager runs.
+tagTaskInfo NewTask(const std::string& id, const Proxy& proxy, EventQueue& events);
+
+// Adds a task that resolves `page`, which has no AddressFault. Its end with code 1 carries the
+// information text. Returns false with the reason in one line when the manager refuses it.
+bool AddPageTask(const std::string& id, const std::string& page, const Proxy& proxy,
+                 EventQueue& events, std::string& reason);
+
+// Why no information text came from `page`, as its task's final event says; the code is not 1.
+Outcome PageFailure(const std::string& page, const Event& event);
