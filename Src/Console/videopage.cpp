@@ -40,8 +40,9 @@ VideoFormat& FormatOf(VideoPage& page, const std::string& id) {
 void ReadList(const std::string& list, VideoPage& page) {
     for (const std::string& item : strutil::split(list, ",")) {
         const std::vector<std::string> fields = strutil::split(strutil::trim(item), "/");
-        if (fields.empty()) continue;
-        VideoFormat& format = FormatOf(page, fields[0]);
+        const std::string id = fields.empty() ? "" : strutil::trim(fields[0]);
+        if (id.empty()) continue;
+        VideoFormat& format = FormatOf(page, id);
         if (format.width || fields.size() < 2) continue;
         const std::vector<std::string> sides = strutil::split(fields[1], "x");
         if (sides.size() < 2) continue;
@@ -58,8 +59,9 @@ void ReadMap(const std::string& map, VideoPage& page) {
     std::set<std::string> seen;
     for (const std::string& item : strutil::split(map, ",")) {
         const std::vector<std::string> parts = strutil::split(strutil::trim(item), "|");
-        if (parts.size() < 2 || !seen.insert(parts[0]).second) continue;
-        FormatOf(page, parts[0]).address = parts[1];
+        const std::string id = parts.size() < 2 ? "" : strutil::trim(parts[0]);
+        if (id.empty() || !seen.insert(id).second) continue;
+        FormatOf(page, id).address = parts[1];
     }
 }
 
