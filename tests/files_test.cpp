@@ -78,7 +78,7 @@ TEST(FileNames, CheckedAndMade) {
         {"  clip.mp4 ", true, "clip.mp4"},
         {".hidden", false, ".hidden"},
         {":x", false, "x"},
-        {" My: Video / Part 1? ", false, "My Video  Part 1"},
+        {" My: Video / Take 1? ", false, "My Video  Take 1"},
         {"<<>>", false, ""},
         {"a\\/:*?\"<>|b", false, "ab"},
         {"a\"b", false, "ab"},
