@@ -175,10 +175,9 @@ void Downloads::Ended(File& file, const Event& event) {
     }
     running_.erase(event.id);
     if (file.page && event.code == DOWNLOAD_STATE_PARSE_FINISH && !stopping_) {
-        Resolved(file, event);
-    } else {
-        Report(file, FailureOf(file, event));
+        return Resolved(file, event);
     }
+    Report(file, FailureOf(file, event));
 }
 
 // The page gives the file its name and its address; from here on it is like any other.
@@ -186,8 +185,8 @@ void Downloads::Resolved(File& file, const Event& event) {
     const VideoPage page = ReadVideoPage(event.text);
     const VideoFormat* format = Choose(page, options_.format);
     if (format == nullptr) {
-        Report(file, {EndResult::kFailed, EXIT_STATUS_UNRESOLVED, "the page has no such format"});
-        return;
+        return Report(file,
+                      {EndResult::kFailed, EXIT_STATUS_UNRESOLVED, "the page has no such format"});
     }
     file.page = false;
     file.address = format->address;

@@ -36,14 +36,14 @@ Session::Session(Work& work, const char* noun, const WakePipe& wake, EventQueue&
                  Display& display)
     : work_(work), noun_(noun), wake_(wake), events_(events), display_(display) {}
 
-int Session::Run(const std::string& given) {
-    const std::string worker = FindWorker(given);
+int Session::Run(const std::string& worker) {
+    const std::string program = FindWorker(worker);
     std::string reason;
-    if (access(worker.c_str(), X_OK) != 0) {
-        display_.Note("taskman: no worker program at " + text::Printable(worker));
+    if (access(program.c_str(), X_OK) != 0) {
+        display_.Note("taskman: no worker program at " + text::Printable(program));
         return EXIT_STATUS_FAILED;
     }
-    if (StartTaskManager(worker.c_str(), "", reason) != 0) {
+    if (StartTaskManager(program.c_str(), "", reason) != 0) {
         display_.Note("taskman: " + text::Printable(reason));
         return EXIT_STATUS_FAILED;
     }

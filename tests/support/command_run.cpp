@@ -23,6 +23,7 @@ CommandRun::~CommandRun() {
     if (pid_ > 0 && !Ended()) {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
+        for (const std::string& name : SharedNames()) shm_unlink(name.c_str());
     }
     if (reader_.joinable()) reader_.join();
     if (terminal_ != -1) close(terminal_);
