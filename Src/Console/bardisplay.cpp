@@ -143,7 +143,7 @@ void BarDisplay::ScreenChanged(bool resumed) {
     for (std::string& line : frame_) line = text::CutMiddle(line, columns_);
 }
 
-void BarDisplay::Close(const Totals& totals) {
+void BarDisplay::Close(const Totals& totals, int /*status*/) {
     if (const std::string line = SummaryLine(totals); !line.empty()) Keep(line, "");
     frame_.clear();
     Draw();

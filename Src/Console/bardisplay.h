@@ -17,7 +17,7 @@ class BarDisplay : public Display {
     void Note(const std::string& line) override;
     void Refresh(const std::vector<const FileView*>& running, const Totals& totals) override;
     void ScreenChanged(bool resumed) override;
-    void Close(const Totals& totals) override;
+    void Close(const Totals& totals, int status) override;
 
   private:
     void ReadSize();

@@ -18,15 +18,18 @@ bool TerminalCanDraw() {
            std::strcmp(term, "dumb") != 0;
 }
 
-bool ColourWanted() {
+bool ColourWanted(Colour wanted) {
+    if (wanted != Colour::kAuto) return wanted == Colour::kAlways;
     const char* none = std::getenv("NO_COLOR");
     return none == nullptr || *none == '\0';
 }
 
 }  // namespace
 
-std::unique_ptr<Display> MakeDisplay() {
-    if (TerminalCanDraw()) return std::make_unique<BarDisplay>(STDERR_FILENO, ColourWanted());
+std::unique_ptr<Display> MakeDisplay(const DisplayOptions& options) {
+    if (TerminalCanDraw()) {
+        return std::make_unique<BarDisplay>(STDERR_FILENO, ColourWanted(options.colour));
+    }
     return std::make_unique<PlainDisplay>(STDERR_FILENO);
 }
 

@@ -17,10 +17,14 @@ using Clock = std::chrono::steady_clock;
 // One file, as far as its worker has reported.
 struct FileView {
     std::string name{};           // fit for a terminal
+    std::string id{};             // of its present task; empty when it never had one
+    std::string address{};        // as it was given, or as the page told it
+    std::string path{};           // where the file goes; empty while that is unknown
     double size = -1;             // bytes; below 0 while unknown
     double percent = 0;           // 0 to 100
     double speed = -1;            // bytes per second; below 0 while unknown
     bool answered = false;        // bytes of the file have come
+    int tries = 1;                // how often its worker has begun it
     Clock::time_point started{};  // of its task
 
     double Received() const { return size < 0 ? 0 : size * percent / 100; }
@@ -31,8 +35,9 @@ struct Totals {
     std::size_t files = 0;
     std::size_t waiting = 0;  // not begun
     std::size_t finished = 0;
+    std::size_t skipped = 0;  // was there before
     std::size_t stopped = 0;
-    std::size_t ended = 0;     // finished, stopped or failed
+    std::size_t ended = 0;     // finished, skipped, stopped or failed
     double finishedBytes = 0;  // of the finished files
 };
 
@@ -61,12 +66,24 @@ class Display : private Uncopyable {
     // drawn is no longer where it was.
     virtual void ScreenChanged(bool resumed) = 0;
 
-    // Nothing more comes.
-    virtual void Close(const Totals& totals) = 0;
+    // Nothing more comes. `status` is that of the command.
+    virtual void Close(const Totals& totals, int status) = 0;
 };
 
-// Bars on standard error when that is a terminal that can do it, else plain lines there.
-std::unique_ptr<Display> MakeDisplay();
+enum class ProgressForm { kAuto, kBar, kPlain, kNone };
+enum class Colour { kAuto, kAlways, kNever };
+
+// What the user wants to see.
+struct DisplayOptions {
+    bool json = false;     // objects for programs on standard output, instead of anything else
+    bool quiet = false;    // failures only
+    bool verbose = false;  // what the workers report, too
+    ProgressForm progress = ProgressForm::kAuto;
+    Colour colour = Colour::kAuto;
+};
+
+// By itself: bars on standard error when that is a terminal that can do it, else plain lines there.
+std::unique_ptr<Display> MakeDisplay(const DisplayOptions& options);
 
 // ---- Texts that all displays share.
 

@@ -10,7 +10,7 @@
 int RunGet(const GetOptions& options) {
     const WakePipe& wake = InstallSignals();
     EventQueue events(wake);
-    const std::unique_ptr<Display> display = MakeDisplay();
+    const std::unique_ptr<Display> display = MakeDisplay(options.display);
     Downloads downloads(options, events, *display);
     return Session(downloads, "download", wake, events, *display).Run(options.worker);
 }

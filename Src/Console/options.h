@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "Console/display.h"
 #include "Console/proxy.h"
 #include "Console/videopage.h"
 
@@ -18,6 +19,7 @@ struct GetOptions {
     std::string worker{};                  // program of the workers; empty: looked for
     Proxy proxy{};
     FormatWish format{};  // when given, the addresses are those of pages
+    DisplayOptions display{};
 };
 
 // `taskman info`

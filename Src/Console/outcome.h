@@ -1,6 +1,7 @@
 // How a file of `taskman get` ends, and with what status the command exits.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 // Exit statuses of the command. When several apply, the smallest that is not 0 wins.
@@ -20,7 +21,7 @@ constexpr ExitStatus Combine(ExitStatus sofar, ExitStatus status) {
     return status == EXIT_STATUS_FINISHED || sofar < status ? sofar : status;
 }
 
-enum class EndResult { kFinished, kFailed, kDied, kStopped, kMismatch, kRefused };
+enum class EndResult { kFinished, kFailed, kDied, kStopped, kMismatch, kRefused, kSkipped };
 
 // The end of one file.
 struct Outcome {
@@ -29,6 +30,9 @@ struct Outcome {
     std::string reason{};  // one line, as it came: not yet fit for a terminal; empty when finished
     double bytes = 0;      // size of the finished file
     double seconds = 0;    // from its start to its end
+    std::int32_t code = -1;    // final code of its task; -1 when it had none
+    std::string secondLook{};  // what the command itself saw at the address of a failed file, in
+                               // one line as it came; empty when it did not look
 };
 
 // The word for a result: "finished", "failed" and so on.
@@ -46,6 +50,8 @@ constexpr const char* ResultName(EndResult result) {
             return "mismatch";
         case EndResult::kRefused:
             return "refused";
+        case EndResult::kSkipped:
+            return "skipped";
     }
     return "";
 }

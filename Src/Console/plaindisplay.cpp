@@ -30,6 +30,6 @@ void PlainDisplay::Note(const std::string& line) {
     WriteAll(descriptor_, line + "\n");
 }
 
-void PlainDisplay::Close(const Totals& totals) {
+void PlainDisplay::Close(const Totals& totals, int /*status*/) {
     if (const std::string line = SummaryLine(totals); !line.empty()) Note(line);
 }

@@ -15,7 +15,7 @@ class PlainDisplay : public Display {
     void Note(const std::string& line) override;
     void Refresh(const std::vector<const FileView*>&, const Totals&) override {}
     void ScreenChanged(bool) override {}
-    void Close(const Totals& totals) override;
+    void Close(const Totals& totals, int status) override;
 
   private:
     const int descriptor_;

@@ -84,7 +84,7 @@ void Session::LookAtSignals() {
 void Session::CloseDisplay() {
     if (display_closed_) return;
     display_closed_ = true;
-    display_.Close(work_.Counts());
+    display_.Close(work_.Counts(), work_.Status());
 }
 
 // The manager waits for its workers; meanwhile a signal can still cut everything short.
