@@ -32,6 +32,19 @@ int WaitCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, int millise
 // cannot list them.
 std::vector<std::string> SharedMemoryNames();
 
+// A regular file as another process has it open.
+struct OpenFile {
+    int nDescriptor = -1;              // of that process
+    std::int64_t nPosition = -1;       // bytes; -1: not open there, or the system does not tell
+    std::int64_t nSize = 0;            // bytes
+    std::int64_t nModifiedBefore = 0;  // time of the last write, in a unit of no concern: read
+    std::int64_t nModifiedAfter = 0;   // before and after the position was
+};
+
+// Looks at the file `path` of process `pid`; `nDescriptor` is the descriptor it had at the last
+// look, or -1. May wait for the file system.
+OpenFile LookAtOpenFile(pid_t pid, const std::string& path, int nDescriptor);
+
 // Follows one child process from its start on. Where the system allows it, the watch stays exact
 // when the id of the ended child is given to another process.
 class ProcessWatch {

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/auxv.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -9,6 +10,8 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <utility>
@@ -16,6 +19,51 @@
 #include "common/platform.h"
 
 namespace platform {
+namespace {
+
+std::string ProcessPath(pid_t pid, const char* what) {
+    return "/proc/" + std::to_string(pid) + what;
+}
+
+bool SameFile(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// The first descriptor of the process that is of this file; -1 when there is none.
+int FindDescriptor(pid_t pid, const struct stat& file) {
+    const std::string path = ProcessPath(pid, "/fd");
+    DIR* directory = opendir(path.c_str());
+    if (directory == nullptr) return -1;
+    int found = -1;
+    while (const dirent* entry = readdir(directory)) {
+        struct stat status {};
+        if (*entry->d_name == '.' || fstatat(dirfd(directory), entry->d_name, &status, 0) != 0 ||
+            !SameFile(status, file)) {
+            continue;
+        }
+        found = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
+        break;
+    }
+    closedir(directory);
+    return found;
+}
+
+// The position of a descriptor; -1 when it is not open.
+std::int64_t Position(pid_t pid, int descriptor) {
+    const std::string path = ProcessPath(pid, "/fdinfo/") + std::to_string(descriptor);
+    FILE* info = std::fopen(path.c_str(), "re");
+    if (info == nullptr) return -1;
+    long long position = -1;
+    if (std::fscanf(info, "pos: %lld", &position) != 1) position = -1;
+    std::fclose(info);
+    return position;
+}
+
+std::int64_t Modified(const struct stat& status) {
+    return std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec;
+}
+
+}  // namespace
 
 int ExecutablePath(char* buffer, std::uint32_t* size) {
     const auto* path = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
@@ -62,6 +110,26 @@ std::vector<std::string> SharedMemoryNames() {
     while (const dirent* entry = readdir(directory)) names.emplace_back(entry->d_name);
     closedir(directory);
     return names;
+}
+
+OpenFile LookAtOpenFile(pid_t pid, const std::string& path, int nDescriptor) {
+    struct stat file {};
+    struct stat open {};
+    const auto look = [&](int descriptor) {
+        const std::string link = ProcessPath(pid, "/fd/") + std::to_string(descriptor);
+        return stat(link.c_str(), &open) == 0 && SameFile(open, file);
+    };
+    if (stat(path.c_str(), &file) != 0 || !S_ISREG(file.st_mode)) return {};
+    if (nDescriptor == -1 || !look(nDescriptor)) {
+        nDescriptor = FindDescriptor(pid, file);
+        if (nDescriptor == -1 || !look(nDescriptor)) return {};
+    }
+    OpenFile found{nDescriptor, 0, 0, Modified(open), 0};
+    found.nPosition = Position(pid, nDescriptor);
+    if (!look(nDescriptor)) return {};
+    found.nSize = open.st_size;
+    found.nModifiedAfter = Modified(open);
+    return found;
 }
 
 ProcessWatch::ProcessWatch(pid_t pid) : pid_(pid), descriptor_(-1) {

@@ -273,6 +273,48 @@ TEST_F(ManagerTest, GivesASilentServerUp) {
     SetTaskLimits({});
 }
 
+TEST_F(ManagerTest, StopsWhatStartsOverWithoutGettingFurther) {
+    static constexpr std::size_t kSize = 4'000'000;
+    const std::string body = test_support::TestBytes(kSize);
+    // Serves the first `first` bytes, and `more` with every further request, then resets.
+    const auto breaking = [&](std::size_t first, std::size_t more) {
+        return [&body, first, more](const std::string&, std::size_t number) {
+            const std::size_t part = std::min(first + number * more, +kSize);
+            Reply reply = Reply::Head(std::to_string(kSize));
+            // Only bytes that come a few at a time give the worker its tries back.
+            reply.Send(body.substr(0, part), 5 * part);
+            if (part < kSize) reply.Pause(std::chrono::milliseconds(100)).Reset();
+            return reply;
+        };
+    };
+    SetTaskLimits({30, 60, 4});
+    HttpServer early(breaking(1000, 0));
+    HttpServer late(breaking(3'000'000, 0));
+    HttpServer further(breaking(100'000, 300'000));
+    HttpServer endless({Reply::Head("1000000000000000000", body).Silence()});
+    const auto addTried = [this](const HttpServer& server) {
+        tagTaskInfo task = Download(server.Url());
+        task.nTryCount = 3;
+        return Add(task);
+    };
+    const std::string hopeless[] = {addTried(early), addTried(late)};
+    const std::string large = addTried(endless);
+    const std::string growing = addTried(further);
+    for (const std::string& id : hopeless) ExpectEnd(id, 8, TASK_REMARK_STARTS_OVER);
+    ExpectEnd(large, 8, TASK_REMARK_NO_SPACE);
+    ExpectEnd(growing, 3);
+    SetTaskLimits({});
+}
+
+// Another process asks a worker to stop that cannot see it.
+TEST_F(ManagerTest, SeesToAStrangersStop) {
+    HttpServer silent({Reply().Silence()});
+    const std::string id = Add(Download(silent.Url()));
+    EXPECT_TRUE(WaitUntil([&] { return silent.RequestCount() == 1; }));
+    StoreControl(*SlotAt(g_VideoInfoSection, 0), TASK_CONTROL_STOP);
+    ExpectEnd(id, 8, "the worker did not stop by itself");
+}
+
 TEST_F(ManagerTest, LosesNoTaskWhenTheScannerIsJustEnding) {
     HttpServer server({Reply::Status(404, "")});
     for (int round = 0; round < 6; ++round) {
@@ -288,7 +330,14 @@ class NoWorkerTest : public ManagerTest {
 };
 
 TEST_F(NoWorkerTest, EndsTheTasksOfAMissingProgram) {
-    ExpectEnd(Add(Download("http://127.0.0.1/")), 7, "the worker ended before it took the task");
+    for (int i = 0; i < 3; ++i) {
+        ExpectEnd(Add(Download("http://127.0.0.1/")), 7,
+                  "the worker ended before it took the task");
+    }
+    std::string reason;
+    EXPECT_EQ(-1, AddTask(Download("http://127.0.0.1/"), reason));
+    EXPECT_EQ("three workers ended before they took their task; no new one for ten seconds",
+              reason);
 }
 
 TEST(Manager, TellsWhyItCannotStart) {

@@ -26,6 +26,12 @@ void MarkAnswered(Watch& watch) {
     watch.bAnswered = true;
 }
 
+// A task that finished all the same has nothing remarkable about its end.
+void MarkFinished(Watch& watch) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    watch.remark.clear();
+}
+
 void MarkDelivered(Watch& watch) {
     Threading::AutoLock hold(&g_watch_mutex);
     watch.bDelivered = true;
@@ -38,6 +44,7 @@ void OnState(void* param, const char* szTaskID, std::int32_t nCode, double dValu
     if (nCode == DOWNLOAD_STATE_FILE_SIZE || nCode == DOWNLOAD_STATE_DOWNLOAD_START) {
         MarkAnswered(watch);
     }
+    if (nCode == DOWNLOAD_STATE_DOWNLOAD_FINISH) MarkFinished(watch);
     if (watch.pfnStateCallback != nullptr) {
         watch.pfnStateCallback(watch.pCallbackParam, szTaskID, nCode, dValue, nTaskKind);
     }
@@ -47,6 +54,7 @@ void OnState(void* param, const char* szTaskID, std::int32_t nCode, double dValu
 void OnResult(void* param, const char* szTaskID, std::int32_t nCode, const char* szText,
               std::uint32_t nLength) {
     Watch& watch = *static_cast<Watch*>(param);
+    MarkFinished(watch);
     if (watch.pfnResultCallback != nullptr) {
         watch.pfnResultCallback(watch.pCallbackParam, szTaskID, nCode, szText, nLength);
     }
@@ -59,6 +67,10 @@ Watch* TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, std::strin
     Threading::AutoLock hold(&g_watch_mutex);
     if (g_phase != ManagerPhase::kRunning) {
         strReason = "the task manager is not running";
+        return nullptr;
+    }
+    if (Clock::now() < g_refuse_until) {
+        strReason = REFUSED_FOR_NOW;
         return nullptr;
     }
     const std::string id = FieldText(taskinfo.szTaskID);

@@ -73,6 +73,7 @@ bool EndThreads() {
     g_Exit = true;
     g_supervisor_ends = true;
     pthread_join(g_supervisor, nullptr);
+    EndDiskWatch();
     return ScannerEnded(kShutdownPatience);
 }
 
@@ -116,6 +117,15 @@ void ForgetTasks() {
     }
 }
 
+// Starts the disk watch and the supervisor, both or none. Returns an error number.
+int StartThreads() {
+    if (const int error = StartDiskWatch(); error != 0) return error;
+    g_supervisor_ends = false;
+    const int error = StartThread(&g_supervisor, RunSupervisor, nullptr, false);
+    if (error != 0) EndDiskWatch();
+    return error;
+}
+
 // The threads of a manager that nobody ended must not run on while statics are destroyed.
 void EndBeforeExit() {
     static const int registered = std::atexit([] {
@@ -150,13 +160,13 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory,
         return -1;
     }
     g_worker_path = program;
-    g_supervisor_ends = false;
-    if (const int error = StartThread(&g_supervisor, RunSupervisor, nullptr, false); error != 0) {
+    if (const int error = StartThreads(); error != 0) {
         strReason = SystemReason("cannot start the supervisor", error);
         RemoveSection();
         g_mainpid = -1;
         return -1;
     }
+    g_refuse_until = {};
     EndBeforeExit();
     g_phase = ManagerPhase::kRunning;
     return 0;

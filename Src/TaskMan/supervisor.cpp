@@ -3,8 +3,10 @@
 // The scanner learns of a task's end only from a final code, and it waits for a task's lock without
 // bound. A worker may die without that code, or with the lock. The supervisor follows the worker
 // processes, so it can tell both; what it sets in a slot, the scanner handles like a worker's word.
+#include <array>
 #include <csignal>
 #include <thread>
+#include <utility>
 
 #include "TaskMan/watch.h"
 #include "common/AutoLock.h"
@@ -13,6 +15,7 @@
 
 Threading::Mutex g_watch_mutex;
 Watch g_Watches[TASK_SLOT_COUNT];
+Clock::time_point g_refuse_until;
 std::atomic<bool> g_supervisor_ends{false};
 
 pthread_t g_ScanDataPid{};
@@ -30,6 +33,13 @@ constexpr int kAbandonedTicks = 5;
 constexpr int kStuckTicks = 20;      // without the lock: a living worker with it is stuck
 constexpr auto kStopPatience = 10s;  // a size probe does not see the stop word
 constexpr auto kExitPatience = 10s;  // after its final code a worker exits within a second
+
+// So many workers that end before they take their task, within this time, are no accident: a
+// program that cannot run would be started over and over. No task is accepted for as long again.
+constexpr std::size_t kFailedStarts = 3;
+constexpr auto kThrottleTime = 10s;
+std::array<Clock::time_point, kFailedStarts> g_failed_starts TS_GUARDED_BY(g_watch_mutex);
+std::size_t g_failed_start_count TS_GUARDED_BY(g_watch_mutex) = 0;
 
 // Takes the task's lock if it is free.
 bool TryLock(Watch& watch) {
@@ -69,33 +79,57 @@ void StoreStop(Watch& watch, tagTaskContext& slot) {
     watch.bStopStored = true;
 }
 
+// Another process may have asked the task to stop, by the word in the slot.
+void NoteStrangersStop(Watch& watch, const tagTaskContext& slot, Clock::time_point now) {
+    if (watch.bStopAsked || !CarriesId(slot, watch) || LoadControl(slot) != TASK_CONTROL_STOP) {
+        return;
+    }
+    watch.bStopAsked = watch.bStopStored = true;
+    watch.stopAskedAt = now;
+}
+
 tagDownloadStateCode CodeForTheDead(const Watch& watch) {
     if (watch.bStopAsked) return DOWNLOAD_STATE_STOPPED;
     return watch.nCmd == TASK_CMD_PARSE ? DOWNLOAD_STATE_PARSE_FAIL : DOWNLOAD_STATE_DOWNLOAD_FAIL;
 }
 
+void NoteFailedStart(Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
+    g_failed_starts[g_failed_start_count++ % kFailedStarts] = now;
+    if (g_failed_start_count < kFailedStarts) return;
+    const Clock::time_point oldest = g_failed_starts[g_failed_start_count % kFailedStarts];
+    if (now - oldest > kThrottleTime) return;
+    g_refuse_until = now + kThrottleTime;
+    g_failed_start_count = 0;
+}
+
 // Sets the final code for a worker that is gone without one.
-void SpeakForTheDead(Watch& watch, tagTaskContext& slot) {
-    watch.remark = !watch.killReason.empty()             ? watch.killReason
-                   : g_WorkerPid[watch.nTaskIndex] == -1 ? "the worker could not be started"
-                   : slot.nPid == -1 ? "the worker ended before it took the task"
-                                     : "the worker died";
+void SpeakForTheDead(Watch& watch, tagTaskContext& slot, Clock::time_point now)
+    TS_REQUIRES(g_watch_mutex) {
+    const bool unclaimed = slot.nPid == -1;
+    if (unclaimed && watch.killReason.empty() && !watch.bStopAsked) NoteFailedStart(now);
+    if (watch.remark.empty()) {
+        watch.remark = !watch.killReason.empty()             ? watch.killReason
+                       : g_WorkerPid[watch.nTaskIndex] == -1 ? "the worker could not be started"
+                       : unclaimed ? "the worker ended before it took the task"
+                                   : "the worker died";
+    }
     // The scanner passes over a slot without the task's id; a worker may have damaged it.
     SetField(slot.szTaskID, watch.id);
     SetStateBit(slot, CodeForTheDead(watch));
 }
 
 // Looks at the slot; the caller holds the task's lock.
-void Inspect(Watch& watch, Clock::time_point now) {
+void Inspect(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
     tagTaskContext* slot = OwnSlot(watch);
     if (slot == nullptr ||
         (CarriesId(*slot, watch) && (slot->nStateBits & FINAL_STATE_BITS) != 0)) {
         NoteEnded(watch, now);
     } else if (watch.bGone) {
-        SpeakForTheDead(watch, *slot);
+        SpeakForTheDead(watch, *slot, now);
         NoteEnded(watch, now);
     } else {
         NoteClaim(watch, *slot, now);
+        NoteStrangersStop(watch, *slot, now);
         StoreStop(watch, *slot);
     }
 }

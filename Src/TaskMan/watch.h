@@ -11,6 +11,7 @@
 #include <chrono>
 #include <string>
 
+#include "TaskMan/diskwatch.h"
 #include "TaskMan/taskman.h"
 #include "common/mutex.h"
 #include "common/platform.h"
@@ -46,6 +47,7 @@ struct Watch {
     Clock::time_point claimedAt;
     Clock::time_point stopAskedAt;
     Clock::time_point endedAt;
+    FileAdvance advance;     // of its output file
     std::string killReason;  // why the worker was killed, if it was
     std::string remark;      // TaskRemark
 };
@@ -60,6 +62,12 @@ enum class ManagerPhase { kIdle, kRunning, kEnding };
 extern ManagerPhase g_phase TS_GUARDED_BY(g_watch_mutex);
 extern std::string g_worker_path TS_GUARDED_BY(g_watch_mutex);
 extern tagTaskLimits g_limits TS_GUARDED_BY(g_watch_mutex);
+
+// Until when no task is accepted, because workers end before they take their task; and what is said
+// then.
+extern Clock::time_point g_refuse_until TS_GUARDED_BY(g_watch_mutex);
+constexpr const char* REFUSED_FOR_NOW =
+    "three workers ended before they took their task; no new one for ten seconds";
 
 // The watch in use for `id`, or null.
 Watch* FindWatch(const std::string& id) TS_REQUIRES(g_watch_mutex);

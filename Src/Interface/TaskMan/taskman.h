@@ -38,7 +38,8 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory, std:
 // empty, longer than 63 bytes, not of letters, digits, "_" and "-", in use, a prefix of one in use
 // or the reverse; a command and kind that make neither a parse nor a download job; an address that
 // is not http or https; a path that CheckTaskParam refuses or that a live task writes; a text that
-// fills its field; a ninth task.
+// fills its field; a ninth task; and every task for ten seconds when three workers have ended
+// within ten seconds without having taken theirs.
 int AddTask(const tagTaskInfo& taskinfo, std::string& strReason);
 
 // Asks a task to stop. It ends with code 8, or with the code it had reached before. A worker that
@@ -46,18 +47,25 @@ int AddTask(const tagTaskInfo& taskinfo, std::string& strReason);
 int StopTask(const char* szTaskID);
 
 // How long a worker may wait for a server before it is killed and its task has failed: neither a
-// size probe nor a page fetch ends by itself when a server accepts and stays silent.
+// size probe nor a page fetch ends by itself when a server accepts and stays silent. And how often
+// the transfer of a file may start over without the file having grown before the task is stopped: a
+// try that has received bytes gives the worker all its tries back.
 struct tagTaskLimits {
     std::int32_t nAnswerSeconds = 30;  // a download, to its code 10 or 2; 0: for ever
     std::int32_t nPageSeconds = 60;    // a page, to its final code; 0: for ever
+    std::int32_t nStartsOver = 10;     // 0: for ever
 };
 
 // Sets the limits for all tasks, from now on.
 void SetTaskLimits(const tagTaskLimits& limits);
 
-// What the manager knows about the way a task ended beyond its code, in one line: "worker died",
-// for example. Empty when the worker itself reported the end. To be called from the task's final
-// callback; afterwards the task is forgotten.
+// What the manager knows about the way a task ended beyond its code, in one line: "the worker
+// died", for example. Empty when the worker itself reported the end, unless the manager had stopped
+// the task; the code is 8 then, and the remark one of the two below. To be called from the task's
+// final callback; afterwards the task is forgotten.
+constexpr const char* TASK_REMARK_NO_SPACE = "no space left for the file";
+constexpr const char* TASK_REMARK_STARTS_OVER =
+    "the transfer starts over and over without getting further";
 std::string TaskRemark(const char* szTaskID);
 
 // Size in bytes of the file of a task, as its worker has announced it with code 10; 0 while it is

@@ -1,0 +1,130 @@
+#include "TaskMan/diskwatch.h"
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+#include <utility>
+
+#include "TaskMan/watch.h"
+#include "common/AutoLock.h"
+#include "common/thread.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kTick = 250ms;
+constexpr auto kEndPatience = 2s;
+constexpr double kBlock = 512;  // unit of st_blocks
+
+std::atomic<bool> g_disk_watch_ends{false};
+std::atomic<bool> g_disk_watch_runs{false};
+
+// One look at one task; a copy, because no lock is held during it.
+struct Look {
+    std::string id;
+    std::string path;
+    pid_t pid = -1;
+    double size = 0.0;
+    FileAdvance advance;
+    bool bLacksSpace = false;
+};
+
+// False when there is nothing to look at.
+bool Begin(int slot, Look& look) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    const Watch& watch = g_Watches[slot];
+    if (!watch.bClaimed || watch.bGone || watch.bEnded || watch.bStopAsked || watch.path.empty()) {
+        return false;
+    }
+    look = {watch.id, watch.path, watch.process.Pid(), g_TaskFileSize[slot], watch.advance, false};
+    return true;
+}
+
+void Perform(Look& look) {
+    const bool again = NoteFile(
+        look.advance, platform::LookAtOpenFile(look.pid, look.path, look.advance.last.nDescriptor));
+    if (look.size <= 0.0 || (look.advance.bSpaceChecked && !again)) return;
+    look.advance.bSpaceChecked = true;
+    look.bLacksSpace = LacksSpace(look.path, look.size);
+}
+
+void Finish(const Look& look) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    Watch* watch = FindWatch(look.id);
+    if (watch == nullptr || watch->bEnded || watch->bStopAsked) return;
+    watch->advance = look.advance;
+    const std::int32_t most = g_limits.nStartsOver;
+    if (look.bLacksSpace) {
+        watch->remark = TASK_REMARK_NO_SPACE;
+    } else if (most > 0 && look.advance.nStartsOver >= most) {
+        watch->remark = TASK_REMARK_STARTS_OVER;
+    } else {
+        return;
+    }
+    AskToStop(*watch);
+}
+
+void* RunDiskWatch(void* /*argument*/) {
+    while (!g_disk_watch_ends) {
+        for (int slot = 0; slot < TASK_SLOT_COUNT; ++slot) {
+            Look look;
+            if (!Begin(slot, look)) continue;
+            Perform(look);
+            Finish(look);
+        }
+        std::this_thread::sleep_for(kTick);
+    }
+    g_disk_watch_runs = false;
+    return nullptr;
+}
+
+}  // namespace
+
+bool NoteFile(FileAdvance& advance, const platform::OpenFile& now) {
+    const platform::OpenFile last = std::exchange(advance.last, now);
+    if (now.nPosition < 0) return false;
+    if (now.nSize > advance.nBest) {
+        advance.nBest = now.nSize;
+        advance.nStartsOver = 0;
+    }
+    if (last.nPosition < 0 || now.nPosition > last.nPosition) return false;
+    const bool written = now.nModifiedBefore != last.nModifiedAfter;
+    if (now.nPosition == last.nPosition && !written) return false;
+    ++advance.nStartsOver;
+    return true;
+}
+
+bool LacksSpace(const std::string& path, double size) {
+    struct stat file {};
+    double room = 0.0;
+    if (stat(path.c_str(), &file) == 0) {
+        if (!S_ISREG(file.st_mode)) return false;
+        room = static_cast<double>(file.st_blocks) * kBlock;
+    }
+    struct statvfs disk {};
+    const std::string directory = path.substr(0, path.rfind('/') + 1);
+    if (statvfs(directory.c_str(), &disk) != 0 || disk.f_blocks == 0) return false;
+    const auto blocks = geteuid() == 0 ? disk.f_bfree : disk.f_bavail;
+    return room + static_cast<double>(blocks) * static_cast<double>(disk.f_frsize) < size;
+}
+
+int StartDiskWatch() {
+    g_disk_watch_ends = false;
+    // One that a file system has held since the last end goes on.
+    if (g_disk_watch_runs.exchange(true)) return 0;
+    pthread_t thread{};
+    const int error = StartThread(&thread, RunDiskWatch, nullptr, true);
+    if (error != 0) g_disk_watch_runs = false;
+    return error;
+}
+
+bool EndDiskWatch() {
+    g_disk_watch_ends = true;
+    const Clock::time_point deadline = Clock::now() + kEndPatience;
+    while (g_disk_watch_runs && Clock::now() < deadline) std::this_thread::sleep_for(10ms);
+    return !g_disk_watch_runs;
+}
