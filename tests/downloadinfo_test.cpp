@@ -11,10 +11,10 @@
 #include <new>
 #include <utility>
 
-#include "Tarnwick/jobstate.h"
 #include "common/fieldtext.h"
 #include "support/helpers.h"
 #include "support/http_server.h"
+#include "support/job.h"
 
 using test_support::HttpServer;
 using test_support::ReadFile;
@@ -32,17 +32,10 @@ std::string Bytes(const tagDownloadInfo& info) {
 class InfoFile : public testing::Test {
   protected:
     InfoFile() {
-        g_VideoInfoSection.hPrt = reinterpret_cast<char*>(memory_.data());
-        g_TaskIndex = 0;
-        const std::string id = test_support::UniqueName();
-        SetField(g_TaskInfo.szTaskID, id);
-        SetField(SlotAt(g_VideoInfoSection, 0)->szTaskID, id);
-        g_TaskInfo.mutexLock = new Threading::Mutex(id.c_str());
         g_DownloadConfigPath = std::filesystem::path(directory.Path()).parent_path();
-        name = directory.Path(id + ".config");
+        name = directory.Path(job.id + ".config");
         ForgetJob();
-
-        SetField(task.szTaskID, id);
+        SetField(task.szTaskID, job.id);
         SetField(task.szOrgUrl, "http://page");
         SetField(task.szDownloadUrl, server.Url("/10000000-a-rather-long-name"));
         SetField(task.szFilePath, "/out/file");
@@ -51,11 +44,6 @@ class InfoFile : public testing::Test {
         task.nTryInterval = 0;
         task.nDownloadInfoTag = 77;
     }
-    ~InfoFile() override {
-        delete std::exchange(g_TaskInfo.mutexLock, nullptr);
-        g_VideoInfoSection.hPrt = nullptr;
-    }
-
     static void ForgetJob() {
         g_TryCount = 0;
         g_FileSize = 0;
@@ -92,10 +80,8 @@ class InfoFile : public testing::Test {
     }};
     const test_support::TempDir directory;
     std::string name;
+    test_support::Job job;
     tagTaskContext task;
-
-  private:
-    std::vector<std::uint64_t> memory_ = std::vector<std::uint64_t>(SHARE_MEM_SIZE / 8 + 1);
 };
 
 TEST(DownloadInfo, DefaultsAreWrittenAtBothEndsOfItsLife) {
@@ -115,7 +101,7 @@ TEST_F(InfoFile, CreatedKeptAndBroughtUpToDate) {
     ASSERT_TRUE(InitDownloadInfofile(&task));
     tagDownloadInfo expected = Expected();
     EXPECT_EQ(ReadFile(name), Bytes(expected));
-    EXPECT_EQ(SlotAt(g_VideoInfoSection, 0)->dFileSize, 1e7);
+    EXPECT_EQ(job.Slot().dFileSize, 1e7);
     const auto read = Read();
     ASSERT_NE(read, nullptr);
     EXPECT_EQ(Bytes(*read), Bytes(expected));

@@ -5,14 +5,11 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
-#include <algorithm>
-#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
-#include <random>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -26,10 +23,11 @@
 #include "common/fieldtext.h"
 #include "support/helpers.h"
 #include "support/http_server.h"
+#include "support/job.h"
 
 using test_support::InChild;
+using test_support::Job;
 using test_support::SemaphoreValue;
-using test_support::UniqueName;
 
 namespace {
 
@@ -50,29 +48,6 @@ extern "C" int gettimeofday(timeval* now, void*) noexcept {
 }
 
 namespace {
-
-// The state that the intake leaves to the job, around a section in this process's memory.
-class Job {
-  public:
-    explicit Job(std::int32_t nCmd = TASK_CMD_DOWNLOAD) : id(UniqueName()) {
-        g_VideoInfoSection.hPrt = reinterpret_cast<char*>(memory_.data());
-        g_TaskIndex = 5;
-        SetField(Slot().szTaskID, id + "-and-more");
-        SetField(g_TaskInfo.szTaskID, id);
-        g_TaskInfo.mutexLock = new Threading::Mutex(id.c_str());
-        g_CurTaskContext_prt = &Slot();
-        g_TaskConData.nCmd = nCmd;
-    }
-    ~Job() { delete std::exchange(g_TaskInfo.mutexLock, nullptr); }
-    tagTaskContext& Slot() {
-        return reinterpret_cast<tagTaskContext*>(memory_.data())[g_TaskIndex];
-    }
-
-    const std::string id;
-
-  private:
-    std::vector<std::uint64_t> memory_ = std::vector<std::uint64_t>(SHARE_MEM_SIZE / 8 + 1);
-};
 
 TEST(SendStateMSG, AddsBits) {
     InChild([] {
@@ -205,130 +180,6 @@ TEST(Progress, ReportsAndBreaksOff) {
           {4000, 0, 40, 0, kSpeed, -1, 10}});
     Play("a stop while nothing comes", 1, 2,
          {{1000, 0, 0, -1, 0, -1, -1}, {1001, 9, 1, -1, 0, -1, -1}});
-}
-
-// The progress function once more, written down step by step without regard to anything else.
-struct Model {
-    std::uint64_t uTotal = 0, uPrevRecvSize = 0, uLastProgressTime = 0, uStartTime = 0;
-    bool bHasDownload = false, bStartCheckNetState = false;
-    double progress = 0.0, slotProgress = 0.0, slotSpeed = 0.0;
-    std::uint32_t bps = 0, bits = 0;
-    std::uint64_t calcTime = 0, downloadSize = 0;
-    std::int32_t tries = 0;
-
-    int Call(std::uint64_t now, std::uint64_t total, std::uint64_t bytes, bool download,
-             bool stop) {
-        if (uTotal == 0) uTotal = total;
-        if (uTotal != total) return uTotal = total, 0;
-        if (stop) return -1;
-        if (bytes == total && progress == 0.0) return 0;
-        if (!bHasDownload && progress == 0.0 && bytes != 0) {
-            bHasDownload = true;
-            if (download) bits |= 1U << 2;
-        }
-        if (uPrevRecvSize == 0 && bytes != 0) return uPrevRecvSize = bytes, 0;
-        if (bytes != uPrevRecvSize) {
-            uPrevRecvSize = bytes;
-            bStartCheckNetState = false;
-            uStartTime = 0;
-            tries = 0;
-        } else if (!bStartCheckNetState) {
-            bStartCheckNetState = true;
-            uStartTime = now;
-        } else if ((now - uStartTime) / 1000 >= 20) {
-            bStartCheckNetState = false;
-            uStartTime = uPrevRecvSize = 0;
-            return -1;
-        }
-        if (!download) return 0;
-        if (uTotal != 0) {
-            if (uLastProgressTime == 0) return uLastProgressTime = now, 0;
-            if ((now - uLastProgressTime) / 1000 >= 1) {
-                uLastProgressTime = now;
-                const auto percent = static_cast<double>(100 * bytes / uTotal);
-                if (percent > progress) {
-                    progress = slotProgress = percent;
-                    bits |= 1U << 4;
-                }
-            }
-        }
-        if (calcTime == 0 || bytes < downloadSize) {
-            bps = 0;
-            calcTime = now;
-            downloadSize = bytes;
-            return 0;
-        }
-        const std::uint64_t elapsed = now - calcTime;
-        if (elapsed / 1000 == 0) return 0;
-        const double exact =
-            static_cast<double>((bytes - downloadSize) * 1000) / static_cast<double>(elapsed);
-        const std::uint32_t speed =
-            exact > 4294967295.0 ? 4294967295U : static_cast<std::uint32_t>(exact);
-        calcTime = now;
-        downloadSize = bytes;
-        if (speed == bps) return 0;
-        bps = speed;
-        slotSpeed = speed;
-        bits |= 1U << 5;
-        return 0;
-    }
-};
-
-// What a call leaves, each as a double: result, bits, dProgress, dSpeed, g_Progress, g_TryCount,
-// g_LastBPS, g_LastCalcTime, g_LastDownloadSize.
-using Outcome = std::array<double, 9>;
-
-template <class... Numbers>
-Outcome MakeOutcome(Numbers... numbers) {
-    return {static_cast<double>(numbers)...};
-}
-
-// A long transfer of random steps, with new tries, stops, new totals and leaps of the clock.
-void CompareWithModel(unsigned seed) {
-    std::minstd_rand random(seed * 7919 + 1);
-    const auto pick = [&random](const auto& choices) { return choices[random() % choices.size()]; };
-    const auto rarely = [&random](unsigned often) { return random() % often == 0; };
-    const std::array<std::int64_t, 12> steps{0,    1,    250,  400,    700,    999,
-                                             1000, 1001, 3000, 19'000, 20'000, -500};
-    const std::array<std::uint64_t, 7> totals{0, 1, 3, 1000, 10'000'000, 5'000'000'000, 1ULL << 53};
-    const bool download = !rarely(4);
-    Job job(download ? TASK_CMD_DOWNLOAD : TASK_CMD_PARSE);
-    Model model;
-    std::uint64_t total = pick(totals);
-    std::uint64_t bytes = 0;
-    g_clock = 1'000'000;
-    for (int step = 0; step < 400; ++step) {
-        g_clock += pick(steps);
-        if (rarely(40)) total = pick(totals);
-        const std::array<std::uint64_t, 8> next{
-            bytes, bytes, bytes + 1, bytes + 1000, bytes + total / 100, bytes + total / 10,
-            total, 0};
-        bytes = std::min(pick(next), std::uint64_t{1} << 53);
-        if (rarely(30)) g_Progress = model.progress = 0.0;
-        if (rarely(3)) job.Slot().nStateBits = model.bits = 0;
-        g_TryCount = model.tries = static_cast<std::int32_t>(random() % 4);
-        job.Slot().nControl = rarely(25) ? TASK_CONTROL_STOP : -1;
-        g_Exit = rarely(40);
-        const bool stop = job.Slot().nControl == TASK_CONTROL_STOP || g_Exit;
-        const int expected =
-            model.Call(static_cast<std::uint64_t>(g_clock), total, bytes, download, stop);
-        const int result = progress_callback(nullptr, static_cast<double>(total),
-                                             static_cast<double>(bytes), 0.0, 0.0);
-        const tagTaskContext& slot = job.Slot();
-        ASSERT_EQ(
-            MakeOutcome(result, slot.nStateBits, slot.dProgress, slot.dSpeed, g_Progress,
-                        g_TryCount, g_LastBPS, g_LastCalcTime, g_LastDownloadSize),
-            MakeOutcome(expected, model.bits, model.slotProgress, model.slotSpeed, model.progress,
-                        model.tries, model.bps, model.calcTime, model.downloadSize))
-            << "seed " << seed << ", step " << step << ": " << bytes << " of " << total << " at "
-            << g_clock;
-    }
-}
-
-TEST(Progress, FollowsTheModel) {
-    for (unsigned seed = 0; seed < 150; ++seed) {
-        InChild([seed] { CompareWithModel(seed); });
-    }
 }
 
 TEST(Numbers, OfTriesAndLengthsAreBounded) {
