@@ -123,6 +123,7 @@ struct Call {
     int result;
     std::uint32_t bits;
     double progress, speed;
+    int tries = 2;  // left of two failed ones
 };
 
 void Play(const char* name, std::int32_t nCmd, std::int32_t nControl,
@@ -138,11 +139,13 @@ void Play(const char* name, std::int32_t nCmd, std::int32_t nControl,
             g_clock = call.time;
             slot.nStateBits = 0;
             slot.bStateChanged = 0;
+            g_TryCount = 2;
             EXPECT_EQ(progress_callback(nullptr, call.total, call.received, 0, 0), call.result);
             EXPECT_EQ(slot.nStateBits, call.bits);
             EXPECT_EQ(slot.bStateChanged, call.bits != 0 ? 1 : 0);
             EXPECT_EQ(slot.dProgress, call.progress);
             EXPECT_EQ(slot.dSpeed, call.speed);
+            EXPECT_EQ(g_TryCount, call.tries);
         }
     });
 }
@@ -151,14 +154,15 @@ TEST(Progress, ReportsAndBreaksOff) {
     Play("percentage and speed", 3, -1,
          {{1000, 0, 0, 0, 0, -1, -1},
           {1100, 1e7, 1000, 0, kFirst, -1, -1},
-          {1200, 1e7, 2000, 0, 0, -1, -1},
-          {2300, 1e7, 2.5e6, 0, kPercent, 25, -1},
-          {2900, 1e7, 2.6e6, 0, 0, 25, -1},
-          {4300, 1e7, 3.5e6, 0, kPercent | kSpeed, 35, 500000},
-          {6300, 1e7, 4.5e6, 0, kPercent, 45, 500000},
-          {8300, 1e7, 1.0e6, 0, 0, 45, 500000},
+          {1200, 1e7, 2000, 0, 0, -1, -1, 0},
+          {2300, 1e7, 2.5e6, 0, kPercent, 25, -1, 0},
+          {2900, 1e7, 2.6e6, 0, 0, 25, -1, 0},
+          {4300, 1e7, 3.5e6, 0, kPercent | kSpeed, 35, 500000, 0},
+          {6300, 1e7, 4.5e6, 0, kPercent, 45, 500000, 0},
+          {8300, 1e7, 1.0e6, 0, 0, 45, 500000, 0},
           {8310, 2e7, 9.0e6, 0, 0, 45, 500000},
-          {9400, 2e7, 9.0e6, 0, kSpeed, 45, 7272727}});
+          {9400, 2e7, 9.0e6, 0, kSpeed, 45, 7272727, 0},
+          {10500, 2e7, 9.0e6, 0, kSpeed, 45, 0}});
     Play("20 seconds without bytes", 1, -1,
          {{1000, 100, 0, 0, 0, -1, -1},
           {20900, 100, 0, 0, 0, -1, -1},
@@ -166,18 +170,23 @@ TEST(Progress, ReportsAndBreaksOff) {
           {21000, 100, 0, -1, 0, -1, -1},
           {21000, 100, 0, 0, 0, -1, -1},
           {30000, 100, 7, 0, kFirst, -1, -1},
-          {41000, 100, 8, 0, kPercent, 8, -1},
+          {41000, 100, 8, 0, kPercent, 8, -1, 0},
           {60999, 100, 8, 0, 0, 8, -1},
           {80998, 100, 8, 0, 0, 8, -1},
-          {80999, 100, 8, -1, 0, 8, -1}});
+          {80999, 100, 8, -1, 0, 8, -1},
+          {81000, 100, 8, 0, 0, 8, -1},
+          {82000, 100, 8, 0, 0, 8, -1},
+          {101500, 100, 8, 0, 0, 8, -1},
+          {102000, 100, 8, -1, 0, 8, -1}});
     Play("a file that is there at once", 1, -1,
          {{1000, 5, 5, 0, 0, -1, -1}, {9000, 5, 5, 0, 0, -1, -1}});
-    Play("a page", 0, -1,
-         {{1000, 9, 1, 0, 0, -1, -1}, {3000, 9, 2, 0, 0, -1, -1}, {6000, 9, 3, 0, 0, -1, -1}});
+    Play(
+        "a page", 0, -1,
+        {{1000, 9, 1, 0, 0, -1, -1}, {3000, 9, 2, 0, 0, -1, -1, 0}, {6000, 9, 3, 0, 0, -1, -1, 0}});
     Play("no length", 1, -1,
          {{1000, 0, 10, 0, kFirst, -1, -1},
-          {2000, 0, 20, 0, 0, -1, -1},
-          {4000, 0, 40, 0, kSpeed, -1, 10}});
+          {2000, 0, 20, 0, 0, -1, -1, 0},
+          {4000, 0, 40, 0, kSpeed, -1, 10, 0}});
     Play("a stop while nothing comes", 1, 2,
          {{1000, 0, 0, -1, 0, -1, -1}, {1001, 9, 1, -1, 0, -1, -1}});
 }
