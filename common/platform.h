@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -68,5 +69,33 @@ class ProcessWatch {
     pid_t pid_;
     int descriptor_;  // of the process where the system has such a thing; else -1
 };
+
+// A process of this user: its id and its arguments, argv[0] first.
+struct Process {
+    pid_t pid = -1;
+    std::vector<std::string> arguments{};
+};
+
+// All processes of this user whose arguments take less than 4096 bytes; none where the system does
+// not tell.
+std::vector<Process> OwnProcesses();
+
+// The arguments of a process; empty when it is gone, has none, or has longer ones than above.
+std::vector<std::string> ProcessArguments(pid_t pid);
+
+// Seconds since the process was started; below 0 when it is gone or the system does not tell.
+double ProcessAge(pid_t pid);
+
+// Whether the process has the shared-memory object `name` mapped; false where the system does not
+// tell.
+bool MapsSharedMemory(pid_t pid, const std::string& name);
+
+// Names of all named semaphores of this user, without a leading "/"; none where the system cannot
+// list them.
+std::vector<std::string> OwnSemaphoreNames();
+
+// Copies bytes out of a shared-memory object, also out of one that has lost them meanwhile: false
+// then, and when it never had them.
+bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset);
 
 }  // namespace platform

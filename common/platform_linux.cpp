@@ -14,6 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fstream>
+#include <sstream>
+#include <string_view>
 #include <utility>
 
 #include "common/platform.h"
@@ -166,6 +169,89 @@ void ProcessWatch::Signal(int number) const {
     } else {
         syscall(SYS_pidfd_send_signal, descriptor_, number, nullptr, 0);
     }
+}
+
+namespace {
+
+constexpr const char* kSharedMemory = "/dev/shm/";
+constexpr const char* kSemaphorePrefix = "sem.";
+constexpr std::size_t kMostOfArguments = 4096;
+
+std::string ProcessFile(pid_t pid, const char* name) {
+    return "/proc/" + std::to_string(pid) + "/" + name;
+}
+
+bool IsMine(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && status.st_uid == geteuid();
+}
+
+}  // namespace
+
+std::vector<std::string> ProcessArguments(pid_t pid) {
+    std::string text(kMostOfArguments, '\0');
+    std::ifstream file(ProcessFile(pid, "cmdline"), std::ios::binary);
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    std::vector<std::string> arguments;
+    if (text.size() == kMostOfArguments) return arguments;
+    std::istringstream rest(text);
+    for (std::string argument; std::getline(rest, argument, '\0');) arguments.push_back(argument);
+    return arguments;
+}
+
+std::vector<Process> OwnProcesses() {
+    std::vector<Process> processes;
+    DIR* directory = opendir("/proc");
+    if (directory == nullptr) return processes;
+    while (const dirent* entry = readdir(directory)) {
+        const auto pid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
+        if (pid < 1 || !IsMine(ProcessFile(pid, ""))) continue;
+        processes.push_back({pid, ProcessArguments(pid)});
+    }
+    closedir(directory);
+    return processes;
+}
+
+double ProcessAge(pid_t pid) {
+    std::ifstream file(ProcessFile(pid, "stat"));
+    std::string text;
+    std::getline(file, text);
+    // The second field, the name, may hold blanks and brackets; the start is the 22nd.
+    const std::size_t name = text.rfind(')');
+    if (name == std::string::npos) return -1;
+    std::istringstream fields(text.substr(name + 1));
+    for (int field = 3; field < 22; ++field) fields >> text;
+    double started = 0;
+    timespec now{};
+    if (!(fields >> started) || clock_gettime(CLOCK_BOOTTIME, &now) != 0) return -1;
+    const double age = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9 -
+                       started / static_cast<double>(sysconf(_SC_CLK_TCK));
+    return std::max(age, 0.0);
+}
+
+bool MapsSharedMemory(pid_t pid, const std::string& name) {
+    const std::string path = kSharedMemory + name;
+    std::ifstream file(ProcessFile(pid, "maps"));
+    for (std::string line; std::getline(file, line);) {
+        if (line.ends_with(path)) return true;
+    }
+    return false;
+}
+
+std::vector<std::string> OwnSemaphoreNames() {
+    const std::string_view prefix = kSemaphorePrefix;
+    std::vector<std::string> names;
+    for (const std::string& name : SharedMemoryNames()) {
+        if (!name.starts_with(prefix) || !IsMine(kSharedMemory + name)) continue;
+        names.push_back(name.substr(prefix.size()));
+    }
+    return names;
+}
+
+bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset) {
+    // A mapping would end the process with SIGBUS when the bytes are not there.
+    return pread(descriptor, buffer, size, offset) == static_cast<ssize_t>(size);
 }
 
 }  // namespace platform

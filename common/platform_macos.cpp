@@ -1,9 +1,12 @@
 #include <fcntl.h>
 #include <mach-o/dyld.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <utility>
 
 #include "common/platform.h"
@@ -54,6 +57,39 @@ bool ProcessWatch::Gone() const {
 
 void ProcessWatch::Signal(int number) const {
     if (!Gone()) kill(pid_, number);
+}
+
+std::vector<Process> OwnProcesses() {
+    return {};
+}
+
+std::vector<std::string> ProcessArguments(pid_t) {
+    return {};
+}
+
+double ProcessAge(pid_t) {
+    return -1;
+}
+
+bool MapsSharedMemory(pid_t, const std::string&) {
+    return false;
+}
+
+std::vector<std::string> OwnSemaphoreNames() {
+    return {};
+}
+
+bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset) {
+    // Such objects cannot be read by calls; a mapping has to begin at a page.
+    struct stat status {};
+    const off_t end = offset + static_cast<off_t>(size);
+    if (fstat(descriptor, &status) != 0 || status.st_size < end) return false;
+    void* mapping =
+        mmap(nullptr, static_cast<std::size_t>(end), PROT_READ, MAP_SHARED, descriptor, 0);
+    if (mapping == MAP_FAILED) return false;
+    std::memcpy(buffer, static_cast<const char*>(mapping) + offset, size);
+    munmap(mapping, static_cast<std::size_t>(end));
+    return true;
 }
 
 }  // namespace platform

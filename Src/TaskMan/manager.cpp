@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "TaskMan/orphans.h"
 #include "TaskMan/ownsection.h"
 #include "TaskMan/taskman.h"
 #include "TaskMan/watch.h"
@@ -153,6 +154,7 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory,
         strReason = "the task manager is running already";
         return -1;
     }
+    BeginSweep(Clock::now());
     g_mainpid = getpid();
     g_AppDataPath = directory;
     if (OpenSection(directory, strReason) != 0) {
@@ -216,6 +218,7 @@ int EndTaskManager() {
     WaitFor(kTasksPatience, NoTaskLeft);
     const bool scannerEnded = EndThreads();
     EndWorkers();
+    EndOrphansNow();
     if (!scannerEnded) {
         // It is stuck in a callback and still uses its nodes and the section, which stay. With
         // g_Exit it ends once the callback returns.

@@ -1,6 +1,7 @@
 #include "TaskMan/ownsection.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -40,6 +41,8 @@ int OpenSection(const std::string& directory, std::string& strReason) {
         RemoveSection();
         return -1;
     }
+    // Shows others that this manager lives. Systems that lock no such objects do without.
+    static_cast<void>(flock(g_VideoInfoSection.hShm, LOCK_EX | LOCK_NB));
     std::memcpy(g_VideoInfoSection.pCommDataPrt, directory.data(), directory.size());
     return 0;
 }

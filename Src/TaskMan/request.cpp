@@ -82,6 +82,18 @@ std::string RefusalOf(const tagTaskInfo& taskinfo) {
     return RefusalOfPath(taskinfo);
 }
 
+bool IsTaskID(std::string_view id) {
+    return !id.empty() && id.size() < sizeof(tagTaskInfo::szTaskID) &&
+           std::all_of(id.begin(), id.end(), IsIdCharacter);
+}
+
+int ProcessOfTaskID(std::string_view id) {
+    constexpr std::size_t kLength = 30;
+    constexpr std::size_t kDigits = 6;
+    if (id.size() != kLength || id.find_first_not_of("0123456789abcdef") != id.npos) return -1;
+    return static_cast<int>(std::stol(std::string(id.substr(0, kDigits)), nullptr, 16));
+}
+
 bool IdsCollide(const std::string& one, const std::string& other) {
     return one.starts_with(other) || other.starts_with(one);
 }

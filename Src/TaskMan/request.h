@@ -2,11 +2,18 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "TaskMan/taskcontext.h"
 
 // Why the task is refused, in one line; empty when nothing in the record itself speaks against it.
 std::string RefusalOf(const tagTaskInfo& taskinfo);
+
+// Whether `id` is one a task may have: 1 to 63 letters, digits, "_" and "-".
+bool IsTaskID(std::string_view id);
+
+// The process id in an id that has the form of MakeTaskID's; -1 for any other.
+int ProcessOfTaskID(std::string_view id);
 
 // Whether one id is the beginning of the other, or both are the same. Slots are recognised by the
 // beginning of their id, so two such tasks could not be told apart.

@@ -1,0 +1,76 @@
+// The managers of this user's other processes, and what managers that died have left behind.
+//
+// A manager shows that it lives by the lock (flock) it holds on its section, and by having it
+// mapped. One that was killed leaves its section, the locks of its tasks, half a file for each
+// download, and workers that go on for nobody.
+//
+// Any thread of any process may call. Nothing here waits for a lock or creates a name. What stands
+// in a section is another process's word: ids and paths are checked, process ids never acted on.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/platform.h"
+
+// A task in the section of a living manager, copied at one moment without its lock. Texts and
+// values are as they were found; only `id` is known to be one.
+struct OtherTask {
+    int nManagerPid = -1;
+    int nTaskIndex = -1;  // slot, 0 to 7
+    std::string id{};
+    std::string address{};  // of the file for a download, else of the page
+    std::string path{};     // output path
+    std::int32_t nCmd = -1;
+    std::int32_t nPid = -1;  // -1: no worker has claimed the task
+    std::int32_t nControl = -1;
+    std::uint32_t nStateBits = 0;  // those the manager has not taken yet
+    double dFileSize = 0;
+    double dProgress = -1;
+    double dSpeed = -1;
+};
+
+// The tasks of all living managers of this user, in the order of managers and slots.
+std::vector<OtherTask> ListTasks();
+
+// Asks the task to stop, by the word in its slot. False when the slot does not carry its id any
+// more; the task has ended then.
+bool StopOtherTask(const OtherTask& task);
+
+// A process of this user that was started like a worker.
+struct WorkerProcess {
+    pid_t pid = -1;
+    std::string id{};  // of the task
+    int nTaskIndex = -1;
+    int nManagerPid = -1;
+};
+
+std::vector<WorkerProcess> ListWorkers();
+
+// A worker whose manager is dead.
+struct Orphan {
+    WorkerProcess worker;
+    platform::ProcessWatch process;
+};
+
+// What dead managers have left, each list without doubles.
+struct Remains {
+    std::vector<std::string> sections{};  // names
+    std::vector<std::string> locks{};     // names of semaphores
+    std::vector<std::string> paths{};     // output paths of downloads, which are the caller's to
+                                          // judge
+    std::vector<Orphan> orphans{};        // alive, asked to stop
+};
+
+// Looks for what managers of this user that are dead have left. Their tasks are asked to stop,
+// their sections and locks removed; with `bLookOnly` nothing is changed. An id that a living
+// manager uses is left alone.
+Remains SweepDeadManagers(bool bLookOnly);
+
+// Kills the orphans at once, waits until they are gone, at most a second, and removes what they may
+// have made anew meanwhile. An orphan that asks its server for the size of the file does not see
+// that it is to stop, and opens its output path afterwards: nobody else may write there before.
+void KillOrphans(const std::vector<Orphan>& orphans);
