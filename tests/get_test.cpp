@@ -10,15 +10,10 @@
 #include <iterator>
 #include <map>
 #include <mutex>
-#include <regex>
 #include <thread>
 
-#include "Console/bardisplay.h"
 #include "Console/filename.h"
-#include "Console/plaindisplay.h"
 #include "Console/proxy.h"
-#include "Console/text.h"
-#include "TaskMan/taskcontext.h"
 #include "support/command_run.h"
 #include "support/helpers.h"
 #include "support/http_server.h"
@@ -27,7 +22,7 @@ using namespace test_support;
 
 namespace {
 
-// ---- Names, proxies, texts and lines.
+// ---- Names and proxies.
 
 TEST(GetName, IsSafeWhateverTheAddressSays) {
     const std::string many(300, 'a');
@@ -107,78 +102,6 @@ TEST(GetProxy, IsReadFromItsAddress) {
         EXPECT_NE(fault, "") << bad;
         EXPECT_EQ(proxy.host, "") << bad;
     }
-}
-
-TEST(GetText, NothingButVisibleCharacters) {
-    text::UseUtf8();
-    EXPECT_EQ(text::Printable("a\x1b[2J\n\x7f"), "a\\x1b[2J\\x0a\\x7f");
-    EXPECT_EQ(text::Printable("\xc2\x9b\xff\u202e\u00e4\u65e5"),
-              "\\xc2\\x9b\\xff\\xe2\\x80\\xae\u00e4\u65e5");
-    EXPECT_EQ(text::CutMiddle("abcdefghij", 9), "abc...hij");
-    EXPECT_EQ(text::CutMiddle("abcdefghij", 10), "abcdefghij");
-    EXPECT_EQ(text::CutMiddle("\u65e5\u672c\u8a9e\u65e5\u672c\u8a9e", 8), "\u65e5...\u8a9e");
-    EXPECT_EQ(text::Wrap("ab\u65e5\u672c", 3),
-              (std::vector<std::string>{"ab", "\u65e5", "\u672c"}));
-    struct Row {
-        std::string actual, expected;
-    };
-    for (const Row& row :
-         {Row{text::Size(1023), "1023 B"}, Row{text::Size(1024), "1.0 KiB"},
-          Row{text::Size(1048575), "1.0 MiB"}, Row{text::Size(1e300), "9999.9 PiB"},
-          Row{text::Duration(59.94), "59.9 s"}, Row{text::Duration(60), "1:00"},
-          Row{text::Clock(3599.6), "1:00:00"}, Row{text::Clock(-1), "--:--"},
-          Row{text::Clock(1e9), "--:--"}}) {
-        EXPECT_EQ(row.actual, row.expected);
-    }
-}
-
-TEST(GetLines, FitTheirColumns) {
-    text::UseUtf8();
-    const Clock::time_point now = Clock::now();
-    FileView file{
-        "a\u65e5\u672c\u8a9e-file-of-some-length.tar.gz", 67108864, 25, 1048576, true, now};
-    EXPECT_EQ(FileLine(file, 79, now),
-              "a\u65e5\u672c\u8a9e-f...th.tar.gz  [===>         ]  25%    64.0 MiB     1.0 MiB/s   "
-              "   0:48");
-    EXPECT_EQ(FileLine(file, 19, now), "a\u65e5\u672c...tar.gz  25%");
-    FileView waiting{"name", -1, 0, -1, false, now - std::chrono::milliseconds(4200)};
-    EXPECT_EQ(FileLine(waiting, 40, now), "name         waiting for the server, 4 s");
-    EXPECT_EQ(FileLine(waiting, 19, now), "name   waiting, 4 s");
-    const Totals totals{3, 0, 1, 0, 1, 1024 * 1024};
-    EXPECT_EQ(TotalLine({&file}, totals, 79), "1 of 3 files done, 17.0 MiB, 1.0 MiB/s, 0:48 left");
-    EXPECT_EQ(TotalLine({&file, &waiting}, totals, 19), "1 of 3 files done");
-    for (int columns = 2; columns < 210; ++columns) {
-        for (const FileView& view : {file, waiting}) {
-            EXPECT_LE(text::Width(FileLine(view, columns, now)), columns);
-        }
-        EXPECT_LE(text::Width(TotalLine({&file, &waiting}, totals, columns)), columns);
-        for (const std::string& line : text::Wrap(file.name, columns)) {
-            EXPECT_LE(text::Width(line), columns);
-        }
-    }
-}
-
-TEST(GetLines, PipedTellsQuartersOnce) {
-    const TempDir directory;
-    WriteFile(directory.Path("log"), "");
-    const int log = open(directory.Path("log").c_str(), O_WRONLY);
-    PlainDisplay display(log);
-    FileView file{"f", 2048, 0, 1024, true, {}};
-    display.Begin(file);
-    for (const double percent : {24, 30, 49, 80, 90, 100}) {
-        file.percent = percent;
-        display.State(file, DOWNLOAD_STATE_PROGRESS, percent);
-        display.State(file, DOWNLOAD_STATE_SPEED, 1024);
-    }
-    display.End(file, {EndResult::kFinished, EXIT_STATUS_FINISHED, "", 2048, 4});
-    display.Close({4, 1, 1, 1, 3, 2048});
-    close(log);
-    EXPECT_EQ(ReadFile(directory.Path("log")),
-              "f: started\n"
-              "f: 25 % of 2.0 KiB, 1.0 KiB/s\n"
-              "f: 75 % of 2.0 KiB, 1.0 KiB/s\n"
-              "f: finished, 2.0 KiB in 4.0 s, 512 B/s\n"
-              "1 of 4 files finished, 1 failed, 1 stopped, 1 not begun\n");
 }
 
 // ---- The program.
@@ -444,63 +367,6 @@ TEST(Get, ABrokenOutputEndsLikeSigterm) {
     close(ends[1]);
     EXPECT_EQ(run.End(), "signal 15");
     EXPECT_EQ(run.Files(), "good");
-}
-
-// What a terminal was sent, without its control sequences, in the pieces between line ends.
-std::vector<std::string> Pieces(const std::string& sent) {
-    const std::string plain = std::regex_replace(sent, std::regex("\x1b\\[[0-9;?]*[a-zA-Z]"), "");
-    std::vector<std::string> pieces(1);
-    for (const char c : plain) {
-        if (c == '\r' || c == '\n') {
-            pieces.emplace_back();
-        } else {
-            pieces.back() += c;
-        }
-    }
-    return pieces;
-}
-
-TEST(GetTerminal, LinesStayWithinTheColumns) {
-    InParallel(2, [](std::size_t number) {
-        const int columns = number == 0 ? 20 : 200;
-        SCOPED_TRACE(columns);
-        GetRun run;
-        run.Start(
-            Addressed({"-j2", "@/2s%1b%5b2J-with-a-name-of-some-length", "@/slow", "bad\x1b[2J"}),
-            columns);
-        ASSERT_TRUE(run.Says("bad"));
-        ASSERT_TRUE(run.Says("%"));
-        const auto count = [&run](const char* what) {
-            const std::string sent = run.Err();
-            const std::regex pattern(what);
-            return std::distance(std::sregex_iterator(sent.begin(), sent.end(), pattern), {});
-        };
-        ASSERT_TRUE(WaitUntil([&] { return count("fin") > 0; }));
-        run.Type('\x03');
-        EXPECT_EQ(run.End(), "signal 2");
-        for (const std::string& piece : Pieces(run.Err())) {
-            EXPECT_EQ(piece, text::Printable(piece));
-            EXPECT_LT(text::Width(piece), columns) << piece;
-        }
-        EXPECT_EQ(count("\x1b\\[2J"), 0);
-        EXPECT_GT(count("\x1b\\[31m"), 0);  // what failed is red
-        EXPECT_EQ(count("\x1b\\[\\?7l"), count("\x1b\\[\\?7h"));
-        EXPECT_EQ(run.Files(), "2s[2J-with-a-name-of-some-length");
-    });
-}
-
-TEST(GetTerminal, ObeysItsEnvironment) {
-    GetRun dumb;
-    dumb.environment = {"TERM=dumb"};
-    dumb.Start(Addressed({"@/good", "x"}), 80);
-    GetRun colourless;
-    colourless.environment.push_back("NO_COLOR=1");
-    colourless.Start(Addressed({"@/good", "x"}), 80);
-    EXPECT_EQ(dumb.End(), "exit 2");
-    EXPECT_EQ(dumb.Err().find('\x1b'), std::string::npos) << dumb.Err();
-    EXPECT_EQ(colourless.End(), "exit 2");
-    EXPECT_EQ(colourless.Err().find("\x1b[31m"), std::string::npos) << colourless.Err();
-    EXPECT_NE(colourless.Err().find("\x1b["), std::string::npos);
 }
 
 }  // namespace

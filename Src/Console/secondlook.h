@@ -6,6 +6,9 @@
 
 #include "Console/proxy.h"
 
+// Makes libcurl ready. To be called once, before the first look and before there are other threads.
+void PrepareSecondLooks();
+
 // What is found at the address, in one line: "HTTP 404", libcurl's text, "the server announces no
 // length"; empty when nothing speaks against it. Goes through the same proxy, follows redirects
 // like a worker, breaks off at the first byte of the file and ends after at most five seconds.
