@@ -10,8 +10,6 @@
 namespace {
 
 constexpr std::chrono::milliseconds kBetweenDraws{250};
-constexpr const char* kRed = "\x1b[31m";
-constexpr const char* kPlain = "\x1b[0m";
 constexpr const char* kToLineEnd = "\x1b[K";
 constexpr const char* kToScreenEnd = "\x1b[J";
 // Should a character be wider than thought, the line is cut instead of taking a second row.
@@ -23,17 +21,27 @@ constexpr int kSizeColumns = 10;
 constexpr int kSpeedColumns = 12;
 constexpr int kClockColumns = 8;
 constexpr int kGap = 2;
+constexpr int kLeastOfName = 8;
 
 double SecondsSince(Clock::time_point start, Clock::time_point now) {
     return std::chrono::duration<double>(now - start).count();
 }
 
+// The name, and which try it is, in exactly `columns` columns.
+std::string NameField(const FileView& file, int columns) {
+    std::string again = file.tries > 1 ? " (try " + std::to_string(file.tries) + ")" : "";
+    if (columns < text::Width(again) + kLeastOfName) again = "";
+    const std::string name = text::CutMiddle(file.name, columns - text::Width(again));
+    return text::PadRight(name + again, columns);
+}
+
 std::string WaitingLine(const FileView& file, int columns, Clock::time_point now) {
     const auto seconds = static_cast<long>(SecondsSince(file.started, now));
     std::string wait = "waiting for the server, " + std::to_string(seconds) + " s";
-    if (columns < text::Width(wait) + kGap + 8) wait = "waiting, " + std::to_string(seconds) + " s";
+    if (columns < text::Width(wait) + kGap + kLeastOfName)
+        wait = "waiting, " + std::to_string(seconds) + " s";
     const int room = std::max(columns - text::Width(wait) - kGap, 0);
-    return text::PadRight(text::CutMiddle(file.name, room), room) + "  " + wait;
+    return NameField(file, room) + "  " + wait;
 }
 
 std::string Bar(double percent, int columns) {
@@ -64,7 +72,7 @@ std::string FileLine(const FileView& file, int columns, Clock::time_point now) {
     const int room = std::max(columns - text::Width(values) - 1, 0);  // for name, gap and bar
     const int bar = room < 26 ? 0 : std::min(room * 2 / 5, 60);
     const int name = bar == 0 ? room : room - bar - kGap;
-    std::string line = text::PadRight(text::CutMiddle(file.name, name), name);
+    std::string line = NameField(file, name);
     if (bar > 0) line += "  " + Bar(file.percent, bar);
     return text::CutMiddle(line + " " + values, columns);
 }
@@ -86,13 +94,15 @@ std::string TotalLine(const std::vector<const FileView*>& running, const Totals&
     const auto add = [&line, columns](const std::string& part) {
         if (text::Width(line) + 2 + text::Width(part) <= columns) line += ", " + part;
     };
+    if (totals.Failed() > 0) add(std::to_string(totals.Failed()) + " failed");
     add(text::Size(received));
     add(text::Size(speed) + "/s");
     if (sizesKnown && speed > 0) add(text::Clock(TimeLeft(missing, speed)) + " left");
     return text::CutMiddle(line, columns);
 }
 
-BarDisplay::BarDisplay(int descriptor, bool colour) : descriptor_(descriptor), colour_(colour) {
+BarDisplay::BarDisplay(int descriptor, bool colour, bool reports)
+    : descriptor_(descriptor), colour_(colour), reports_(reports) {
     ReadSize();
 }
 
@@ -110,18 +120,26 @@ bool BarDisplay::InForeground() const {
     return front == -1 || front == getpgrp();
 }
 
+void BarDisplay::Begin(const FileView& file) {
+    if (reports_) Keep(TaskLine(file));
+}
+
+void BarDisplay::State(const FileView& file, std::int32_t code, double /*value*/) {
+    if (reports_) Keep(StateLine(file, code));
+}
+
 void BarDisplay::End(const FileView& file, const Outcome& outcome) {
-    Keep(EndLine(file, outcome), outcome.result == EndResult::kFinished ? "" : kRed);
+    Keep(EndLine(file, outcome), outcome.result);
 }
 
 void BarDisplay::Note(const std::string& line) {
-    Keep(line, "");
+    Keep(line);
     Draw();
 }
 
-void BarDisplay::Keep(const std::string& line, const char* colour) {
+void BarDisplay::Keep(const std::string& line, EndResult result) {
     for (const std::string& row : text::Wrap(line, columns_)) {
-        kept_.push_back(colour_ && *colour != '\0' ? colour + row + kPlain : row);
+        kept_.push_back(colour_ ? Coloured(row, result) : row);
     }
 }
 
@@ -144,7 +162,7 @@ void BarDisplay::ScreenChanged(bool resumed) {
 }
 
 void BarDisplay::Close(const Totals& totals, int /*status*/) {
-    if (const std::string line = SummaryLine(totals); !line.empty()) Keep(line, "");
+    if (const std::string line = SummaryLine(totals); !line.empty()) Keep(line);
     frame_.clear();
     Draw();
 }

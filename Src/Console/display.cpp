@@ -1,14 +1,21 @@
 #include "Console/display.h"
 
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
 #include "Console/bardisplay.h"
+#include "Console/jsondisplay.h"
 #include "Console/plaindisplay.h"
+#include "Console/signals.h"
 #include "Console/text.h"
+#include "TaskMan/taskcontext.h"
 
 namespace {
 
@@ -18,25 +25,52 @@ bool TerminalCanDraw() {
            std::strcmp(term, "dumb") != 0;
 }
 
-bool ColourWanted(Colour wanted) {
+bool ColourWanted(Colour wanted, bool capable) {
     if (wanted != Colour::kAuto) return wanted == Colour::kAlways;
     const char* none = std::getenv("NO_COLOR");
-    return none == nullptr || *none == '\0';
+    return capable && (none == nullptr || *none == '\0');
+}
+
+Detail DetailOf(const DisplayOptions& options) {
+    if (options.quiet) return Detail::kFailures;
+    if (options.verbose) return Detail::kReports;
+    return options.progress == ProgressForm::kNone ? Detail::kEnds : Detail::kProgress;
+}
+
+// Waits until the descriptor takes bytes or has failed. False when nothing of it can be expected.
+bool AwaitRoom(int descriptor) {
+    constexpr int kTurn = 250;  // milliseconds
+    static int turns = 8;       // left, in all, once the command is to end
+    pollfd room{descriptor, POLLOUT, 0};
+    while (poll(&room, 1, kTurn) < 1) {
+        const int stops = signals::StopCount();
+        if (stops > 1 || (stops == 1 && turns-- <= 0)) return false;
+    }
+    return true;
 }
 
 }  // namespace
 
 std::unique_ptr<Display> MakeDisplay(const DisplayOptions& options) {
-    if (TerminalCanDraw()) {
-        return std::make_unique<BarDisplay>(STDERR_FILENO, ColourWanted(options.colour));
+    if (options.json) {
+        return std::make_unique<JsonDisplay>([](const std::string& line) { Print(line); });
     }
-    return std::make_unique<PlainDisplay>(STDERR_FILENO);
+    const bool capable = TerminalCanDraw();
+    const bool colour = ColourWanted(options.colour, capable);
+    const bool bars = options.progress == ProgressForm::kBar ||
+                      (options.progress == ProgressForm::kAuto && capable);
+    if (bars && !options.quiet) {
+        return std::make_unique<BarDisplay>(STDERR_FILENO, colour, options.verbose);
+    }
+    return std::make_unique<PlainDisplay>(STDERR_FILENO, DetailOf(options), colour);
 }
 
 std::string EndLine(const FileView& file, const Outcome& outcome) {
     std::string line = file.name + ": " + ResultName(outcome.result);
     if (outcome.result != EndResult::kFinished) {
-        return outcome.reason.empty() ? line : line + ": " + text::Printable(outcome.reason);
+        if (!outcome.reason.empty()) line += ": " + text::Printable(outcome.reason);
+        if (outcome.secondLook.empty()) return line;
+        return line + " (a second look: " + text::Printable(outcome.secondLook) + ")";
     }
     line += ", " + text::Size(outcome.bytes) + " in " + text::Duration(outcome.seconds);
     // Ends are learned once a second: for less than a few, a speed would say nothing.
@@ -51,10 +85,46 @@ std::string SummaryLine(const Totals& totals) {
     const auto add = [&line](std::size_t count, const char* what) {
         if (count > 0) line += ", " + std::to_string(count) + what;
     };
-    add(totals.ended - totals.finished - totals.stopped, " failed");
+    add(totals.skipped, " skipped");
+    add(totals.Failed(), " failed");
     add(totals.stopped, " stopped");
     add(totals.waiting, " not begun");
     return line;
+}
+
+std::string StateLine(const FileView& file, std::int32_t code) {
+    const auto words = [&file, code]() -> std::string {
+        switch (code) {
+            case DOWNLOAD_STATE_PARSE_START:
+                return "work on the page has begun";
+            case DOWNLOAD_STATE_DOWNLOAD_START:
+                return "the first bytes have come";
+            case DOWNLOAD_STATE_DOWNLOAD_FINISH:
+                return "all bytes have come";
+            case DOWNLOAD_STATE_PROGRESS:
+                return std::to_string(static_cast<int>(file.percent)) + " %";
+            case DOWNLOAD_STATE_SPEED:
+                return text::Size(file.speed) + "/s";
+            case DOWNLOAD_STATE_FILE_SIZE:
+                return text::Size(file.size) + " are to come";
+            default:
+                return "";
+        }
+    }();
+    const std::string line = file.name + ": code " + std::to_string(code);
+    return words.empty() ? line : line + ": " + words;
+}
+
+std::string TaskLine(const FileView& file) {
+    const std::string line =
+        file.name + ": task " + text::Printable(file.id) + ", " + text::Printable(file.address);
+    return file.path.empty() ? line : line + " -> " + text::Printable(file.path);
+}
+
+std::string Coloured(const std::string& line, EndResult result) {
+    const bool wrong = result != EndResult::kFinished && result != EndResult::kSkipped &&
+                       result != EndResult::kStopped;
+    return wrong ? "\x1b[31m" + line + "\x1b[0m" : line;
 }
 
 double TimeLeft(double bytes, double speed) {
@@ -63,10 +133,21 @@ double TimeLeft(double bytes, double speed) {
 
 bool WriteAll(int descriptor, std::string_view bytes) {
     while (!bytes.empty()) {
-        const ssize_t written = write(descriptor, bytes.data(), bytes.size());
+        if (!AwaitRoom(descriptor)) return false;
+        // A pipe that has room takes that many bytes without blocking.
+        const ssize_t written =
+            write(descriptor, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
         if (written == -1 && errno == EINTR) continue;
         if (written < 1) return false;
         bytes.remove_prefix(static_cast<std::size_t>(written));
     }
     return true;
+}
+
+bool Print(std::string_view bytes) {
+    static bool broken = false;
+    if (broken) return false;
+    broken = !WriteAll(STDOUT_FILENO, bytes);
+    if (broken && signals::StopCount() == 0) std::raise(SIGTERM);
+    return !broken;
 }

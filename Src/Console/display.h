@@ -39,6 +39,8 @@ struct Totals {
     std::size_t stopped = 0;
     std::size_t ended = 0;     // finished, skipped, stopped or failed
     double finishedBytes = 0;  // of the finished files
+
+    std::size_t Failed() const { return ended - finished - skipped - stopped; }
 };
 
 // Calls come from one thread. A FileView keeps its address from Begin to End.
@@ -82,19 +84,38 @@ struct DisplayOptions {
     Colour colour = Colour::kAuto;
 };
 
-// By itself: bars on standard error when that is a terminal that can do it, else plain lines there.
+// Left to itself: bars on standard error when that is a terminal that can do it, else plain lines
+// there; colours on such a terminal, unless NO_COLOR is set.
 std::unique_ptr<Display> MakeDisplay(const DisplayOptions& options);
 
 // ---- Texts that all displays share.
 
-// "file.iso: finished, 64.0 MiB in 4.1 s, 15.6 MiB/s"; "file.iso: failed: the reason"
+// "file.iso: finished, 64.0 MiB in 4.1 s, 15.6 MiB/s"; "file.iso: failed: the reason (a second
+// look: HTTP 404)"
 std::string EndLine(const FileView& file, const Outcome& outcome);
 
-// "2 of 5 files finished, 1 failed, 1 stopped, 1 not begun"; empty when there is but one file.
+// "2 of 6 files finished, 1 skipped, 1 failed, 1 stopped, 1 not begun"; empty when there is but one
+// file.
 std::string SummaryLine(const Totals& totals);
+
+// What a worker has reported: "file.iso: code 10: 64.0 MiB are to come"
+std::string StateLine(const FileView& file, std::int32_t code);
+
+// A file's task: "file.iso: task 1f2e3d, http://host/file.iso -> dir/file.iso"
+std::string TaskLine(const FileView& file);
+
+// The line as it is shown where colours are wanted: what went wrong is red.
+std::string Coloured(const std::string& line, EndResult result);
 
 // Seconds until the rest of `bytes` has come at `speed`; below 0 when that cannot be said.
 double TimeLeft(double bytes, double speed);
 
-// Writes everything to a descriptor. False when that cannot be done.
+// ---- Output. Both are for the main thread.
+
+// Writes everything to a descriptor. False when that cannot be done, or when the command is to end
+// and whoever reads takes nothing more.
 bool WriteAll(int descriptor, std::string_view bytes);
+
+// Writes everything to standard output. When that fails, whoever reads is gone: it ends the command
+// as SIGTERM does, nothing more is written, and the result is false.
+bool Print(std::string_view bytes);

@@ -4,13 +4,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <csignal>
 #include <utility>
 
 #include "Console/filename.h"
-#include "Console/signals.h"
 #include "Console/tasks.h"
 #include "Console/text.h"
 #include "Console/videopage.h"
@@ -45,7 +42,7 @@ Downloads::Downloads(const GetOptions& options, EventQueue& events, Display& dis
     : options_(options),
       events_(events),
       display_(display),
-      print_paths_(isatty(STDOUT_FILENO) != 1) {
+      print_paths_(!options.display.json && isatty(STDOUT_FILENO) != 1) {
     for (const std::string& address : options.addresses) {
         files_.push_back(std::make_unique<File>());
         files_.back()->address = address;
@@ -228,7 +225,9 @@ void Downloads::Store(File& file) {
 void Downloads::Report(File& file, Outcome outcome) {
     outcome.seconds = file.seconds;
     Tell(file, outcome);
-    if (outcome.result == EndResult::kFinished && print_paths_) PrintPath(file.target->Path());
+    if (outcome.result == EndResult::kFinished && print_paths_) {
+        Print(file.target->Path() + "\n");
+    }
     if (file.store.joinable()) file.store.join();
     file.target.reset();
 }
@@ -242,22 +241,6 @@ void Downloads::Tell(const File& file, const Outcome& outcome) {
         totals_.finishedBytes += outcome.bytes;
     }
     display_.End(file.view, outcome);
-}
-
-// Whoever reads the paths is gone when one cannot be written: that ends the command.
-void Downloads::PrintPath(const std::string& path) {
-    std::string line = path + "\n";
-    while (!line.empty()) {
-        const ssize_t written = write(STDOUT_FILENO, line.data(), line.size());
-        if (written > 0) {
-            line.erase(0, static_cast<std::size_t>(written));
-        } else if (written == -1 && errno == EINTR) {
-            if (signals::StopCount() > 0) return;
-        } else {
-            std::raise(SIGTERM);
-            return;
-        }
-    }
 }
 
 std::size_t Downloads::Stop() {

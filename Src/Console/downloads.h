@@ -61,7 +61,6 @@ class Downloads : public Work {
     void Store(File& file);
     void Report(File& file, Outcome outcome);
     void Tell(const File& file, const Outcome& outcome);
-    void PrintPath(const std::string& path);
     std::size_t TaskCount() const;
 
     const GetOptions& options_;

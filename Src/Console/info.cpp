@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <nlohmann/json.hpp>
 
 #include "Console/filename.h"
@@ -120,8 +119,7 @@ int Write(const InfoOptions& options, const VideoPage& page) {
     } else {
         out = options.json ? PageJson(page, taken) : PageTable(page, taken);
     }
-    // Whoever reads it is gone: that ends the command.
-    if (!WriteAll(STDOUT_FILENO, out)) signals::EndBy(SIGTERM);
+    if (!Print(out)) signals::EndBy(signals::StopSignal());
     return EXIT_STATUS_FINISHED;
 }
 

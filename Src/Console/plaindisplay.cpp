@@ -5,11 +5,13 @@
 
 void PlainDisplay::Begin(const FileView& file) {
     marks_[&file] = 0;
-    Note(file.name + ": started");
+    if (detail_ == Detail::kReports) return Note(TaskLine(file));
+    if (detail_ == Detail::kProgress) Note(file.name + ": started");
 }
 
 void PlainDisplay::State(const FileView& file, std::int32_t code, double /*value*/) {
-    if (code != DOWNLOAD_STATE_PROGRESS) return;
+    if (detail_ == Detail::kReports) return Note(StateLine(file, code));
+    if (detail_ < Detail::kProgress || code != DOWNLOAD_STATE_PROGRESS) return;
     const int quarters = static_cast<int>(file.percent) / 25;
     int& told = marks_[&file];
     // The end tells the last quarter.
@@ -23,7 +25,11 @@ void PlainDisplay::State(const FileView& file, std::int32_t code, double /*value
 
 void PlainDisplay::End(const FileView& file, const Outcome& outcome) {
     marks_.erase(&file);
-    Note(EndLine(file, outcome));
+    const bool well =
+        outcome.result == EndResult::kFinished || outcome.result == EndResult::kSkipped;
+    if (well && detail_ == Detail::kFailures) return;
+    const std::string line = EndLine(file, outcome);
+    Note(colour_ ? Coloured(line, outcome.result) : line);
 }
 
 void PlainDisplay::Note(const std::string& line) {
@@ -31,5 +37,6 @@ void PlainDisplay::Note(const std::string& line) {
 }
 
 void PlainDisplay::Close(const Totals& totals, int /*status*/) {
+    if (detail_ == Detail::kFailures) return;
     if (const std::string line = SummaryLine(totals); !line.empty()) Note(line);
 }

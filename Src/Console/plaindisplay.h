@@ -1,13 +1,22 @@
-// Plain lines, for logs: at a file's start, at 25, 50 and 75 percent, and at its end.
+// Plain lines, for logs and for what is no terminal.
 #pragma once
 
 #include <map>
 
 #include "Console/display.h"
 
+// What is told; each includes the ones before.
+enum class Detail {
+    kFailures,  // files that did not finish
+    kEnds,      // all files, and how many there were
+    kProgress,  // a file's start, and 25, 50 and 75 percent of it
+    kReports,   // everything a worker reports
+};
+
 class PlainDisplay : public Display {
   public:
-    explicit PlainDisplay(int descriptor) : descriptor_(descriptor) {}
+    explicit PlainDisplay(int descriptor, Detail detail = Detail::kProgress, bool colour = false)
+        : descriptor_(descriptor), detail_(detail), colour_(colour) {}
 
     void Begin(const FileView& file) override;
     void State(const FileView& file, std::int32_t code, double value) override;
@@ -19,5 +28,7 @@ class PlainDisplay : public Display {
 
   private:
     const int descriptor_;
+    const Detail detail_;
+    const bool colour_;
     std::map<const FileView*, int> marks_;  // quarters that were told
 };

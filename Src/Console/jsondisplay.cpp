@@ -1,0 +1,117 @@
+#include "Console/jsondisplay.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <nlohmann/json.hpp>
+
+#include "Console/utf8.h"
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int kVersion = 1;
+
+bool IsUtf8(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const utf8::Character next = utf8::First(bytes);
+        if (!next.valid) return false;
+        bytes.remove_prefix(next.length);
+    }
+    return true;
+}
+
+std::string Hex(std::string_view bytes) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    std::string hex;
+    for (const char byte : bytes) {
+        const auto code = static_cast<unsigned char>(byte);
+        hex += {kDigits[code >> 4], kDigits[code & 15]};
+    }
+    return hex;
+}
+
+// Sets a text that may be missing. What is not UTF-8 in it is replaced when the event is written;
+// a second field holds the bytes then.
+void SetText(Json& event, const std::string& key, const std::string& bytes) {
+    event[key] = bytes.empty() ? Json() : Json(bytes);
+    if (!IsUtf8(bytes)) event[key + "_hex"] = Hex(bytes);
+}
+
+// Whole numbers without a fraction.
+Json Number(double value) {
+    constexpr double kExact = 9007199254740992.0;
+    if (std::abs(value) <= kExact && std::trunc(value) == value) {
+        return static_cast<std::int64_t>(value);
+    }
+    return value;
+}
+
+}  // namespace
+
+void JsonDisplay::Begin(const FileView& file) {
+    Json event = NewEvent("task", file);
+    SetText(event, "address", file.address);
+    SetText(event, "path", file.path);
+    Tell(event);
+}
+
+void JsonDisplay::State(const FileView& file, std::int32_t code, double value) {
+    Json event = NewEvent("state", file);
+    event["code"] = code;
+    event["value"] = Number(value);
+    Tell(event);
+}
+
+void JsonDisplay::End(const FileView& file, const Outcome& outcome) {
+    Json event = NewEvent("end", file);
+    event["result"] = ResultName(outcome.result);
+    event["code"] = outcome.code < 0 ? Json() : Json(outcome.code);
+    SetText(event, "address", file.address);
+    SetText(event, "path", file.path);
+    event["bytes"] = Number(outcome.bytes);
+    event["seconds"] = std::round(outcome.seconds * 1000) / 1000;
+    SetText(event, "reason", outcome.reason);
+    SetText(event, "second_look", outcome.secondLook);
+    Tell(event);
+    numbers_.erase(&file);
+}
+
+void JsonDisplay::Note(const std::string& line) {
+    WriteAll(STDERR_FILENO, line + "\n");
+}
+
+void JsonDisplay::Close(const Totals& totals, int status) {
+    Json event = NewEvent("summary");
+    event["files"] = totals.files;
+    event["finished"] = totals.finished;
+    event["skipped"] = totals.skipped;
+    event["failed"] = totals.Failed();
+    event["stopped"] = totals.stopped;
+    event["not_begun"] = totals.waiting;
+    event["bytes"] = Number(totals.finishedBytes);
+    event["exit"] = status;
+    Tell(event);
+}
+
+nlohmann::ordered_json JsonDisplay::NewEvent(const char* name) {
+    Json event;
+    if (!begun_) event["v"] = kVersion;
+    begun_ = true;
+    event["event"] = name;
+    return event;
+}
+
+nlohmann::ordered_json JsonDisplay::NewEvent(const char* name, const FileView& file) {
+    const auto [number, added] = numbers_.try_emplace(&file, files_ + 1);
+    if (added) ++files_;
+    Json event = NewEvent(name);
+    event["file"] = number->second;
+    SetText(event, "id", file.id);
+    return event;
+}
+
+void JsonDisplay::Tell(const nlohmann::ordered_json& event) {
+    print_(event.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n");
+}
