@@ -24,8 +24,8 @@
 namespace platform {
 namespace {
 
-std::string ProcessPath(pid_t pid, const char* what) {
-    return "/proc/" + std::to_string(pid) + what;
+std::string ProcessFile(pid_t pid, const char* name) {
+    return "/proc/" + std::to_string(pid) + "/" + name;
 }
 
 bool SameFile(const struct stat& one, const struct stat& other) {
@@ -34,7 +34,7 @@ bool SameFile(const struct stat& one, const struct stat& other) {
 
 // The first descriptor of the process that is of this file; -1 when there is none.
 int FindDescriptor(pid_t pid, const struct stat& file) {
-    const std::string path = ProcessPath(pid, "/fd");
+    const std::string path = ProcessFile(pid, "fd");
     DIR* directory = opendir(path.c_str());
     if (directory == nullptr) return -1;
     int found = -1;
@@ -53,7 +53,7 @@ int FindDescriptor(pid_t pid, const struct stat& file) {
 
 // The position of a descriptor; -1 when it is not open.
 std::int64_t Position(pid_t pid, int descriptor) {
-    const std::string path = ProcessPath(pid, "/fdinfo/") + std::to_string(descriptor);
+    const std::string path = ProcessFile(pid, "fdinfo/") + std::to_string(descriptor);
     FILE* info = std::fopen(path.c_str(), "re");
     if (info == nullptr) return -1;
     long long position = -1;
@@ -119,7 +119,7 @@ OpenFile LookAtOpenFile(pid_t pid, const std::string& path, int nDescriptor) {
     struct stat file {};
     struct stat open {};
     const auto look = [&](int descriptor) {
-        const std::string link = ProcessPath(pid, "/fd/") + std::to_string(descriptor);
+        const std::string link = ProcessFile(pid, "fd/") + std::to_string(descriptor);
         return stat(link.c_str(), &open) == 0 && SameFile(open, file);
     };
     if (stat(path.c_str(), &file) != 0 || !S_ISREG(file.st_mode)) return {};
@@ -176,10 +176,6 @@ namespace {
 constexpr const char* kSharedMemory = "/dev/shm/";
 constexpr const char* kSemaphorePrefix = "sem.";
 constexpr std::size_t kMostOfArguments = 4096;
-
-std::string ProcessFile(pid_t pid, const char* name) {
-    return "/proc/" + std::to_string(pid) + "/" + name;
-}
 
 bool IsMine(const std::string& path) {
     struct stat status {};

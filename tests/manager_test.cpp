@@ -220,7 +220,8 @@ TEST_F(ManagerTest, CarriesTasksToTheirEnds) {
     EXPECT_EQ(0, StopTask(stopped.c_str()));
     ExpectEnd(stopped, 8);
     EXPECT_TRUE(WaitUntil([] { return FreeSlotCount() == TASK_SLOT_COUNT; }));
-    EXPECT_EQ(descriptors, OpenDescriptors());
+    // Fewer when another process has died meanwhile that this manager found at its start.
+    EXPECT_GE(descriptors, OpenDescriptors());
     EXPECT_EQ(0, EndTaskManager());
     std::string reason;
     EXPECT_EQ(-1, AddTask(Download(server.Url()), reason));

@@ -65,7 +65,10 @@ void CheckNumbers(fuzz::Input& input, const std::string& name, int columns) {
     const auto sane = [](double value, double most) {
         return value >= 0 ? std::min(value, most) : 0;
     };
-    FileView file{name, sane(values[0], 1e18), sane(values[1], 100), sane(values[2], 1e12)};
+    FileView file{name};
+    file.size = sane(values[0], 1e18);
+    file.percent = sane(values[1], 100);
+    file.speed = sane(values[2], 1e12);
     for (const bool answered : {false, true}) {
         file.answered = answered;
         Expect(text::Width(FileLine(file, columns, file.started)) <= columns, "a line fits");
