@@ -150,7 +150,7 @@ const char* Overdue(const Watch& watch, Clock::time_point now) TS_REQUIRES(g_wat
     if (watch.bStopAsked && now - watch.stopAskedAt >= kStopPatience) {
         return "the worker did not stop by itself";
     }
-    if (Unanswered(watch, now)) return "the server did not answer in time";
+    if (Unanswered(watch, now)) return TASK_REMARK_NO_ANSWER;
     return nullptr;
 }
 

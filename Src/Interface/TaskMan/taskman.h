@@ -68,6 +68,9 @@ constexpr const char* TASK_REMARK_STARTS_OVER =
     "the transfer starts over and over without getting further";
 std::string TaskRemark(const char* szTaskID);
 
+// The remark on a task that a limit of tagTaskLimits has ended.
+constexpr const char* TASK_REMARK_NO_ANSWER = "the server did not answer in time";
+
 // Size in bytes of the file of a task, as its worker has announced it with code 10; 0 while it is
 // unknown. To be called no later than from the final callback: a task that ends within the second
 // in which its size became known reports its final code only, and the size is told here alone.
