@@ -1,284 +1,231 @@
 #include "Console/downloads.h"
 
-#include <semaphore.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
+#include <functional>
+#include <optional>
 #include <utility>
 
-#include "Console/filename.h"
-#include "Console/tasks.h"
 #include "Console/text.h"
-#include "Console/videopage.h"
 #include "TaskMan/taskman.h"
-#include "common/fieldtext.h"
 
 namespace {
 
-constexpr int kMostOfAddress = 100;  // columns, of one that is refused
-constexpr std::int32_t kBlocks = 3;
+// Files that are taken up before signals and the screen have their turn.
+constexpr int kMostAtOnce = 100;
+// Files that run: tasks, and those whose thread is on.
+constexpr std::size_t kMostRunning = 3 * TASK_SLOT_COUNT;
 
-std::string Join(const std::string& directory, const std::string& name) {
-    if (!directory.empty() && name.front() != '/') {
-        return directory + (directory.back() == '/' ? "" : "/") + name;
-    }
-    // A program that is given the path must not take it for an option.
-    return name.front() == '-' ? "./" + name : name;
-}
-
-std::string BaseName(const std::string& path) {
-    return path.substr(path.rfind('/') + 1);
-}
-
-// A value from another process.
-double Sane(double value, double most) {
-    return value >= 0 ? std::min(value, most) : 0;
+std::size_t Hash(const std::string& path) {
+    return std::hash<std::string>{}(path);
 }
 
 }  // namespace
 
-Downloads::Downloads(const GetOptions& options, EventQueue& events, Display& display)
+Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& failed,
+                     EventQueue& events, Display& display)
     : options_(options),
+      list_(list),
+      failed_(failed),
       events_(events),
       display_(display),
-      print_paths_(!options.display.json && isatty(STDOUT_FILENO) != 1) {
-    for (const std::string& address : options.addresses) {
-        files_.push_back(std::make_unique<File>());
-        files_.back()->address = address;
-        files_.back()->page = options.format.Given();
-        Plan(*files_.back());
-    }
-    totals_.files = totals_.waiting = files_.size();
+      print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json) {
+    totals_.files = totals_.waiting = options.addresses.size();
 }
 
-Downloads::~Downloads() {
-    for (const auto& file : files_) {
-        if (file->store.joinable()) file->store.join();
-    }
-}
-
-void Downloads::Plan(File& file) {
-    file.fault = AddressFault(file.address);
-    if (!file.fault.empty() || file.page) {
-        file.view.name = text::CutMiddle(text::Printable(file.address), kMostOfAddress);
-    } else {
-        Aim(file, NameFromAddress(file.address));
-    }
-}
-
-// Sets the path of the file, which gets `name` unless the user has named it.
-void Downloads::Aim(File& file, const std::string& name) {
-    const std::string& wanted = options_.output.empty() ? name : options_.output;
-    file.target = std::make_unique<Target>(Join(options_.directory, wanted), options_.force);
-    file.view.name = text::Printable(BaseName(file.target->Path()));
-}
-
-void Downloads::StartNext() {
+bool Downloads::StartNext() {
     while (!resolved_.empty() && FreeSlotCount() > 0) {
-        if (!Start(*resolved_.front())) return;
+        if (!Start(resolved_.front())) return false;
         resolved_.pop_front();
     }
-    while (!stopping_ && next_ < files_.size() &&
-           TaskCount() < static_cast<std::size_t>(options_.jobs) && FreeSlotCount() > 0) {
-        if (!Start(*files_[next_])) return;
-        ++next_;
+    for (int i = 0; i < kMostAtOnce; ++i) {
+        if (!HasRoom()) return false;
+        if (next_ == nullptr) {
+            Request request;
+            if (!TakeRequest(request)) return false;
+            next_ = std::make_unique<GetFile>(std::move(request), options_, events_);
+        }
+        if (!Start(next_)) return false;
         --totals_.waiting;
     }
-}
-
-// False when the manager has no room after all: the file keeps its turn.
-bool Downloads::Start(File& file) {
-    Outcome refusal = Refusal(file);
-    if (refusal.result == EndResult::kFinished) {
-        std::string reason;
-        file.id = MakeTaskID();
-        if (AddTaskFor(file, reason)) {
-            file.view.started = Clock::now();
-            running_[file.id] = &file;
-            display_.Begin(file.view);
-            return true;
-        }
-        if (FreeSlotCount() == 0) return false;
-        refusal = {EndResult::kRefused, EXIT_STATUS_FAILED, reason};
-    }
-    Report(file, std::move(refusal));
     return true;
 }
 
-// Opens the target. A finished outcome when nothing speaks against the start.
-Outcome Downloads::Refusal(File& file) {
-    if (!file.fault.empty()) return {EndResult::kRefused, EXIT_STATUS_USAGE, file.fault};
-    if (file.page || file.target->IsOpen()) return {};
-    const std::string& path = file.target->Path();
-    const std::string& part = file.target->PartPath();
-    if (claimed_.count(path) + claimed_.count(part) > 0) {
-        return {EndResult::kRefused, EXIT_STATUS_LOCAL,
-                "another URL of this command goes to " + path};
+// Takes the next request; false when there is none now.
+bool Downloads::TakeRequest(Request& request) {
+    if (taken_ < options_.addresses.size()) {
+        request = {options_.addresses[taken_++], options_.output, options_.sha256, ""};
+        return true;
     }
-    claimed_.insert({path, part});
-    std::string fault = file.target->Open();
-    if (fault.empty()) return {};
-    return {EndResult::kRefused, EXIT_STATUS_LOCAL, std::move(fault)};
+    if (!list_.Take(request)) return false;
+    ++totals_.files;
+    ++totals_.waiting;
+    return true;
 }
 
-bool Downloads::AddTaskFor(File& file, std::string& reason) {
-    if (file.page) return AddPageTask(file.id, file.address, options_.proxy, events_, reason);
-    tagTaskInfo task = NewTask(file.id, options_.proxy, events_);
-    SetField(task.szDownloadUrl, file.address);
-    SetField(task.szFilePath, file.target->PartPath());
-    task.nCmd = TASK_CMD_DOWNLOAD;
-    task.nBlockCount = kBlocks;
-    return AddTask(task, reason) == 0;
+bool Downloads::HasRoom() const {
+    const auto tasks = std::count_if(running_.begin(), running_.end(), [](const auto& r) {
+        return r.second->Now() == GetFile::Phase::kTask;
+    });
+    return !stopping_ && running_.size() < kMostRunning && FreeSlotCount() > 0 &&
+           resolved_.size() + static_cast<std::size_t>(tasks) <
+               static_cast<std::size_t>(options_.jobs);
+}
+
+int Downloads::Awaits() const {
+    return next_ == nullptr && HasRoom() ? list_.Descriptor() : -1;
+}
+
+// Takes the file over. False when the manager has no room after all: it keeps its turn.
+bool Downloads::Start(File& file) {
+    std::optional<Outcome> end = file->Refusal();
+    if (!end && Claimed(*file)) {
+        end = {EndResult::kRefused, EXIT_STATUS_LOCAL,
+               "another URL of this command goes to " + file->View().path};
+    }
+    if (!end) end = file->Begin();
+    if (end) {
+        if (end->status == EXIT_STATUS_FAILED && FreeSlotCount() == 0) return false;
+        Report(std::move(file), std::move(*end));
+        return true;
+    }
+    const FileView& view = file->View();
+    const bool task = file->Now() == GetFile::Phase::kTask;
+    running_[file->Id()] = std::move(file);
+    if (task) display_.Begin(view);
+    return true;
+}
+
+// Whether the command has finished the file, or downloads it, or uses one's name for the other's
+// part.
+bool Downloads::Claimed(const GetFile& file) const {
+    const std::string& path = file.View().path;
+    const std::string part = file.PartPath();
+    if (part.empty()) return false;
+    const auto clashes = [&](const File& other) {
+        const std::string theirs = other->PartPath();
+        return other.get() != &file && !theirs.empty() &&
+               (other->View().path == path || other->View().path == part || theirs == path);
+    };
+    const auto finished = [this](const std::string& name) {
+        return written_.count(Hash(name)) > 0 && access(name.c_str(), F_OK) == 0;
+    };
+    return finished(path) || finished(part) ||
+           std::any_of(running_.begin(), running_.end(),
+                       [&](const auto& r) { return clashes(r.second); }) ||
+           std::any_of(resolved_.begin(), resolved_.end(), clashes);
 }
 
 void Downloads::Handle(const Event& event) {
     const auto found = running_.find(event.id);
     if (found == running_.end()) return;
-    File& file = *found->second;
-    if (event.kind == Event::Kind::kStored) {
-        running_.erase(found);
-        Report(file, event.outcome);
+    GetFile& file = *found->second;
+    std::optional<Outcome> end;
+    if (event.kind == Event::Kind::kEnd) {
+        end = event.outcome;
+    } else if ((FINAL_STATE_BITS >> event.code & 1U) == 0) {
+        file.NoteState(event);
+        display_.State(file.View(), event.code, event.value);
         return;
+    } else {
+        end = file.NoteEnd(event, stopping_);
     }
-    if ((FINAL_STATE_BITS >> event.code & 1U) != 0) {
-        Ended(file, event);
-        return;
+    if (!end && file.Now() != GetFile::Phase::kIdle) return;
+    File ended = std::move(found->second);
+    running_.erase(found);
+    if (end) {
+        Report(std::move(ended), std::move(*end));
+    } else {
+        resolved_.push_back(std::move(ended));
     }
-    FileView& view = file.view;
-    switch (event.code) {
-        case DOWNLOAD_STATE_FILE_SIZE:
-            view.size = Sane(event.value, 1e18);
-            break;
-        case DOWNLOAD_STATE_PROGRESS:
-            view.percent = Sane(event.value, 100);
-            break;
-        case DOWNLOAD_STATE_SPEED:
-            view.speed = Sane(event.value, 1e12);
-            break;
-        default:
-            break;
-    }
-    if (!file.page && event.code != DOWNLOAD_STATE_FILE_SIZE) view.answered = true;
-    display_.State(view, event.code, event.value);
 }
 
-void Downloads::Ended(File& file, const Event& event) {
-    file.seconds = std::chrono::duration<double>(Clock::now() - file.view.started).count();
-    if (event.size > 0) file.view.size = event.size;
-    if (event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH) {
-        Store(file);
-        return;
+void Downloads::Report(File file, Outcome outcome) {
+    outcome.seconds = file->Seconds();
+    file->Release();
+    Tell(*file, outcome);
+    const bool finished = outcome.result == EndResult::kFinished;
+    if (finished) written_.insert(Hash(file->View().path));
+    if (print_paths_ && (finished || outcome.result == EndResult::kSkipped)) {
+        Print(file->View().path + "\n");
     }
-    running_.erase(event.id);
-    if (file.page && event.code == DOWNLOAD_STATE_PARSE_FINISH && !stopping_) {
-        return Resolved(file, event);
-    }
-    Report(file, FailureOf(file, event));
 }
 
-// The page gives the file its name and its address; from here on it is like any other.
-void Downloads::Resolved(File& file, const Event& event) {
-    const VideoPage page = ReadVideoPage(event.text);
-    const VideoFormat* format = Choose(page, options_.format);
-    if (format == nullptr) {
-        return Report(file,
-                      {EndResult::kFailed, EXIT_STATUS_UNRESOLVED, "the page has no such format"});
-    }
-    file.page = false;
-    file.address = format->address;
-    file.fault = AddressFault(file.address);
-    Aim(file, NameFromTitle(page.title));
-    resolved_.push_back(&file);
-}
-
-Outcome Downloads::FailureOf(const File& file, const Event& event) const {
-    if (stopping_) return {EndResult::kStopped, EXIT_STATUS_STOPPED};
-    if (file.page) return PageFailure(file.address, event);
-    if (event.code == DOWNLOAD_STATE_STOPPED) {
-        return {EndResult::kStopped, EXIT_STATUS_STOPPED, event.remark};
-    }
-    if (!event.remark.empty()) return {EndResult::kDied, EXIT_STATUS_FAILED, event.remark};
-    if (Outcome local = file.target->LocalFault(file.view.size);
-        local.result != EndResult::kFinished) {
-        return local;
-    }
-    const FileView& view = file.view;
-    std::string reason =
-        view.size < 0 ? "the server offered no file of known size" : "the transfer broke off";
-    if (view.percent > 0) reason += " at " + std::to_string(static_cast<int>(view.percent)) + " %";
-    return {EndResult::kFailed, EXIT_STATUS_FAILED, std::move(reason)};
-}
-
-// The last step waits for the disk, so it has a thread of its own.
-void Downloads::Store(File& file) {
-    file.storing = true;
-    file.view.answered = true;
-    file.view.percent = 100;
-    file.store = std::thread([this, &file, size = file.view.size] {
-        Event event{Event::Kind::kStored, file.id};
-        event.outcome = file.target->Store(size);
-        events_.Add(std::move(event));
-    });
-}
-
-void Downloads::Report(File& file, Outcome outcome) {
-    outcome.seconds = file.seconds;
-    Tell(file, outcome);
-    if (outcome.result == EndResult::kFinished && print_paths_) {
-        Print(file.target->Path() + "\n");
-    }
-    if (file.store.joinable()) file.store.join();
-    file.target.reset();
-}
-
-void Downloads::Tell(const File& file, const Outcome& outcome) {
+void Downloads::Tell(const GetFile& file, const Outcome& outcome) {
     status_ = Combine(status_, outcome.status);
     ++totals_.ended;
-    if (outcome.result == EndResult::kStopped) ++totals_.stopped;
-    if (outcome.result == EndResult::kFinished) {
-        ++totals_.finished;
-        totals_.finishedBytes += outcome.bytes;
+    switch (outcome.result) {
+        case EndResult::kFinished:
+            ++totals_.finished;
+            totals_.finishedBytes += outcome.bytes;
+            break;
+        case EndResult::kSkipped:
+            ++totals_.skipped;
+            break;
+        case EndResult::kStopped:
+            ++totals_.stopped;
+            [[fallthrough]];
+        default:
+            failed_.Add(file.Asked());
+            break;
     }
-    display_.End(file.view, outcome);
+    display_.End(file.View(), outcome);
 }
 
 std::size_t Downloads::Stop() {
     stopping_ = true;
-    for (File* file : std::exchange(resolved_, {})) {
-        Report(*file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
+    for (File& file : std::exchange(resolved_, {})) {
+        Report(std::move(file), {EndResult::kStopped, EXIT_STATUS_STOPPED});
     }
     std::size_t asked = 0;
-    for (const auto& [id, file] : running_) {
-        if (!file->storing && StopTask(id.c_str()) == 0) ++asked;
+    for (auto it = running_.begin(); it != running_.end();) {
+        GetFile& file = *it->second;
+        if (file.Now() == GetFile::Phase::kLooking) {
+            // The process ends by the signal, whatever the thread does then.
+            Tell(file, file.LookedFor());
+            unseen_.push_back(std::move(it->second));
+            it = running_.erase(it);
+            continue;
+        }
+        if (file.Now() == GetFile::Phase::kTask && StopTask(file.Id().c_str()) == 0) ++asked;
+        ++it;
     }
     return asked;
 }
 
 void Downloads::Abandon() {
-    for (const auto& [id, file] : running_) {
-        sem_unlink(id.c_str());
+    stopping_ = true;
+    for (auto& [id, file] : running_) resolved_.push_back(std::move(file));
+    running_.clear();
+    for (const File& file : resolved_) {
+        file->Abandon();
         Tell(*file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
     }
-    for (const auto& file : files_) {
-        if (file->target != nullptr) file->target->RemovePart();
-    }
+    if (next_ != nullptr) next_->Abandon();
+}
+
+void Downloads::Finish() {
+    list_.Finish();
+    if (next_ != nullptr) failed_.Add(next_->Asked());
+    for (Request request; failed_.IsOpen() && TakeRequest(request);) failed_.Add(request);
+    const std::string fault = failed_.Close();
+    if (fault.empty()) return;
+    display_.Note("taskman: " + text::Printable(fault));
+    status_ = Combine(status_, EXIT_STATUS_LOCAL);
 }
 
 bool Downloads::Done() const {
-    return running_.empty() && resolved_.empty() && (stopping_ || next_ == files_.size());
-}
-
-std::size_t Downloads::TaskCount() const {
-    const auto tasks = std::count_if(running_.begin(), running_.end(),
-                                     [](const auto& r) { return !r.second->storing; });
-    return resolved_.size() + static_cast<std::size_t>(tasks);
+    const bool begun = next_ == nullptr && taken_ == options_.addresses.size() && list_.Ended();
+    return running_.empty() && resolved_.empty() && (stopping_ || begun);
 }
 
 std::vector<const FileView*> Downloads::Running() const {
     std::vector<const FileView*> views;
-    for (const auto& [id, file] : running_) views.push_back(&file->view);
-    for (const File* file : resolved_) views.push_back(&file->view);
+    for (const auto& [id, file] : running_) {
+        if (!file->View().id.empty()) views.push_back(&file->View());
+    }
+    for (const File& file : resolved_) views.push_back(&file->View());
     std::sort(views.begin(), views.end(),
               [](const FileView* a, const FileView* b) { return a->started < b->started; });
     return views;

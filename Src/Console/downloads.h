@@ -4,73 +4,63 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
-#include <thread>
+#include <unordered_set>
 #include <vector>
 
 #include "Console/display.h"
 #include "Console/events.h"
+#include "Console/getfile.h"
+#include "Console/inputlist.h"
 #include "Console/options.h"
 #include "Console/session.h"
-#include "Console/target.h"
 
 // Works on the main thread. The manager runs from the first StartNext until the last task has ended
-// or Abandon was called.
+// or Abandon was called. Files are taken up when there is room for them and forgotten when they
+// have ended, so a list may be of any length.
 class Downloads : public Work {
   public:
-    // The references outlive the object.
-    Downloads(const GetOptions& options, EventQueue& events, Display& display);
-    ~Downloads() override;
+    // The references outlive the object. `list` is read after the addresses of the options.
+    Downloads(const GetOptions& options, InputList& list, FailedList& failed, EventQueue& events,
+              Display& display);
 
     // Begins files in their order while fewer than the wanted number run and the manager has room.
-    void StartNext() override;
+    bool StartNext() override;
+    int Awaits() const override;
     void Handle(const Event& event) override;
     std::size_t Stop() override;
 
     // Removes the parts and the locks' names.
     void Abandon() override;
+
+    // Completes the list of what did not finish.
+    void Finish() override;
     bool Done() const override;
     ExitStatus Status() const override { return status_; }
     const Totals& Counts() const override { return totals_; }
     std::vector<const FileView*> Running() const override;
 
   private:
-    // One file. From its start to the end of its last step it is in running_, but for the time
-    // between its two tasks when it is that of a page: then it is in resolved_.
-    struct File {
-        std::string address{};
-        bool page = false;    // the address is that of a page
-        std::string fault{};  // why the address cannot be used; empty: it can
-        std::unique_ptr<Target> target{};
-        std::string id{};  // of its task
-        FileView view{};
-        double seconds = 0;    // from start to final code
-        bool storing = false;  // its task has ended; the last step is on
-        std::thread store{};
-    };
+    using File = std::unique_ptr<GetFile>;
 
-    void Plan(File& file);
-    void Aim(File& file, const std::string& name);
+    bool TakeRequest(Request& request);
+    bool HasRoom() const;
     bool Start(File& file);
-    Outcome Refusal(File& file);
-    bool AddTaskFor(File& file, std::string& reason);
-    void Ended(File& file, const Event& event);
-    void Resolved(File& file, const Event& event);
-    Outcome FailureOf(const File& file, const Event& event) const;
-    void Store(File& file);
-    void Report(File& file, Outcome outcome);
-    void Tell(const File& file, const Outcome& outcome);
-    std::size_t TaskCount() const;
+    bool Claimed(const GetFile& file) const;
+    void Report(File file, Outcome outcome);
+    void Tell(const GetFile& file, const Outcome& outcome);
 
     const GetOptions& options_;
+    InputList& list_;
+    FailedList& failed_;
     EventQueue& events_;
     Display& display_;
-    std::vector<std::unique_ptr<File>> files_{};
-    std::size_t next_ = 0;  // first file that has not begun
-    std::map<std::string, File*> running_{};
-    std::deque<File*> resolved_{};     // the second task comes next
-    std::set<std::string> claimed_{};  // paths of files and parts
+    std::size_t taken_ = 0;                      // addresses of the options
+    File next_{};                                // taken, not begun
+    std::map<std::string, File> running_{};      // by their ids; something is on
+    std::deque<File> resolved_{};                // the second task comes next
+    std::vector<File> unseen_{};                 // reported at a stop without waiting for the look
+    std::unordered_set<std::size_t> written_{};  // hashes of the paths of finished files
     Totals totals_{};
     ExitStatus status_ = EXIT_STATUS_FINISHED;
     bool stopping_ = false;

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -32,9 +33,9 @@ void WakePipe::Wake() const {
     errno = kept;
 }
 
-void WakePipe::Wait(std::chrono::milliseconds time) const {
-    pollfd news{ends_[0], POLLIN, 0};
-    poll(&news, 1, static_cast<int>(time.count()));
+void WakePipe::Wait(std::chrono::milliseconds time, int descriptor) const {
+    pollfd news[] = {{ends_[0], POLLIN, 0}, {descriptor, POLLIN, 0}};
+    poll(news, std::size(news), static_cast<int>(time.count()));
     std::array<char, 64> bytes{};
     while (read(ends_[0], bytes.data(), bytes.size()) > 0) {
     }

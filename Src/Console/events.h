@@ -20,8 +20,9 @@ class WakePipe : private Uncopyable {
     // Ends the wait that is on, or the next one. Any thread and any signal handler may call.
     void Wake() const;
 
-    // Returns when woken, when a signal was handled, or after `time`.
-    void Wait(std::chrono::milliseconds time) const;
+    // Returns when woken, when a signal was handled, when `descriptor` can be read (-1: none), or
+    // after `time`.
+    void Wait(std::chrono::milliseconds time, int descriptor = -1) const;
 
   private:
     int ends_[2];
@@ -30,8 +31,8 @@ class WakePipe : private Uncopyable {
 // Something that happened to a task.
 struct Event {
     enum class Kind {
-        kState,   // the manager called back: `code`, `value`
-        kStored,  // the last step on the file is done: `outcome`
+        kState,  // the manager called back: `code`, `value`
+        kEnd,    // a helper thread is done with the file: `outcome`
     };
     Kind kind;
     std::string id;  // of the task

@@ -75,6 +75,11 @@ std::string AddressFault(std::string_view address) {
     return "";
 }
 
+std::string NameFault(std::string_view name) {
+    if (name.empty() || name == "-" || name.back() == '/') return "the name of a file is needed";
+    return name.find('\0') == std::string_view::npos ? "" : "a zero byte in the name";
+}
+
 std::string NameFromAddress(std::string_view address) {
     const std::string decoded = utf8::PercentDecode(LastPart(address));
     // An encoded "/" separates like any other: "dir%2Ffile" names "file".

@@ -8,6 +8,10 @@
 // https, name a host, hold no blank or control byte and fit its field in the task's slot.
 std::string AddressFault(std::string_view address);
 
+// Why a name that the user gives a file cannot be used, in one line; empty when it can be tried. It
+// may lead to another directory.
+std::string NameFault(std::string_view name);
+
 // The file name for an address: the last part of its path, percent-decoded. Whatever the address
 // says, the name has no "/", no control characters and no leading dot, is valid UTF-8, is never
 // empty ("download" then), and together with ".part" stays below 255 bytes.

@@ -24,10 +24,10 @@ constexpr int kMostOfId = 30;
 class Inquiry : public Work {
   public:
     // The references outlive the object.
-    Inquiry(const InfoOptions& options, EventQueue& events, Display& display)
-        : options_(options), events_(events), display_(display) {}
+    Inquiry(const InfoOptions& options, const Proxy& proxy, EventQueue& events, Display& display)
+        : options_(options), proxy_(proxy), events_(events), display_(display) {}
 
-    void StartNext() override;
+    bool StartNext() override;
     void Handle(const Event& event) override;
     std::size_t Stop() override;
     void Abandon() override { sem_unlink(id_.c_str()); }
@@ -43,6 +43,7 @@ class Inquiry : public Work {
     void End(Outcome outcome);
 
     const InfoOptions& options_;
+    const Proxy& proxy_;
     EventQueue& events_;
     Display& display_;
     std::string id_{};  // empty: no task has been added
@@ -52,13 +53,14 @@ class Inquiry : public Work {
     const Totals totals_{};
 };
 
-void Inquiry::StartNext() {
-    if (done_ || !id_.empty()) return;
+bool Inquiry::StartNext() {
+    if (done_ || !id_.empty()) return false;
     id_ = MakeTaskID();
     std::string reason;
-    if (!AddPageTask(id_, options_.address, options_.proxy, events_, reason)) {
+    if (!AddPageTask(id_, options_.address, proxy_, {}, events_, reason)) {
         End({EndResult::kRefused, EXIT_STATUS_FAILED, reason});
     }
+    return false;
 }
 
 void Inquiry::Handle(const Event& event) {
@@ -179,14 +181,17 @@ std::string PageJson(const VideoPage& page, const VideoFormat* taken) {
 
 int RunInfo(const InfoOptions& options) {
     PlainDisplay display(STDERR_FILENO);
-    if (std::string fault = AddressFault(options.address); !fault.empty()) {
+    Proxy proxy;
+    std::string fault = AddressFault(options.address);
+    if (fault.empty()) fault = options.proxy.For(options.address, proxy);
+    if (!fault.empty()) {
         const Outcome refused{EndResult::kRefused, EXIT_STATUS_USAGE, std::move(fault)};
         display.Note(EndLine({text::Printable(options.address)}, refused));
         return refused.status;
     }
     const WakePipe& wake = InstallSignals();
     EventQueue events(wake);
-    Inquiry inquiry(options, events, display);
+    Inquiry inquiry(options, proxy, events, display);
     const int status = Session(inquiry, "page", wake, events, display).Run(options.worker);
     return status == EXIT_STATUS_FINISHED ? Write(options, ReadVideoPage(inquiry.Text())) : status;
 }

@@ -1,13 +1,18 @@
 #include "Console/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 
+#include "Console/digest.h"
+#include "Console/filename.h"
 #include "Console/outcome.h"
 #include "Console/text.h"
 
 namespace {
+
+constexpr std::int32_t kLongestTimeout = 1'000'000;
 
 constexpr const char* kUsage =
     "Examples:\n"
@@ -25,17 +30,19 @@ constexpr const char* kGetExamples =
     "  taskman get https://example.org/file.iso\n"
     "  taskman get -d ~/Downloads -j 2 URL1 URL2 URL3\n"
     "  taskman get -o today.zip 'https://example.org/archive?day=today'\n"
-    "  tar xf \"$(taskman get https://example.org/source.tar.gz)\"\n"
+    "  tar xf \"$(taskman get -q https://example.org/source.tar.gz)\"\n"
+    "  until taskman get -s -i todo.txt --failed todo.txt; do sleep 600; done\n"
     "  taskman get --size 640x360 'http://video.example/watch?v=ID'\n"
     "\n"
     "Downloads each URL into NAME.part and renames it when all of it has come. When standard\n"
-    "output is no terminal, the paths of the finished files are written there, one a line.\n"
-    "With --format or --size each URL is the page of a video, whose title names the file.\n";
+    "output is no terminal, the paths of the files are written there, one a line.\n"
+    "With --format or --size each URL is the page of a video, whose title names the file.\n"
+    "A list has a URL in each line; a name and a SHA-256 digest may follow, each behind a TAB.\n";
 
 constexpr const char* kGetExits =
     "Exit status: 0 all finished, 1 a download failed, 2 wrong usage or address, 3 local file,\n"
-    "4 a page was not resolved or has no such format, 5 the size differs, 6 stopped on request,\n"
-    "130 and 143 interrupted. When several apply, the smallest that is not 0.";
+    "4 a page was not resolved or has no such format, 5 size or SHA-256 differs, 6 stopped on\n"
+    "request, 130 and 143 interrupted. When several apply, the smallest that is not 0.";
 
 constexpr const char* kInfoExamples =
     "Examples:\n"
@@ -51,13 +58,36 @@ constexpr const char* kInfoExits =
     "or has no such format, 6 stopped on request, 130 and 143 interrupted.";
 
 // Options of all verbs that have tasks.
-void AddTaskOptions(CLI::App& verb, Proxy& proxy, std::string& worker) {
+void AddTaskOptions(CLI::App& verb, ProxyRules& proxy, std::string& worker) {
     verb.add_option("-x,--proxy",
                     "http, socks4, socks4a, socks5 or socks5h proxy,\n"
-                    "[SCHEME://][USER[:PASSWORD]@]HOST[:PORT]")
-        ->type_name("URL")
-        ->check([&proxy](const std::string& address) { return ParseProxy(address, proxy); });
+                    "[SCHEME://][USER[:PASSWORD]@]HOST[:PORT]; @FILE reads it from\n"
+                    "the first line of a file, none ignores the environment")
+        ->option_text("URL|@FILE|none")
+        ->check([&proxy](const std::string& text) { return proxy.Give(text); });
     verb.add_option("--worker", worker, "program of the workers")->type_name("PATH");
+}
+
+// An option whose value is a number of the range.
+void AddNumber(CLI::App& verb, const char* names, std::int32_t& number, int least, int most,
+               const char* what) {
+    verb.add_option(names, number, what)->option_text("N")->check(CLI::Range(least, most));
+}
+
+// An option whose value is one of some words, which stand in the order of the values.
+template <class Value>
+void AddWord(CLI::App& verb, const char* name, Value& value, std::vector<std::string> words,
+             const std::string& what) {
+    std::string all = words.front();
+    for (std::size_t i = 1; i < words.size(); ++i) all += "|" + words[i];
+    verb.add_option(name, what)
+        ->option_text(all)
+        ->check([&value, words, all](const std::string& word) {
+            const auto found = std::find(words.begin(), words.end(), word);
+            if (found == words.end()) return "must be one of " + all;
+            value = static_cast<Value>(found - words.begin());
+            return std::string();
+        });
 }
 
 CLI::Option* AddSize(CLI::App& verb, FormatWish& format, const std::string& what) {
@@ -81,32 +111,69 @@ CLI::App* AddInfo(CLI::App& app, InfoOptions& info) {
     return verb;
 }
 
+// Which files `taskman get` makes of what.
+void AddFileOptions(CLI::App& verb, GetOptions& get) {
+    verb.add_option("URL", get.addresses, "http or https addresses")->option_text("...");
+    verb.add_option("-i,--input", get.input, "list of more URLs; - is standard input")
+        ->type_name("FILE");
+    verb.add_option("-o,--output", get.output, "name of the file (one URL only)")
+        ->type_name("FILE")
+        ->check([](const std::string& name) { return NameFault(name); });
+    verb.add_option("-d,--dir", get.directory, "directory for the files")->type_name("DIR");
+    CLI::Option* force = verb.add_flag_callback(
+        "-f,--force", [&get] { get.existing = Existing::kReplace; }, "replace existing files");
+    force->option_text(" ");
+    verb.add_flag_callback(
+            "-s,--skip-existing", [&get] { get.existing = Existing::kSkip; },
+            "take existing files for finished ones")
+        ->option_text(" ")
+        ->excludes(force);
+    verb.add_option("--sha256", get.sha256, "SHA-256 digest of the file (one URL only)")
+        ->option_text("HEX")
+        ->check([](const std::string& digest) {
+            return IsDigest(digest) ? "" : "64 hexadecimal digits are needed";
+        });
+    verb.add_flag("--keep-part", get.keepPart, "keep the part of what did not finish");
+    verb.add_option("--failed", get.failed, "list what did not finish, as --input reads it")
+        ->type_name("FILE");
+    CLI::Option* size =
+        AddSize(verb, get.format, "of a page: the format whose frame comes closest");
+    verb.add_option("--format", get.format.id, "of a page: the format of that id")
+        ->option_text("ID")
+        ->excludes(size)
+        ->check([](const std::string& id) { return id.empty() ? "an id is needed" : ""; });
+}
+
+void AddDisplayOptions(CLI::App& verb, DisplayOptions& display) {
+    verb.add_flag("--json", display.json, "events for programs, one JSON object a line");
+    verb.add_flag("-q,--quiet", display.quiet, "tell failures only");
+    verb.add_flag("-v,--verbose", display.verbose, "tell what the workers report, too");
+    AddWord(verb, "--progress", display.progress, {"auto", "bar", "plain", "none"},
+            "how the progress is shown");
+    AddWord(verb, "--color", display.colour, {"auto", "always", "never"}, "when to use colours");
+}
+
 CLI::App* AddGet(CLI::App& app, GetOptions& get) {
     CLI::App* verb = app.add_subcommand("get", kGetExamples);
     verb->group("");  // the overview has a line of its own for it
     verb->footer(kGetExits);
-    verb->add_option("URL", get.addresses, "http or https addresses")
-        ->option_text("...")
-        ->required();
-    verb->add_option("-o,--output", get.output, "name of the file (one URL only)")
-        ->type_name("FILE")
-        ->check([](const std::string& name) {
-            const bool usable = !name.empty() && name != "-" && name.back() != '/';
-            return usable ? "" : "the name of a file is needed";
-        });
-    verb->add_option("-d,--dir", get.directory, "directory for the files")->type_name("DIR");
-    verb->add_option("-j,--jobs", get.jobs, "files at once, 1 to 8 (4)")
-        ->option_text("N")
-        ->check(CLI::Range(1, 8));
-    verb->add_flag("-f,--force", get.force, "replace existing files");
-    CLI::Option* size =
-        AddSize(*verb, get.format, "of a page: the format whose frame comes closest");
-    verb->add_option("--format", get.format.id, "of a page: the format of that id")
-        ->option_text("ID")
-        ->excludes(size)
-        ->check([](const std::string& id) { return id.empty() ? "an id is needed" : ""; });
+    AddFileOptions(*verb, get);
+    AddNumber(*verb, "-j,--jobs", get.jobs, 1, 8, "files at once, 1 to 8 (4)");
+    AddNumber(*verb, "--tries", get.tries.count, 1, 3, "tries without a byte, 1 to 3 (3)");
+    AddNumber(*verb, "--wait", get.tries.seconds, 0, 3, "seconds between tries, 0 to 3 (1)");
+    AddNumber(*verb, "--timeout", get.timeout, 0, kLongestTimeout,
+              "seconds a server has to tell the size; 0 for ever (30)");
     AddTaskOptions(*verb, get.proxy, get.worker);
+    AddDisplayOptions(*verb, get.display);
     return verb;
+}
+
+// What is wrong with the options together; empty when nothing is.
+std::string GetFault(const GetOptions& get) {
+    if (get.addresses.empty() && get.input.empty()) return "a URL is required, or --input";
+    if (get.addresses.size() == 1 && get.input.empty()) return "";
+    if (!get.output.empty()) return "--output takes one URL only";
+    return get.sha256.empty() ? "" : "--sha256 takes one URL only";
 }
 
 int Refuse(const std::string& reason, const std::string& verb) {
@@ -139,8 +206,7 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& 
         return std::nullopt;
     }
     if (!get->parsed()) return Refuse("what is to be done?", "");
-    if (!command.get.output.empty() && command.get.addresses.size() > 1) {
-        return Refuse("--output takes one URL only", " get");
-    }
-    return std::nullopt;
+    const std::string fault = GetFault(command.get);
+    if (fault.empty()) return std::nullopt;
+    return Refuse(fault, " get");
 }

@@ -1,23 +1,32 @@
 // The command line.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "Console/display.h"
 #include "Console/proxy.h"
+#include "Console/target.h"
+#include "Console/tasks.h"
 #include "Console/videopage.h"
 
 // `taskman get`
 struct GetOptions {
-    std::vector<std::string> addresses{};  // at least one
-    std::string output{};                  // name of the file; empty: from the address
-    std::string directory{};               // where files go; empty: the working directory
-    int jobs = 4;                          // files at once, 1 to 8
-    bool force = false;                    // existing files are replaced
-    std::string worker{};                  // program of the workers; empty: looked for
-    Proxy proxy{};
+    std::vector<std::string> addresses{};
+    std::string input{};      // list of more addresses, "-" is standard input; empty: none
+    std::string output{};     // name of the only file; empty: from the address
+    std::string sha256{};     // digest of the only file; empty: not known
+    std::string directory{};  // where files go; empty: the working directory
+    std::string failed{};     // list to be written of what did not finish; empty: none
+    int jobs = 4;             // files at once, 1 to 8
+    Existing existing = Existing::kRefuse;
+    bool keepPart = false;  // of a file that did not finish
+    Tries tries{};
+    std::int32_t timeout = 30;  // seconds until a server has told the size; 0: for ever
+    std::string worker{};       // program of the workers; empty: looked for
+    ProxyRules proxy{};
     FormatWish format{};  // when given, the addresses are those of pages
     DisplayOptions display{};
 };
@@ -28,7 +37,7 @@ struct InfoOptions {
     bool json = false;      // for programs
     bool url = false;       // only the address of the chosen format
     std::string worker{};
-    Proxy proxy{};
+    ProxyRules proxy{};
     FormatWish format{};
 };
 

@@ -36,20 +36,23 @@ Session::Session(Work& work, const char* noun, const WakePipe& wake, EventQueue&
                  Display& display)
     : work_(work), noun_(noun), wake_(wake), events_(events), display_(display) {}
 
-int Session::Run(const std::string& worker) {
+// Starts the manager. Returns the fault in one line; empty when it runs.
+std::string Session::Begin(const std::string& worker) {
     const std::string program = FindWorker(worker);
+    if (access(program.c_str(), X_OK) != 0) return "no worker program at " + program;
     std::string reason;
-    if (access(program.c_str(), X_OK) != 0) {
-        display_.Note("taskman: no worker program at " + text::Printable(program));
-        return EXIT_STATUS_FAILED;
-    }
-    if (StartTaskManager(program.c_str(), "", reason) != 0) {
-        display_.Note("taskman: " + text::Printable(reason));
+    return StartTaskManager(program.c_str(), "", reason) == 0 ? "" : reason;
+}
+
+int Session::Run(const std::string& worker) {
+    if (const std::string fault = Begin(worker); !fault.empty()) {
+        display_.Note("taskman: " + text::Printable(fault));
+        work_.Finish();
         return EXIT_STATUS_FAILED;
     }
     try {
         while (!work_.Done()) Turn();
-        CloseDisplay();
+        Close();
         EndManager();
     } catch (...) {
         EndTaskManager();
@@ -62,11 +65,11 @@ int Session::Run(const std::string& worker) {
 void Session::Turn() {
     for (const Event& event : events_.Take()) work_.Handle(event);
     LookAtSignals();
-    work_.StartNext();
+    const bool more = work_.StartNext();
     const bool resumed = signals::TakeResume();
     if (signals::TakeResize() || resumed) display_.ScreenChanged(resumed);
     display_.Refresh(work_.Running(), work_.Counts());
-    if (!work_.Done()) wake_.Wait(kTurn);
+    if (!more && !work_.Done()) wake_.Wait(kTurn, work_.Awaits());
 }
 
 void Session::LookAtSignals() {
@@ -81,9 +84,10 @@ void Session::LookAtSignals() {
     }
 }
 
-void Session::CloseDisplay() {
-    if (display_closed_) return;
-    display_closed_ = true;
+void Session::Close() {
+    if (closed_) return;
+    closed_ = true;
+    work_.Finish();
     display_.Close(work_.Counts(), work_.Status());
 }
 
@@ -118,7 +122,7 @@ void Session::EndNow() {
     const std::string section =
         std::string(SHARE_MEM_NAME) + "_" + std::to_string(sysutility::GetCurrentPid());
     shm_unlink(section.c_str());
-    CloseDisplay();
+    Close();
     signals::EndBy(signals::StopSignal());
 }
 

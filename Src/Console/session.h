@@ -13,8 +13,12 @@ class Work : private Uncopyable {
   public:
     virtual ~Work() = default;
 
-    // Adds tasks while some are wanted and the manager has room.
-    virtual void StartNext() = 0;
+    // Adds tasks while some are wanted and the manager has room. Returns whether it broke off
+    // before, for other things to have their turn.
+    virtual bool StartNext() = 0;
+
+    // What has to become readable before there may be more to add; -1: nothing.
+    virtual int Awaits() const { return -1; }
 
     // Acts on one event from the queue.
     virtual void Handle(const Event& event) = 0;
@@ -23,8 +27,11 @@ class Work : private Uncopyable {
     virtual std::size_t Stop() = 0;
 
     // For an end that waits for nothing: removes the names that the running tasks have made, and
-    // reports these as stopped. Nothing else may be called afterwards.
+    // reports these as stopped. Only Finish, Status and Counts may be called afterwards.
     virtual void Abandon() = 0;
+
+    // The last thing, also after Abandon and when no manager could be started.
+    virtual void Finish() {}
 
     // Whether no task runs and none will be added.
     virtual bool Done() const = 0;
@@ -51,7 +58,8 @@ class Session : private Uncopyable {
   private:
     void Turn();
     void LookAtSignals();
-    void CloseDisplay();
+    std::string Begin(const std::string& worker);
+    void Close();
     void EndManager();
     [[noreturn]] void EndNow();
 
@@ -60,7 +68,7 @@ class Session : private Uncopyable {
     const WakePipe& wake_;
     EventQueue& events_;
     Display& display_;
-    bool display_closed_ = false;
+    bool closed_ = false;
     bool stopping_ = false;
     Clock::time_point stop_deadline_{};
 };

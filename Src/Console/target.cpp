@@ -10,6 +10,7 @@
 #include <cstring>
 #include <utility>
 
+#include "Console/digest.h"
 #include "TaskMan/taskcontext.h"
 
 namespace {
@@ -22,6 +23,15 @@ std::string Fault(const char* what, const std::string& path, int error) {
 
 Outcome Local(std::string reason) {
     return {EndResult::kFailed, EXIT_STATUS_LOCAL, std::move(reason)};
+}
+
+// A finished outcome when the file has the digest, or any when that is empty.
+Outcome DigestFault(int file, const std::string& path, const std::string& sha256) {
+    if (sha256.empty()) return {};
+    const std::string digest = FileDigest(file);
+    if (digest.empty()) return Local(Fault("cannot read", path, errno));
+    if (SameDigest(digest, sha256)) return {};
+    return {EndResult::kMismatch, EXIT_STATUS_MISMATCH, path + " has the SHA-256 digest " + digest};
 }
 
 // Gives the file its second name and takes the first one away, unless the second is in use. Returns
@@ -45,13 +55,32 @@ int RenameToNew(const char* from, const char* to) {
 
 }  // namespace
 
-Target::Target(std::string path, bool replace)
-    : path_(std::move(path)), part_(path_ + ".part"), replace_(replace) {}
+Target::Target(std::string path, Existing existing, bool keep)
+    : path_(std::move(path)), part_(path_ + ".part"), existing_(existing), keep_(keep) {}
 
 Target::~Target() {
     if (!IsOpen()) return;
     if (!stored_) RemovePart();
     close(file_);
+}
+
+bool Target::Skips() const {
+    struct stat status {};
+    return existing_ == Existing::kSkip && stat(path_.c_str(), &status) == 0 &&
+           S_ISREG(status.st_mode);
+}
+
+Outcome Target::Skip(const std::string& sha256) const {
+    Outcome skipped{EndResult::kSkipped};
+    skipped.reason = path_ + " exists already";
+    struct stat status {};
+    if (stat(path_.c_str(), &status) == 0) skipped.bytes = static_cast<double>(status.st_size);
+    if (sha256.empty()) return skipped;
+    const int file = open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (file == -1) return Local(Fault("cannot read", path_, errno));
+    Outcome differs = DigestFault(file, path_, sha256);
+    close(file);
+    return differs.result == EndResult::kFinished ? skipped : differs;
 }
 
 std::string Target::Open() {
@@ -61,10 +90,11 @@ std::string Target::Open() {
     if (path_.find('\\') != std::string::npos) return "a backslash in the path";
     struct stat status {};
     if (lstat(path_.c_str(), &status) == 0) {
-        if (!replace_) return path_ + " exists already (--force replaces it)";
+        if (existing_ == Existing::kRefuse) return path_ + " exists already (--force replaces it)";
         if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
             return path_ + " is not a regular file";
         }
+        if (existing_ == Existing::kSkip) return path_ + " exists and is not a regular file";
     }
     // Whoever held the part may have renamed or removed it between its opening and its locking
     // here.
@@ -102,7 +132,7 @@ bool Target::StillNamed() const {
            mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
 }
 
-Outcome Target::Store(double size) {
+Outcome Target::Store(double size, const std::string& sha256) {
     struct stat status {};
     if (fstat(file_, &status) != 0 || !StillNamed()) return Local(part_ + " was taken away");
     const auto bytes = static_cast<double>(status.st_size);
@@ -111,6 +141,8 @@ Outcome Target::Store(double size) {
                 std::to_string(status.st_size) + " bytes arrived, the server announced " +
                     std::to_string(static_cast<long long>(size))};
     }
+    Outcome differs = DigestFault(file_, part_, sha256);
+    if (differs.result != EndResult::kFinished) return differs;
     if (fsync(file_) != 0) return Local(Fault("cannot write", part_, errno));
     std::string fault = Rename();
     if (!fault.empty()) return Local(std::move(fault));
@@ -119,8 +151,9 @@ Outcome Target::Store(double size) {
 }
 
 std::string Target::Rename() const {
-    const int error = replace_ ? (rename(part_.c_str(), path_.c_str()) == 0 ? 0 : errno)
-                               : RenameToNew(part_.c_str(), path_.c_str());
+    const bool replace = existing_ == Existing::kReplace;
+    const int error = replace ? (rename(part_.c_str(), path_.c_str()) == 0 ? 0 : errno)
+                              : RenameToNew(part_.c_str(), path_.c_str());
     if (error == 0) return "";
     if (error == EEXIST) return path_ + " appeared meanwhile (--force replaces it)";
     return Fault("cannot create", path_, error);
@@ -138,5 +171,8 @@ Outcome Target::LocalFault(double size) const {
 }
 
 void Target::RemovePart() const {
-    if (IsOpen() && StillNamed()) unlink(part_.c_str());
+    struct stat status {};
+    if (!IsOpen() || !StillNamed()) return;
+    if (keep_ && fstat(file_, &status) == 0 && status.st_size > 0) return;
+    unlink(part_.c_str());
 }

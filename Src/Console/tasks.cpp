@@ -1,23 +1,19 @@
 #include "Console/tasks.h"
 
-#include <utility>
-
 #include "TaskMan/taskman.h"
 #include "common/fieldtext.h"
 
 namespace {
 
-constexpr std::int32_t kTries = 3;
-constexpr std::int32_t kSecondsBetweenTries = 1;
 constexpr const char* kSite = TASKMAN_SITE_BASE_ADDRESS;
 
 }  // namespace
 
-tagTaskInfo NewTask(const std::string& id, const Proxy& proxy, EventQueue& events) {
+tagTaskInfo NewTask(const std::string& id, const Proxy& proxy, Tries tries, EventQueue& events) {
     tagTaskInfo task(id.c_str());
     task.nTaskKind = 0;
-    task.nTryCount = kTries;
-    task.nTryInterval = kSecondsBetweenTries;
+    task.nTryCount = tries.count;
+    task.nTryInterval = tries.seconds;
     SetProxy(proxy, task);
     task.pCallbackParam = &events;
     task.pfnStateCallback = EventQueue::OnState;
@@ -25,24 +21,30 @@ tagTaskInfo NewTask(const std::string& id, const Proxy& proxy, EventQueue& event
     return task;
 }
 
-bool AddPageTask(const std::string& id, const std::string& page, const Proxy& proxy,
+bool AddPageTask(const std::string& id, const std::string& page, const Proxy& proxy, Tries tries,
                  EventQueue& events, std::string& reason) {
-    tagTaskInfo task = NewTask(id, proxy, events);
+    tagTaskInfo task = NewTask(id, proxy, tries, events);
     SetField(task.szOrgUrl, page);
     task.nCmd = TASK_CMD_PARSE;
     return AddTask(task, reason) == 0;
 }
 
 Outcome PageFailure(const std::string& page, const Event& event) {
+    Outcome outcome{EndResult::kFailed, EXIT_STATUS_UNRESOLVED, "the page was not resolved"};
+    outcome.code = event.code;
     if (event.code == DOWNLOAD_STATE_STOPPED) {
-        return {EndResult::kStopped, EXIT_STATUS_STOPPED, event.remark};
-    }
-    if (!event.remark.empty()) return {EndResult::kDied, EXIT_STATUS_FAILED, event.remark};
-    std::string reason = "the page was not resolved";
-    if (!page.starts_with(kSite)) {
-        reason = std::string("not a page of ") + kSite;
+        outcome.result = EndResult::kStopped;
+        outcome.status = EXIT_STATUS_STOPPED;
+        outcome.reason = event.remark;
+    } else if (!event.remark.empty()) {
+        outcome.reason = event.remark;
+        if (event.remark == TASK_REMARK_NO_ANSWER) return outcome;
+        outcome.result = EndResult::kDied;
+        outcome.status = EXIT_STATUS_FAILED;
+    } else if (!page.starts_with(kSite)) {
+        outcome.reason = std::string("not a page of ") + kSite;
     } else if (event.code == DOWNLOAD_STATE_INFO_TOO_LONG) {
-        reason = "the information about the page is too long";
+        outcome.reason = "the information about the page is too long";
     }
-    return {EndResult::kFailed, EXIT_STATUS_UNRESOLVED, std::move(reason)};
+    return outcome;
 }

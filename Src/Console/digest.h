@@ -1,0 +1,15 @@
+// SHA-256 digests of files.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// Whether the text is a digest: 64 hexadecimal digits of either case.
+bool IsDigest(std::string_view text);
+
+// The digest of all that the file behind a descriptor holds, in lower case; the descriptor's
+// position is neither used nor moved. Empty, with errno set, when it cannot be read.
+std::string FileDigest(int file);
+
+// Whether the two digests are the same, whatever their case.
+bool SameDigest(std::string_view one, std::string_view other);

@@ -1,0 +1,249 @@
+#include "Console/getfile.h"
+
+#include <semaphore.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "Console/filename.h"
+#include "Console/secondlook.h"
+#include "Console/tasks.h"
+#include "Console/text.h"
+#include "Console/videopage.h"
+#include "TaskMan/taskman.h"
+#include "common/fieldtext.h"
+
+namespace {
+
+constexpr int kMostOfAddress = 100;  // columns, of one that is refused
+constexpr std::int32_t kBlocks = 3;
+// A worker begins again and again as long as bytes come, also when it never gets any further.
+constexpr int kMostIdleStarts = 5;
+
+std::string Join(const std::string& directory, const std::string& name) {
+    if (!directory.empty() && name.front() != '/') {
+        return directory + (directory.back() == '/' ? "" : "/") + name;
+    }
+    // A program that is given the path must not take it for an option.
+    return name.front() == '-' ? "./" + name : name;
+}
+
+std::string BaseName(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+// A value from another process.
+double Sane(double value, double most) {
+    return value >= 0 ? std::min(value, most) : 0;
+}
+
+}  // namespace
+
+GetFile::GetFile(Request request, const GetOptions& options, EventQueue& events)
+    : request_(std::move(request)),
+      options_(options),
+      events_(events),
+      page_(options.format.Given()) {
+    view_.address = request_.address;
+    fault_ = request_.fault;
+    if (fault_.empty()) Plan();
+    if (!fault_.empty() || page_) {
+        const std::string& text = view_.address.empty() ? request_.name : view_.address;
+        view_.name = text::CutMiddle(text::Printable(text), kMostOfAddress);
+    } else {
+        Aim(NameFromAddress(view_.address));
+    }
+}
+
+GetFile::~GetFile() {
+    if (thread_.joinable()) thread_.join();
+}
+
+// Looks at the address.
+void GetFile::Plan() {
+    fault_ = AddressFault(view_.address);
+    if (fault_.empty()) fault_ = options_.proxy.For(view_.address, proxy_);
+}
+
+// Sets the path of the file, which gets `name` unless the user has named it.
+void GetFile::Aim(const std::string& name) {
+    const std::string& wanted = request_.name.empty() ? name : request_.name;
+    target_ = std::make_unique<Target>(Join(options_.directory, wanted), options_.existing,
+                                       options_.keepPart);
+    view_.path = target_->Path();
+    view_.name = text::Printable(BaseName(view_.path));
+}
+
+std::string GetFile::PartPath() const {
+    if (target_ == nullptr || (!target_->IsOpen() && target_->Skips())) return "";
+    return target_->PartPath();
+}
+
+std::optional<Outcome> GetFile::Refusal() const {
+    if (!fault_.empty()) return Outcome{EndResult::kRefused, EXIT_STATUS_USAGE, fault_};
+    if (target_ == nullptr || !target_->Skips() || !request_.sha256.empty()) return std::nullopt;
+    return target_->Skip("");
+}
+
+std::optional<Outcome> GetFile::Begin() {
+    id_ = MakeTaskID();
+    if (target_ != nullptr && !target_->IsOpen()) {
+        if (target_->Skips()) {
+            Run(Phase::kLast, [this] { return target_->Skip(request_.sha256); });
+            return std::nullopt;
+        }
+        std::string fault = target_->Open();
+        if (!fault.empty()) {
+            return Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL, std::move(fault)};
+        }
+    }
+    std::string reason;
+    if (!AddTaskFor(reason)) return Outcome{EndResult::kRefused, EXIT_STATUS_FAILED, reason};
+    phase_ = Phase::kTask;
+    view_.id = id_;
+    view_.started = Clock::now();
+    return std::nullopt;
+}
+
+bool GetFile::AddTaskFor(std::string& reason) {
+    if (page_) return AddPageTask(id_, view_.address, proxy_, options_.tries, events_, reason);
+    tagTaskInfo task = NewTask(id_, proxy_, options_.tries, events_);
+    SetField(task.szDownloadUrl, view_.address);
+    SetField(task.szFilePath, target_->PartPath());
+    task.nCmd = TASK_CMD_DOWNLOAD;
+    task.nBlockCount = kBlocks;
+    return AddTask(task, reason) == 0;
+}
+
+void GetFile::NoteState(const Event& event) {
+    switch (event.code) {
+        case DOWNLOAD_STATE_FILE_SIZE:
+            view_.size = Sane(event.value, 1e18);
+            break;
+        case DOWNLOAD_STATE_DOWNLOAD_START:
+            if (view_.answered) StartOver();
+            break;
+        case DOWNLOAD_STATE_PROGRESS: {
+            const double percent = Sane(event.value, 100);
+            if (percent < view_.percent) StartOver();
+            view_.percent = percent;
+            furthest_ = std::max(furthest_, percent);
+            break;
+        }
+        case DOWNLOAD_STATE_SPEED:
+            view_.speed = Sane(event.value, 1e12);
+            break;
+        default:
+            break;
+    }
+    if (!page_ && event.code != DOWNLOAD_STATE_FILE_SIZE) view_.answered = true;
+}
+
+// The worker begins the file again. It does so without end when the disk is full.
+void GetFile::StartOver() {
+    ++view_.tries;
+    view_.percent = 0;
+    idle_starts_ = furthest_ > furthest_before_ ? 0 : idle_starts_ + 1;
+    furthest_before_ = furthest_;
+    Outcome end = target_->LocalFault(view_.size);
+    if (end.result == EndResult::kFinished && idle_starts_ >= kMostIdleStarts) {
+        end = {EndResult::kFailed, EXIT_STATUS_FAILED, "starts over without getting further"};
+    }
+    if (end.result == EndResult::kFinished || given_up_) return;
+    given_up_ = std::move(end);
+    StopTask(id_.c_str());
+}
+
+std::optional<Outcome> GetFile::NoteEnd(const Event& event, bool stopping) {
+    phase_ = Phase::kIdle;
+    seconds_ = std::chrono::duration<double>(Clock::now() - view_.started).count();
+    if (event.size > 0) view_.size = event.size;
+    if (event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH) {
+        view_.answered = true;
+        view_.percent = 100;
+        Run(Phase::kLast, [this, size = view_.size] {
+            Outcome outcome = target_->Store(size, request_.sha256);
+            outcome.code = DOWNLOAD_STATE_DOWNLOAD_FINISH;
+            return outcome;
+        });
+        return std::nullopt;
+    }
+    Outcome failure{EndResult::kStopped, EXIT_STATUS_STOPPED};
+    failure.code = event.code;
+    if (stopping) return failure;
+    if (page_ && event.code == DOWNLOAD_STATE_PARSE_FINISH) return TakePage(event);
+    failure = page_ ? PageFailure(view_.address, event) : DownloadFailure(event);
+    // Of what the server may be the cause the codes say nothing more.
+    const bool local =
+        page_ || failure.result != EndResult::kFailed || failure.status != EXIT_STATUS_FAILED;
+    if (local) return failure;
+    Look(std::move(failure));
+    return std::nullopt;
+}
+
+// The page gives the file its name and its address; from here on it is like any other.
+std::optional<Outcome> GetFile::TakePage(const Event& event) {
+    const VideoPage page = ReadVideoPage(event.text);
+    const VideoFormat* format = Choose(page, options_.format);
+    if (format == nullptr) {
+        Outcome outcome{EndResult::kFailed, EXIT_STATUS_UNRESOLVED, "the page has no such format"};
+        outcome.code = event.code;
+        return outcome;
+    }
+    page_ = false;
+    view_.address = format->address;
+    Plan();
+    Aim(NameFromTitle(page.title));
+    return std::nullopt;
+}
+
+Outcome GetFile::DownloadFailure(const Event& event) const {
+    Outcome outcome = target_->LocalFault(view_.size);
+    if (event.code == DOWNLOAD_STATE_STOPPED) {
+        outcome = {EndResult::kStopped, EXIT_STATUS_STOPPED, event.remark};
+        if (given_up_) outcome = *given_up_;
+    } else if (outcome.result == EndResult::kFinished) {
+        outcome = {EndResult::kFailed, EXIT_STATUS_FAILED, event.remark};
+        if (event.remark.empty()) {
+            outcome.reason = view_.size < 0 ? "the server offered no file of known size"
+                                            : "the transfer broke off";
+            if (view_.percent > 0) {
+                outcome.reason += " at " + std::to_string(static_cast<int>(view_.percent)) + " %";
+            }
+        } else if (event.remark != TASK_REMARK_NO_ANSWER) {
+            outcome.result = EndResult::kDied;
+        }
+    }
+    outcome.code = event.code;
+    return outcome;
+}
+
+// The part can go meanwhile.
+void GetFile::Look(Outcome failure) {
+    target_.reset();
+    failure_ = std::move(failure);
+    Run(Phase::kLooking, [failure = failure_, address = view_.address, proxy = proxy_] {
+        Outcome outcome = failure;
+        outcome.secondLook = SecondLook(address, proxy);
+        return outcome;
+    });
+}
+
+void GetFile::Run(Phase phase, std::function<Outcome()> work) {
+    phase_ = phase;
+    thread_ = std::thread([this, work = std::move(work)] {
+        Event event{Event::Kind::kEnd, id_};
+        event.outcome = work();
+        events_.Add(std::move(event));
+    });
+}
+
+void GetFile::Release() {
+    if (thread_.joinable()) thread_.join();
+    target_.reset();
+}
+
+void GetFile::Abandon() const {
+    if (phase_ == Phase::kTask) sem_unlink(id_.c_str());
+    if (target_ != nullptr) target_->RemovePart();
+}
