@@ -131,15 +131,6 @@ class PeerTest : public testing::Test {
         return {"tinyproxy", "-d", "-c", directory_.Path("tinyproxy.conf")};
     }
 
-    static void UseProxy(tagTaskContext& slot, int port, int type, const char* password) {
-        slot.bUseProxy = 1;
-        SetField(slot.szProxyHost, "127.0.0.1");
-        slot.nProxyPort = port;
-        slot.nProxyType = type;
-        SetField(slot.szProxyUser, "user");
-        SetField(slot.szProxyPassword, password);
-    }
-
     const std::string body_;
     TempDir directory_;
     Peer nginx_;
@@ -168,7 +159,8 @@ TEST_F(PeerTest, DownloadsDirectlyAndThroughProxies) {
         SCOPED_TRACE(row.name);
         WorkerRun run;
         run.Request("http://127.0.0.1:" + std::to_string(nginx_.Port()) + row.path);
-        if (row.port != 0) UseProxy(run.Slot(), row.port, row.type, row.password);
+        if (row.port != 0) run.UseProxy(row.port, "user", row.password);
+        run.Slot().nProxyType = row.type;
         ASSERT_EQ("exit 0", run.Run());
         const std::uint32_t end = run.Slot().nStateBits & FINAL_STATE_BITS;
         EXPECT_EQ(
@@ -181,9 +173,8 @@ TEST_F(PeerTest, DownloadsDirectlyAndThroughProxies) {
 
 TEST_F(PeerTest, ResolvesAPageThroughAProxy) {
     WorkerRun run;
-    SetField(run.Slot().szOrgUrl, "http://www.youtube.com/watch?v=ID");
-    run.Slot().nCmd = 0;
-    UseProxy(run.Slot(), tinyproxy_.Port(), CURLPROXY_HTTP, "pass");
+    run.RequestPage(tinyproxy_.Port());
+    run.UseProxy(tinyproxy_.Port(), "user", "pass");
     ASSERT_EQ("exit 0", run.Run());
     EXPECT_EQ("status=ok\r\nfmt_url_map=34|http", FieldText(run.Slot().szVideoInfo));
 }

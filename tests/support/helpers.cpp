@@ -95,6 +95,12 @@ bool FileExists(const std::string& path) {
     return std::filesystem::exists(path);
 }
 
+std::string Repeated(int count, const std::string& text) {
+    std::string all;
+    for (int i = 0; i < count; ++i) all += text;
+    return all;
+}
+
 std::string TestBytes(std::size_t size) {
     std::string bytes(size, '\0');
     std::minstd_rand random;

@@ -47,6 +47,9 @@ std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
 bool FileExists(const std::string& path);
 
+// `text`, that many times.
+std::string Repeated(int count, const std::string& text);
+
 // `size` bytes without a pattern, the same with every call.
 std::string TestBytes(std::size_t size);
 

@@ -40,9 +40,9 @@ Reply& Reply::Send(const std::string& bytes, std::size_t bytesPerSecond) {
     });
 }
 
-Reply& Reply::Stream(std::size_t bytesPerSecond) {
-    return Add([second = std::string(bytesPerSecond, ' ')](HttpServer& server, int connection) {
-        while (server.Send(connection, second, second.size())) {
+Reply& Reply::Stream(std::size_t bytesPerSecond, const std::string& piece) {
+    return Add([=](HttpServer& server, int connection) {
+        while (server.Send(connection, piece, bytesPerSecond)) {
         }
         return false;
     });
@@ -153,7 +153,7 @@ bool HttpServer::Send(int connection, const std::string& bytes, std::size_t byte
         const ssize_t sent = send(connection, &bytes[done], count, MSG_NOSIGNAL);
         if (sent <= 0) return false;
         done += static_cast<std::size_t>(sent);
-        if (bytesPerSecond != 0 && !Wait(milliseconds(20))) return false;
+        if (bytesPerSecond != 0 && !Wait(milliseconds(1000 * count / bytesPerSecond))) return false;
     }
     return true;
 }

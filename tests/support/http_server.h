@@ -29,8 +29,8 @@ class Reply {
 
     // Sends `bytes` at once, or at about that many bytes per second.
     Reply& Send(const std::string& bytes, std::size_t bytesPerSecond = 0);
-    // Sends blanks at that rate until the client goes.
-    Reply& Stream(std::size_t bytesPerSecond);
+    // Sends `piece` again and again, at that rate, until the client goes.
+    Reply& Stream(std::size_t bytesPerSecond, const std::string& piece = std::string(1000, ' '));
     Reply& Pause(std::chrono::milliseconds time);
     // Stays silent until the client goes.
     Reply& Silence();

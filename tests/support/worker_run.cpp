@@ -1,6 +1,7 @@
 #include "support/worker_run.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -82,6 +83,22 @@ void WorkerRun::Request(const std::string& url) {
     SetField(Slot().szFilePath, Output());
 }
 
+void WorkerRun::RequestPage(int port, const std::string& page) {
+    Slot().nCmd = TASK_CMD_PARSE;
+    Slot().nTaskKind = 0;
+    Slot().nTryInterval = 0;
+    SetField(Slot().szOrgUrl, page);
+    UseProxy(port);
+}
+
+void WorkerRun::UseProxy(int port, const std::string& user, const std::string& password) {
+    SetField(Slot().szProxyHost, "127.0.0.1");
+    SetField(Slot().szProxyUser, user);
+    SetField(Slot().szProxyPassword, password);
+    Slot().nProxyPort = port;
+    Slot().bUseProxy = 1;
+}
+
 void WorkerRun::Start() {
     std::unique_lock order(g_order);
     atStart_.assign(mapping_, SHARE_MEM_SIZE);
@@ -112,6 +129,17 @@ std::string WorkerRun::Run() {
     Start();
     Wait();
     return End();
+}
+
+void WorkerRun::EndWell() {
+    if (pid_ == -1) Start();
+    Wait();
+    EXPECT_EQ(End(), "exit 0");
+    EXPECT_EQ(Errors(), "");
+    EXPECT_EQ(LockValue(), 1);
+    EXPECT_TRUE(RestIntact());
+    std::lock_guard order(g_order);
+    EXPECT_EQ(SemaphoreValue(id_), -1);
 }
 
 std::string WorkerRun::End() const {

@@ -30,6 +30,11 @@ class WorkerRun {
     tagTaskContext& Slot() const { return Slot(index_); }
     // Fills the slot with a download (command 1) of `url`: 3 tries without pauses into Output().
     void Request(const std::string& url);
+    // Fills the slot with the resolution (command 0) of `page`, with 3 tries without pauses. The
+    // site is asked through a proxy on 127.0.0.1.
+    void RequestPage(int port, const std::string& page = "http://www.youtube.com/watch?v=ID");
+    // Has the task go through a proxy on 127.0.0.1.
+    void UseProxy(int port, const std::string& user = "", const std::string& password = "");
     // Path that Request() gives, in the worker's working directory.
     std::string Output() const { return directory_.Path("output"); }
     const std::string& SectionName() const { return section_; }
@@ -44,6 +49,9 @@ class WorkerRun {
     bool Wait(std::chrono::milliseconds deadline = std::chrono::minutes(1));
     // Start() and Wait(); how it ended.
     std::string Run();
+    // Start(), if that has not been, and Wait(); expects an end in good order: status 0, no
+    // message, the lock free and its name gone, and nothing changed beside the slot.
+    void EndWell();
     // "exit 0", "signal 6", or "running".
     std::string End() const;
     // What the worker wrote to standard error.

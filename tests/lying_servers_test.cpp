@@ -1,0 +1,181 @@
+// Servers that lie: what becomes of a task whose server does anything but serve. Each lie is told
+// to a size probe, to a download whose probe heard the truth, and to a page.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+
+#include "TaskMan/taskman.h"
+#include "common/fieldtext.h"
+#include "support/http_server.h"
+#include "support/worker_run.h"
+
+namespace {
+
+using namespace test_support;
+using namespace std::chrono_literals;
+
+// Good as a file and as the information about a page.
+const std::string kBody = "status=ok&fmt_url_map=34%7Chttp&x=" + std::string(15'000, 'x');
+const int kAll = static_cast<int>(kBody.size());
+constexpr int kHalf = 7'000;
+
+constexpr std::uint32_t kStopped = 1U << DOWNLOAD_STATE_STOPPED;
+constexpr const char* kModes[] = {"probe", "download", "page"};
+
+// A final code, the requests that were made, and the size of the output file; -1: there is none.
+struct End {
+    int code;
+    std::size_t requests;
+    int size = -1;
+};
+
+struct Lie {
+    const char* name;
+    std::vector<Reply> replies;                 // the last one repeats
+    End ends[3] = {{7, 3}, {7, 4, 0}, {6, 3}};  // in each mode; these are three failed tries
+    int tries = 3;
+};
+
+Reply Length(const std::string& length) {
+    return Reply::Head(length, kBody);
+}
+
+Reply Half() {
+    return Reply::Head(std::to_string(kAll), kBody.substr(0, kHalf));
+}
+
+Reply Raw(const std::string& bytes) {
+    return Reply().Send(bytes);
+}
+
+const std::string kHead = "HTTP/1.1 200 OK\r\n";
+const std::string kChunked = kHead + "Transfer-Encoding: chunked\r\n\r\n";
+const std::string kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+
+void Tell(const Lie& lie, std::size_t mode) {
+    SCOPED_TRACE(std::string(lie.name) + ", " + kModes[mode]);
+    std::vector<Reply> replies = lie.replies;
+    if (mode == 1) replies.insert(replies.begin(), Reply::Ok(kBody));
+    HttpServer server(replies);
+    WorkerRun run;
+    run.Request(server.Url());
+    if (mode == 2) run.RequestPage(server.Port());
+    run.Slot().nTryCount = lie.tries;
+    run.EndWell();
+    const auto& [code, requests, size] = lie.ends[mode];
+    EXPECT_EQ(run.Slot().nStateBits & FINAL_STATE_BITS, 1U << code);
+    EXPECT_EQ(server.RequestCount(), requests);
+    const std::string file = ReadFile(run.Output());
+    EXPECT_EQ(FileExists(run.Output()) ? static_cast<int>(file.size()) : -1, size);
+    EXPECT_TRUE(kBody.starts_with(file)) << "that is not what the server sent";
+    EXPECT_EQ(FieldText(run.Slot().szVideoInfo).empty(), code != DOWNLOAD_STATE_PARSE_FINISH);
+}
+
+TEST(LyingServers, TasksEndAsTheTableSays) {
+    HttpServer ftp({Reply()});
+    const Reply toFtp = Reply::Redirect("ftp" + ftp.Url().substr(4));
+    const Reply good =
+        Raw(Repeated(2'000, kContinue) + kHead + "Connection: close\r\n\r\n" + kBody);
+    const Reply most = Length("9223372036854775807");
+    const Reply torn = Half().Pause(500ms).Reset();
+    const Reply shorter = Reply::Ok(kBody.substr(0, 9));
+    const std::string header = "X: " + std::string(1000, 'x') + "\r\n";
+    const Lie lies[] = {
+        {"stalls in the body", {Half().Silence()}, {{7, 2, kHalf}, {7, 2, kHalf}, {6, 1}}, 1},
+        {"no length", {Length("")}, {{7, 3}, {3, 2, kAll}, {1, 1}}},
+        {"length 0", {Length("0")}, {{7, 3}, {3, 2, 0}, {6, 2}}},
+        {"length -5", {Length("-5")}},
+        {"a word for a length", {Length("many")}},
+        {"length 2^63 - 1", {most}, {{7, 2, kAll}, {7, 2, kAll}, {6, 1}}, 1},
+        {"length 2^63", {Length("9223372036854775808")}, {{7, 3}, {3, 2, kAll}, {1, 1}}},
+        {"20 digits", {Length("12345678901234567890")}, {{7, 3}, {3, 2, kAll}, {1, 1}}},
+        {"two lengths", {Length("5\r\nContent-Length: 7")}, {{3, 2, 7}, {3, 2, 7}, {6, 1}}},
+        {"a longer body", {Length("9")}, {{3, 2, 9}, {3, 2, 9}, {6, 1}}},
+        {"a shorter body", {Half()}, {{7, 4, kHalf}, {7, 4, kHalf}, {6, 3}}},
+        {"closes at once", {Reply()}},
+        {"resets at once", {Reply().Reset()}},
+        {"resets in the head", {Raw(kHead).Pause(100ms).Reset()}},
+        {"resets in the body", {torn}, {{7, 4, kHalf}, {7, 4, kHalf}, {6, 3}}},
+        {"a shorter second answer", {torn, shorter}, {{3, 2, 9}, {3, 3, kHalf}, {6, 2}}},
+        {"one byte a second", {Reply::Head("3").Send("sta", 1)}, {{3, 2, 3}, {3, 2, 3}, {6, 1}}},
+        {"no HTTP", {Raw("220 welcome\r\n\r\n")}},
+        {"redirects for ever", {Reply::Redirect("/again")}, {{7, 31}, {7, 32, 0}, {6, 1}}, 1},
+        {"redirect to a file", {Reply::Redirect("file:///etc/passwd")}},
+        {"redirect to ftp", {toFtp}},
+        {"20 MB of headers", {Raw(kHead + Repeated(20'000, header))}},
+        {"a header of 20 MB", {Raw(kHead + std::string(20'000'000, 'x'))}},
+        {"a word for a chunk size", {Raw(kChunked + "zz\r\nabc")}},
+        {"a chunk size of 17 digits", {Raw(kChunked + "11111111111111111\r\nabc")}},
+        {"a chunk cut off", {Raw(kChunked + "5\r\nsta")}, {{7, 3}, {7, 4, 3}, {6, 3}}},
+        {"2,000 times code 100", {good}, {{7, 3}, {3, 2, kAll}, {1, 1}}},
+        {"20,000 times code 100", {Raw(Repeated(20'000, kContinue))}},
+    };
+    InParallel(
+        std::size(lies) * 3, [&](std::size_t i) { Tell(lies[i / 3], i % 3); }, 24);
+}
+
+// What ends with the patience of its client only.
+struct Endless {
+    const char* name;
+    Reply reply;
+    std::size_t pages = 1;  // requests of a page before it is stopped
+};
+
+const Endless kEndless[TASK_SLOT_COUNT] = {
+    {"silence", Reply().Silence()},
+    {"silence in the head", Raw(kHead).Silence()},
+    {"silence in the body", Reply::Head("100", "x").Silence()},
+    {"bytes; a page of 64 MiB is broken off", Reply::Head("").Stream(50'000'000, kBody), 2},
+    {"one byte a second", Reply::Head("").Stream(1, "x")},
+    {"chunks", Raw(kChunked).Stream(1'000, "1\r\nx\r\n")},
+    {"headers", Raw(kHead).Stream(1'000, "X: x\r\n")},
+    {"code 100", Reply().Stream(1'000, kContinue)},
+};
+
+TEST(LyingServers, AStopTakesThreeSeconds) {
+    InParallel(std::size(kEndless) * 2, [](std::size_t i) {
+        const auto& [name, reply, pages] = kEndless[i / 2];
+        const bool page = i % 2 != 0;
+        SCOPED_TRACE(std::string(name) + ", " + kModes[1 + i % 2]);
+        HttpServer server({page ? reply : Reply::Ok(kBody), reply});
+        WorkerRun run;
+        run.Request(server.Url());
+        if (page) run.RequestPage(server.Port());
+        run.Start();
+        EXPECT_TRUE(WaitUntil([&] { return server.RequestCount() == (page ? pages : 2); }));
+        std::this_thread::sleep_for(300ms);
+        run.Stop();
+        EXPECT_TRUE(WaitUntil([&] { return (run.Slot().nStateBits & kStopped) != 0; }, 3s));
+        run.EndWell();
+    });
+}
+
+// Within a transfer a probe does not see the stop: the manager kills it.
+TEST(LyingServers, AStopOfAProbeTakesTwelveSeconds) {
+    std::signal(SIGCHLD, proc_child);
+    std::string reason;
+    ASSERT_EQ(StartTaskManager(TARNWICK_PATH, "/info", reason), 0) << reason;
+    TempDir directory;
+    std::list<HttpServer> servers;
+    std::vector<std::string> ids;
+    static std::atomic<std::size_t> stopped;
+    for (const Endless& endless : kEndless) {
+        servers.emplace_back(std::vector{endless.reply});
+        tagTaskInfo task(ids.emplace_back(MakeTaskID()).c_str());
+        SetField(task.szDownloadUrl, servers.back().Url());
+        SetField(task.szFilePath, directory.Path(ids.back()));
+        task.nCmd = TASK_CMD_DOWNLOAD;
+        task.nTaskKind = 0;
+        task.pfnStateCallback = [](void*, const char*, int code, double, int) {
+            if (code == DOWNLOAD_STATE_STOPPED) ++stopped;
+        };
+        EXPECT_EQ(AddTask(task, reason), 0) << reason;
+        EXPECT_TRUE(WaitUntil([&] { return servers.back().RequestCount() > 0; }));
+    }
+    for (const std::string& id : ids) StopTask(id.c_str());
+    EXPECT_TRUE(WaitUntil([] { return stopped == std::size(kEndless); }, 12s));
+    EXPECT_EQ(EndTaskManager(), 0);
+}
+
+}  // namespace
