@@ -29,6 +29,7 @@ class CommandRun {
     // Waits for the end and tells it: "exit 0", "signal 2", "running".
     std::string End();
 
+    pid_t Pid() const { return pid_; }
     void Signal(int number) const;
     void Type(char key) const;
     std::string Path(const std::string& name) const { return directory_.Path(name); }
