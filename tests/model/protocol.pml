@@ -1,0 +1,199 @@
+/* The protocol between worker, scanner and supervisor, for `spin`; ./run checks it.
+ *
+ * One slot that two tasks use one after the other. Both carry the same id, the worst case: no check
+ * of the id tells them apart, and their locks have one name. A worker may die or hang before each
+ * of its steps, also with the lock. Every d_step is one step of the code, which others see done or
+ * not done; under a lock there are several, so that a write without the lock is seen.
+ *
+ * Ticks and passes that find nothing to do change nothing and are left out. So every run is finite
+ * (./run shows that there is no cycle), and a task that never ends is a run that stops where it
+ * must not.
+ */
+/* Faults in the code, and assumptions that do not hold. ./run sets FAULT to each; spin has to find
+ * it. */
+#define POST_AT_ONCE 1         /* the first missed tick already posts */
+#define POST_FOR_THE_LIVING 2  /* missed ticks count while the worker lives */
+#define NO_POST 3              /* a lock that its holder took to the grave stays taken */
+#define WRITE_UNLOCKED 4       /* the supervisor writes without the lock */
+#define STOP_UNLOCKED 5        /* the stop word is stored without the lock */
+#define IGNORE_END_TAKEN 6     /* the supervisor speaks after the scanner has taken a final code */
+#define FREE_WITH_WORKER 7     /* the slot is freed while the worker still is there */
+#define FREE_UNDELIVERED 8     /* the slot is freed before the final callback has returned */
+#define NO_RESTART 9           /* nobody starts a scanner that ended when a task came */
+#define STOP_BY_ID 10          /* the disk watch knows the task that it looked at by its id alone */
+#define SLOW_HOLDER 11         /* a living thread has the lock for longer than a tick */
+#define NOBODY_STOPS 12        /* the application leaves alone what hangs where no rule ends it */
+
+mtype = { NOBODY, WORKER, SCANNER, SUPERVISOR, APPLICATION };
+
+bool slotId, slotPid, slotStop, slotInfo, slotFinal;  /* Info: code 10 or 2; Final: a final code */
+byte sem[3] = 1;             /* the lock of each task, made anew for it */
+mtype holder[3] = NOBODY;
+byte name;                   /* task whose semaphore carries the name; 0: none does */
+bool alive[3], hung[3];      /* the worker process of each task */
+byte owner;                  /* task that has the slot and its watch; 0: both are free */
+bool started, gone, answered, delivered, stopAsked, stopStored; byte missed;  /* the watch */
+bool endTaken;               /* g_TaskEndTaken */
+byte node;                   /* task in the map; 0: the map is empty */
+bool watchMutex, mapMutex, noScanner = true;  /* the last: g_ScanThradIsExit */
+bool wish;                   /* the task will be stopped at some time */
+byte finals[3];              /* final callbacks of each task */
+
+#define LOCK(t, who) d_step { sem[t] > 0 -> sem[t]--; holder[t] = who }
+#define UNLOCK(t) d_step { sem[t]++; assert(sem[t] == 1); holder[t] = NOBODY }
+/* What every write into the slot is: by the holder of the lock, for the task that has the slot. */
+#define WRITES(t, who) assert(owner == t && holder[t] == who)
+#define EMPTY (!slotId && !slotPid && !slotStop && !slotInfo && !slotFinal)
+#define CLEAR slotId = false; slotPid = false; slotStop = false; slotInfo = false; slotFinal = false
+#define FREE sem[owner] = 1; holder[owner] = NOBODY; name = 0; owner = 0; started = false; \
+    gone = false; answered = false; delivered = false; stopAsked = false; stopStored = false; \
+    missed = 0; wish = false
+
+/* A step of a worker, in whose place it may die, or hang until it is killed. */
+#define STEP(s) if :: s :: alive[t] = false :: hung[t] = true; false fi
+
+proctype Worker(byte t) {
+    bool stop, info, final;
+end: alive[t];
+    {
+        if :: slotId :: else -> goto leave fi;
+        STEP(d_step { assert(name == t) });  /* opens its lock by the name: it is the manager's */
+        /* The claim copies the whole slot and writes it back. */
+        STEP(LOCK(t, WORKER));
+        STEP(d_step { stop = slotStop; info = slotInfo; final = slotFinal });
+        STEP(d_step { WRITES(t, WORKER); slotPid = true; slotStop = stop; slotInfo = info;
+                      slotFinal = final; stop = false; info = false; final = false;
+                      assert(!stopStored || slotStop) });  /* a stop word that was stored stays */
+        STEP(UNLOCK(t));
+        if
+        :: true                              /* no answer */
+        :: slotId -> STEP(LOCK(t, WORKER));  /* a value: the id is checked before the lock */
+            STEP(d_step { WRITES(t, WORKER); slotInfo = true }); STEP(UNLOCK(t))
+        fi;
+        STEP(LOCK(t, WORKER));
+        if :: slotId -> STEP(d_step { WRITES(t, WORKER); slotFinal = true }) :: else fi;
+        STEP(UNLOCK(t));
+leave:  STEP(name = 0); alive[t] = false
+    } unless { !alive[t] }
+}
+
+proctype Scanner() {
+    byte t;
+    bool info, final;
+end: do
+    :: !noScanner ->
+        do
+        :: d_step { !mapMutex && node == 0 -> CLEAR } -> break
+        :: d_step { !mapMutex && node != 0 && (slotInfo || slotFinal) -> t = node };
+            LOCK(t, SCANNER);
+            d_step { assert(slotId); info = slotInfo; final = slotFinal };
+            d_step { WRITES(t, SCANNER); slotInfo = false; slotFinal = false };
+            if :: final -> endTaken = true :: else fi;
+            UNLOCK(t);
+            if
+            :: final ->
+                d_step { !mapMutex -> mapMutex = true };
+                LOCK(t, SCANNER);
+                d_step { WRITES(t, SCANNER); CLEAR };
+                UNLOCK(t);
+                d_step { node = 0; name = 0 }; mapMutex = false;
+                d_step { finals[t]++; assert(finals[t] == 1) };
+                d_step { !watchMutex -> assert(owner == t); delivered = true }
+            :: !final && info -> d_step { !watchMutex -> assert(owner == t); answered = true }
+            :: else fi;
+            d_step { t = 0; info = false; final = false }
+        od;
+        noScanner = true
+    od
+}
+
+#define OWN_SLOT (!endTaken || FAULT == IGNORE_END_TAKEN)
+#define SPEAKS (gone && OWN_SLOT && !slotFinal)
+#define STORES (!gone && OWN_SLOT && !slotFinal && slotId && stopAsked && !stopStored)
+#define FREES ((gone || FAULT == FREE_WITH_WORKER) && (delivered || FAULT == FREE_UNDELIVERED))
+/* A tick that follows a missed one does not meet a living holder again: those have the lock for the
+ * copy of one slot. The code counts to five; with this assumption two are as good. */
+#define ABANDONED (FAULT == POST_AT_ONCE -> 1 : 2)
+#define MISSES (sem[owner] == 0 && FAULT != NO_POST && (gone || FAULT == POST_FOR_THE_LIVING) && \
+                (missed == 0 || holder[owner] == WORKER || FAULT == SLOW_HOLDER))
+/* The rules that kill a worker. Their times outlast whatever still moves. */
+#define OVERDUE (holder[owner] == WORKER || slotFinal || endTaken || stopAsked || \
+                 (slotPid && !answered))
+
+/* The lock as who holds the watches' mutex takes it: tried only. */
+inline Take(who, fault) { if :: FAULT == fault :: else -> sem[owner]--; holder[owner] = who fi }
+inline Give(fault) { if :: FAULT == fault :: else -> UNLOCK(owner) fi }
+
+/* Each alternative is a tick or a part of one. */
+proctype Supervisor() {
+end: do
+    :: d_step { !watchMutex && started && !gone && !alive[owner] -> gone = true; missed = 0 }
+    :: d_step { !watchMutex && started && FREES -> FREE }
+    :: d_step { !watchMutex && started && !FREES && sem[owner] > 0 &&
+                (SPEAKS || STORES || missed > 0) ->
+                watchMutex = true; missed = 0; Take(SUPERVISOR, WRITE_UNLOCKED) };
+        if
+        :: SPEAKS -> d_step { WRITES(owner, SUPERVISOR); slotId = true; slotFinal = true }
+        :: STORES -> d_step { WRITES(owner, SUPERVISOR); slotStop = true; stopStored = true }
+        :: else fi;
+        Give(WRITE_UNLOCKED); watchMutex = false
+    :: d_step { !watchMutex && started && !FREES && MISSES -> watchMutex = true; missed++ };
+        if :: missed >= ABANDONED -> missed = 0; UNLOCK(owner) :: else fi;
+        watchMutex = false
+    :: d_step { !watchMutex && started && alive[owner] && hung[owner] && OVERDUE ->
+                alive[owner] = false; hung[owner] = false }
+    :: d_step { !watchMutex && started && !delivered && noScanner && FAULT != NO_RESTART ->
+                noScanner = false }
+    od
+}
+
+/* The application and the disk watch. Between the look at a task and its stop the slot may go to
+ * the next. The application stops, too, what hangs where no rule ends it. */
+proctype Stopper() {
+    byte look;
+end: do
+    :: d_step { !watchMutex && owner != 0 && !delivered && !stopAsked &&
+                (wish || (hung[owner] && FAULT != NOBODY_STOPS)) -> look = owner };
+        if
+        :: d_step { !watchMutex && !stopAsked &&
+                    (owner == look || (owner != 0 && FAULT == STOP_BY_ID)) ->
+                    assert(owner == look); watchMutex = true; stopAsked = true };
+            if
+            :: d_step { (started && sem[owner] > 0) || FAULT == STOP_UNLOCKED ->
+                        Take(APPLICATION, STOP_UNLOCKED) };
+                if
+                :: OWN_SLOT && slotId -> d_step {
+                    if :: FAULT == STOP_UNLOCKED :: else -> WRITES(owner, APPLICATION) fi;
+                    slotStop = true; stopStored = true }
+                :: else fi;
+                Give(STOP_UNLOCKED)
+            :: (!started || sem[owner] == 0) && FAULT != STOP_UNLOCKED
+            fi;
+            watchMutex = false
+        :: owner != look || stopAsked
+        fi;
+        look = 0
+    od
+}
+
+init {
+    byte t = 1;
+    atomic { run Worker(1); run Worker(2); run Scanner(); run Supervisor(); run Stopper() };
+    do
+    :: t <= 2 ->
+        d_step { !watchMutex && owner == 0 -> owner = t; name = t; endTaken = false };
+        if :: wish = true :: true fi;
+        d_step { !mapMutex -> mapMutex = true };
+        LOCK(t, APPLICATION);
+        d_step { WRITES(t, APPLICATION); assert(EMPTY); slotId = true };
+        UNLOCK(t);
+        node = t; mapMutex = false;
+        if :: noScanner -> noScanner = false :: else fi;
+        if :: alive[t] = true :: true fi;  /* the fork may fail */
+        d_step { !watchMutex -> started = true };
+        t++
+    :: else -> break
+    od;
+    owner == 0;  /* a run that stops here, or before the second task, has lost a task */
+    assert(finals[1] == 1 && finals[2] == 1 && !alive[1] && !alive[2] && node == 0)
+}
