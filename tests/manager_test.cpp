@@ -341,6 +341,27 @@ TEST_F(NoWorkerTest, EndsTheTasksOfAMissingProgram) {
               reason);
 }
 
+// Takes tasks like a worker that was stopped before it could claim its slot.
+class IdleWorkerTest : public ManagerTest {
+  protected:
+    IdleWorkerTest() : ManagerTest(Script()) {}
+
+  private:
+    static std::string Script() {
+        static const TempDir scripts;
+        const std::string path = scripts.Path("worker");
+        test_support::WriteFile(path, "#!/bin/sh\nexec sleep 100\n");
+        chmod(path.c_str(), 0755);
+        return path;
+    }
+};
+
+TEST_F(IdleWorkerTest, EndsTheTaskOfAWorkerThatNeverTakesIt) {
+    SetTaskLimits({1, 60, 10});
+    ExpectEnd(Add(Download("http://127.0.0.1/")), 7, "the worker did not take the task");
+    SetTaskLimits({});
+}
+
 TEST(Manager, TellsWhyItCannotStart) {
     test_support::InChild([] {
         std::string reason;

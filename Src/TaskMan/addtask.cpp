@@ -162,6 +162,8 @@ void StartWorker(Watch& watch, const std::string& program) {
     Threading::AutoLock hold(&g_watch_mutex);
     watch.process = platform::ProcessWatch(pid);
     watch.bStarted = true;
+    // One that stands still before its claim has no more time than the others.
+    watch.claimedAt = Clock::now();
 }
 
 }  // namespace

@@ -56,6 +56,8 @@ void Finish(const Look& look) {
     Threading::AutoLock hold(&g_watch_mutex);
     Watch* watch = FindWatch(look.id);
     if (watch == nullptr || watch->bEnded || watch->bStopAsked) return;
+    // A look that took long may find the next task of the same id.
+    if (watch->process.Pid() != look.pid) return;
     watch->advance = look.advance;
     const std::int32_t most = g_limits.nStartsOver;
     if (look.bLacksSpace) {

@@ -139,7 +139,7 @@ void Inspect(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
 bool Unanswered(const Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
     const bool download = IsDownloadCommand(watch.nCmd);
     const std::chrono::seconds limit(download ? g_limits.nAnswerSeconds : g_limits.nPageSeconds);
-    if (limit <= 0s || !watch.bClaimed || (download && watch.bAnswered)) return false;
+    if (limit <= 0s || (download && watch.bAnswered)) return false;
     return now - watch.claimedAt >= limit;
 }
 
@@ -150,7 +150,9 @@ const char* Overdue(const Watch& watch, Clock::time_point now) TS_REQUIRES(g_wat
     if (watch.bStopAsked && now - watch.stopAskedAt >= kStopPatience) {
         return "the worker did not stop by itself";
     }
-    if (Unanswered(watch, now)) return TASK_REMARK_NO_ANSWER;
+    if (Unanswered(watch, now)) {
+        return watch.bClaimed ? TASK_REMARK_NO_ANSWER : "the worker did not take the task";
+    }
     return nullptr;
 }
 

@@ -35,16 +35,16 @@ struct Watch {
     TaskResultCallback pfnResultCallback = nullptr;
     TaskStateCallback pfnStateCallback = nullptr;
 
-    bool bClaimed = false;     // the worker has taken the task
-    bool bAnswered = false;    // the server has answered a download
-    bool bStopAsked = false;   // the application wants the task to stop
-    bool bStopStored = false;  // the stop word is in the slot
-    bool bEnded = false;       // a final code has been set, by the worker or for it
-    bool bDelivered = false;   // the final callback has returned
-    bool bGone = false;        // the worker process has ended
-    int nMissed = 0;           // ticks in a row in which the lock was not to be had; begins
-                               // afresh with the worker's death
-    Clock::time_point claimedAt;
+    bool bClaimed = false;        // the worker has taken the task
+    bool bAnswered = false;       // the server has answered a download
+    bool bStopAsked = false;      // the application wants the task to stop
+    bool bStopStored = false;     // the stop word is in the slot
+    bool bEnded = false;          // a final code has been set, by the worker or for it
+    bool bDelivered = false;      // the final callback has returned
+    bool bGone = false;           // the worker process has ended
+    int nMissed = 0;              // ticks in a row in which the lock was not to be had; begins
+                                  // afresh with the worker's death
+    Clock::time_point claimedAt;  // until it has: when the worker was started
     Clock::time_point stopAskedAt;
     Clock::time_point endedAt;
     FileAdvance advance;     // of its output file

@@ -118,7 +118,7 @@ end: do
                 (missed == 0 || holder[owner] == WORKER || FAULT == SLOW_HOLDER))
 /* The rules that kill a worker. Their times outlast whatever still moves. */
 #define OVERDUE (holder[owner] == WORKER || slotFinal || endTaken || stopAsked || \
-                 (slotPid && !answered))
+                 !answered)
 
 /* The lock as who holds the watches' mutex takes it: tried only. */
 inline Take(who, fault) { if :: FAULT == fault :: else -> sem[owner]--; holder[owner] = who fi }
