@@ -109,6 +109,7 @@ TEST(DisplayJson, EventsAreReadByPrograms) {
     display.State(file, DOWNLOAD_STATE_SPEED, std::numeric_limits<double>::infinity());
     display.End(refused, {EndResult::kRefused, EXIT_STATUS_USAGE, "why"});
     display.End(file, {EndResult::kDied, EXIT_STATUS_FAILED, "n\to", 0, 1.23456, 7, "HTTP 404"});
+    display.Begin(file);
     display.Close({4, 1, 1, 0, 1, 3, 1e10}, 1);
     const char* expected[] = {
         R"({"v": 1, "event": "task", "file": 1, "id": "1f", "address": "http://host/\"日\u2028\n",
@@ -123,6 +124,8 @@ TEST(DisplayJson, EventsAreReadByPrograms) {
             "address": "http://host/\"日\u2028\n", "path": "a\ufffd\u001b\ufffd\ufffd\ufffd",
             "path_hex": "61ff1beda080", "bytes": 0, "seconds": 1.235, "reason": "n\to",
             "second_look": "HTTP 404"})",
+        R"({"event": "task", "file": 3, "id": "1f", "address": "http://host/\"日\u2028\n",
+            "path": "a\ufffd\u001b\ufffd\ufffd\ufffd", "path_hex": "61ff1beda080"})",
         R"({"event": "summary", "files": 4, "finished": 1, "skipped": 0, "failed": 1,
             "stopped": 1, "not_begun": 1, "bytes": 10000000000, "exit": 1})",
     };
@@ -150,6 +153,7 @@ TEST(SecondLook, TellsWhatSpeaksAgainstTheAddress) {
         return Reply().Silence();
     });
     const Proxy proxy{"127.0.0.1", server.Port(), 0, "u", "p:"};
+    const Proxy socks{"127.0.0.1", server.Port(), 5, "u", "p:"};
     const struct {
         std::string address, fault;
         Proxy proxy{};
@@ -164,7 +168,7 @@ TEST(SecondLook, TellsWhatSpeaksAgainstTheAddress) {
         {server.Url("/silent"), "timed out"},
         {"http://127.0.0.1:1/x", "127.0.0.1 port 1"},
         {"http://far.invalid/x", "", proxy},
-        {"http://far.invalid/x", "127.0.0.1 port 1", {"127.0.0.1", 1, 5}},
+        {"http://far.invalid/x", "timed out", socks},
     };
     InParallel(std::size(rows), [&rows](std::size_t number) {
         const auto& row = rows[number];

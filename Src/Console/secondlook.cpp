@@ -36,7 +36,6 @@ void SetLimits(CURL* curl) {
     curl_easy_setopt(curl, CURLOPT_QUICK_EXIT, 1L);
 #endif
     curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kRedirects);
 }
