@@ -68,7 +68,7 @@ class Display : private Uncopyable {
     // drawn is no longer where it was.
     virtual void ScreenChanged(bool resumed) = 0;
 
-    // Nothing more comes. `status` is that of the command.
+    // Nothing more comes. `status` is that of the command; above 128 a signal ends it.
     virtual void Close(const Totals& totals, int status) = 0;
 };
 

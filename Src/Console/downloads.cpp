@@ -130,6 +130,8 @@ void Downloads::Handle(const Event& event) {
         return;
     } else {
         end = file.NoteEnd(event, stopping_);
+        // With a remark it is the manager that ended the task.
+        if (event.remark.empty()) display_.State(file.View(), event.code, event.value);
     }
     if (!end && file.Now() != GetFile::Phase::kIdle) return;
     File ended = std::move(found->second);

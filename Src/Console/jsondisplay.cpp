@@ -71,7 +71,7 @@ void JsonDisplay::End(const FileView& file, const Outcome& outcome) {
     SetText(event, "address", file.address);
     SetText(event, "path", file.path);
     event["bytes"] = Number(outcome.bytes);
-    event["seconds"] = std::round(outcome.seconds * 1000) / 1000;
+    event["seconds"] = Number(std::round(outcome.seconds * 1000) / 1000);
     SetText(event, "reason", outcome.reason);
     SetText(event, "second_look", outcome.secondLook);
     Tell(event);
