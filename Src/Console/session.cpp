@@ -48,6 +48,7 @@ int Session::Run(const std::string& worker) {
     if (const std::string fault = Begin(worker); !fault.empty()) {
         display_.Note("taskman: " + text::Printable(fault));
         work_.Finish();
+        display_.Close(work_.Counts(), EXIT_STATUS_FAILED);
         return EXIT_STATUS_FAILED;
     }
     try {
@@ -88,7 +89,8 @@ void Session::Close() {
     if (closed_) return;
     closed_ = true;
     work_.Finish();
-    display_.Close(work_.Counts(), work_.Status());
+    const int signal = signals::StopSignal();
+    display_.Close(work_.Counts(), signal == 0 ? work_.Status() : 128 + signal);
 }
 
 // The manager waits for its workers; meanwhile a signal can still cut everything short.
