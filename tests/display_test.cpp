@@ -1,8 +1,11 @@
 // What `taskman get` shows: its texts and lines, events for programs, the second look, the screen.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
@@ -241,15 +244,12 @@ TEST(DisplayTerminal, LinesStayWithinTheColumns) {
         run.Type('\x03');
         EXPECT_EQ(run.End(), "signal 2");
         const std::string sent = run.Err();
-        const std::regex steering("\x1b\\[[0-9;?]*[a-zA-Z]");
-        std::istringstream plain(std::regex_replace(sent, steering, ""));
-        for (std::string line; std::getline(plain, line);) {
-            // The carriage returns are where a line is begun anew.
-            std::istringstream pieces(line);
-            for (std::string piece; std::getline(pieces, piece, '\r');) {
-                EXPECT_EQ(piece, text::Printable(piece));
-                EXPECT_LT(text::Width(piece), columns) << piece;
-            }
+        // A carriage return, too, begins a line anew.
+        const std::regex steering("\x1b\\[[0-9;?]*[a-zA-Z]|\r\n?");
+        std::istringstream lines(std::regex_replace(sent, steering, "\n"));
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_EQ(line, text::Printable(line));
+            EXPECT_LT(text::Width(line), columns) << line;
         }
         EXPECT_EQ(Count(sent, "\x1b\\[2J"), 0U);
         EXPECT_GT(Count(sent, "\x1b\\[31m"), 0U);  // what failed is red
@@ -258,24 +258,74 @@ TEST(DisplayTerminal, LinesStayWithinTheColumns) {
     });
 }
 
-TEST(DisplayTerminal, ObeysItsEnvironment) {
+TEST(DisplayForm, IsTheOneThatIsWanted) {
+    HttpServer server({Reply::Ok("bytes")});
     const struct {
         const char* setting;
-        const char* pattern;  // stands in the output
+        int columns;  // 0: no terminal
+        const char* option;
+        const char* pattern;  // stands in standard error
         const char* never;
     } rows[] = {
-        {"TERM=dumb", "x: refused", "\x1b"},
-        {"NO_COLOR=1", "\x1b\\[K", "\x1b\\[31m"},
-        {"NO_COLOR=", "\x1b\\[31m", "started"},
+        {"TERM=dumb", 80, "-f", "x: refused", "\x1b"},
+        {"TERM=dumb", 80, "--progress=bar", "\x1b\\[K", "\x1b\\[31m|started"},
+        {"NO_COLOR=1", 80, "-f", "\x1b\\[K", "\x1b\\[31m"},
+        {"NO_COLOR=1", 80, "--color=always", "\x1b\\[31m", "started"},
+        {"NO_COLOR=", 80, "-f", "\x1b\\[31m", "started"},
+        {"NO_COLOR=", 80, "--color=never", "\x1b\\[K", "\x1b\\[31m"},
+        {"NO_COLOR=", 80, "--progress=plain", "good: started", "\x1b\\[K"},
+        {"NO_COLOR=", 80, "-q", "\x1b\\[31mx: ref", "good|1 of 2|\x1b\\[K"},
+        {"NO_COLOR=", 80, "-v", "good: code 3[^]*good: finished", "started"},
+        {"NO_COLOR=", 0, "-f", "good: started[^]*1 of 2 files", "\x1b"},
+        {"NO_COLOR=", 0, "--progress=none", "good: finished", "\x1b|started"},
     };
-    for (const auto& row : rows) {
+    InParallel(std::size(rows), [&](std::size_t number) {
+        const auto& row = rows[number];
         CommandRun run;
         run.environment.push_back(row.setting);
-        run.Start({"x"}, 80);
+        run.Start({row.option, "x", server.Url("/good")}, row.columns);
         EXPECT_EQ(run.End(), "exit 2");
-        EXPECT_GT(Count(run.Err(), row.pattern), 0U) << row.setting << run.Err();
-        EXPECT_EQ(Count(run.Err(), row.never), 0U) << row.setting << run.Err();
+        const std::string sent = run.Err();
+        EXPECT_GT(Count(sent, row.pattern), 0U) << row.setting << row.option << ": " << sent;
+        EXPECT_EQ(Count(sent, row.never), 0U) << row.setting << row.option << ": " << sent;
+        EXPECT_EQ(run.Out(), "good\n");
+    });
+}
+
+TEST(DisplayForm, AProgramReadsEvents) {
+    HttpServer server({Reply::Ok("bytes")});
+    CommandRun run;
+    WriteFile(run.Path("list"), server.Url() + "\ta\xff\"\n\xff");
+    run.Start({"--json", "-ilist"});
+    EXPECT_EQ(run.End(), "exit 2");
+    EXPECT_EQ(run.Err(), "");
+    std::map<std::string, nlohmann::json> events;  // the last of each result, or of each name
+    std::istringstream lines(run.Out());
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_EQ(line.starts_with("{\"v\":1,"), events.empty());
+        const auto event = nlohmann::json::parse(line);
+        events[event.value("result", event["event"])] = event;
     }
+    EXPECT_EQ(events["task"]["path_hex"], "61ff22");
+    EXPECT_EQ(events["state"]["code"], DOWNLOAD_STATE_DOWNLOAD_FINISH);
+    EXPECT_EQ(events["finished"]["bytes"], 5);
+    EXPECT_EQ(events["refused"]["address_hex"], "ff");
+    EXPECT_EQ(events["summary"]["exit"], 2);
+}
+
+TEST(DisplayForm, AReaderThatTakesNothingDelaysNoEnd) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    CommandRun run;
+    std::string list;
+    for (int i = 0; i < 2000; ++i) list += "x\n";
+    WriteFile(run.Path("list"), list);
+    run.Start({"--json", "-ilist"}, 0, ends[1]);
+    int held = 0;
+    EXPECT_TRUE(WaitUntil([&] { return ioctl(ends[0], FIONREAD, &held) == 0 && held > 60'000; }));
+    run.Signal(SIGINT);
+    EXPECT_EQ(run.End(), "signal 2");
+    for (const int end : ends) close(end);
 }
 
 }  // namespace
