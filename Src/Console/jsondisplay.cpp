@@ -5,48 +5,11 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
-#include "Console/utf8.h"
+#include "Console/jsontext.h"
 
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-constexpr int kVersion = 1;
-
-bool IsUtf8(std::string_view bytes) {
-    while (!bytes.empty()) {
-        const utf8::Character next = utf8::First(bytes);
-        if (!next.valid) return false;
-        bytes.remove_prefix(next.length);
-    }
-    return true;
-}
-
-std::string Hex(std::string_view bytes) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    std::string hex;
-    for (const char byte : bytes) {
-        const auto code = static_cast<unsigned char>(byte);
-        hex += {kDigits[code >> 4], kDigits[code & 15]};
-    }
-    return hex;
-}
-
-// Sets a text that may be missing. What is not UTF-8 in it is replaced when the event is written;
-// a second field holds the bytes then.
-void SetText(Json& event, const std::string& key, const std::string& bytes) {
-    event[key] = bytes.empty() ? Json() : Json(bytes);
-    if (!IsUtf8(bytes)) event[key + "_hex"] = Hex(bytes);
-}
-
-// Whole numbers without a fraction.
-Json Number(double value) {
-    constexpr double kExact = 9007199254740992.0;
-    if (std::abs(value) <= kExact && std::trunc(value) == value) {
-        return static_cast<std::int64_t>(value);
-    }
-    return value;
-}
 
 }  // namespace
 
@@ -97,7 +60,7 @@ void JsonDisplay::Close(const Totals& totals, int status) {
 
 nlohmann::ordered_json JsonDisplay::NewEvent(const char* name) {
     Json event;
-    if (!begun_) event["v"] = kVersion;
+    if (!begun_) event["v"] = JSON_VERSION;
     begun_ = true;
     event["event"] = name;
     return event;
@@ -113,5 +76,5 @@ nlohmann::ordered_json JsonDisplay::NewEvent(const char* name, const FileView& f
 }
 
 void JsonDisplay::Tell(const nlohmann::ordered_json& event) {
-    print_(event.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n");
+    print_(JsonLine(event));
 }

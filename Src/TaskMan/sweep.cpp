@@ -78,11 +78,6 @@ std::vector<std::string> DeadLocks(const Census& census) {
     return locks;
 }
 
-bool Serves(const WorkerProcess& worker, const OtherTask& task) {
-    return worker.nManagerPid == task.nManagerPid && worker.nTaskIndex == task.nTaskIndex &&
-           worker.id == task.id;
-}
-
 // Whether the process was started for a task of a dead manager: one that its section still shows,
 // or one whose id names the manager.
 bool IsOrphan(const WorkerProcess& worker, const Census& census) {
@@ -146,6 +141,15 @@ bool g_second_sweep TS_GUARDED_BY(g_orphan_mutex) = false;  // is still to come
 
 }  // namespace
 
+std::vector<int> ListManagers() {
+    std::vector<int> living;
+    for (const int number : SectionNumbers()) {
+        const OtherSection section(number, O_RDONLY);
+        if (section.IsOpen() && section.Lives()) living.push_back(number);
+    }
+    return living;
+}
+
 std::vector<OtherTask> ListTasks() {
     std::vector<OtherTask> all;
     for (const int number : SectionNumbers()) {
@@ -168,6 +172,11 @@ std::vector<WorkerProcess> ListWorkers() {
         if (worker.pid != -1) workers.push_back(std::move(worker));
     }
     return workers;
+}
+
+bool Serves(const WorkerProcess& worker, const OtherTask& task) {
+    return worker.nManagerPid == task.nManagerPid && worker.nTaskIndex == task.nTaskIndex &&
+           worker.id == task.id;
 }
 
 Remains SweepDeadManagers(bool bLookOnly) {

@@ -33,14 +33,17 @@ struct OtherTask {
     double dSpeed = -1;
 };
 
-// The tasks of all living managers of this user, in the order of managers and slots.
+// Process ids of all living managers of this user, in ascending order.
+std::vector<int> ListManagers();
+
+// Their tasks, in the order of managers and slots.
 std::vector<OtherTask> ListTasks();
 
 // Asks the task to stop, by the word in its slot. False when the slot does not carry its id any
 // more; the task has ended then.
 bool StopOtherTask(const OtherTask& task);
 
-// A process of this user that was started like a worker.
+// A process of this user that was started like a worker: with a task id, a slot and a process id.
 struct WorkerProcess {
     pid_t pid = -1;
     std::string id{};  // of the task
@@ -49,6 +52,9 @@ struct WorkerProcess {
 };
 
 std::vector<WorkerProcess> ListWorkers();
+
+// Whether the process was started for this task.
+bool Serves(const WorkerProcess& worker, const OtherTask& task);
 
 // A worker whose manager is dead.
 struct Orphan {
