@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Console/clean.h"
 #include "Console/filename.h"
 #include "Console/secondlook.h"
 #include "Console/tasks.h"
@@ -109,7 +110,7 @@ bool GetFile::AddTaskFor(std::string& reason) {
     if (page_) return AddPageTask(id_, view_.address, proxy_, options_.tries, events_, reason);
     tagTaskInfo task = NewTask(id_, proxy_, options_.tries, events_);
     SetField(task.szDownloadUrl, view_.address);
-    SetField(task.szFilePath, target_->PartPath());
+    SetField(task.szFilePath, FindablePath(target_->PartPath()));
     task.nCmd = TASK_CMD_DOWNLOAD;
     task.nBlockCount = kBlocks;
     return AddTask(task, reason) == 0;

@@ -26,6 +26,12 @@ int RunVerb(const Command& command) {
             return RunGet(command.get);
         case Verb::kInfo:
             return RunInfo(command.info);
+        case Verb::kTop:
+            return RunTop(command.top);
+        case Verb::kStop:
+            return RunStop(command.stop);
+        case Verb::kClean:
+            return RunClean(command.clean);
     }
     return EXIT_STATUS_USAGE;
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <utility>
 
 #include "Console/digest.h"
 #include "Console/filename.h"
@@ -22,8 +23,11 @@ constexpr const char* kUsage =
     "Downloads files and resolves video pages, each through a worker process of its own.\n"
     "\n"
     "Verbs:\n"
-    "  get   download files, or the videos of pages\n"
-    "  info  tell what the page of a video offers\n";
+    "  get    download files, or the videos of pages\n"
+    "  info   tell what the page of a video offers\n"
+    "  top    show what runs, again every second\n"
+    "  stop   ask running tasks to stop\n"
+    "  clean  remove what killed commands left behind\n";
 
 constexpr const char* kGetExamples =
     "Examples:\n"
@@ -190,6 +194,13 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& 
     app.require_subcommand(0, 1);
     const CLI::App* get = AddGet(app, command.get);
     const CLI::App* info = AddInfo(app, command.info);
+    const std::pair<const CLI::App*, Verb> verbs[] = {
+        {get, Verb::kGet},
+        {info, Verb::kInfo},
+        {AddTop(app, command.top), Verb::kTop},
+        {AddStop(app, command.stop), Verb::kStop},
+        {AddClean(app, command.clean), Verb::kClean},
+    };
     if (argc < 2) {
         std::fputs(kUsage, stderr);
         return EXIT_STATUS_USAGE;
@@ -199,13 +210,14 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& 
     } catch (const CLI::Success& asked) {
         return app.exit(asked);
     } catch (const CLI::ParseError& error) {
-        return Refuse(error.what(), get->parsed() ? " get" : info->parsed() ? " info" : "");
+        const auto parsed = app.get_subcommands();
+        return Refuse(error.what(), parsed.empty() ? "" : " " + parsed.front()->get_name());
     }
-    if (info->parsed()) {
-        command.verb = Verb::kInfo;
-        return std::nullopt;
+    for (const auto& [app_of, verb] : verbs) {
+        if (app_of->parsed()) command.verb = verb;
     }
-    if (!get->parsed()) return Refuse("what is to be done?", "");
+    if (app.get_subcommands().empty()) return Refuse("what is to be done?", "");
+    if (command.verb != Verb::kGet) return std::nullopt;
     const std::string fault = GetFault(command.get);
     if (fault.empty()) return std::nullopt;
     return Refuse(fault, " get");

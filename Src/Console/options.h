@@ -10,6 +10,7 @@
 #include "Console/proxy.h"
 #include "Console/target.h"
 #include "Console/tasks.h"
+#include "Console/verboptions.h"
 #include "Console/videopage.h"
 
 // `taskman get`
@@ -41,12 +42,15 @@ struct InfoOptions {
     FormatWish format{};
 };
 
-enum class Verb { kGet, kInfo };
+enum class Verb { kGet, kInfo, kTop, kStop, kClean };
 
 struct Command {
     Verb verb = Verb::kGet;
     GetOptions get{};
     InfoOptions info{};
+    TopOptions top{};
+    StopOptions stop{};
+    CleanOptions clean{};
 };
 
 // Reads the arguments of the program. When there is nothing to run, because help was asked for or
