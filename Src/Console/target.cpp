@@ -105,10 +105,13 @@ std::string Target::Open() {
     return part_ + " keeps changing";
 }
 
-// Leaves the target closed, without a fault, when the part lost its name meanwhile.
+// Leaves the target closed, without a fault, when the part lost its name meanwhile or was an old
+// one, which is removed.
 std::string Target::OpenOnce() {
-    const int file =
-        open(part_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666);
+    constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    int file = open(part_.c_str(), flags | O_CREAT | O_EXCL, 0666);
+    const bool found = file == -1 && errno == EEXIST;
+    if (found) file = open(part_.c_str(), flags);
     if (file == -1) return Fault("cannot create", part_, errno);
     std::string fault;
     struct stat status {};
@@ -119,7 +122,11 @@ std::string Target::OpenOnce() {
                                      : Fault("cannot lock", part_, errno);
     }
     file_ = file;
-    if (fault.empty() && StillNamed()) return "";
+    if (fault.empty() && StillNamed()) {
+        if (!found) return "";
+        // Nobody's, but a worker whose command was killed may still write into it.
+        unlink(part_.c_str());
+    }
     file_ = -1;
     close(file);
     return fault;
