@@ -3,9 +3,9 @@
 #include <semaphore.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <utility>
 
-#include "Console/clean.h"
 #include "Console/filename.h"
 #include "Console/secondlook.h"
 #include "Console/tasks.h"
@@ -36,6 +36,16 @@ std::string BaseName(const std::string& path) {
 // A value from another process.
 double Sane(double value, double most) {
     return value >= 0 ? std::min(value, most) : 0;
+}
+
+// The path as it is to stand in a task, so that its part is found again from every directory:
+// absolute, unless the task would be refused for that.
+std::string FindablePath(const std::string& path) {
+    std::error_code error;
+    std::string absolute = std::filesystem::absolute(path, error);
+    const bool usable = !error && absolute.size() < sizeof(tagTaskInfo::szFilePath) &&
+                        absolute.find('\\') == std::string::npos;
+    return usable ? absolute : path;
 }
 
 }  // namespace

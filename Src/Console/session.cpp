@@ -9,7 +9,6 @@
 #include <string>
 #include <thread>
 
-#include "Console/clean.h"
 #include "Console/signals.h"
 #include "Console/text.h"
 #include "TaskMan/taskman.h"
@@ -42,7 +41,6 @@ std::string Session::Begin(const std::string& worker) {
     const std::string program = FindWorker(worker);
     if (access(program.c_str(), X_OK) != 0) return "no worker program at " + program;
     std::string reason;
-    CleanUp();
     return StartTaskManager(program.c_str(), "", reason) == 0 ? "" : reason;
 }
 

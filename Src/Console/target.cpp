@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "Console/digest.h"
+#include "TaskMan/othermanagers.h"
 #include "TaskMan/taskcontext.h"
 
 namespace {
@@ -56,7 +57,7 @@ int RenameToNew(const char* from, const char* to) {
 }  // namespace
 
 Target::Target(std::string path, Existing existing, bool keep)
-    : path_(std::move(path)), part_(path_ + ".part"), existing_(existing), keep_(keep) {}
+    : path_(std::move(path)), part_(path_ + TASK_PART_ENDING), existing_(existing), keep_(keep) {}
 
 Target::~Target() {
     if (!IsOpen()) return;

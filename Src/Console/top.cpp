@@ -13,6 +13,7 @@
 #include "Console/outcome.h"
 #include "Console/text.h"
 #include "TaskMan/taskcontext.h"
+#include "common/platform.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ const char* CommandName(const OtherTask& task) {
 
 // The name of the file, without what its part adds; or the address.
 std::string NameOf(const OtherTask& task) {
-    constexpr std::string_view kPart = ".part";
+    constexpr std::string_view kPart = TASK_PART_ENDING;
     std::string name = task.path.substr(task.path.rfind('/') + 1);
     if (!IsDownloadCommand(task.nCmd) || name.empty()) return task.address;
     if (name.ends_with(kPart)) name.resize(name.size() - kPart.size());

@@ -218,7 +218,6 @@ int EndTaskManager() {
     WaitFor(kTasksPatience, NoTaskLeft);
     const bool scannerEnded = EndThreads();
     EndWorkers();
-    EndOrphansNow();
     if (!scannerEnded) {
         // It is stuck in a callback and still uses its nodes and the section, which stay. With
         // g_Exit it ends once the callback returns.

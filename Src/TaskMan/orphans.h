@@ -1,15 +1,12 @@
-// Workers whose managers died, and the end that this process's manager makes to them.
+// The sweep of dead managers at the start of the manager of this process.
 #pragma once
 
 #include <chrono>
 
-// Sweeps what dead managers have left; to be called when the manager of this process starts.
+// Sweeps; to be called before the section of this process is made.
 void BeginSweep(std::chrono::steady_clock::time_point now);
 
-// Kills the orphans that are still there three seconds after BeginSweep, and sweeps a second time
-// then, for what was still under way at the first. Never waits; for the supervisor's ticks.
+// Sweeps once more three seconds later: a worker may have been between fork and exec at the first
+// time, unknown as such, with its manager's lock on the section. For the supervisor's ticks; waits
+// for nothing but the end of a worker it kills.
 void EndOrphans(std::chrono::steady_clock::time_point now);
-
-// Kills the orphans that are still there, whatever the time, and waits until they are gone, at most
-// a second. For the manager's end; the supervisor has ended.
-void EndOrphansNow();

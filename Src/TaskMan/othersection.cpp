@@ -17,6 +17,7 @@
 #include "TaskMan/request.h"
 #include "TaskMan/taskcontext.h"
 #include "common/fieldtext.h"
+#include "common/platform.h"
 
 namespace {
 

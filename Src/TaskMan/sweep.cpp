@@ -9,19 +9,21 @@
 #include <thread>
 #include <utility>
 
+#include "TaskMan/leftpart.h"
 #include "TaskMan/orphans.h"
 #include "TaskMan/othermanagers.h"
 #include "TaskMan/othersection.h"
 #include "TaskMan/request.h"
 #include "TaskMan/taskcontext.h"
 #include "common/AutoLock.h"
+#include "common/platform.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kStopPatience = 3s;  // for orphans that were asked to stop
+constexpr auto kSecondSweep = 3s;   // after the first
 constexpr auto kKillPatience = 1s;  // for orphans that were killed
 constexpr auto kPoll = 10ms;
 
@@ -78,6 +80,12 @@ std::vector<std::string> DeadLocks(const Census& census) {
     return locks;
 }
 
+// A worker whose manager is dead.
+struct Orphan {
+    WorkerProcess worker;
+    platform::ProcessWatch process;
+};
+
 // Whether the process was started for a task of a dead manager: one that its section still shows,
 // or one whose id names the manager.
 bool IsOrphan(const WorkerProcess& worker, const Census& census) {
@@ -115,29 +123,44 @@ std::vector<Orphan> FindOrphans(const Census& census) {
     return orphans;
 }
 
-// An orphan that came late has made the lock of its task again, or the section.
-void RemoveNamesOf(const std::vector<Orphan>& orphans) {
-    SweepDeadManagers(false);
-    const Census census;
-    for (const Orphan& orphan : orphans) {
-        if (census.livingIds.count(orphan.worker.id) == 0) sem_unlink(orphan.worker.id.c_str());
+// Kills the orphans and waits until they are gone.
+void Kill(const std::vector<Orphan>& orphans) {
+    for (const Orphan& orphan : orphans) orphan.process.Signal(SIGKILL);
+    const auto gone = [](const Orphan& orphan) { return orphan.process.Gone(); };
+    const Clock::time_point deadline = Clock::now() + kKillPatience;
+    while (!std::all_of(orphans.begin(), orphans.end(), gone) && Clock::now() < deadline) {
+        std::this_thread::sleep_for(kPoll);
     }
 }
 
-bool AllGone(const std::vector<Orphan>& orphans) {
-    return std::all_of(orphans.begin(), orphans.end(),
-                       [](const Orphan& orphan) { return orphan.process.Gone(); });
+// Removes the names of sections and locks: after the end of the workers, which may have made them
+// anew.
+void RemoveNames(const Census& census, const Remains& remains) {
+    for (const auto& section : census.dead) section->Remove();
+    for (const std::string& lock : remains.locks) sem_unlink(lock.c_str());
+    for (const WorkerProcess& worker : remains.workers) {
+        if (census.livingIds.count(worker.id) == 0) sem_unlink(worker.id.c_str());
+        const OtherSection section(worker.nManagerPid, O_RDONLY);
+        if (section.IsOpen() && !section.Lives()) section.Remove();
+    }
 }
 
-void Kill(const std::vector<Orphan>& orphans) {
-    for (const Orphan& orphan : orphans) orphan.process.Signal(SIGKILL);
+// Removes the parts, or only looks.
+void RemoveParts(const std::vector<OtherTask>& tasks, bool bLookOnly, Remains& remains) {
+    std::set<std::string> paths;
+    for (const OtherTask& task : tasks) {
+        if (IsDownloadCommand(task.nCmd)) paths.insert(task.path);
+    }
+    for (const std::string& path : paths) {
+        const LeftPart part(path);
+        if (!part.IsLeft()) continue;
+        (bLookOnly || part.Remove() ? remains.parts : remains.stuck).push_back(path);
+    }
 }
 
-// The orphans that the manager of this process follows.
-Threading::Mutex g_orphan_mutex;
-std::vector<Orphan> g_orphans TS_GUARDED_BY(g_orphan_mutex);
-Clock::time_point g_swept_at TS_GUARDED_BY(g_orphan_mutex);
-bool g_second_sweep TS_GUARDED_BY(g_orphan_mutex) = false;  // is still to come
+// When the second sweep is to come.
+Threading::Mutex g_sweep_mutex;
+Clock::time_point g_next_sweep TS_GUARDED_BY(g_sweep_mutex) = Clock::time_point::max();
 
 }  // namespace
 
@@ -182,11 +205,6 @@ bool Serves(const WorkerProcess& worker, const OtherTask& task) {
 Remains SweepDeadManagers(bool bLookOnly) {
     const Census census;
     Remains remains;
-    std::set<std::string> paths;
-    for (const OtherTask& task : census.deadTasks) {
-        if (IsDownloadCommand(task.nCmd) && !task.path.empty()) paths.insert(task.path);
-    }
-    remains.paths.assign(paths.begin(), paths.end());
     for (const auto& section : census.dead) {
         remains.sections.push_back(section->Name());
         if (bLookOnly) continue;
@@ -195,50 +213,27 @@ Remains SweepDeadManagers(bool bLookOnly) {
         }
     }
     remains.locks = DeadLocks(census);
-    remains.orphans = FindOrphans(census);
-    if (bLookOnly) return remains;
-    for (const std::string& lock : remains.locks) sem_unlink(lock.c_str());
-    for (const auto& section : census.dead) section->Remove();
+    const std::vector<Orphan> orphans = FindOrphans(census);
+    for (const Orphan& orphan : orphans) remains.workers.push_back(orphan.worker);
+    if (!bLookOnly) {
+        Kill(orphans);
+        RemoveNames(census, remains);
+    }
+    RemoveParts(census.deadTasks, bLookOnly, remains);
     return remains;
 }
 
-void KillOrphans(const std::vector<Orphan>& orphans) {
-    if (orphans.empty()) return;
-    Kill(orphans);
-    const Clock::time_point deadline = Clock::now() + kKillPatience;
-    while (!AllGone(orphans) && Clock::now() < deadline) std::this_thread::sleep_for(kPoll);
-    RemoveNamesOf(orphans);
-}
-
 void BeginSweep(Clock::time_point now) {
-    Remains remains = SweepDeadManagers(false);
-    Threading::AutoLock hold(&g_orphan_mutex);
-    g_orphans = std::move(remains.orphans);
-    g_swept_at = now;
-    g_second_sweep = true;
+    SweepDeadManagers(false);
+    Threading::AutoLock hold(&g_sweep_mutex);
+    g_next_sweep = now + kSecondSweep;
 }
 
 void EndOrphans(Clock::time_point now) {
-    Threading::AutoLock hold(&g_orphan_mutex);
-    if (now - g_swept_at >= kStopPatience) {
-        if (g_second_sweep) {
-            g_second_sweep = false;
-            for (Orphan& orphan : SweepDeadManagers(false).orphans) {
-                g_orphans.push_back(std::move(orphan));
-            }
-        }
-        Kill(g_orphans);
-    }
-    if (g_orphans.empty() || !AllGone(g_orphans)) return;
-    RemoveNamesOf(g_orphans);
-    g_orphans.clear();
-}
-
-void EndOrphansNow() {
-    std::vector<Orphan> orphans;
     {
-        Threading::AutoLock hold(&g_orphan_mutex);
-        orphans = std::exchange(g_orphans, {});
+        Threading::AutoLock hold(&g_sweep_mutex);
+        if (now < g_next_sweep) return;
+        g_next_sweep = Clock::time_point::max();
     }
-    KillOrphans(orphans);
+    SweepDeadManagers(false);
 }

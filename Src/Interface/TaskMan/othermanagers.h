@@ -14,8 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "common/platform.h"
-
 // A task in the section of a living manager, copied at one moment without its lock. Texts and
 // values are as they were found; only `id` is known to be one.
 struct OtherTask {
@@ -56,27 +54,21 @@ std::vector<WorkerProcess> ListWorkers();
 // Whether the process was started for this task.
 bool Serves(const WorkerProcess& worker, const OtherTask& task);
 
-// A worker whose manager is dead.
-struct Orphan {
-    WorkerProcess worker;
-    platform::ProcessWatch process;
-};
+// An output path that ends so is a part: half a file, which whoever works on it has locked (flock).
+constexpr const char* TASK_PART_ENDING = ".part";
 
-// What dead managers have left, each list without doubles.
+// What dead managers have left; nothing is told twice.
 struct Remains {
     std::vector<std::string> sections{};  // names
     std::vector<std::string> locks{};     // names of semaphores
-    std::vector<std::string> paths{};     // output paths of downloads, which are the caller's to
-                                          // judge
-    std::vector<Orphan> orphans{};        // alive, asked to stop
+    std::vector<WorkerProcess> workers{};
+    std::vector<std::string> parts{};  // paths
+    std::vector<std::string> stuck{};  // paths of parts that could not be removed
 };
 
-// Looks for what managers of this user that are dead have left. Their tasks are asked to stop,
-// their sections and locks removed; with `bLookOnly` nothing is changed. An id that a living
-// manager uses is left alone.
+// Looks for what managers of this user that are dead have left, and removes it: sections, locks,
+// and parts of this user that nobody has locked. Their workers are asked to stop and killed at
+// once: one that still asks its server for the size of the file would open its output path
+// afterwards, whoever writes there by then. Waits for their end, at most a second. With `bLookOnly`
+// nothing is changed. What a living manager uses is left alone, also under the same id.
 Remains SweepDeadManagers(bool bLookOnly);
-
-// Kills the orphans at once, waits until they are gone, at most a second, and removes what they may
-// have made anew meanwhile. An orphan that asks its server for the size of the file does not see
-// that it is to stop, and opens its output path afterwards: nobody else may write there before.
-void KillOrphans(const std::vector<Orphan>& orphans);
