@@ -46,6 +46,9 @@ void CommandRun::Start(std::vector<std::string> arguments, int columns, int outp
         for (const int number : {SIGINT, SIGHUP}) signal(number, SIG_DFL);
         if (output == -1) output = open(out.c_str(), O_WRONLY | O_CREAT, 0600);
         dup2(output, STDOUT_FILENO);
+        if (input != -1) dup2(input, STDIN_FILENO);
+        // Nor may the proxy of this machine be the program's.
+        for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"}) unsetenv(name);
         if (columns == 0) dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
         for (const std::string& setting : environment) putenv(const_cast<char*>(setting.data()));
         if (chdir(directory.c_str()) == 0) execv(TASKMAN_PATH, argv.data());

@@ -48,6 +48,7 @@ class CommandRun {
     // Process id of a worker, from its slot; waits until one has claimed its slot.
     pid_t Worker() const;
 
+    int input = -1;  // descriptor of standard input; -1 is that of the test
     std::vector<std::string> environment{"TERM=xterm", "LC_ALL=C"};
 
   private:
