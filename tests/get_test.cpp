@@ -1,19 +1,20 @@
-// The command `taskman get`: the real program against scripted servers.
+// The command `taskman get`: its parts alone, and the real program against scripted servers.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <map>
 #include <mutex>
 #include <sstream>
-#include <thread>
+#include <tuple>
 
+#include "Console/filename.h"
+#include "Console/inputlist.h"
+#include "Console/proxy.h"
 #include "support/command_run.h"
 #include "support/helpers.h"
 #include "support/http_server.h"
@@ -21,6 +22,178 @@
 using namespace test_support;
 
 namespace {
+
+// ---- Names, proxies, lists.
+
+TEST(GetName, IsSafeWhateverTheAddressSays) {
+    const std::string many(300, 'a');
+    const struct {
+        std::string path, name;
+    } rows[] = {
+        {"/dir/file.iso", "file.iso"},
+        {"/file?name=/x/y#z", "file"},
+        {"/a%20b%2Bc", "a b+c"},
+        {"", "download"},
+        {"/dir/", "download"},
+        {"/...%2e", "download"},
+        {"/..%2F..%2Fetc%2Fpasswd", "passwd"},
+        {"/%2e%2Eprofile", "profile"},
+        {"/%01.%02.bashrc%00%7f", "bashrc"},
+        {"/%1b%5B31mred%0a", "[31mred"},
+        {"/C:%5Cboot", "C:_boot"},
+        {"/%zz%4", "%zz%4"},
+        {"/%C3%A4%C2%85%E2%80%AEx", "\u00e4x"},
+        {"/%E4.txt%C3", "_.txt_"},
+        {"/%C0%AF%ED%A0%80", "_____"},
+        {"/%E0%80%AF%BF%80", "_____"},
+        {"/" + many, many.substr(0, 249)},
+        {"/" + many.substr(0, 248) + "%C3%A4", many.substr(0, 248)},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(NameFromAddress("http://host" + row.path), row.name) << row.path;
+    }
+}
+
+TEST(GetAddress, MustBeHttpWithAHost) {
+    for (const char* good : {"http://h", "HTTPS://h/x", "http://[::1]:80/?a"}) {
+        EXPECT_EQ(AddressFault(good), "") << good;
+    }
+    for (const char* bad : {"", "h/x", "ftp://h/x", "http:/h", "http://", "http:///x", "httpx://h",
+                            "http://h/a b", "http://h/\r\nX: y", "file:///etc/passwd"}) {
+        EXPECT_NE(AddressFault(bad), "") << bad;
+    }
+    EXPECT_EQ(AddressFault("http://h/" + std::string(1023 - 9, 'x')), "");
+    EXPECT_NE(AddressFault("http://h/" + std::string(1024 - 9, 'x')), "");
+}
+
+TEST(GetProxy, IsReadFromItsAddress) {
+    struct Row {
+        const char* address;
+        std::int32_t type;
+        const char *host, *user, *password;
+        std::int32_t port;
+    };
+    const Row rows[] = {
+        {"h:8080", 0, "h", "", "", 8080},
+        {"http://h/", 0, "h", "", "", 1080},
+        {"socks4://u@h:1", 4, "h", "u", "", 1},
+        {"socks4a://h:65535", 6, "h", "", "", 65535},
+        {"socks5://u:p%40%3A%25@[::1]:9", 5, "[::1]", "u", "p@:%", 9},
+        {"socks5h://u:a@b:c@h", 7, "h", "u", "a@b:c", 1080},
+    };
+    for (const Row& row : rows) {
+        Proxy proxy;
+        ASSERT_EQ(ParseProxy(row.address, proxy), "") << row.address;
+        EXPECT_EQ(std::tie(proxy.type, proxy.host, proxy.user, proxy.password, proxy.port),
+                  std::make_tuple(row.type, row.host, row.user, row.password, row.port))
+            << row.address;
+    }
+    const std::string longText(128, 'x');
+    for (const std::string& bad :
+         {std::string(), std::string("ftp://h"), std::string("h:0"), std::string("h:65536"),
+          std::string("h:"), std::string("h:8x"), std::string("http://:p@h"),
+          std::string("u%3Ax:p@h"), std::string("u%00:p@h"), longText, longText + ":p@h"}) {
+        Proxy proxy;
+        const std::string fault = ParseProxy(bad, proxy);
+        EXPECT_NE(fault, "") << bad;
+        EXPECT_EQ(proxy.host, "") << bad;
+    }
+}
+
+TEST(GetProxy, ComesFromAFileOrTheEnvironment) {
+    const TempDir directory;
+    WriteFile(directory.Path("proxy"), " http://u:p@filed:1 \r\nmore");
+    const struct {
+        const char *given, *address;
+        std::vector<std::string> environment;
+        const char* host;  // null: there is a fault
+    } rows[] = {
+        {"", "http://h", {}, ""},
+        {"", "http://h", {"http_proxy=p:1", "all_proxy=a"}, "p"},
+        {"", "HTTPS://h", {"http_proxy=p", "HTTPS_PROXY=s", "all_proxy=a"}, "s"},
+        {"", "https://h", {"https_proxy=t", "HTTPS_PROXY=s"}, "t"},
+        {"", "http://h", {"HTTP_PROXY=p"}, ""},
+        {"", "http://h", {"http_proxy=", "ALL_PROXY=socks5://a"}, "a"},
+        {"", "http://h", {"http_proxy=ftp://u:secret@p"}, nullptr},
+        {"", "http://a.b.c:80/x", {"http_proxy=p", "no_proxy=x, .B.c"}, ""},
+        {"", "http://u@b.c", {"http_proxy=p", "NO_PROXY=b.c."}, ""},
+        {"", "http://ab.c", {"http_proxy=p", "no_proxy=b.c"}, "p"},
+        {"", "http://[::1]:80/", {"http_proxy=p", "no_proxy=::1"}, ""},
+        {"", "http://h", {"http_proxy=p", "no_proxy=*"}, ""},
+        {"none", "http://h", {"http_proxy=p"}, ""},
+        {"q", "http://h", {"http_proxy=p", "no_proxy=*"}, "q"},
+        {"@proxy", "http://h", {}, "filed"},
+    };
+    const char* const names[] = {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY",
+                                 "all_proxy",  "ALL_PROXY",   "no_proxy",   "NO_PROXY"};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.environment) + row.given + row.address);
+        for (const char* name : names) unsetenv(name);
+        for (const std::string& set : row.environment) putenv(const_cast<char*>(set.c_str()));
+        ProxyRules rules;
+        const std::string given = row.given;
+        if (given[0] == '@') {
+            EXPECT_EQ(rules.Give("@" + directory.Path(given.substr(1))), "");
+        } else if (!given.empty()) {
+            EXPECT_EQ(rules.Give(given), "");
+        }
+        Proxy proxy;
+        const std::string fault = rules.For(row.address, proxy);
+        EXPECT_EQ(fault.empty(), row.host != nullptr) << fault;
+        EXPECT_EQ(fault.find("secret"), std::string::npos);
+        EXPECT_EQ(proxy.host, row.host == nullptr ? "" : row.host);
+        for (const char* name : names) unsetenv(name);
+    }
+    EXPECT_NE(ProxyRules().Give("@" + directory.Path("missing")), "");
+}
+
+TEST(GetList, ItsLinesAreRequests) {
+    const std::string digest(64, 'A');
+    const struct {
+        std::string line;
+        std::tuple<std::string, std::string, std::string> request;
+        bool good = true;
+    } rows[] = {
+        {"", {}},
+        {" \t \r", {}},
+        {" # http://h", {}},
+        {" http://h/#a b \r", {"http://h/#a b", "", ""}},
+        {"http://h\td/a b \t " + digest + "\t", {"http://h", "d/a b ", digest}},
+        {"http://h\t\t" + digest, {"http://h", "", digest}},
+        {"http://h\tx/", {"http://h", "x/", ""}, false},
+        {std::string("http://h\tx\0y", 12), {"http://h", std::string("x\0y", 3), ""}, false},
+        {"http://h\tx\t12", {"http://h", "x", "12"}, false},
+        {"http://h\t\t\tx", {"http://h", "", ""}, false},
+        {"\tname", {"name", "name", ""}, false},
+    };
+    for (const auto& row : rows) {
+        const Request request = ReadListLine(row.line);
+        EXPECT_EQ(std::tie(request.address, request.name, request.sha256), row.request) << row.line;
+        EXPECT_EQ(request.fault.empty(), row.good) << row.line << ": " << request.fault;
+    }
+}
+
+TEST(GetList, EndsWithAWholeLine) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    InputList list;
+    ASSERT_EQ(list.Open("/dev/fd/" + std::to_string(ends[0])), "");
+    Request request;
+    EXPECT_FALSE(list.Take(request));
+    const std::string text = "a\n\n#\n" + std::string(20'000, 'b') + "\nc\nd";
+    ASSERT_EQ(write(ends[1], text.data(), text.size()), ssize_t(text.size()));
+    for (const char first : {'a', 'b', 'c'}) {
+        ASSERT_TRUE(list.Take(request));
+        EXPECT_EQ(request.address[0], first);
+        EXPECT_EQ(request.fault.empty(), first != 'b');
+    }
+    EXPECT_FALSE(list.Take(request) || list.Ended());
+    list.Finish();
+    EXPECT_FALSE(list.Take(request) || !list.Ended());
+    for (const int end : ends) close(end);
+}
+
+// ---- The program.
 
 using GetRun = CommandRun;
 using Files = std::map<std::string, std::string>;  // contents by name
@@ -75,14 +248,16 @@ struct Row {
     Files after = {};       // what does not hold "abc"; the same as before unless given
 };
 
+Files List(const std::string& lines) {
+    return {{"list", lines}};
+}
+
 const std::vector<Row>& Rows() {
     static const Files old = {{"good", "old"}};
     static const std::vector<Row> rows = {
         // Names and files that are in the way.
-        {"@/good?x", "exit 0", "good", "good: finished"},
-        {"@/good @/good2", "exit 0", "good good2", "2 of 2 files finished"},
+        {"@/good?x @/-good", "exit 0", "-good good", "2 of 2 files finished"},
         {"@/good -o x", "exit 0", "x", "x: finished"},
-        {"@/-good", "exit 0", "-good", "-good: finished"},
         {"@/good", "exit 3", "good", "good exists already", old},
         {"-f @/good", "exit 0", "good", "good: finished", old, {{"good", "abc"}}},
         {"-s @/good @/good2", "exit 0", "good good2", "good: skipped", old},
@@ -99,8 +274,8 @@ const std::vector<Row>& Rows() {
         {"@/good -o a\\b", "exit 3", "", "a backslash"},
         {"@/good", "exit 0", "good", "", {{"good.part", "longer"}}, {{"good", "abc"}}},
         // Failures and their reasons.
-        {"@/404", "exit 1", "", "404: failed: the server offered no file of known size"},
-        {"@/404", "exit 1", "", "(a second look: HTTP 404)"},
+        {"@/404", "exit 1", "",
+         "404: failed: the server offered no file of known size (a second look: HTTP 404)"},
         {"http://127.0.0.1:1/x", "exit 1", "", "x: failed: "},
         {"@/short", "exit 1", "", "short: failed: the transfer broke off"},
         {"--keep-part @/short @/404", "exit 1", "short.part", "", {}, {{"short.part", "five!"}}},
@@ -108,7 +283,6 @@ const std::vector<Row>& Rows() {
         {"--wait 0 @/idle", "exit 1", "", "idle: failed: the transfer starts over"},
         {"--timeout 1 @/silent", "exit 1", "", "silent: failed: the server did not answer in time"},
         {"@/differs", "exit 5", "", "mismatch: 50 bytes arrived, the server announced 100"},
-        {"--sha256 + @/good", "exit 0", "good"},
         {"--sha256 ~ @/good", "exit 5", "",
          "good: mismatch: good.part has the SHA-256 digest ba78"},
         {"--worker /nowhere/w @/good", "exit 1", "", "no worker program at /nowhere/w"},
@@ -124,23 +298,15 @@ const std::vector<Row>& Rows() {
         {"@/good @/differs-3", "exit 3", "good", "", old},
         {"@/differs-2 @/good -s", "exit 5", "good", "1 skipped", old},
         // Lists.
-        {"-i list", "exit 0", "a good list", "2 of 2", {{"list", "#\n@/good\n@/good2\ta\t+"}}},
-        {"@/good -i list", "exit 1", "good good2 list", "2 of 4", {{"list", "x\n@/404\n@/good2"}}},
-        {"-i list", "exit 2", "good list", "a blank", {{"list", "http://h/a b\n@/good\n"}}},
-        {"-i list", "exit 5", "list", "mismatch", {{"list", "@/good\t\t~"}}},
-        {"-j1 -i list --failed list -s",
-         "exit 1",
-         "good list",
-         "",
-         {{"good", "old"}, {"list", "# all\nx\n@/good\n@/404\tn\t+\n@/good3\t\t~\n"}},
-         {{"good", "old"}, {"list", "x\n@/404\tn\t+\n@/good3\t\t~\n"}}},
+        {"-i list", "exit 0", "a good list", "2 of 2", List("#\n@/good\n@/good2\ta\t+")},
+        {"@/good -i list", "exit 1", "good good2 list", "2 of 4", List("x\n@/404\n@/good2")},
+        {"-i list", "exit 2", "good list", "a blank", List("http://h/a b\n@/good\n")},
+        {"-i list", "exit 5", "list", "mismatch", List("@/good\t\t~")},
+        {"-j1 -i list --failed list", "exit 1", "good list", "",
+         List("# all\nx\n@/good\n@/404\tn\t+\n@/good3\t\t~\n"),
+         List("x\n@/404\tn\t+\n@/good3\t\t~\n")},
         {"@/good @/404 -o x", "exit 2", "", "--output"},
-        {"-i list --sha256 +", "exit 2", "list", "--sha256", {{"list", "@/good"}}},
-        {"-i list",
-         "exit 2",
-         "good list",
-         "longer",
-         {{"list", std::string(70'000, 'x') + "\n@/good"}}},
+        {"-i list --sha256 +", "exit 2", "list", "--sha256", List("@/good")},
         {"-i none", "exit 2", "", "cannot read none"},
         {"-i .", "exit 2", "", ". is a directory"},
         {"@/good --failed none/x", "exit 3", "", "cannot create none/x.part"},
@@ -148,7 +314,7 @@ const std::vector<Row>& Rows() {
          "exit 1",
          "list x",
          "",
-         {{"list", "@/good"}},
+         List("@/good"),
          {{"list", "@/good"}, {"x", "@/good\n"}}},
         // Usage.
         {"", "exit 2", "", "taskman get --help"},
