@@ -18,8 +18,6 @@ namespace {
 
 constexpr int kMostOfAddress = 100;  // columns, of one that is refused
 constexpr std::int32_t kBlocks = 3;
-// A worker begins again and again as long as bytes come, also when it never gets any further.
-constexpr int kMostIdleStarts = 5;
 
 std::string Join(const std::string& directory, const std::string& name) {
     if (!directory.empty() && name.front() != '/') {
@@ -138,7 +136,6 @@ void GetFile::NoteState(const Event& event) {
             const double percent = Sane(event.value, 100);
             if (percent < view_.percent) StartOver();
             view_.percent = percent;
-            furthest_ = std::max(furthest_, percent);
             break;
         }
         case DOWNLOAD_STATE_SPEED:
@@ -150,19 +147,9 @@ void GetFile::NoteState(const Event& event) {
     if (!page_ && event.code != DOWNLOAD_STATE_FILE_SIZE) view_.answered = true;
 }
 
-// The worker begins the file again. It does so without end when the disk is full.
 void GetFile::StartOver() {
     ++view_.tries;
     view_.percent = 0;
-    idle_starts_ = furthest_ > furthest_before_ ? 0 : idle_starts_ + 1;
-    furthest_before_ = furthest_;
-    Outcome end = target_->LocalFault(view_.size);
-    if (end.result == EndResult::kFinished && idle_starts_ >= kMostIdleStarts) {
-        end = {EndResult::kFailed, EXIT_STATUS_FAILED, "starts over without getting further"};
-    }
-    if (end.result == EndResult::kFinished || given_up_) return;
-    given_up_ = std::move(end);
-    StopTask(id_.c_str());
 }
 
 std::optional<Outcome> GetFile::NoteEnd(const Event& event, bool stopping) {
@@ -209,23 +196,31 @@ std::optional<Outcome> GetFile::TakePage(const Event& event) {
 }
 
 Outcome GetFile::DownloadFailure(const Event& event) const {
-    Outcome outcome = target_->LocalFault(view_.size);
-    if (event.code == DOWNLOAD_STATE_STOPPED) {
-        outcome = {EndResult::kStopped, EXIT_STATUS_STOPPED, event.remark};
-        if (given_up_) outcome = *given_up_;
-    } else if (outcome.result == EndResult::kFinished) {
-        outcome = {EndResult::kFailed, EXIT_STATUS_FAILED, event.remark};
-        if (event.remark.empty()) {
-            outcome.reason = view_.size < 0 ? "the server offered no file of known size"
-                                            : "the transfer broke off";
-            if (view_.percent > 0) {
-                outcome.reason += " at " + std::to_string(static_cast<int>(view_.percent)) + " %";
-            }
-        } else if (event.remark != TASK_REMARK_NO_ANSWER) {
-            outcome.result = EndResult::kDied;
+    const std::string& remark = event.remark;
+    const bool server = remark == TASK_REMARK_NO_ANSWER || remark == TASK_REMARK_STARTS_OVER;
+    const bool stopped =
+        event.code == DOWNLOAD_STATE_STOPPED && !server && remark != TASK_REMARK_NO_SPACE;
+    Outcome outcome;
+    if (!stopped) outcome = target_->LocalFault(view_.size);
+    outcome.code = event.code;
+    if (outcome.result != EndResult::kFinished) return outcome;
+    outcome.reason = remark;
+    outcome.result = EndResult::kFailed;
+    outcome.status = EXIT_STATUS_FAILED;
+    if (stopped) {
+        outcome.result = EndResult::kStopped;
+        outcome.status = EXIT_STATUS_STOPPED;
+    } else if (remark == TASK_REMARK_NO_SPACE) {
+        outcome.status = EXIT_STATUS_LOCAL;
+    } else if (!remark.empty() && !server) {
+        outcome.result = EndResult::kDied;
+    } else if (remark.empty()) {
+        outcome.reason =
+            view_.size < 0 ? "the server offered no file of known size" : "the transfer broke off";
+        if (view_.percent > 0) {
+            outcome.reason += " at " + std::to_string(static_cast<int>(view_.percent)) + " %";
         }
     }
-    outcome.code = event.code;
     return outcome;
 }
 

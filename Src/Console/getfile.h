@@ -89,10 +89,6 @@ class GetFile : private Uncopyable {
     std::string id_{};
     FileView view_{};
     double seconds_ = 0;
-    double furthest_ = 0;         // percent, of all tries
-    double furthest_before_ = 0;  // when the last try began
-    int idle_starts_ = 0;         // tries in a row that got no further
-    std::optional<Outcome> given_up_{};
     Outcome failure_{};
     Phase phase_ = Phase::kIdle;
     std::thread thread_{};

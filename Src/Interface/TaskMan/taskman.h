@@ -61,15 +61,13 @@ void SetTaskLimits(const tagTaskLimits& limits);
 
 // What the manager knows about the way a task ended beyond its code, in one line: "the worker
 // died", for example. Empty when the worker itself reported the end, unless the manager had stopped
-// the task; the code is 8 then, and the remark one of the two below. To be called from the task's
-// final callback; afterwards the task is forgotten.
+// the task; the code is 8 then, and the remark one of the first two below. To be called from the
+// task's final callback; afterwards the task is forgotten.
 constexpr const char* TASK_REMARK_NO_SPACE = "no space left for the file";
 constexpr const char* TASK_REMARK_STARTS_OVER =
     "the transfer starts over and over without getting further";
-std::string TaskRemark(const char* szTaskID);
-
-// The remark on a task that a limit of tagTaskLimits has ended.
 constexpr const char* TASK_REMARK_NO_ANSWER = "the server did not answer in time";
+std::string TaskRemark(const char* szTaskID);
 
 // Size in bytes of the file of a task, as its worker has announced it with code 10; 0 while it is
 // unknown. To be called no later than from the final callback: a task that ends within the second
