@@ -104,19 +104,23 @@ int SplitString(const std::string& input, const std::string& delimiter,
 }
 
 std::string string_replace(std::string& str, const std::string& from, const std::string& to) {
-    std::size_t found = from.empty() ? std::string::npos : str.find(from);
+    const std::string_view text = str;
+    std::size_t found = from.empty() ? std::string::npos : text.find(from);
     if (found == std::string::npos) return str;
 
     // Built anew: replacing in place would move the rest of the text once per occurrence.
     std::string replaced;
-    replaced.reserve(str.size());
+    replaced.reserve(text.size());
     std::size_t begin = 0;
     while (found != std::string::npos) {
-        replaced.append(str, begin, found - begin).append(to);
-        begin = found + from.size();
-        found = str.find(from, begin);
+        replaced.append(text, begin, found - begin);
+        // A search costs more than the look at what follows at once.
+        for (begin = found; text.substr(begin).starts_with(from); begin += from.size()) {
+            replaced.append(to);
+        }
+        found = text.find(from, begin);
     }
-    replaced.append(str, begin);
+    replaced.append(text, begin);
     str.swap(replaced);
     return str;
 }
