@@ -111,8 +111,9 @@ TEST(LyingServers, TasksEndAsTheTableSays) {
         {"2,000 times code 100", {good}, {{7, 3}, {3, 2, kAll}, {1, 1}}},
         {"20,000 times code 100", {Raw(Repeated(20'000, kContinue))}},
     };
-    InParallel(
-        std::size(lies) * 3, [&](std::size_t i) { Tell(lies[i / 3], i % 3); }, 24);
+    const auto tell = [&](std::size_t i) { Tell(lies[i / 3], i % 3); };
+    InParallel(std::size(lies) * 3, tell, 24);
+    EXPECT_EQ(ftp.ConnectionCount(), 0u);
 }
 
 // What ends with the patience of its client only.

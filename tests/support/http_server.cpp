@@ -110,6 +110,11 @@ std::vector<HttpServer::Request> HttpServer::Requests() const {
     return requests_;
 }
 
+std::size_t HttpServer::ConnectionCount() const {
+    std::lock_guard hold(mutex_);
+    return servants_.size();
+}
+
 void HttpServer::Accept() {
     while (Wait(milliseconds(0))) {
         pollfd arrival{listener_, POLLIN, 0};

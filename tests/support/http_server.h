@@ -69,6 +69,8 @@ class HttpServer {
     // "http://127.0.0.1:PORT" and `path`.
     std::string Url(const std::string& path = "/file") const;
     std::vector<Request> Requests() const;
+    // Connections that were made, with a request or without.
+    std::size_t ConnectionCount() const;
     std::size_t RequestCount() const { return Requests().size(); }
 
   private:

@@ -1,0 +1,90 @@
+// Disks that are full before the file is there, in several ways: the file never counts as finished.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "common/fieldtext.h"
+#include "support/command_run.h"
+#include "support/http_server.h"
+#include "support/worker_run.h"
+
+namespace {
+
+using namespace test_support;
+constexpr std::size_t kSizes[] = {100, 8191, 8192, 200'000};
+
+// Calls `start`; the files of what it starts grow to `size` bytes at most.
+void Limited(rlim_t size, const std::function<void()>& start) {
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit limit{size, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    start();
+    setrlimit(RLIMIT_FSIZE, &before);
+}
+
+// Has a worker fetch `size` bytes into `path`. Where some of them fit, it may try for ever.
+void Fetch(std::size_t size, const std::string& path, rlim_t limit = RLIM_INFINITY) {
+    SCOPED_TRACE(path + ", bytes: " + std::to_string(size));
+    HttpServer server({Reply::Ok(TestBytes(size))});
+    WorkerRun run;
+    run.Request(server.Url());
+    SetField(run.Slot().szFilePath, path);
+    Limited(limit, [&] { run.Start(); });
+    WaitUntil([&] { return run.Wait({}) || server.RequestCount() > 5; });
+    run.Stop();
+    EXPECT_TRUE(run.Wait());
+    EXPECT_EQ(run.End(), limit == RLIM_INFINITY ? "exit 0" : "signal 25");
+    EXPECT_EQ(run.Slot().nStateBits >> DOWNLOAD_STATE_DOWNLOAD_FINISH & 1, 0u);
+    EXPECT_LT(path == "/dev/full" ? 0 : ReadFile(path).size(), size);
+}
+
+// Has `taskman get` do the same; neither the file nor a part of it may be left.
+void Get(std::size_t size, const TempDir& at, const char* end, const char* says, rlim_t limit) {
+    HttpServer server({Reply::Ok(TestBytes(size))});
+    CommandRun get;
+    Limited(limit, [&] { get.Start({"-d", at.Path(), server.Url()}); });
+    EXPECT_EQ(get.End(), end);
+    EXPECT_NE(get.Err().find(says), std::string::npos) << get.Err();
+    EXPECT_FALSE(FileExists(at.Path("file")) || FileExists(at.Path("file.part")));
+}
+
+// Runs before this program has a second thread.
+bool HasOwnMounts() {
+    const auto itself = [](auto id) {
+        return std::to_string(id) + " " + std::to_string(id) + " 1";
+    };
+    if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWNS | CLONE_NEWUSER) == 0) {
+        WriteFile("/proc/self/setgroups", "deny");
+        WriteFile("/proc/self/uid_map", itself(getuid()));
+        WriteFile("/proc/self/gid_map", itself(getgid()));
+    }
+    return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+TEST(FullDisk, OfAFewPages) {
+    if (!HasOwnMounts()) GTEST_SKIP() << "the kernel lets this user mount nothing";
+    InParallel(std::size(kSizes), [](std::size_t i) {
+        const std::size_t size = kSizes[i];
+        const TempDir disk;
+        ASSERT_EQ(mount("none", disk.Path().c_str(), "tmpfs", 0, "size=64k"), 0);
+        WriteFile(disk.Path("other"), std::string(size < 4096 ? 65'536 : 61'440, 'x'));
+        Fetch(size, disk.Path("file.part"));
+        Get(size, disk, "exit 3", "file: failed: no space left", RLIM_INFINITY);
+        umount2(disk.Path().c_str(), MNT_DETACH);
+    });
+}
+
+TEST(FullDisk, OrADeviceOrALimit) {
+    const TempDir directory;
+    for (const std::size_t size : kSizes) {
+        Fetch(size, "/dev/full");
+        Fetch(size, directory.Path("file.part"), size - 1);
+    }
+    // The limit is more than the section needs.
+    Get(200'000, directory, "exit 1", "file: died", 199'000);
+}
+
+}  // namespace
