@@ -1,20 +1,13 @@
 // Adders, stoppers, the scanner and the supervisor at the same time, and tasks that come just when
 // the scanner ends. Worth most with a race detector.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <array>
 #include <cstdio>
-#include <random>
 #include <thread>
 
 #include "support/campaign.h"
 #include "support/http_server.h"
 
 using namespace test_support;
-using std::chrono::microseconds;
-using std::chrono::milliseconds;
-using std::chrono::seconds;
 
 namespace {
 
@@ -22,7 +15,7 @@ constexpr const char* kQuick = "claim,lock,finish,unlock,exit";
 
 // What the scanner does between two passes: it waits for so long, or less when it is let go; and
 // then a little more.
-std::atomic<microseconds> g_pause{microseconds(1000)};
+std::atomic<microseconds> g_pause{milliseconds(1000)};
 std::atomic<microseconds> g_lead{microseconds(0)};
 std::atomic<bool> g_go{false};
 std::atomic<int> g_scanners{0};  // that have come to their first pause
@@ -31,21 +24,6 @@ void Spin(microseconds time) {
     const Clock::time_point end = Clock::now() + time;
     while (Clock::now() < end) {
     }
-}
-
-// An application that asks again and again whether the scanner has ended. The scanner and whoever
-// starts it come to its lock in either order then.
-void Ask(const std::atomic<bool>& enough) {
-    while (!enough) {
-        pthread_mutex_lock(&g_ScanThradIsExit_Lock);
-        Spin(microseconds(30));
-        pthread_mutex_unlock(&g_ScanThradIsExit_Lock);
-        Spin(microseconds(3));
-    }
-}
-
-void SleepUpTo(std::minstd_rand& random, microseconds most) {
-    std::this_thread::sleep_for(most * random() / random.max());
 }
 
 Reply Slow(const std::string&, std::size_t) {
@@ -58,9 +36,8 @@ Reply Slow(const std::string&, std::size_t) {
 extern "C" unsigned sleep(unsigned) {
     static thread_local const int number = ++g_scanners;
     static_cast<void>(number);
-    for (microseconds slept(0); !g_go && slept < g_pause.load(); slept += microseconds(100)) {
-        std::this_thread::sleep_for(microseconds(50));
-    }
+    const Clock::time_point end = Clock::now() + g_pause.load();
+    while (!g_go && Clock::now() < end) std::this_thread::sleep_for(microseconds(50));
     Spin(g_lead);
     return 0;
 }
@@ -68,15 +45,24 @@ extern "C" unsigned sleep(unsigned) {
 namespace {
 
 TEST(Races, TasksThatComeWhenTheScannerEnds) {
-    std::minstd_rand random(Seed());
+    std::minstd_rand random = Random(0);
     g_pause = milliseconds(10);
     const unsigned count = Setting("ENDINGS", 200);
     unsigned met = 0;
     std::atomic<bool> enough{false};
-    std::thread asking([&] { Ask(enough); });
-    microseconds lead(100);
     {
         Campaign campaign;
+        // Asks again and again whether the scanner has ended, so that the scanner and whoever wants
+        // to start it come to its lock in either order.
+        std::thread asking([&] {
+            while (!enough) {
+                pthread_mutex_lock(&g_ScanThradIsExit_Lock);
+                Spin(microseconds(30));
+                pthread_mutex_unlock(&g_ScanThradIsExit_Lock);
+                Spin(microseconds(3));
+            }
+        });
+        microseconds lead(100);
         for (unsigned i = 0; i < count; ++i) {
             std::this_thread::sleep_for(milliseconds(1));
             const int scanners = g_scanners;
@@ -91,22 +77,20 @@ TEST(Races, TasksThatComeWhenTheScannerEnds) {
             // The moment is hunted for: was the scanner too early or too late?
             lead += microseconds(g_scanners == scanners ? -3 : 3);
         }
+        enough = true;
+        asking.join();
     }
-    enough = true;
-    asking.join();
     std::printf("%u tasks, about %u of them met the end of the scanner\n", count, met);
 }
 
 TEST(Races, NoStopIsLost) {
-    const unsigned seed = Seed();
     g_pause = milliseconds(50);
     HttpServer server(Slow);
     Campaign campaign;
     const auto stopOne = [&](std::size_t i) {
-        std::minstd_rand random(seed + unsigned(i) * 7919);
-        random.discard(10);
+        std::minstd_rand random = Random(i);
         Course& course = campaign.Add(server.Url());
-        SleepUpTo(random, i % 2 == 0 ? milliseconds(30) : milliseconds(1000));
+        SleepUpTo(random, milliseconds(i % 2 == 0 ? 30 : 1000));
         EXPECT_EQ(0, StopTask(course.id.c_str()));
         Campaign::Follow(course);
         EXPECT_EQ(8, course.code);
@@ -116,41 +100,37 @@ TEST(Races, NoStopIsLost) {
 }
 
 TEST(Races, AllAtOnce) {
-    const unsigned seed = Seed();
-    const Clock::time_point end = Clock::now() + seconds(Setting("SECONDS", 5));
+    const Clock::time_point end = Clock::now() + std::chrono::seconds(Setting("SECONDS", 5));
     g_pause = milliseconds(2);
     std::array<std::atomic<Course*>, TASK_SLOT_COUNT> recent{};
     std::atomic<int> added{0};
-    {
-        HttpServer server(Slow);
-        Campaign campaign;
-        const auto add = [&](std::minstd_rand& random, std::size_t i) {
-            const auto choice = random() % 20;
-            Course& course = campaign.Add(choice == 0  ? "claim,lock,kill"
-                                          : choice < 4 ? server.Url()
-                                                       : kQuick);
-            recent[i] = &course;
-            ++added;
-            if (random() % 4 != 0) SleepUpTo(random, milliseconds(300));
-            StopTask(course.id.c_str());
-            Campaign::Follow(course);
-        };
-        const auto meddle = [&](std::minstd_rand& random) {
-            if (const Course* course = recent[random() % recent.size()]) {
-                TaskRemark(course->id.c_str());
-                TaskFileSize(course->id.c_str());
-                if (random() % 50 == 0) StopTask(course->id.c_str());
-            }
-            if (FreeSlotCount() > 0) SetTaskLimits({30, 60});
-            SleepUpTo(random, milliseconds(2));
-        };
-        const auto work = [&](std::size_t i) {
-            std::minstd_rand random(seed + unsigned(i));
-            random.discard(10);
-            while (Clock::now() < end) i < recent.size() ? add(random, i) : meddle(random);
-        };
-        InParallel(recent.size() + 3, work);
-    }
+    HttpServer server(Slow);
+    Campaign campaign;
+    const auto add = [&](std::minstd_rand& random, std::size_t i) {
+        const auto choice = random() % 40;
+        Course& course = campaign.Add(choice == 0  ? "claim,lock,kill"
+                                      : choice < 4 ? server.Url()
+                                                   : kQuick);
+        recent[i] = &course;
+        ++added;
+        if (choice % 4 != 0) SleepUpTo(random, milliseconds(300));
+        StopTask(course.id.c_str());
+        Campaign::Follow(course);
+    };
+    const auto meddle = [&](std::minstd_rand& random) {
+        if (const Course* course = recent[random() % recent.size()]) {
+            TaskRemark(course->id.c_str());
+            TaskFileSize(course->id.c_str());
+            if (random() % 50 == 0) StopTask(course->id.c_str());
+        }
+        if (FreeSlotCount() > 0) SetTaskLimits({});
+        SleepUpTo(random, milliseconds(2));
+    };
+    const auto work = [&](std::size_t i) {
+        std::minstd_rand random = Random(i);
+        while (Clock::now() < end) i < recent.size() ? add(random, i) : meddle(random);
+    };
+    InParallel(recent.size() + 3, work);
     std::printf("%d tasks\n", added.load());
 }
 

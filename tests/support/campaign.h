@@ -1,29 +1,50 @@
 // A manager under many tasks at once, and what became of each of them.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <semaphore.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <chrono>
+#include <csignal>
+#include <filesystem>
 #include <list>
-#include <map>
 #include <mutex>
 #include <random>
-#include <string>
 
 #include "TaskMan/taskman.h"
+#include "common/AutoLock.h"
+#include "common/fieldtext.h"
 #include "common/platform.h"
 #include "support/helpers.h"
 
 namespace test_support {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
 
 // A number of the environment, TASKMAN_CAMPAIGN_ and `name`; `otherwise` where there is none.
-unsigned Setting(const char* name, unsigned otherwise);
+inline unsigned Setting(const char* name, unsigned otherwise) {
+    const char* text = std::getenv(("TASKMAN_CAMPAIGN_" + std::string(name)).c_str());
+    return text == nullptr ? otherwise : static_cast<unsigned>(std::strtoul(text, nullptr, 10));
+}
 
-// What random choices begin with, printed so that a run can be repeated.
-unsigned Seed();
+// Random choices of the part `number` of a campaign. What they begin with is printed, so that a run
+// can be repeated.
+inline std::minstd_rand Random(std::size_t number) {
+    static const unsigned seed = Setting("SEED", std::random_device{}());
+    if (number == 0) std::printf("TASKMAN_CAMPAIGN_SEED=%u\n", seed);
+    std::minstd_rand random(seed + static_cast<unsigned>(number) * 7919);
+    random.discard(10);
+    return random;
+}
+
+inline void SleepUpTo(std::minstd_rand& random, microseconds most) {
+    std::this_thread::sleep_for(most * random() / random.max());
+}
 
 // One task. What its callback writes is valid once `finals` is not 0.
 struct Course {
@@ -34,40 +55,104 @@ struct Course {
     int code = -1;
     std::string remark;
     std::atomic<int> finals{0};
-
-    // From the death of the worker to the final callback; 0 when that came first.
-    double Delay() const;
 };
 
-// Runs a manager whose worker is fault_worker.cpp. Its end checks that every task had one final
-// callback and that nothing is left: no process, thread, descriptor or name, no lock that two could
-// take. The calls, but for the first and the last, may come from any thread.
+// Runs a manager whose worker is fault_worker.cpp. At its end every task must have had one final
+// callback and nothing may be left: no process, thread, descriptor or name, and no lock that two
+// could take. The calls between may come from any thread.
 class Campaign {
   public:
-    explicit Campaign(const std::string& worker = FAULT_WORKER_PATH);
-    ~Campaign();
-    Campaign(const Campaign&) = delete;
-    Campaign& operator=(const Campaign&) = delete;
+    Campaign() : before_(Held()) {
+        struct sigaction reap {};
+        reap.sa_handler = proc_child;
+        reap.sa_flags = SA_RESTART | SA_NOCLDSTOP;
+        sigaction(SIGCHLD, &reap, nullptr);
+        std::string reason;
+        EXPECT_EQ(0, StartTaskManager(FAULT_WORKER_PATH, "", reason)) << reason;
+    }
 
-    // A new task: a download (command 1) of `address` into Output() of its course, or with command
-    // 0 a page. An address without "http:" is what a fault worker does.
-    Course& Add(const std::string& address, std::int32_t nCmd = TASK_CMD_DOWNLOAD);
+    ~Campaign() {
+        EXPECT_EQ(0, EndTaskManager());
+        for (Course& course : courses_) {
+            EXPECT_EQ(1, course.finals);
+            course.worker = platform::ProcessWatch();
+            if (course.lock == SEM_FAILED) continue;
+            int value = 0;
+            sem_getvalue(course.lock, &value);
+            EXPECT_LE(value, 1);
+            sem_close(course.lock);
+        }
+        WaitUntil([this] { return Held() == before_; });
+        EXPECT_EQ(before_, Held());
+        EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a worker is left";
+    }
+
+    // A new download of `address` into Output(). Without "http:" it is what a fault worker does.
+    Course& Add(const std::string& address) {
+        std::unique_lock hold(mutex_);
+        Course& course = courses_.emplace_back();
+        hold.unlock();
+        tagTaskInfo task(course.id.c_str());
+        SetField(task.szDownloadUrl,
+                 address.find("http:") == 0 ? address : "http://fault/" + address);
+        SetField(task.szFilePath, Output(course));
+        task.nCmd = TASK_CMD_DOWNLOAD;
+        task.nTaskKind = task.nTryInterval = 0;
+        task.pCallbackParam = &course;
+        task.pfnStateCallback = OnState;
+        // A full house passes, and so does the time in which no task is taken because three workers
+        // have ended without taking theirs.
+        std::string reason;
+        EXPECT_TRUE(WaitUntil([&] { return AddTask(task, reason) == 0; })) << reason;
+        course.added = Clock::now();
+        course.lock = sem_open(course.id.c_str(), 0);
+        Threading::AutoLock map(&g_access_taskmap_mutex);
+        const auto found = g_TaskInfo_map.find(course.id);
+        if (found == g_TaskInfo_map.end()) return course;
+        course.worker = platform::ProcessWatch(g_WorkerPid[found->second->nTaskIndex]);
+        return course;
+    }
+
     // Waits for the worker's death and for the final callback.
-    static void Follow(Course& course);
+    static void Follow(Course& course) {
+        EXPECT_TRUE(WaitUntil([&] { return course.worker.Gone(); })) << course.id;
+        course.died = Clock::now();
+        EXPECT_TRUE(WaitUntil([&] { return course.finals > 0; })) << course.id;
+    }
+
     std::string Output(const Course& course) const { return directory_.Path(course.id); }
-    std::size_t Refusals() const { return refusals_; }
 
   private:
-    static void OnState(void* param, const char* id, std::int32_t code, double, std::int32_t);
-    static void OnResult(void* param, const char* id, std::int32_t code, const char*,
-                         std::uint32_t);
-    static std::string Held();
+    static void OnState(void* param, const char* id, std::int32_t code, double, std::int32_t) {
+        if ((FINAL_STATE_BITS >> code & 1U) == 0) return;
+        Course& course = *static_cast<Course*>(param);
+        if (course.finals == 0) {
+            course.ended = Clock::now();
+            course.code = code;
+            course.remark = TaskRemark(id);
+        }
+        ++course.finals;
+    }
 
-    std::string before_;
-    TempDir directory_;
-    std::mutex mutex_;  // guards courses_
+    // What this process has of things that may leak.
+    static std::string Held() {
+        const auto count = [](const char* directory) {
+            const std::filesystem::directory_iterator all(directory);
+            return std::to_string(std::distance(begin(all), end(all)));
+        };
+        std::string held =
+            count("/proc/self/task") + " threads, " + count("/proc/self/fd") + " files";
+        const std::string lock = "sem." + MakeTaskID().substr(0, 6);  // the process id
+        for (const std::string& name : platform::SharedMemoryNames()) {
+            if (name == SectionName(getpid()) || name.find(lock) == 0) held += ", " + name;
+        }
+        return held;
+    }
+
+    const std::string before_;
+    const TempDir directory_;
+    std::mutex mutex_;  // guards the list
     std::list<Course> courses_;
-    std::atomic<std::size_t> refusals_{0};
 };
 
 }  // namespace test_support

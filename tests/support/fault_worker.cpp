@@ -13,31 +13,16 @@
 
 namespace {
 
-void Report(tagTaskContext& slot) {
-    slot.dProgress = 50;
-    SetStateBit(slot, DOWNLOAD_STATE_PROGRESS);
-}
-
-void Finish(tagTaskContext& slot) {
-    SetField(slot.szVideoInfo, "information");
-    SetStateBit(slot, slot.nCmd == TASK_CMD_PARSE ? DOWNLOAD_STATE_PARSE_FINISH
-                                                  : DOWNLOAD_STATE_DOWNLOAD_FINISH);
-}
-
 void Take(const std::string& step, tagTaskContext& slot, Threading::Mutex& lock) {
-    if (step == "claim") {
-        lock.Lock();
-        slot.nPid = getpid();
-        lock.UnLock();
-    }
-    if (step == "lock") lock.Lock();
-    if (step == "unlock") lock.UnLock();
-    if (step == "report") Report(slot);
-    if (step == "finish") Finish(slot);
+    if (step == "claim" || step == "lock") lock.Lock();
+    if (step == "claim") slot.nPid = getpid();
+    if (step == "claim" || step == "unlock") lock.UnLock();
+    if (step == "report") SetStateBit(slot, DOWNLOAD_STATE_PROGRESS);
+    if (step == "finish") SetStateBit(slot, DOWNLOAD_STATE_DOWNLOAD_FINISH);
     if (step == "kill") raise(SIGKILL);
     if (step == "stop") raise(SIGSTOP);
     if (step == "abort") abort();
-    // What a start ends with when there is no program.
+    // What becomes of a start when there is no program.
     if (step == "missing") execl("/nonexistent/worker", "worker", nullptr);
 }
 
@@ -48,12 +33,10 @@ int main(int /*argc*/, char** argv) {
     setrlimit(RLIMIT_CORE, &none);
     if (InitShareMem(&g_VideoInfoSection, SectionName(std::atoi(argv[3])).c_str()) != 0) return 1;
     tagTaskContext& slot = *SlotAt(g_VideoInfoSection, std::atoi(argv[2]));
-    const std::string address =
-        FieldText(slot.nCmd == TASK_CMD_PARSE ? slot.szOrgUrl : slot.szDownloadUrl);
+    const std::string address = FieldText(slot.szDownloadUrl);
     const std::string fault = "http://fault/";
     if (address.compare(0, fault.size(), fault) != 0) {
-        argv[0] = const_cast<char*>(TARNWICK_PATH);
-        execv(argv[0], argv);
+        execv(TARNWICK_PATH, argv);
         return 1;
     }
     Threading::Mutex lock(argv[1]);
