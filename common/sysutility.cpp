@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <utility>
 #include <vector>
 
@@ -24,6 +25,14 @@ mode_t EntryKind(const std::string& path) {
     return stat(path.c_str(), &status) == 0 ? status.st_mode & S_IFMT : 0;
 }
 
+// Path of the running executable, as the system was given it; empty when it does not tell.
+std::string GivenPath() {
+    std::vector<char> buffer(1024);
+    auto size = static_cast<std::uint32_t>(buffer.size());
+    while (platform::ExecutablePath(buffer.data(), &size) == -1) buffer.assign(size, '\0');
+    return buffer.data();
+}
+
 }  // namespace
 
 int GetCurrentPid() {
@@ -37,15 +46,16 @@ std::int64_t GetTickCounts() {
 }
 
 std::string GetCurrentPath(bool bTrailingDelimiter) {
-    std::vector<char> buffer(1024);
-    auto size = static_cast<std::uint32_t>(buffer.size());
-    while (platform::ExecutablePath(buffer.data(), &size) == -1) buffer.assign(size, '\0');
-    assertion::Require(buffer[0] != '\0', "GetCurrentPath", kSource,
+    const std::string path = GivenPath();
+    assertion::Require(!path.empty(), "GetCurrentPath", kSource,
                        "( NULL != szPath ) && (0 < strlen(szPath))");
-    const std::string path(buffer.data());
     const std::size_t slash = path.rfind('/');
     if (slash == std::string::npos) return "";
     return path.substr(0, bTrailingDelimiter ? slash + 1 : slash);
+}
+
+std::string GetProgramDirectory() {
+    return std::filesystem::canonical(GivenPath()).parent_path().string();
 }
 
 bool FileExists(std::string strFile) {

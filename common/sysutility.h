@@ -20,6 +20,11 @@ std::int64_t GetTickCounts();
 // Empty when the path has no "/". With `bTrailingDelimiter` the text ends in "/".
 std::string GetCurrentPath(bool bTrailingDelimiter);
 
+// Directory of the running executable, absolute and without links, also when it was started through
+// a link or a relative path. Throws std::filesystem::filesystem_error when the executable is not
+// there any more. To be called before the process changes its working directory.
+std::string GetProgramDirectory();
+
 // ---- Files.
 
 // Whether a regular file of that path exists; false also when the system does not tell. The empty

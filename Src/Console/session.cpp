@@ -22,12 +22,13 @@ constexpr std::chrono::milliseconds kTurn{250};
 constexpr std::chrono::milliseconds kStopTime{11'400};
 constexpr std::chrono::milliseconds kKillTime{500};
 
+// The worker stands beside the command where both are built, in libexec where they are installed.
 std::string FindWorker(const std::string& given) {
     if (!given.empty()) return given;
-    const std::string directory = sysutility::GetCurrentPath(true);
-    std::string beside = directory + "tarnwick";
+    const std::string directory = sysutility::GetProgramDirectory();
+    std::string beside = directory + "/tarnwick";
     if (access(beside.c_str(), X_OK) == 0) return beside;
-    return directory + "../libexec/taskman/tarnwick";
+    return directory + "/../libexec/taskman/tarnwick";
 }
 
 }  // namespace
