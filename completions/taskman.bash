@@ -1,0 +1,52 @@
+# bash completion for taskman
+# shellcheck shell=bash
+
+# Takes the words of $1 that begin with what has been typed.
+_taskman_words() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "${COMP_WORDS[COMP_CWORD]}"); }
+
+# Completes the value of option $1; false when it takes none.
+_taskman_value() {
+    case $1 in
+    -i | --input | -o | --output | --failed | --worker) compopt -o default ;;
+    -d | --dir) compopt -o dirnames ;;
+    -j | --jobs) _taskman_words '1 2 3 4 5 6 7 8' ;;
+    --tries) _taskman_words '1 2 3' ;;
+    --wait) _taskman_words '0 1 2 3' ;;
+    -x | --proxy) _taskman_words 'none http:// socks4:// socks4a:// socks5:// socks5h://' ;;
+    --progress) _taskman_words 'auto bar plain none' ;;
+    --color) _taskman_words 'auto always never' ;;
+    --sha256 | --size | --format | --timeout) ;;
+    *) return 1 ;;
+    esac
+}
+
+_taskman() {
+    COMPREPLY=()
+    if ((COMP_CWORD < 2)); then
+        _taskman_words 'get info top stop clean --help -h --version'
+        return
+    fi
+    ! _taskman_value "${COMP_WORDS[COMP_CWORD - 1]}" || return 0
+    local options='-h --help'
+    case ${COMP_WORDS[1]} in
+    get)
+        options+=' -i --input -o --output -d --dir -f --force -s --skip-existing --sha256'
+        options+=' --keep-part --failed --size --format -j --jobs --tries --wait --timeout'
+        options+=' -x --proxy --worker --json -q --quiet -v --verbose --progress --color'
+        ;;
+    info) options+=' --size --json --url -x --proxy --worker' ;;
+    top) options+=' --once --json' ;;
+    stop)
+        options+=' --all'
+        [[ ${COMP_WORDS[COMP_CWORD]} == -* ]] ||
+            options=$(taskman top --json 2>/dev/null | sed -n 's/.*"id":"\([^"]*\)".*/\1/p')
+        ;;
+    clean) options+=' -n --dry-run' ;;
+    *) return ;;
+    esac
+    case ${COMP_WORDS[1]}:${COMP_WORDS[COMP_CWORD]} in
+    stop:* | *:-*) _taskman_words "$options" ;;
+    esac
+}
+
+complete -F _taskman taskman

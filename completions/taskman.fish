@@ -1,0 +1,60 @@
+# fish completion for taskman
+
+complete -c taskman -f
+complete -c taskman -s h -l help -d 'print a help message'
+
+complete -c taskman -n __fish_use_subcommand -l version -d 'print the version'
+complete -c taskman -n __fish_use_subcommand -a get -d 'download files, or the videos of pages'
+complete -c taskman -n __fish_use_subcommand -a info -d 'tell what the page of a video offers'
+complete -c taskman -n __fish_use_subcommand -a top -d 'show the tasks of running managers'
+complete -c taskman -n __fish_use_subcommand -a stop -d 'ask tasks to stop'
+complete -c taskman -n __fish_use_subcommand -a clean -d 'remove what dead managers left'
+
+function __taskman_proxies
+    printf '%s\n' none http:// socks4:// socks4a:// socks5:// socks5h://
+end
+
+set -l get -c taskman -n '__fish_seen_subcommand_from get'
+complete $get -s i -l input -rF -d 'list of more addresses'
+complete $get -s o -l output -rF -d 'name of the file'
+complete $get -s d -l dir -xa '(__fish_complete_directories)' -d 'directory for the files'
+complete $get -s f -l force -d 'replace existing files'
+complete $get -s s -l skip-existing -d 'take existing files for finished ones'
+complete $get -l sha256 -x -d 'digest of the file'
+complete $get -l keep-part -d 'keep the part of what did not finish'
+complete $get -l failed -rF -d 'list what did not finish'
+complete $get -l size -x -d 'of a page: the format closest to WxH'
+complete $get -l format -x -d 'of a page: the format of that id'
+complete $get -s j -l jobs -xa '(seq 8)' -d 'files at once'
+complete $get -l tries -xa '1 2 3' -d 'tries without a byte'
+complete $get -l wait -xa '0 1 2 3' -d 'seconds between tries'
+complete $get -l timeout -x -d 'seconds a server has to tell the size'
+complete $get -s x -l proxy -xa '(__taskman_proxies)' -d 'proxy, @FILE or none'
+complete $get -l worker -rF -d 'program of the workers'
+complete $get -l json -d 'events for programs'
+complete $get -s q -l quiet -d 'tell failures only'
+complete $get -s v -l verbose -d 'tell what the workers report, too'
+complete $get -l progress -xa 'auto bar plain none' -d 'how the progress is shown'
+complete $get -l color -xa 'auto always never' -d 'when to use colours'
+
+set -l info -c taskman -n '__fish_seen_subcommand_from info'
+complete $info -l size -x -d 'the format closest to WxH'
+complete $info -l json -d 'print one JSON object'
+complete $info -l url -d 'print just the address of the chosen format'
+complete $info -s x -l proxy -xa '(__taskman_proxies)' -d 'proxy, @FILE or none'
+complete $info -l worker -rF -d 'program of the workers'
+
+set -l top -c taskman -n '__fish_seen_subcommand_from top'
+complete $top -l once -d 'one table, also on a terminal'
+complete $top -l json -d 'once, one JSON object a line'
+
+function __taskman_ids
+    taskman top --json 2>/dev/null | string match -rg '"id":"([^"]*)"'
+end
+
+set -l stop -c taskman -n '__fish_seen_subcommand_from stop'
+complete $stop -l all -d 'every task of this user'
+complete $stop -a '(__taskman_ids)' -d task
+
+set -l clean -c taskman -n '__fish_seen_subcommand_from clean'
+complete $clean -s n -l dry-run -d 'only tell what is there'
