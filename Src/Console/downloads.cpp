@@ -185,7 +185,7 @@ std::size_t Downloads::Stop() {
         GetFile& file = *it->second;
         if (file.Now() == GetFile::Phase::kLooking) {
             // The process ends by the signal, whatever the thread does then.
-            Tell(file, file.LookedFor());
+            Tell(file, file.WithoutLook());
             unseen_.push_back(std::move(it->second));
             it = running_.erase(it);
             continue;

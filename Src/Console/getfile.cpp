@@ -98,7 +98,8 @@ std::optional<Outcome> GetFile::Begin() {
     id_ = MakeTaskID();
     if (target_ != nullptr && !target_->IsOpen()) {
         if (target_->Skips()) {
-            Run(Phase::kLast, [this] { return target_->Skip(request_.sha256); });
+            without_look_ = {EndResult::kStopped, EXIT_STATUS_STOPPED};
+            Run(Phase::kLooking, [this] { return target_->Skip(request_.sha256); });
             return std::nullopt;
         }
         std::string fault = target_->Open();
@@ -227,8 +228,8 @@ Outcome GetFile::DownloadFailure(const Event& event) const {
 // The part can go meanwhile.
 void GetFile::Look(Outcome failure) {
     target_.reset();
-    failure_ = std::move(failure);
-    Run(Phase::kLooking, [failure = failure_, address = view_.address, proxy = proxy_] {
+    without_look_ = std::move(failure);
+    Run(Phase::kLooking, [failure = without_look_, address = view_.address, proxy = proxy_] {
         Outcome outcome = failure;
         outcome.secondLook = SecondLook(address, proxy);
         return outcome;

@@ -27,8 +27,8 @@ class GetFile : private Uncopyable {
     enum class Phase {
         kIdle,     // nothing is on
         kTask,     // a task of the manager
-        kLast,     // the thread, on the file itself
-        kLooking,  // the thread, at the address
+        kLast,     // the thread, on the part
+        kLooking,  // the thread, at the address or at the file that is there: no end waits for it
     };
     Phase Now() const { return phase_; }
 
@@ -57,8 +57,8 @@ class GetFile : private Uncopyable {
     // the command is being stopped.
     std::optional<Outcome> NoteEnd(const Event& event, bool stopping);
 
-    // The end, in the phase kLooking: what is known without the look.
-    const Outcome& LookedFor() const { return failure_; }
+    // In the phase kLooking: the end without what the look finds.
+    const Outcome& WithoutLook() const { return without_look_; }
 
     // Seconds that its task has taken.
     double Seconds() const { return seconds_; }
@@ -89,7 +89,7 @@ class GetFile : private Uncopyable {
     std::string id_{};
     FileView view_{};
     double seconds_ = 0;
-    Outcome failure_{};
+    Outcome without_look_{};
     Phase phase_ = Phase::kIdle;
     std::thread thread_{};
 };

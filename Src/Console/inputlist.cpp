@@ -134,7 +134,7 @@ void InputList::Close() {
 }
 
 std::string FailedList::Open(const std::string& path) {
-    auto target = std::make_unique<Target>(path, Existing::kReplace);
+    auto target = std::make_unique<Target>(path, Existing::kReplace, true);
     std::string fault = target->Open();
     if (fault.empty() && ftruncate(target->Part(), 0) != 0) {
         fault = "cannot write " + target->PartPath() + ": " + std::strerror(errno);
