@@ -210,7 +210,7 @@ void Downloads::Abandon() {
 void Downloads::Finish() {
     list_.Finish();
     if (next_ != nullptr) failed_.Add(next_->Asked());
-    for (Request request; failed_.IsOpen() && TakeRequest(request);) failed_.Add(request);
+    for (Request request; failed_.IsOpen() && TakeRequest(request);) failed_.Add(request, true);
     const std::string fault = failed_.Close();
     if (fault.empty()) return;
     display_.Note("taskman: " + text::Printable(fault));

@@ -143,7 +143,7 @@ std::string FailedList::Open(const std::string& path) {
     return fault;
 }
 
-void FailedList::Add(const Request& request) {
+void FailedList::Add(const Request& request, bool more) {
     if (!IsOpen() || request.address.empty()) return;
     std::string line = request.address;
     // A column more is written only when it says something.
@@ -152,11 +152,17 @@ void FailedList::Add(const Request& request) {
     const Request back = ReadListLine(line);
     const bool expressed = line.find('\n') == std::string::npos &&
                            back.address == request.address && back.name == request.name;
-    if (expressed && !WriteAll(target_->Part(), line + "\n")) written_ = false;
+    if (expressed) lines_ += line + "\n";
+    if (!more || lines_.size() > kBlock) Write();
+}
+
+void FailedList::Write() {
+    if (!WriteAll(target_->Part(), std::exchange(lines_, {}))) written_ = false;
 }
 
 std::string FailedList::Close() {
     if (!IsOpen()) return "";
+    Write();
     const std::unique_ptr<Target> target = std::move(target_);
     if (!written_) return "cannot write all of " + target->PartPath();
     return target->Store(-1, "").reason;

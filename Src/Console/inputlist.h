@@ -63,15 +63,19 @@ class FailedList {
     std::string Open(const std::string& path);
     bool IsOpen() const { return target_ != nullptr; }
 
-    // Adds what the form can express. Does nothing while no list is open.
-    void Add(const Request& request);
+    // Adds what the form can express. Does nothing while no list is open. `more`: others follow at
+    // once, so the line may wait for them.
+    void Add(const Request& request, bool more = false);
 
     // Completes the list. Returns the fault in one line; empty when it is done or none is open.
     std::string Close();
 
   private:
+    void Write();
+
     std::unique_ptr<Target> target_{};
-    bool written_ = true;  // all lines so far
+    std::string lines_{};  // not written yet
+    bool written_ = true;  // all others
 };
 
 // The request of one line; one without an address and a fault for lines that say nothing.
