@@ -322,7 +322,7 @@ TEST(DisplayForm, AReaderThatTakesNothingDelaysNoEnd) {
     WriteFile(run.Path("list"), list);
     run.Start({"--json", "-ilist"}, 0, ends[1]);
     int held = 0;
-    EXPECT_TRUE(WaitUntil([&] { return ioctl(ends[0], FIONREAD, &held) == 0 && held > 60'000; }));
+    EXPECT_TRUE(WaitUntil([&] { return ioctl(ends[0], FIONREAD, &held) == 0 && held > 50'000; }));
     run.Signal(SIGINT);
     EXPECT_EQ(run.End(), "signal 2");
     for (const int end : ends) close(end);
