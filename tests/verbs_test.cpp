@@ -1,0 +1,209 @@
+// The verbs that look after managers: top, stop and clean; and what they may meet in a section.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <semaphore.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+
+#include "TaskMan/taskcontext.h"
+#include "common/fieldtext.h"
+#include "support/command_run.h"
+#include "support/http_server.h"
+
+using namespace test_support;
+
+namespace {
+
+// Shared memory of its own for this program and what it starts: the verbs mean all managers of the
+// user, and other tests have some.
+class OwnSharedMemory : public testing::Environment {
+    void SetUp() override {
+        const std::string user = std::to_string(getuid()), group = std::to_string(getgid());
+        if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) {
+            WriteFile("/proc/self/setgroups", "deny");
+            WriteFile("/proc/self/uid_map", user + " " + user + " 1");
+            WriteFile("/proc/self/gid_map", group + " " + group + " 1");
+        }
+        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+        if (mount("none", "/dev/shm", "tmpfs", 0, "mode=1777") != 0) GTEST_SKIP();
+    }
+};
+const auto* const g_environment = testing::AddGlobalTestEnvironment(new OwnSharedMemory);
+
+// How the verb ended and what it wrote.
+std::string Verb(const std::string& verb, const std::vector<std::string>& arguments) {
+    CommandRun run(verb);
+    run.Start(arguments);
+    const std::string end = run.End();
+    return end + "\n" + run.Out() + run.Err();
+}
+
+bool Has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// What top tells of the task with that name; of none, null.
+nlohmann::json Task(const std::string& name) {
+    std::istringstream lines(Verb("top", {"--json"}));
+    std::string line;
+    for (std::getline(lines, line); std::getline(lines, line);) {
+        nlohmann::json task = nlohmann::json::parse(line);
+        if (task["event"] == "task" && task["name"] == name) return task;
+    }
+    return {{"state", nullptr}};
+}
+
+bool Reaches(const std::string& name, const std::string& state) {
+    return WaitUntil([&] { return Task(name)["state"] == state; });
+}
+
+Reply Slowly(const std::string& request, std::size_t) {
+    if (Has(request, "/silent")) return Reply().Silence();
+    return Reply::Head("10000000").Stream(100000);
+}
+
+// The section of a manager, attached as long as the object lives.
+struct Section {
+    explicit Section(const std::string& ofName) : name(ofName) {
+        InitShareMem(&handle, name.c_str());
+    }
+    ~Section() {
+        UnInitShareMem(&handle, name.c_str());
+        close(handle.hShm);
+    }
+    bool IsThere() const { return FileExists("/dev/shm/" + name); }
+    tagTaskContext& Fill(int index, const std::string& id, const std::string& path) {
+        tagTaskContext& slot = *SlotAt(handle, index);
+        CopySlot(&slot, TestBytes(TASK_SLOT_SIZE).data());
+        SetField(slot.szTaskID, id);
+        SetField(slot.szFilePath, path);
+        slot.nCmd = TASK_CMD_DOWNLOAD;
+        return slot;
+    }
+
+    const std::string name;
+    tagVideoInfoSection handle{};
+};
+
+std::string NameForTheDead() {
+    const pid_t pid = fork();
+    if (pid == 0) _exit(0);
+    waitpid(pid, nullptr, 0);
+    return SectionName(pid);
+}
+
+TEST(Clean, TakesWhatAKilledCommandLeft) {
+    HttpServer server(Slowly);
+    CommandRun get;
+    get.Start({server.Url("/slow"), server.Url("/silent")});
+    ASSERT_TRUE(Reaches("slow", "downloading") && Reaches("silent", "probing"));
+    EXPECT_GE(Task("slow")["age"], 0);
+    const pid_t worker = Task("silent")["pid"];
+    EXPECT_EQ(Verb("clean", {}), "exit 0\nnothing was left behind\n");
+    get.Signal(SIGKILL);
+    EXPECT_EQ(get.End(), "signal 9");
+    const std::string seen = Verb("clean", {"-n"});
+    for (const std::string& what : {SectionName(get.Pid()), "worker " + std::to_string(worker),
+                                    get.Path("slow.part"), get.Path("silent.part")}) {
+        EXPECT_TRUE(Has(seen, what + ": would be removed\n")) << what << " in " << seen;
+    }
+    EXPECT_EQ(get.Files(), "silent.part slow.part");
+    EXPECT_EQ(get.SharedNames().size(), 3U);
+    EXPECT_EQ(kill(worker, 0), 0);
+    EXPECT_EQ(std::regex_replace(seen, std::regex("would be "), ""), Verb("clean", {}));
+    EXPECT_EQ(get.Files(), "");
+    EXPECT_EQ(get.SharedNames().size(), 0U);
+    EXPECT_EQ(ReadFile("/proc/" + std::to_string(worker) + "/cmdline"), "");
+}
+
+TEST(Clean, BelievesNoSection) {
+    TempDir directory;
+    Section dead(NameForTheDead()), living(SectionName(getpid()));
+    int index = 0;
+    const char* const files[]{"left.part", "locked.part", "other", "link.part", "folder.part"};
+    for (const char* file : files) {
+        dead.Fill(index++, "dead-task", directory.Path(file)).nPid = getpid();
+        if (index < 4) WriteFile(directory.Path(file), "x");
+    }
+    std::filesystem::create_symlink(directory.Path("other"), directory.Path("link.part"));
+    std::filesystem::create_directory(directory.Path("folder.part"));
+    const int locked = open(directory.Path("locked.part").c_str(), O_RDWR);
+    ASSERT_EQ(flock(locked, LOCK_EX), 0);
+    dead.Fill(index++, "../no-id", directory.Path("locked.part"));
+    dead.Fill(index++, "living-task", "relative.part");
+    living.Fill(0, "living-task", "");
+    const char* const ids[]{"dead-task", "living-task", "unknown-task"};
+    for (const char* id : ids) sem_close(sem_open(id, O_CREAT, 0600, 1));
+    const std::string empty = "/dev/shm/" + NameForTheDead(), base = SHARE_MEM_NAME;
+    WriteFile(empty, "");
+    const Section strange[]{Section(base + "_"), Section(base + "_012"), Section(base + "_12x"),
+                            Section(base + "_-1"), Section(base + "_99999999999")};
+    EXPECT_EQ(Verb("clean", {}).substr(0, 7), "exit 0\n");
+    for (const char* file : files) {
+        EXPECT_EQ(FileExists(directory.Path(file)), file != files[0]) << file;
+    }
+    EXPECT_FALSE(dead.IsThere() || FileExists(empty));
+    EXPECT_TRUE(living.IsThere());  // by its mapping alone
+    for (const Section& section : strange) EXPECT_TRUE(section.IsThere()) << section.name;
+    for (const char* id : ids) {
+        EXPECT_EQ(SemaphoreValue(id), id == ids[0] ? -1 : 1) << id;
+        sem_unlink(id);
+    }
+    close(locked);
+}
+
+TEST(Top, ShowsHostileSlotsHarmlessly) {
+    Section section(SectionName(getpid()));
+    section.Fill(1, "../no-id", "");
+    tagTaskContext& slot = section.Fill(0, "hostile", "/x/\x1b[2J\n\xff\u202e.part");
+    slot.nStateBits = 0;
+    slot.dFileSize = slot.dProgress = std::nan("");
+    slot.dSpeed = -1e308;
+    slot.nControl = -1;
+    slot.nPid = getpid();  // a word of the slot, not a worker
+    const std::string table = Verb("top", {"--once", std::to_string(getpid())});
+    EXPECT_TRUE(Has(table, "hostile  probing  -     -      -    ")) << table;
+    EXPECT_TRUE(Has(table, "gone    -     download")) << table;
+    EXPECT_TRUE(Has(table, "\\x1b[2J\\x0a\\xff\\xe2\\x80\\xae\n")) << table;
+    EXPECT_TRUE(Has(Verb("top", {"--json"}), "\"name_hex\":\"1b5b324a0affe280ae\""));
+    EXPECT_EQ(Verb("top", {"1"}), "exit 1\ntaskman: no manager 1\n");
+    for (const char key : {'q', '\x03'}) {
+        CommandRun live("top");
+        live.Start({}, 40, STDERR_FILENO);
+        EXPECT_TRUE(live.Says("1 task of 1 manager") && live.Says("probing"));
+        live.Type(key);
+        EXPECT_EQ(live.End(), key == 'q' ? "exit 0" : "signal 2");
+    }
+}
+
+TEST(Stop, AsksTheTasksThatAreNamed) {
+    HttpServer server(Slowly);
+    CommandRun one, two;
+    one.Start({server.Url("/one")});
+    ASSERT_TRUE(Reaches("one", "downloading"));
+    const std::string id = Task("one")["id"].get<std::string>();
+    two.Start({server.Url("/two"), server.Url("/silent")});
+    ASSERT_TRUE(Reaches("two", "downloading") && Reaches("silent", "probing"));
+    EXPECT_EQ(Verb("stop", {"no-such"}), "exit 1\ntaskman: no task no-such\n");
+    const std::string common = Task("two")["id"].get<std::string>().substr(0, 8);
+    EXPECT_EQ(Verb("stop", {common}), "exit 1\ntaskman: 2 tasks begin with " + common + "\n");
+    EXPECT_TRUE(Has(Verb("stop", {}), "exit 2\n"));
+    EXPECT_TRUE(Has(Verb("stop", {"--all", id}), "exit 2\n"));
+    EXPECT_EQ(Verb("stop", {id.substr(0, 16)}), "exit 0\nasked to stop " + id + "\n");
+    EXPECT_EQ(one.End(), "exit 6");
+    EXPECT_EQ(Task("two")["state"], "downloading");
+    EXPECT_TRUE(Has(Verb("stop", {"--all"}), "exit 0\nasked to stop "));
+    EXPECT_EQ(two.End(), "exit 6");  // a worker that asks for the size is killed in the end
+    EXPECT_EQ(Verb("stop", {"--all"}), "exit 0\nno task runs\n");
+}
+
+}  // namespace
