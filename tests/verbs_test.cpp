@@ -5,6 +5,7 @@
 #include <semaphore.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -127,7 +128,11 @@ TEST(Clean, TakesWhatAKilledCommandLeft) {
 
 TEST(Clean, BelievesNoSection) {
     TempDir directory;
-    Section dead(NameForTheDead()), living(SectionName(getpid()));
+    Section dead(NameForTheDead()), reused(SectionName(getppid())), living(SectionName(getpid()));
+    for (const Section* section : {&reused, &living}) {
+        const timespec longAgo[2]{};
+        futimens(section->handle.hShm, longAgo);
+    }
     int index = 0;
     const char* const files[]{"left.part", "locked.part", "other", "link.part", "folder.part"};
     for (const char* file : files) {
@@ -151,7 +156,7 @@ TEST(Clean, BelievesNoSection) {
     for (const char* file : files) {
         EXPECT_EQ(FileExists(directory.Path(file)), file != files[0]) << file;
     }
-    EXPECT_FALSE(dead.IsThere() || FileExists(empty));
+    EXPECT_FALSE(dead.IsThere() || reused.IsThere() || FileExists(empty));
     EXPECT_TRUE(living.IsThere());  // by its mapping alone
     for (const Section& section : strange) EXPECT_TRUE(section.IsThere()) << section.name;
     for (const char* id : ids) {

@@ -81,7 +81,7 @@ bool OtherSection::Lives() const {
     const bool exists = pid_ != getpid() && !platform::ProcessWatch(pid_).Gone();
     struct stat status {};
     if (exists && fstat(descriptor_, &status) == 0 &&
-        std::time(nullptr) - std::max(status.st_mtime, status.st_ctime) < kYoungSeconds) {
+        std::time(nullptr) - status.st_mtime < kYoungSeconds) {
         return true;
     }
     for (int tries = 0; tries < kLockTries; ++tries) {
