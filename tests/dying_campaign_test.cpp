@@ -17,7 +17,10 @@ struct Fault {
 };
 
 const Fault kFaults[] = {
+    {"stopped with the lock", "claim,lock,stop", {7}},
+    {"stopped with lock and final code", "claim,lock,finish,stop", {3}},
     {"none", "/file", {3}},
+    {"none, for longer", "/long", {3}},
     {"404", "/none", {7}},
     {"reset", "/reset", {7}},
     {"reset within the body", "/cut", {3}},
@@ -33,8 +36,6 @@ const Fault kFaults[] = {
     {"killed with lock and final code", "claim,lock,finish,kill", {3}},
     {"killed after the final code", "claim,lock,finish,unlock,kill", {3}},
     {"killed with the lock after it", "claim,lock,finish,unlock,lock,kill", {3}},
-    {"stopped with the lock", "claim,lock,stop", {7}},
-    {"stopped with lock and final code", "claim,lock,finish,stop", {3}},
 };
 
 struct Fate {
@@ -53,6 +54,7 @@ Reply Serve(const std::string& request, std::size_t number, const std::string& b
     if (asks("/none")) return Reply::Status(404, "nothing");
     if (asks("/reset")) return Reply().Reset();
     if (asks("/silent")) return Reply().Silence();
+    if (asks("/long")) return Reply::Head(length).Send(body, body.size() / 8);
     if (asks("/slow")) return Reply::Head(length).Send(body, body.size());
     if (asks("/cut") && number % 2 == 0) {
         return Reply::Head(length, body.substr(0, 9000)).Pause(milliseconds(30)).Reset();
@@ -77,28 +79,37 @@ Fate Try(Campaign& campaign, const HttpServer& server, const Fault& fault, std::
     return {&fault, &course};
 }
 
-// The promise: 3 s after the death, 8 s while a stopped worker has its lock. Machines that do other
-// things as well get more.
+// Whether a stopped worker had its lock between the death and the callback.
+bool BehindStopped(const Fate& fate, const std::vector<Fate>& fates) {
+    return std::any_of(fates.begin(), fates.end(), [&](const Fate& other) {
+        return other.Stopped() && other.course->added < fate.course->ended &&
+               other.course->ended > fate.course->died;
+    });
+}
+
+// The promise: 3 s after the death, 8 s behind a stopped worker. Machines that do other things as
+// well get more.
 void ExpectInTime(const std::vector<Fate>& fates) {
     for (const Fate& fate : fates) {
-        const bool stopped = std::any_of(fates.begin(), fates.end(), [&](const Fate& other) {
-            return other.Stopped() && other.course->added < fate.course->ended &&
-                   other.course->ended > fate.course->died;
-        });
-        EXPECT_LE(fate.Delay(), (stopped ? 8.0 : 3.0) * Setting("PATIENCE", 5))
-            << fate.fault->name << (stopped ? ", with a stopped worker" : "");
+        const double promised = BehindStopped(fate, fates) ? 8.0 : 3.0;
+        EXPECT_LE(fate.Delay(), promised * Setting("PATIENCE", 5)) << fate.fault->name;
     }
 }
 
 void PrintFigures(const char* name, const std::vector<Fate>& fates, const Fault* fault) {
-    std::vector<double> delays;
-    for (const Fate& fate : fates) {
-        if (fault == nullptr || fate.fault == fault) delays.push_back(fate.Delay());
+    std::printf("| %-32s |", name);
+    for (const bool behind : {false, true}) {
+        std::vector<double> delays;
+        for (const Fate& fate : fates) {
+            if (fault != nullptr && fate.fault != fault) continue;
+            if (BehindStopped(fate, fates) == behind) delays.push_back(fate.Delay());
+        }
+        std::printf(" %4zu |", delays.size());
+        if (delays.empty()) delays.push_back(0.0);
+        std::sort(delays.begin(), delays.end());
+        std::printf(" %5.2f | %5.2f |", delays[delays.size() / 2], delays.back());
     }
-    std::sort(delays.begin(), delays.end());
-    if (delays.empty()) return;
-    std::printf("| %-32s | %4zu | %5.2f | %5.2f |\n", name, delays.size(),
-                delays[delays.size() / 2], delays.back());
+    std::printf("\n");
 }
 
 TEST(DyingWorkers, EndTheirOwnTaskOnly) {
@@ -117,7 +128,9 @@ TEST(DyingWorkers, EndTheirOwnTaskOnly) {
     };
     InParallel(fates.size(), tryOne, TASK_SLOT_COUNT);
     SetTaskLimits({});
-    std::printf("| death to final callback, s         | runs |  med. |  max. |\n");
+    std::printf(
+        "Seconds from death to final callback; right: behind a stopped worker\n"
+        "| fault                            | runs | med.  | max.  | runs | med.  | max.  |\n");
     for (const Fault& fault : kFaults) PrintFigures(fault.name, fates, &fault);
     PrintFigures("all", fates, nullptr);
     ExpectInTime(fates);

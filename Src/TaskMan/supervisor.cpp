@@ -74,6 +74,13 @@ void NoteClaim(Watch& watch, const tagTaskContext& slot, Clock::time_point now) 
     watch.claimedAt = now;
 }
 
+// The scanner, which takes these codes, may be held up by another task's lock meanwhile.
+void NoteAnswer(Watch& watch, const tagTaskContext& slot) {
+    constexpr std::uint32_t answers =
+        1U << DOWNLOAD_STATE_FILE_SIZE | 1U << DOWNLOAD_STATE_DOWNLOAD_START;
+    if (CarriesId(slot, watch) && (slot.nStateBits & answers) != 0) watch.bAnswered = true;
+}
+
 void StoreStop(Watch& watch, tagTaskContext& slot) {
     if (!watch.bStopAsked || watch.bStopStored || !CarriesId(slot, watch)) return;
     StoreControl(slot, TASK_CONTROL_STOP);
@@ -130,6 +137,7 @@ void Inspect(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
         NoteEnded(watch, now);
     } else {
         NoteClaim(watch, *slot, now);
+        NoteAnswer(watch, *slot);
         NoteStrangersStop(watch, *slot, now);
         StoreStop(watch, *slot);
     }
