@@ -28,16 +28,20 @@ TEST(DeadManager, LeavesNothingBehindTheNextOne) {
         std::minstd_rand random = Random(round);
         // The next manager is offered other files of the same names.
         std::atomic<bool> dies{true};
+        const milliseconds pause(random() % 4000);
         HttpServer server([&](const std::string& request, std::size_t) {
             const auto asks = [&](const char* path) {
                 return dies && request.find(path) != std::string::npos;
             };
             const std::string size = std::to_string(body.size());
-            if (asks("/silent")) return Reply().Silence();
+            if (asks("/late")) {
+                return Reply().Pause(pause).Send("HTTP/1.1 200 OK\r\nContent-Length: " + size +
+                                                 "\r\n\r\n" + body);
+            }
             if (asks("/stalled")) return Reply::Head(size, body.substr(0, 60000)).Silence();
             return Reply::Head(size).Send(dies ? body : later, asks("/slow") ? 150000 : 0);
         });
-        const std::string files[] = {"quick", "silent", "slow", "slow2", "stalled"};
+        const std::string files[] = {"late", "quick", "slow", "slow2", "stalled"};
         CommandRun dead;
         std::vector<std::string> arguments{"-j5", "-d", dead.Path("")};
         for (const std::string& file : files) arguments.push_back(server.Url("/" + file));
@@ -63,7 +67,7 @@ TEST(DeadManager, LeavesNothingBehindTheNextOne) {
         for (const auto& [file, bytes] : expected) {
             EXPECT_TRUE(bytes == ReadFile(dead.Path(file))) << file << "\n" << next.Err();
         }
-        EXPECT_EQ("quick silent slow slow2 stalled", dead.Files());
+        EXPECT_EQ("late quick slow slow2 stalled", dead.Files());
     };
     const std::size_t kills = Setting("KILLS", 10);
     InParallel(kills, killOne, 5);
