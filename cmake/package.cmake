@@ -7,9 +7,10 @@ set(documents ${CMAKE_INSTALL_DATADIR}/doc/taskman)
 install(FILES cmake/debian/copyright DESTINATION ${documents})
 install_compressed(cmake/debian/changelog changelog ${documents})
 # CMake strips programs only.
+install(CODE "set(libraries ${CMAKE_INSTALL_LIBDIR})")
 install(CODE [[
   if(CMAKE_INSTALL_DO_STRIP)
-    file(GLOB_RECURSE archives $ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/libtaskman_*.a)
+    file(GLOB archives $ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/${libraries}/libtaskman_*.a)
     execute_process(COMMAND strip --strip-debug ${archives} COMMAND_ERROR_IS_FATAL ANY)
   endif()
 ]])
