@@ -3,19 +3,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 #include "Console/display.h"
 #include "Console/outcome.h"
 #include "Console/text.h"
 #include "TaskMan/othermanagers.h"
-#include "TaskMan/taskcontext.h"
 
 namespace {
-
-// A worker that takes its task reads its slot and writes all of it back, within far less.
-constexpr std::chrono::milliseconds kClaimTime{100};
 
 std::vector<OtherTask> WithId(const std::vector<OtherTask>& tasks, const std::string& id) {
     const auto take = [&tasks](auto matches) {
@@ -48,39 +42,18 @@ std::vector<OtherTask> Named(const StopOptions& options, std::string& faults) {
     return named;
 }
 
-bool IsSame(const OtherTask& one, const OtherTask& other) {
-    return one.nManagerPid == other.nManagerPid && one.nTaskIndex == other.nTaskIndex &&
-           one.id == other.id;
-}
-
-// A worker that took its task at that very moment has written the old word over the new one.
-void AskAgain(const std::vector<OtherTask>& asked) {
-    if (asked.empty()) return;
-    std::this_thread::sleep_for(kClaimTime);
-    for (const OtherTask& task : ListTasks()) {
-        if (task.nControl != TASK_CONTROL_STOP &&
-            std::any_of(asked.begin(), asked.end(),
-                        [&task](const OtherTask& other) { return IsSame(task, other); })) {
-            StopOtherTask(task);
-        }
-    }
-}
-
 }  // namespace
 
 int RunStop(const StopOptions& options) {
     std::string faults;
     std::string told;
-    std::vector<OtherTask> asked;
     for (const OtherTask& task : Named(options, faults)) {
         if (StopOtherTask(task)) {
             told += "asked to stop " + task.id + "\n";
-            asked.push_back(task);
         } else if (!options.all) {
             faults += "taskman: no task " + task.id + "\n";
         }
     }
-    AskAgain(asked);
     if (told.empty() && faults.empty()) told = "no task runs\n";
     const bool written = WriteAll(STDOUT_FILENO, told) && WriteAll(STDERR_FILENO, faults);
     return faults.empty() && written ? EXIT_STATUS_FINISHED : EXIT_STATUS_FAILED;

@@ -8,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "TaskMan/orphans.h"
 #include "TaskMan/watch.h"
 #include "common/AutoLock.h"
 #include "common/thread.h"
@@ -78,6 +79,7 @@ void* RunDiskWatch(void* /*argument*/) {
             Perform(look);
             Finish(look);
         }
+        EndOrphans(Clock::now());
         std::this_thread::sleep_for(kTick);
     }
     g_disk_watch_runs = false;

@@ -2,7 +2,8 @@
 // worker. A worker whose try has received bytes has all its tries again, so that a disk that is
 // full, or a server that breaks off each time, would keep it at work for ever.
 //
-// It has a thread of its own: a file system may take its time, and then only this thread waits.
+// It has a thread of its own: a file system may take its time, and then only this thread waits. So
+// the second sweep of what dead managers have left is its work as well.
 #pragma once
 
 #include <cstdint>

@@ -8,7 +8,6 @@
 #include <thread>
 #include <utility>
 
-#include "TaskMan/orphans.h"
 #include "TaskMan/watch.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
@@ -243,7 +242,6 @@ void* RunSupervisor(void* /*argument*/) {
         }
         // One that found the map empty may have ended just when a task came.
         if (scannerNeeded && !g_Exit) StartScanner();
-        EndOrphans(Clock::now());
         std::this_thread::sleep_for(kTick);
     }
     return nullptr;

@@ -25,6 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kSecondSweep = 3s;   // after the first
 constexpr auto kKillPatience = 1s;  // for orphans that were killed
+constexpr auto kLockPatience = 2s;  // for a task's lock, held for the copy of one slot
 constexpr auto kPoll = 10ms;
 
 // All sections of this user, by whether their managers live.
@@ -185,7 +186,20 @@ std::vector<OtherTask> ListTasks() {
 
 bool StopOtherTask(const OtherTask& task) {
     const OtherSection section(task.nManagerPid, O_RDWR);
-    return section.IsOpen() && section.StoreStop(task.nTaskIndex, task.id);
+    if (!section.IsOpen()) return false;
+    sem_t* lock = sem_open(task.id.c_str(), 0);
+    if (lock == SEM_FAILED) return false;
+    // Without the lock the word may be lost to a worker that takes its task just now, or meet the
+    // next task of the slot. Who keeps it for so long stands still and does neither.
+    const Clock::time_point deadline = Clock::now() + kLockPatience;
+    bool locked = false;
+    while (!(locked = sem_trywait(lock) == 0) && Clock::now() < deadline) {
+        std::this_thread::sleep_for(kPoll);
+    }
+    const bool stored = section.StoreStop(task.nTaskIndex, task.id);
+    if (locked) sem_post(lock);
+    sem_close(lock);
+    return stored;
 }
 
 std::vector<WorkerProcess> ListWorkers() {

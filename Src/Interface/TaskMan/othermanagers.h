@@ -4,7 +4,8 @@
 // mapped. One that was killed leaves its section, the locks of its tasks, half a file for each
 // download, and workers that go on for nobody.
 //
-// Any thread of any process may call. Nothing here waits for a lock or creates a name. What stands
+// Any thread of any process may call. Nothing here creates a name or waits
+// long for a lock. What stands
 // in a section is another process's word: ids and paths are checked, process ids never acted on.
 #pragma once
 
@@ -37,8 +38,8 @@ std::vector<int> ListManagers();
 // Their tasks, in the order of managers and slots.
 std::vector<OtherTask> ListTasks();
 
-// Asks the task to stop, by the word in its slot. False when the slot does not carry its id any
-// more; the task has ended then.
+// Asks the task to stop, by the word in its slot, under its lock if that can be had within two
+// seconds. False when the slot does not carry its id any more; the task has ended then.
 bool StopOtherTask(const OtherTask& task);
 
 // A process of this user that was started like a worker: with a task id, a slot and a process id.
