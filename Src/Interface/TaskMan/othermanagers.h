@@ -4,9 +4,9 @@
 // mapped. One that was killed leaves its section, the locks of its tasks, half a file for each
 // download, and workers that go on for nobody.
 //
-// Any thread of any process may call. Nothing here creates a name or waits
-// long for a lock. What stands
-// in a section is another process's word: ids and paths are checked, process ids never acted on.
+// Any thread of any process may call. Nothing here creates a name or waits long for a lock. What
+// stands in a section is another process's word: ids and paths are checked, process ids never acted
+// on.
 #pragma once
 
 #include <sys/types.h>
