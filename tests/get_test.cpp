@@ -55,25 +55,24 @@ TEST(GetName, IsSafeWhateverTheAddressSays) {
 }
 
 TEST(GetAddress, MustBeHttpWithAHost) {
-    for (const char* good : {"http://h", "HTTPS://h/x", "http://[::1]:80/?a"}) {
+    const std::string longest = "http://h/" + std::string(1023 - 9, 'x');
+    for (const std::string& good : {std::string("HTTPS://h"), longest}) {
         EXPECT_EQ(AddressFault(good), "") << good;
     }
+    const std::string tooLong = longest + "x";
     for (const char* bad : {"", "h/x", "ftp://h/x", "http:/h", "http://", "http:///x", "httpx://h",
-                            "http://h/a b", "http://h/\r\nX: y", "file:///etc/passwd"}) {
+                            "http://h/a b", "http://h/\r\nX: y", tooLong.c_str()}) {
         EXPECT_NE(AddressFault(bad), "") << bad;
     }
-    EXPECT_EQ(AddressFault("http://h/" + std::string(1023 - 9, 'x')), "");
-    EXPECT_NE(AddressFault("http://h/" + std::string(1024 - 9, 'x')), "");
 }
 
 TEST(GetProxy, IsReadFromItsAddress) {
-    struct Row {
+    const struct {
         const char* address;
         std::int32_t type;
         const char *host, *user, *password;
         std::int32_t port;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"h:8080", 0, "h", "", "", 8080},
         {"http://h/", 0, "h", "", "", 1080},
         {"socks4://u@h:1", 4, "h", "u", "", 1},
@@ -81,7 +80,7 @@ TEST(GetProxy, IsReadFromItsAddress) {
         {"socks5://u:p%40%3A%25@[::1]:9", 5, "[::1]", "u", "p@:%", 9},
         {"socks5h://u:a@b:c@h", 7, "h", "u", "a@b:c", 1080},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         Proxy proxy;
         ASSERT_EQ(ParseProxy(row.address, proxy), "") << row.address;
         EXPECT_EQ(std::tie(proxy.type, proxy.host, proxy.user, proxy.password, proxy.port),
@@ -89,13 +88,10 @@ TEST(GetProxy, IsReadFromItsAddress) {
             << row.address;
     }
     const std::string longText(128, 'x');
-    for (const std::string& bad :
-         {std::string(), std::string("ftp://h"), std::string("h:0"), std::string("h:65536"),
-          std::string("h:"), std::string("h:8x"), std::string("http://:p@h"),
-          std::string("u%3Ax:p@h"), std::string("u%00:p@h"), longText, longText + ":p@h"}) {
+    for (const char* bad : {"", "ftp://h", "h:0", "h:65536", "h:", "h:8x", "http://:p@h",
+                            "u%3Ax:p@h", "u%00:p@h", longText.c_str()}) {
         Proxy proxy;
-        const std::string fault = ParseProxy(bad, proxy);
-        EXPECT_NE(fault, "") << bad;
+        EXPECT_NE(ParseProxy(bad, proxy), "") << bad;
         EXPECT_EQ(proxy.host, "") << bad;
     }
 }
@@ -111,7 +107,6 @@ TEST(GetProxy, ComesFromAFileOrTheEnvironment) {
         {"", "http://h", {}, ""},
         {"", "http://h", {"http_proxy=p:1", "all_proxy=a"}, "p"},
         {"", "HTTPS://h", {"http_proxy=p", "HTTPS_PROXY=s", "all_proxy=a"}, "s"},
-        {"", "https://h", {"https_proxy=t", "HTTPS_PROXY=s"}, "t"},
         {"", "http://h", {"HTTP_PROXY=p"}, ""},
         {"", "http://h", {"http_proxy=", "ALL_PROXY=socks5://a"}, "a"},
         {"", "http://h", {"http_proxy=ftp://u:secret@p"}, nullptr},
@@ -131,10 +126,8 @@ TEST(GetProxy, ComesFromAFileOrTheEnvironment) {
         for (const char* name : names) unsetenv(name);
         for (const std::string& set : row.environment) putenv(const_cast<char*>(set.c_str()));
         ProxyRules rules;
-        const std::string given = row.given;
-        if (given[0] == '@') {
-            EXPECT_EQ(rules.Give("@" + directory.Path(given.substr(1))), "");
-        } else if (!given.empty()) {
+        const std::string given = *row.given == '@' ? "@" + directory.Path("proxy") : row.given;
+        if (!given.empty()) {
             EXPECT_EQ(rules.Give(given), "");
         }
         Proxy proxy;
@@ -142,7 +135,6 @@ TEST(GetProxy, ComesFromAFileOrTheEnvironment) {
         EXPECT_EQ(fault.empty(), row.host != nullptr) << fault;
         EXPECT_EQ(fault.find("secret"), std::string::npos);
         EXPECT_EQ(proxy.host, row.host == nullptr ? "" : row.host);
-        for (const char* name : names) unsetenv(name);
     }
     EXPECT_NE(ProxyRules().Give("@" + directory.Path("missing")), "");
 }
@@ -268,7 +260,6 @@ const std::vector<Row>& Rows() {
         {"@/good @/x/good", "exit 3", "good", "refused: another URL"},
         {"-f -j1 @/good @/x/good", "exit 3", "good", "refused: another URL"},
         {"-j1 @/good.part @/good", "exit 3", "good.part", "another URL"},
-        {"-f @/good @/good.part", "exit 3", "good", "another URL"},
         {"-d none @/good", "exit 3", "", "refused: cannot create none/good.part"},
         {"-f @/good", "exit 3", "good", "not a regular file", {{"good", ""}}},
         {"@/good -o a\\b", "exit 3", "", "a backslash"},
@@ -281,7 +272,6 @@ const std::vector<Row>& Rows() {
         {"--keep-part @/short @/404", "exit 1", "short.part", "", {}, {{"short.part", "five!"}}},
         {"--tries 1 @/huge", "exit 3", "", "huge: failed: no space left for huge.part"},
         {"--wait 0 @/idle", "exit 1", "", "idle: failed: the transfer starts over"},
-        {"--timeout 1 @/silent", "exit 1", "", "silent: failed: the server did not answer in time"},
         {"@/differs", "exit 5", "", "mismatch: 50 bytes arrived, the server announced 100"},
         {"--sha256 ~ @/good", "exit 5", "",
          "good: mismatch: good.part has the SHA-256 digest ba78"},
@@ -290,7 +280,6 @@ const std::vector<Row>& Rows() {
         // Addresses, in several orders: the smallest status wins.
         {"ftp://h/x\x1b[2J", "exit 2", "", "ftp://h/x\\x1b[2J: refused: not an http"},
         {"http://h/" + std::string(1024, 'x'), "exit 2", "", "longer than 1023 bytes"},
-        {"@/good x", "exit 2", "good", "1 of 2 files finished, 1 failed"},
         {"x @/good", "exit 2", "good", "1 of 2 files finished, 1 failed"},
         {"x @/404 @/good", "exit 1", "good", "2 failed"},
         {"@/404 x", "exit 1", "", "2 failed"},
@@ -318,7 +307,6 @@ const std::vector<Row>& Rows() {
          {{"list", "@/good"}, {"x", "@/good\n"}}},
         // Usage.
         {"", "exit 2", "", "taskman get --help"},
-        {"-j 9 @/good", "exit 2", "", "--jobs"},
         {"--tries 0 @/good", "exit 2", "", "--tries"},
         {"--progress fast @/good", "exit 2", "", "auto|bar|plain|none"},
         {"--sha256 12 @/good", "exit 2", "", "64 hexadecimal digits"},
@@ -328,22 +316,15 @@ const std::vector<Row>& Rows() {
     return rows;
 }
 
-void Prepare(const GetRun& run, const Files& files) {
-    for (const auto& [name, content] : files) {
-        if (content.empty()) {
-            std::filesystem::create_directory(run.Path(name));
-        } else {
-            WriteFile(run.Path(name), Filled(content));
-        }
-    }
-}
-
 TEST(Get, EndsWithTheStatusOfItsFiles) {
     const auto look = [](std::size_t number) {
         const Row& row = Rows()[number];
         SCOPED_TRACE(row.command);
         GetRun run;
-        Prepare(run, row.before);
+        for (const auto& [name, content] : row.before) {
+            if (content.empty()) std::filesystem::create_directory(run.Path(name));
+            if (!content.empty()) WriteFile(run.Path(name), Filled(content));
+        }
         Begin(run, row.command);
         EXPECT_EQ(run.End(), row.end) << run.Err();
         EXPECT_EQ(run.Files(), row.files);
@@ -397,8 +378,6 @@ TEST(Get, FilesKeepTheirOrderAndAllComeThroughEightSlots) {
 TEST(Get, APartBelongsToOneDownload) {
     GetRun run;
     Begin(run, "@/slow");
-    GetRun late;
-    Begin(late, "@/2s");
     ASSERT_TRUE(run.Says("slow: started"));
     GetRun other;
     Begin(other, "@/good -o " + run.Path("slow"));
@@ -406,6 +385,8 @@ TEST(Get, APartBelongsToOneDownload) {
     EXPECT_NE(other.Err().find("another download writes"), std::string::npos) << other.Err();
     EXPECT_EQ(run.Files(), "slow.part");
     // What appears under the final name meanwhile stays.
+    GetRun late;
+    Begin(late, "@/2s");
     ASSERT_TRUE(late.Says("2s: started"));
     WriteFile(late.Path("2s"), "mine");
     EXPECT_EQ(late.End(), "exit 3");
@@ -489,17 +470,25 @@ TEST(Get, InterruptedItLeavesNothingButTheList) {
     EXPECT_LT(took[4], took[3]);
 }
 
-TEST(Get, NoLookHoldsUpTheEnd) {
+TEST(Get, WaitsForServersAsLongAsItMay) {
+    GetRun patient;
+    Begin(patient, "@/silent");
+    ASSERT_TRUE(patient.Says("started"));
+    GetRun hasty;
+    Begin(hasty, "--timeout 1 @/silent");
+    // A look that finds a silent server is not waited for at the end.
     HttpServer server([](const std::string&, std::size_t number) {
         return number == 0 ? Reply::Status(404, "") : Reply().Silence();
     });
-    GetRun run;
-    run.Start({"--tries=1", server.Url("/x")});
+    GetRun looking;
+    looking.Start({"--tries=1", server.Url("/x")});
     ASSERT_TRUE(WaitUntil([&server] { return server.RequestCount() == 2; }));
-    run.Signal(SIGTERM);
-    EXPECT_EQ(run.End(), "signal 15");
-    EXPECT_NE(run.Err().find("x: failed: the server offered no file"), std::string::npos);
-    EXPECT_EQ(run.Err().find("second look"), std::string::npos) << run.Err();
+    looking.Signal(SIGTERM);
+    EXPECT_EQ(looking.End(), "signal 15");
+    EXPECT_TRUE(looking.Says("x: failed: the server offered no file of known size\n"));
+    EXPECT_EQ(hasty.End(), "exit 1");
+    EXPECT_TRUE(hasty.Says("silent: failed: the server did not answer in time"));
+    EXPECT_EQ(patient.Err().find("failed"), std::string::npos) << patient.Err();
 }
 
 TEST(Get, ABrokenOutputEndsLikeSigterm) {

@@ -136,9 +136,6 @@ void InputList::Close() {
 std::string FailedList::Open(const std::string& path) {
     auto target = std::make_unique<Target>(path, Existing::kReplace, true);
     std::string fault = target->Open();
-    if (fault.empty() && ftruncate(target->Part(), 0) != 0) {
-        fault = "cannot write " + target->PartPath() + ": " + std::strerror(errno);
-    }
     if (fault.empty()) target_ = std::move(target);
     return fault;
 }
