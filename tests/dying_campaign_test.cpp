@@ -57,7 +57,7 @@ Reply Serve(const std::string& request, std::size_t number, const std::string& b
     if (asks("/long")) return Reply::Head(length).Send(body, body.size() / 8);
     if (asks("/slow")) return Reply::Head(length).Send(body, body.size());
     if (asks("/cut") && number % 2 == 0) {
-        return Reply::Head(length, body.substr(0, 9000)).Pause(milliseconds(30)).Reset();
+        return Reply::Head(length, body.substr(0, 9000)).Pause(milliseconds(300)).Reset();
     }
     return Reply::Ok(body);
 }
