@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <string_view>
@@ -34,19 +35,8 @@ std::string_view ReadHead(std::string_view answer, unsigned long long& left) {
     return answer.substr(end + 4);
 }
 
-bool WritePieces(int to, std::string_view block, std::size_t size) {
-    while (!block.empty()) {
-        const std::string_view piece = block.substr(0, size);
-        if (write(to, piece.data(), piece.size()) != static_cast<ssize_t>(piece.size())) {
-            return false;
-        }
-        block.remove_prefix(piece.size());
-    }
-    return true;
-}
-
-// Copies from `from`, behind the head of the answer, to `to`.
-bool CopyBody(int from, int to, std::size_t piece) {
+// Copies from `from`, behind the head of the answer, to `to`, in writes of at most `most` bytes.
+bool CopyBody(int from, int to, std::size_t most) {
     std::vector<char> buffer(kBuffer);
     unsigned long long left = 0;
     for (bool head = true; head || left > 0; head = false) {
@@ -54,8 +44,12 @@ bool CopyBody(int from, int to, std::size_t piece) {
         if (got <= 0) return false;
         std::string_view block(buffer.data(), static_cast<std::size_t>(got));
         if (head) block = ReadHead(block, left);
-        if (!WritePieces(to, block, piece)) return false;
         left -= block.size();
+        while (!block.empty()) {
+            const ssize_t put = write(to, block.data(), std::min(block.size(), most));
+            if (put <= 0) return false;
+            block.remove_prefix(static_cast<std::size_t>(put));
+        }
     }
     return true;
 }
