@@ -28,6 +28,7 @@ class Section {
     }
     ~Section() {
         g_TaskInfo.mutexLock = nullptr;
+        Threading::AutoLock map(&g_access_taskmap_mutex);
         for (const auto& [id, node] : g_TaskInfo_map) delete node;
         g_TaskInfo_map.clear();
         UnInitShareMem(&g_VideoInfoSection, name_.c_str());
@@ -46,7 +47,9 @@ class Section {
         node->nTaskKind = 0;
         node->pfnStateCallback = OnState;
         SetField(SlotAt(g_VideoInfoSection, index)->szTaskID, id);
+        Threading::AutoLock map(&g_access_taskmap_mutex);
         g_TaskInfo_map.emplace(id, node);
+        Threading::AutoLock count(&g_access_taskcount_mutex);
         g_TaskCount = ++g_DownloadCount;
         if (index != 0) return;
         g_TaskIndex = 0;
