@@ -48,7 +48,8 @@ struct Fate {
     bool Stopped() const { return std::string(fault->address).find("stop") != std::string::npos; }
 };
 
-Reply Serve(const std::string& request, std::size_t number, const std::string& body) {
+// `times`: how often this has been asked for, this time included.
+Reply Serve(const std::string& request, int times, const std::string& body) {
     const auto asks = [&](const char* path) { return request.find(path) != std::string::npos; };
     const std::string length = std::to_string(body.size());
     if (asks("/none")) return Reply::Status(404, "nothing");
@@ -56,17 +57,19 @@ Reply Serve(const std::string& request, std::size_t number, const std::string& b
     if (asks("/silent")) return Reply().Silence();
     if (asks("/long")) return Reply::Head(length).Send(body, body.size() / 8);
     if (asks("/slow")) return Reply::Head(length).Send(body, body.size());
-    if (asks("/cut") && number % 2 == 0) {
+    if (asks("/cut") && times == 2) {
         return Reply::Head(length, body.substr(0, 9000)).Pause(milliseconds(300)).Reset();
     }
     return Reply::Ok(body);
 }
 
-Fate Try(Campaign& campaign, const HttpServer& server, const Fault& fault, std::minstd_rand& random,
+Fate Try(Campaign& campaign, const HttpServer& server, const Fault& fault, std::size_t number,
          const std::string& body) {
     const bool real = fault.address[0] == '/';
-    Course& course = campaign.Add(real ? server.Url(fault.address) : fault.address);
+    Course& course =
+        campaign.Add(real ? server.Url(fault.address) + std::to_string(number) : fault.address);
     if (fault.killed) {
+        std::minstd_rand random = Random(number);
         SleepUpTo(random, milliseconds(1500));
         course.worker.Signal(SIGKILL);
     }
@@ -117,14 +120,18 @@ TEST(DyingWorkers, EndTheirOwnTaskOnly) {
     const std::string body = TestBytes(20000);
     Campaign campaign;
     SetTaskLimits({4, 60});
-    HttpServer server([&](const std::string& request, std::size_t number) {
-        return Serve(request, number, body);
+    std::mutex mutex;
+    std::map<std::string, int> asked;
+    HttpServer server([&](const std::string& request, std::size_t) {
+        std::unique_lock hold(mutex);
+        const int times = ++asked[request.substr(0, request.find('\r'))];
+        hold.unlock();
+        return Serve(request, times, body);
     });
     const auto tryOne = [&](std::size_t i) {
-        std::minstd_rand random = Random(i);
         // Each fault once, then by chance.
-        const std::size_t choice = (i < std::size(kFaults) ? i : random()) % std::size(kFaults);
-        fates[i] = Try(campaign, server, kFaults[choice], random, body);
+        const std::size_t choice = (i < std::size(kFaults) ? i : Random(i)()) % std::size(kFaults);
+        fates[i] = Try(campaign, server, kFaults[choice], i, body);
     };
     InParallel(fates.size(), tryOne, TASK_SLOT_COUNT);
     SetTaskLimits({});
