@@ -307,12 +307,18 @@ TEST_F(ManagerTest, StopsWhatStartsOverWithoutGettingFurther) {
     SetTaskLimits({});
 }
 
-// Another process asks a worker to stop that cannot see it.
+// Another process asks workers to stop: one that cannot see it, and one that dies before the
+// supervisor does.
 TEST_F(ManagerTest, SeesToAStrangersStop) {
     HttpServer silent({Reply().Silence()});
     const std::string id = Add(Download(silent.Url()));
-    EXPECT_TRUE(WaitUntil([&] { return silent.RequestCount() == 1; }));
-    StoreControl(*SlotAt(g_VideoInfoSection, 0), TASK_CONTROL_STOP);
+    const std::string dying = Add(Download(silent.Url()));
+    EXPECT_TRUE(WaitUntil([&] { return silent.RequestCount() == 2; }));
+    for (const int slot : {0, 1}) {
+        StoreControl(*SlotAt(g_VideoInfoSection, slot), TASK_CONTROL_STOP);
+    }
+    kill(WorkerOf(dying), SIGKILL);
+    ExpectEnd(dying, 8, "the worker died");
     ExpectEnd(id, 8, "the worker did not stop by itself");
 }
 

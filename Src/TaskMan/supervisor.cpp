@@ -131,13 +131,15 @@ void Inspect(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
     if (slot == nullptr ||
         (CarriesId(*slot, watch) && (slot->nStateBits & FINAL_STATE_BITS) != 0)) {
         NoteEnded(watch, now);
-    } else if (watch.bGone) {
+        return;
+    }
+    NoteStrangersStop(watch, *slot, now);
+    if (watch.bGone) {
         SpeakForTheDead(watch, *slot, now);
         NoteEnded(watch, now);
     } else {
         NoteClaim(watch, *slot, now);
         NoteAnswer(watch, *slot);
-        NoteStrangersStop(watch, *slot, now);
         StoreStop(watch, *slot);
     }
 }
