@@ -4,7 +4,6 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <thread>
 #include <utility>
 
@@ -21,8 +20,10 @@ constexpr auto kTick = 250ms;
 constexpr auto kEndPatience = 2s;
 constexpr double kBlock = 512;  // unit of st_blocks
 
-std::atomic<bool> g_disk_watch_ends{false};
-std::atomic<bool> g_disk_watch_runs{false};
+// Guards both: a thread that decides to end must not meet a start that counts on it.
+Threading::Mutex g_disk_watch_mutex;
+bool g_disk_watch_ends TS_GUARDED_BY(g_disk_watch_mutex) = false;
+bool g_disk_watch_runs TS_GUARDED_BY(g_disk_watch_mutex) = false;
 
 // One look at one task; a copy, because no lock is held during it.
 struct Look {
@@ -71,8 +72,20 @@ void Finish(const Look& look) {
     AskToStop(*watch);
 }
 
+bool Runs() {
+    Threading::AutoLock hold(&g_disk_watch_mutex);
+    return g_disk_watch_runs;
+}
+
+// Whether the thread is to go on; if not, it counts as ended from then on.
+bool GoesOn() {
+    Threading::AutoLock hold(&g_disk_watch_mutex);
+    if (g_disk_watch_ends) g_disk_watch_runs = false;
+    return g_disk_watch_runs;
+}
+
 void* RunDiskWatch(void* /*argument*/) {
-    while (!g_disk_watch_ends) {
+    while (GoesOn()) {
         for (int slot = 0; slot < TASK_SLOT_COUNT; ++slot) {
             Look look;
             if (!Begin(slot, look)) continue;
@@ -82,7 +95,6 @@ void* RunDiskWatch(void* /*argument*/) {
         EndOrphans(Clock::now());
         std::this_thread::sleep_for(kTick);
     }
-    g_disk_watch_runs = false;
     return nullptr;
 }
 
@@ -117,18 +129,22 @@ bool LacksSpace(const std::string& path, double size) {
 }
 
 int StartDiskWatch() {
+    Threading::AutoLock hold(&g_disk_watch_mutex);
     g_disk_watch_ends = false;
     // One that a file system has held since the last end goes on.
-    if (g_disk_watch_runs.exchange(true)) return 0;
+    if (g_disk_watch_runs) return 0;
     pthread_t thread{};
     const int error = StartThread(&thread, RunDiskWatch, nullptr, true);
-    if (error != 0) g_disk_watch_runs = false;
+    g_disk_watch_runs = error == 0;
     return error;
 }
 
 bool EndDiskWatch() {
-    g_disk_watch_ends = true;
+    {
+        Threading::AutoLock hold(&g_disk_watch_mutex);
+        g_disk_watch_ends = true;
+    }
     const Clock::time_point deadline = Clock::now() + kEndPatience;
-    while (g_disk_watch_runs && Clock::now() < deadline) std::this_thread::sleep_for(10ms);
-    return !g_disk_watch_runs;
+    while (Runs() && Clock::now() < deadline) std::this_thread::sleep_for(10ms);
+    return !Runs();
 }
