@@ -137,10 +137,11 @@ TEST(Clean, BelievesNoSection) {
         futimens(section->handle.hShm, longAgo);
     }
     int index = 0;
-    const char* const files[]{"left.part", "locked.part", "other", "link.part", "folder.part"};
+    const char* const files[]{"left.part", "locked.part", "used.part",
+                              "other",     "link.part",   "folder.part"};
     for (const char* file : files) {
         dead.Fill(index++, "dead-task", directory.Path(file)).nPid = getpid();
-        if (index < 4) WriteFile(directory.Path(file), "x");
+        if (index < 5) WriteFile(directory.Path(file), "x");
     }
     std::filesystem::create_symlink(directory.Path("other"), directory.Path("link.part"));
     std::filesystem::create_directory(directory.Path("folder.part"));
@@ -148,7 +149,7 @@ TEST(Clean, BelievesNoSection) {
     ASSERT_EQ(flock(locked, LOCK_EX), 0);
     dead.Fill(index++, "../no-id", directory.Path("locked.part"));
     dead.Fill(index++, "living-task", "relative.part");
-    living.Fill(0, "living-task", "");
+    living.Fill(0, "living-task", directory.Path("used.part"));
     const char* const ids[]{"dead-task", "living-task", "unknown-task"};
     for (const char* id : ids) sem_close(sem_open(id, O_CREAT, 0600, 1));
     const std::string empty = "/dev/shm/" + NameForTheDead(), base = SHARE_MEM_NAME;

@@ -36,7 +36,7 @@ struct Census {
     bool IsDead(int nManagerPid) const;
 
     std::set<int> living{};
-    std::set<std::string> livingIds{};  // of the tasks of living managers
+    std::vector<OtherTask> livingTasks{};
     std::vector<std::unique_ptr<OtherSection>> dead{};
     std::vector<OtherTask> deadTasks{};
 };
@@ -47,11 +47,7 @@ Census::Census() {
         if (!section->IsOpen()) continue;
         const bool lives = section->Lives();
         for (OtherTask& task : section->Tasks()) {
-            if (lives) {
-                livingIds.insert(task.id);
-            } else {
-                deadTasks.push_back(std::move(task));
-            }
+            (lives ? livingTasks : deadTasks).push_back(std::move(task));
         }
         if (lives) {
             living.insert(number);
@@ -68,12 +64,26 @@ bool Census::IsDead(int nManagerPid) const {
            platform::ProcessWatch(nManagerPid).Gone();
 }
 
+// What the tasks of living managers use.
+struct InUse {
+    explicit InUse(const std::vector<OtherTask>& tasks) {
+        for (const OtherTask& task : tasks) {
+            ids.insert(task.id);
+            paths.insert(task.path);
+        }
+    }
+
+    std::set<std::string> ids{};
+    std::set<std::string> paths{};
+};
+
 std::vector<std::string> DeadLocks(const Census& census) {
+    const InUse inUse(census.livingTasks);
     std::set<std::string> deadIds;
     for (const OtherTask& task : census.deadTasks) deadIds.insert(task.id);
     std::vector<std::string> locks;
     for (const std::string& name : platform::OwnSemaphoreNames()) {
-        if (census.livingIds.count(name) > 0) continue;
+        if (inUse.ids.count(name) > 0) continue;
         // A manager that died before it filled the slot has made the lock already.
         const int maker = ProcessOfTaskID(name);
         if (deadIds.count(name) > 0 || (maker > 0 && census.IsDead(maker))) locks.push_back(name);
@@ -134,23 +144,26 @@ void Kill(const std::vector<Orphan>& orphans) {
     }
 }
 
-// Removes the names of sections and locks: after the end of the workers, which may have made them
-// anew.
-void RemoveNames(const Census& census, const Remains& remains) {
-    for (const auto& section : census.dead) section->Remove();
+// Removes the names of locks, and of sections that late workers have made anew.
+void RemoveNames(const InUse& inUse, Remains& remains) {
+    std::erase_if(remains.locks,
+                  [&](const std::string& lock) { return inUse.ids.count(lock) > 0; });
     for (const std::string& lock : remains.locks) sem_unlink(lock.c_str());
     for (const WorkerProcess& worker : remains.workers) {
-        if (census.livingIds.count(worker.id) == 0) sem_unlink(worker.id.c_str());
+        if (inUse.ids.count(worker.id) == 0) sem_unlink(worker.id.c_str());
         const OtherSection section(worker.nManagerPid, O_RDONLY);
         if (section.IsOpen() && !section.Lives()) section.Remove();
     }
 }
 
 // Removes the parts, or only looks.
-void RemoveParts(const std::vector<OtherTask>& tasks, bool bLookOnly, Remains& remains) {
+void RemoveParts(const std::vector<OtherTask>& tasks, const InUse& inUse, bool bLookOnly,
+                 Remains& remains) {
     std::set<std::string> paths;
     for (const OtherTask& task : tasks) {
-        if (IsDownloadCommand(task.nCmd)) paths.insert(task.path);
+        if (IsDownloadCommand(task.nCmd) && inUse.paths.count(task.path) == 0) {
+            paths.insert(task.path);
+        }
     }
     for (const std::string& path : paths) {
         const LeftPart part(path);
@@ -229,11 +242,17 @@ Remains SweepDeadManagers(bool bLookOnly) {
     remains.locks = DeadLocks(census);
     const std::vector<Orphan> orphans = FindOrphans(census);
     for (const Orphan& orphan : orphans) remains.workers.push_back(orphan.worker);
-    if (!bLookOnly) {
-        Kill(orphans);
-        RemoveNames(census, remains);
+    if (bLookOnly) {
+        RemoveParts(census.deadTasks, InUse(census.livingTasks), true, remains);
+        return remains;
     }
-    RemoveParts(census.deadTasks, bLookOnly, remains);
+    // Names after the end of the workers, which may have made them anew.
+    Kill(orphans);
+    for (const auto& section : census.dead) section->Remove();
+    // Looked at afresh: ids and paths of the dead may have come into use meanwhile.
+    const InUse inUse(ListTasks());
+    RemoveNames(inUse, remains);
+    RemoveParts(census.deadTasks, inUse, false, remains);
     return remains;
 }
 
