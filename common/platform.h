@@ -33,6 +33,10 @@ int WaitCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, int millise
 // cannot list them.
 std::vector<std::string> SharedMemoryNames();
 
+// Renames a file in one step, unless `to` is in use. Returns 0 or an error number: EEXIST when it
+// is in use; EINVAL, ENOSYS or ENOTSUP where the system or the file system has no such step.
+int RenameToNew(const char* from, const char* to);
+
 // A regular file as another process has it open.
 struct OpenFile {
     int nDescriptor = -1;              // of that process

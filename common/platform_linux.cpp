@@ -115,6 +115,11 @@ std::vector<std::string> SharedMemoryNames() {
     return names;
 }
 
+int RenameToNew(const char* from, const char* to) {
+    constexpr unsigned kNoReplace = 1;
+    return syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, kNoReplace) == 0 ? 0 : errno;
+}
+
 OpenFile LookAtOpenFile(pid_t pid, const std::string& path, int nDescriptor) {
     struct stat file {};
     struct stat open {};

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -33,6 +34,10 @@ int WaitCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, int millise
 
 std::vector<std::string> SharedMemoryNames() {
     return {};
+}
+
+int RenameToNew(const char* from, const char* to) {
+    return renamex_np(from, to, RENAME_EXCL) == 0 ? 0 : errno;
 }
 
 OpenFile LookAtOpenFile(pid_t, const std::string&, int) {

@@ -13,6 +13,7 @@
 #include "Console/digest.h"
 #include "TaskMan/othermanagers.h"
 #include "TaskMan/taskcontext.h"
+#include "common/platform.h"
 
 namespace {
 
@@ -35,23 +36,21 @@ Outcome DigestFault(int file, const std::string& path, const std::string& sha256
     return {EndResult::kMismatch, EXIT_STATUS_MISMATCH, path + " has the SHA-256 digest " + digest};
 }
 
-// Gives the file its second name and takes the first one away, unless the second is in use. Returns
-// 0 or an error number.
+// Gives the file its second name in the place of the first, unless the second is in use. Whatever
+// kills the process meanwhile, an incomplete file never has the second one. Returns 0 or an error
+// number.
 int RenameToNew(const char* from, const char* to) {
+    const int error = platform::RenameToNew(from, to);
+    if (error != EINVAL && error != ENOSYS && error != ENOTSUP) return error;
     if (link(from, to) == 0) {
         unlink(from);
         return 0;
     }
     if (errno == EEXIST || errno == ENOENT || errno == ENOSPC || errno == EDQUOT) return errno;
-    // File systems without links: an empty file made here, and by nobody else, is what the rename
-    // replaces.
-    const int place = open(to, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (place == -1) return errno;
-    close(place);
-    if (rename(from, to) == 0) return 0;
-    const int error = errno;
-    unlink(to);
-    return error;
+    // File systems without links: nothing better than to look first.
+    struct stat status {};
+    if (lstat(to, &status) == 0) return EEXIST;
+    return rename(from, to) == 0 ? 0 : errno;
 }
 
 }  // namespace
