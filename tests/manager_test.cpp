@@ -322,15 +322,6 @@ TEST_F(ManagerTest, SeesToAStrangersStop) {
     ExpectEnd(id, 8, "the worker did not stop by itself");
 }
 
-TEST_F(ManagerTest, LosesNoTaskWhenTheScannerIsJustEnding) {
-    HttpServer server({Reply::Status(404, "")});
-    for (int round = 0; round < 6; ++round) {
-        ExpectEnd(Add(Download(server.Url())), 7);
-        // The scanner ends with the pass after this one: the next task comes about then.
-        std::this_thread::sleep_for(std::chrono::milliseconds(990 + 4 * round));
-    }
-}
-
 class NoWorkerTest : public ManagerTest {
   protected:
     NoWorkerTest() : ManagerTest("/nonexistent/worker") {}
