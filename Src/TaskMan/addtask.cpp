@@ -120,17 +120,22 @@ sem_t* MakeSemaphore(Watch& watch) {
 
 // Puts the task into its slot and into the map. All in one hold of the map lock: the scanner that
 // finds the map empty clears the slots, and a counter that is raised late may be lowered before.
-void EnterTask(Watch& watch, const tagTaskInfo& taskinfo, sem_t* lock) {
+// The semaphore is made there, too: the map lock may have to be waited for, and a semaphore without
+// a slot that shows its name is one that a sweep may take for a dead manager's, or not find at all.
+// Returns 0; or the error number when there is no semaphore, nothing is entered then.
+int EnterTask(Watch& watch, const tagTaskInfo& taskinfo) {
     auto node = std::make_unique<tagTaskNode>(watch.id.c_str());
     static_cast<tagTaskInfo&>(*node) = taskinfo;
     node->nTaskIndex = watch.nTaskIndex;
     node->pCallbackParam = &watch;
     node->pfnResultCallback = OnResult;
     node->pfnStateCallback = OnState;
-    node->mutexLock = new Threading::Mutex(watch.id.c_str(), lock);
     const tagTaskContext request = SlotOf(taskinfo);
 
     Threading::AutoLock map(&g_access_taskmap_mutex);
+    sem_t* lock = MakeSemaphore(watch);
+    if (lock == nullptr) return errno;
+    node->mutexLock = new Threading::Mutex(watch.id.c_str(), lock);
     {
         Threading::AutoLock task(node->mutexLock);
         CopySlot(SlotAt(g_VideoInfoSection, watch.nTaskIndex), &request);
@@ -139,6 +144,7 @@ void EnterTask(Watch& watch, const tagTaskInfo& taskinfo, sem_t* lock) {
     Threading::AutoLock count(&g_access_taskcount_mutex);
     ++(IsParseJob(taskinfo.nCmd, taskinfo.nTaskKind) ? g_ParseCount : g_DownloadCount);
     ++g_TaskCount;
+    return 0;
 }
 
 // Runs StartProgram on a thread of its own and waits for its fork. A start that fails is known by
@@ -177,19 +183,17 @@ int AddTask(const tagTaskInfo& taskinfo, std::string& strReason) {
     if (!strReason.empty()) return -1;
     Watch* watch = TakeSlot(taskinfo, OutputPath(taskinfo), strReason);
     if (watch == nullptr) return -1;
+    const int error = EnterTask(*watch, taskinfo);
     std::string program;
-    sem_t* lock = nullptr;
     {
         Threading::AutoLock hold(&g_watch_mutex);
-        lock = MakeSemaphore(*watch);
-        if (lock == nullptr) {
-            strReason = SystemReason("cannot create the task's lock", errno);
+        if (error != 0) {
+            strReason = SystemReason("cannot create the task's lock", error);
             FreeWatch(*watch);
             return -1;
         }
         program = g_worker_path;
     }
-    EnterTask(*watch, taskinfo, lock);
     StartScanner();
     StartWorker(*watch, program);
     return 0;
