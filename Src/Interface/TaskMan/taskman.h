@@ -40,6 +40,10 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory, std:
 // is not http or https; a path that CheckTaskParam refuses or that a live task writes; a text that
 // fills its field; a ninth task; and every task for ten seconds when three workers have ended
 // within ten seconds without having taken theirs.
+//
+// The id names a semaphore, and is the application's to keep apart from those of other managers on
+// the machine: one that is in use there is taken over unseen. A path that ends in TASK_PART_ENDING
+// (othermanagers.h) is removed after a crash, unless somebody has the file locked.
 int AddTask(const tagTaskInfo& taskinfo, std::string& strReason);
 
 // Asks a task to stop. It ends with code 8, or with the code it had reached before. A worker that
@@ -61,8 +65,8 @@ void SetTaskLimits(const tagTaskLimits& limits);
 
 // What the manager knows about the way a task ended beyond its code, in one line: "the worker
 // died", for example. Empty when the worker itself reported the end, unless the manager had stopped
-// the task; the code is 8 then, and the remark one of the first two below. To be called from the
-// task's final callback; afterwards the task is forgotten.
+// the task; the code is 8 then, or a failure's, and the remark one of the first two below. To be
+// called from the task's final callback; afterwards the task is forgotten.
 constexpr const char* TASK_REMARK_NO_SPACE = "no space left for the file";
 constexpr const char* TASK_REMARK_STARTS_OVER =
     "the transfer starts over and over without getting further";
@@ -78,8 +82,8 @@ double TaskFileSize(const char* szTaskID);
 // free again when its task's final callback has returned and its worker process is gone.
 int FreeSlotCount();
 
-// Ends the manager: refuses new tasks, stops all, waits for their ends (at most 12 seconds, then as
-// much again as the scanner takes, at most 10), removes every name it made and closes the section.
+// Ends the manager: refuses new tasks, stops all, waits for their ends (at most 12 seconds, then
+// for its threads and workers, at most 13), removes every name it made and closes the section.
 // Returns 0; or -1 when no manager runs, or when a callback does not return: the names are removed
 // then too, and no manager can be started any more. A manager that still runs when the process
 // exits is ended then.
