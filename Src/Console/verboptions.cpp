@@ -1,6 +1,7 @@
 #include "Console/verboptions.h"
 
 #include <CLI/CLI.hpp>
+#include <limits>
 
 namespace {
 
@@ -52,7 +53,7 @@ CLI::App* AddTop(CLI::App& app, TopOptions& options) {
     CLI::App* verb = AddVerb(app, "top", kTopExamples, kTopExits);
     verb->add_option("PID", options.manager, "process id of the only manager to be shown")
         ->option_text(" ")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(1, std::numeric_limits<int>::max()));
     verb->add_flag("--once", options.once, "one table, also on a terminal")->option_text(" ");
     verb->add_flag("--json", options.json, "once, one JSON object a line")->option_text(" ");
     return verb;
