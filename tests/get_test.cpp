@@ -35,6 +35,7 @@ TEST(GetName, IsSafeWhateverTheAddressSays) {
         {"/a%20b%2Bc", "a b+c"},
         {"", "download"},
         {"/dir/", "download"},
+        {"/%20%20", "download"},
         {"/...%2e", "download"},
         {"/..%2F..%2Fetc%2Fpasswd", "passwd"},
         {"/%2e%2Eprofile", "profile"},

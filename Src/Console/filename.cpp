@@ -84,7 +84,7 @@ std::string NameFromAddress(std::string_view address) {
     const std::string decoded = utf8::PercentDecode(LastPart(address));
     // An encoded "/" separates like any other: "dir%2Ffile" names "file".
     const std::string name = SafeName(AfterLast(decoded, '/'), kLongestName);
-    return name.empty() ? kNoName : name;
+    return strutil::trim(name).empty() ? kNoName : name;
 }
 
 std::string NameFromTitle(const std::string& title) {
