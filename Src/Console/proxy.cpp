@@ -132,7 +132,7 @@ std::string FirstLine(const std::string& path, std::string& line) {
 std::string ParseProxy(std::string_view address, Proxy& proxy) {
     Proxy read;
     if (const std::size_t scheme = address.find("://"); scheme != std::string_view::npos) {
-        read.type = TypeOf(address.substr(0, scheme));
+        read.type = TypeOf(Lower(address.substr(0, scheme)));
         if (read.type == -1) return "the scheme must be http, socks4, socks4a, socks5 or socks5h";
         address.remove_prefix(scheme + 3);
     }
