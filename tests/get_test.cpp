@@ -157,7 +157,7 @@ TEST(GetList, ItsLinesAreRequests) {
         {std::string("http://h\tx\0y", 12), {"http://h", std::string("x\0y", 3), ""}, false},
         {"http://h\tx\t12", {"http://h", "x", "12"}, false},
         {"http://h\t\t\tx", {"http://h", "", ""}, false},
-        {"\tname", {"name", "name", ""}, false},
+        {"\tname", {"name", "", ""}, false},
     };
     for (const auto& row : rows) {
         const Request request = ReadListLine(row.line);

@@ -50,7 +50,7 @@ Request ReadListLine(std::string_view line) {
     request.name = TakeColumn(line);
     request.sha256 = Trimmed(TakeColumn(line));
     if (request.address.empty()) {
-        request.address = request.name;
+        request.address = std::exchange(request.name, "");
         request.fault = "the line begins without an address";
     } else if (!request.sha256.empty() && !IsDigest(request.sha256)) {
         request.fault = "the third column is no SHA-256 digest";
