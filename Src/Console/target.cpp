@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "Console/digest.h"
@@ -18,6 +20,8 @@
 namespace {
 
 constexpr std::size_t kLongestPath = sizeof(tagTaskInfo::szFilePath) - 1;
+constexpr int kLockTries = 5;
+constexpr std::chrono::milliseconds kLockPause{2};
 
 std::string Fault(const char* what, const std::string& path, int error) {
     return std::string(what) + " " + path + ": " + std::strerror(error);
@@ -34,6 +38,16 @@ Outcome DigestFault(int file, const std::string& path, const std::string& sha256
     if (digest.empty()) return Local(Fault("cannot read", path, errno));
     if (SameDigest(digest, sha256)) return {};
     return {EndResult::kMismatch, EXIT_STATUS_MISMATCH, path + " has the SHA-256 digest " + digest};
+}
+
+// Locks the file for this process. A sweep that looks whether a part is somebody's locks it for
+// moments, too.
+bool Lock(int file) {
+    for (int tries = 0; flock(file, LOCK_EX | LOCK_NB) != 0; ++tries) {
+        if (errno != EWOULDBLOCK || tries == kLockTries) return false;
+        std::this_thread::sleep_for(kLockPause);
+    }
+    return true;
 }
 
 // Gives the file its second name in the place of the first, unless the second is in use. Whatever
@@ -117,7 +131,7 @@ std::string Target::OpenOnce() {
     struct stat status {};
     if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
         fault = part_ + " is not a regular file";
-    } else if (flock(file, LOCK_EX | LOCK_NB) != 0) {
+    } else if (!Lock(file)) {
         fault = errno == EWOULDBLOCK ? "another download writes " + part_
                                      : Fault("cannot lock", part_, errno);
     }
