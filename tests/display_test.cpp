@@ -204,7 +204,7 @@ std::string Told(Detail detail) {
 }
 
 TEST(DisplayPlain, TellsAsMuchAsIsWanted) {
-    const std::string finished = "f: finished, 2.0 KiB in 4.0 s, 512 B/s\n";
+    const std::string finished = "f: finished, 100 % of 2.0 KiB in 4.0 s, 512 B/s\n";
     const std::string failed = "g: failed: why\\x0a (a second look: HTTP 404)\n";
     const std::string sum = "1 of 5 files finished, 1 skipped, 1 failed, 1 stopped, 1 not begun\n";
     EXPECT_EQ(Told(Detail::kFailures), failed);

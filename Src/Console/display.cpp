@@ -72,7 +72,7 @@ std::string EndLine(const FileView& file, const Outcome& outcome) {
         if (outcome.secondLook.empty()) return line;
         return line + " (a second look: " + text::Printable(outcome.secondLook) + ")";
     }
-    line += ", " + text::Size(outcome.bytes) + " in " + text::Duration(outcome.seconds);
+    line += ", 100 % of " + text::Size(outcome.bytes) + " in " + text::Duration(outcome.seconds);
     // Ends are learned once a second: for less than a few, a speed would say nothing.
     if (outcome.seconds > 2) line += ", " + text::Size(outcome.bytes / outcome.seconds) + "/s";
     return line;
