@@ -60,7 +60,7 @@ using Cells = std::vector<std::string>;
 // The columns in their order, and those that a narrow screen does without, the first one first.
 const Cells kTitles{"ID",     "STATE", "DONE",    "SPEED",   "AGE", "PID",
                     "WORKER", "SIZE",  "COMMAND", "MANAGER", "NAME"};
-const Cells kLeftOut{"MANAGER", "COMMAND", "SIZE", "PID", "AGE", "WORKER", "SPEED"};
+const Cells kLeftOut{"MANAGER", "SIZE", "COMMAND", "PID", "AGE", "WORKER", "SPEED"};
 constexpr int kGap = 2;
 constexpr int kLeastOfName = 16;
 constexpr std::size_t kLeastOfId = 8;
