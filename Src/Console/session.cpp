@@ -19,7 +19,7 @@ namespace {
 // The longest wait of the main loop: what the display shows grows no older.
 constexpr std::chrono::milliseconds kTurn{250};
 // From the first signal to an end that waits for nothing more.
-constexpr std::chrono::milliseconds kStopTime{11'400};
+constexpr std::chrono::milliseconds kStopTime{11'000};
 constexpr std::chrono::milliseconds kKillTime{500};
 
 // The worker stands beside the command where both are built, in libexec where they are installed.
