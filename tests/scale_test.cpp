@@ -25,6 +25,7 @@ constexpr const char* kSsh =
     "here=${0%/*} host=$1\n"
     "shift 2\n"
     "[ ! -e \"$here/$host-is-down\" ] || exit 255\n"
+    "export SHELL=/bin/sh\n"
     "exec setsid -w sh -c 'echo $$ >>\"$0\"; eval \"$*\"' \"$here/$host\" \"$@\"\n";
 
 std::string Content(const std::string& name) {
