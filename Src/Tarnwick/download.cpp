@@ -19,7 +19,7 @@ namespace {
 constexpr std::size_t kStreamBuffer = 8192;
 // Half the processor time per byte of libcurl's default, 16 KiB; a larger one saves no more, and it
 // is memory that every worker has of its own.
-constexpr long kReceiveBuffer = 256L * 1024;
+constexpr long kReceiveBuffer = 192L * 1024;
 
 std::size_t OnFileData(char* data, std::size_t size, std::size_t count, void* stream) noexcept {
     return KeepExceptions(kBreakOff, [&] { return process_data(data, size, count, stream); });
