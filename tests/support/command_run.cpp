@@ -11,7 +11,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 
 #include "TaskMan/taskcontext.h"
@@ -31,9 +30,9 @@ CommandRun::~CommandRun() {
 
 void CommandRun::Start(std::vector<std::string> arguments, int columns, int output) {
     arguments.insert(arguments.begin(), {TASKMAN_PATH, verb_});
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
+    std::vector<std::string> settings = Environment(environment);
+    const std::vector<char*> argv = Pointers(arguments);
+    const std::vector<char*> envp = Pointers(settings);
     const std::string out = scratch_.Path("out");
     const std::string err = scratch_.Path("err");
     const std::string directory = directory_.Path();
@@ -41,17 +40,16 @@ void CommandRun::Start(std::vector<std::string> arguments, int columns, int outp
     const winsize size{24, static_cast<unsigned short>(columns), 0, 0};
     pid_ = columns > 0 ? forkpty(&terminal_, nullptr, nullptr, &size) : fork();
     if (pid_ == 0) {
+        // Terminals of other runs among them.
+        platform::CloseDescriptorsOnExec();
         // Whoever runs the tests in the background has these ignored, and the program would
         // obey.
         for (const int number : {SIGINT, SIGHUP}) signal(number, SIG_DFL);
         if (output == -1) output = open(out.c_str(), O_WRONLY | O_CREAT, 0600);
         dup2(output, STDOUT_FILENO);
         if (input != -1) dup2(input, STDIN_FILENO);
-        // Nor may the proxy of this machine be the program's.
-        for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"}) unsetenv(name);
         if (columns == 0) dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
-        for (const std::string& setting : environment) putenv(const_cast<char*>(setting.data()));
-        if (chdir(directory.c_str()) == 0) execv(TASKMAN_PATH, argv.data());
+        if (chdir(directory.c_str()) == 0) execve(TASKMAN_PATH, argv.data(), envp.data());
         _exit(99);
     }
     if (columns > 0) reader_ = std::thread([this] { ReadTerminal(); });

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <random>
 #include <sstream>
 #include <stdexcept>
@@ -51,6 +52,28 @@ void InChild(const std::function<void()>& body) {
     int status = -1;
     waitpid(child, &status, 0);
     EXPECT_EQ(status, 0) << "as waitpid tells of the child";
+}
+
+std::vector<std::string> Environment(const std::vector<std::string>& settings) {
+    std::map<std::string, std::string> named;
+    const auto set = [&](const std::string& setting) {
+        named[setting.substr(0, setting.find('='))] = setting;
+    };
+    for (char** entry = environ; *entry != nullptr; ++entry) set(*entry);
+    for (const char* ending : {"_proxy", "_PROXY"}) {
+        std::erase_if(named, [&](const auto& entry) { return entry.first.ends_with(ending); });
+    }
+    std::for_each(settings.begin(), settings.end(), set);
+    std::vector<std::string> all;
+    for (const auto& [name, setting] : named) all.push_back(setting);
+    return all;
+}
+
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts) pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
 }
 
 std::string UniqueName(const std::string& stem) {

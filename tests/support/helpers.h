@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace test_support {
 
@@ -20,6 +21,15 @@ void InParallel(std::size_t count, const std::function<void(std::size_t)>& run,
 // Runs `body` in a forked child of a program that has one thread. What fails in the child is
 // printed there and fails the calling test, as does a child that does not end normally.
 void InChild(const std::function<void()>& body);
+
+// What a program is to be run with has to be ready before the fork: a child of a program with
+// threads may wait for ever for a lock that one of them had, that of the memory among them.
+
+// The environment of the test without its proxies, changed by each "NAME=value" of `settings`.
+std::vector<std::string> Environment(const std::vector<std::string>& settings);
+
+// `texts`, which must outlive them, as `execve` takes them.
+std::vector<char*> Pointers(std::vector<std::string>& texts);
 
 // A name that nothing else on the machine has: letters, digits and "-", at most 30 characters for a
 // stem of 4.

@@ -29,13 +29,6 @@ int ManagerNumber() {
 // nor what guards the C library's list of open semaphores. It sees this.
 std::mutex g_order;
 
-std::vector<char*> Pointers(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts) pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 }  // namespace
 
 WorkerRun::WorkerRun(int index, const std::string& id)
@@ -105,8 +98,7 @@ void WorkerRun::Start() {
     order.unlock();
     std::vector<std::string> texts{TARNWICK_PATH};
     texts.insert(texts.end(), arguments.begin(), arguments.end());
-    std::vector<std::string> settings = environment;
-    for (char** entry = environ; *entry != nullptr; ++entry) settings.emplace_back(*entry);
+    std::vector<std::string> settings = Environment(environment);
     const std::vector<char*> argv = Pointers(texts);
     const std::vector<char*> envp = Pointers(settings);
     const std::string errors = directory_.Path("stderr");

@@ -39,8 +39,8 @@ class WorkerRun {
     std::string Output() const { return directory_.Path("output"); }
     const std::string& SectionName() const { return section_; }
 
-    // What the worker gets: task id, slot index, number of the manager; and in addition to the
-    // environment of the test "NAME=value".
+    // What the worker gets: task id, slot index, number of the manager; and settings for its
+    // Environment().
     std::vector<std::string> arguments, environment;
 
     void Start();
