@@ -61,8 +61,10 @@ using Cells = std::vector<std::string>;
 const Cells kTitles{"ID",     "STATE", "DONE",    "SPEED",   "AGE", "PID",
                     "WORKER", "SIZE",  "COMMAND", "MANAGER", "NAME"};
 const Cells kLeftOut{"MANAGER", "SIZE", "COMMAND", "PID", "AGE", "WORKER", "SPEED"};
+// Between two columns; the narrow one keeps more of them on a screen.
 constexpr int kGap = 2;
-constexpr int kLeastOfName = 16;
+constexpr int kNarrowGap = 1;
+constexpr int kLeastOfName = 8;
 constexpr std::size_t kLeastOfId = 8;
 
 // The length at which no two ids are the same any more.
@@ -99,23 +101,27 @@ Cells CellsOf(const TaskRow& row) {
 }
 
 // What each column takes, the gap behind it included, in the columns of a screen.
-std::vector<int> Widths(const std::vector<Cells>& table) {
+std::vector<int> Widths(const std::vector<Cells>& table, int gap) {
     std::vector<int> widths(table.front().size(), 0);
     for (const Cells& cells : table) {
         for (std::size_t i = 0; i < cells.size(); ++i) {
-            widths[i] = std::max(widths[i], text::Width(cells[i]) + kGap);
+            widths[i] = std::max(widths[i], text::Width(cells[i]) + gap);
         }
     }
     return widths;
 }
 
-// Leaves columns out, then cuts the names, until the table is as wide as the screen.
-void Fit(std::vector<Cells>& table, int columns) {
-    const auto withoutName = [&table] {
-        const std::vector<int> widths = Widths(table);
+// Leaves columns out, then cuts the names, until the table is as wide as the screen. Returns the
+// gap that is left between columns.
+int Fit(std::vector<Cells>& table, int columns) {
+    int gap = kGap;
+    const auto withoutName = [&] {
+        const std::vector<int> widths = Widths(table, gap);
         return std::accumulate(widths.begin(), widths.end() - 1, 0);
     };
     for (const std::string& title : kLeftOut) {
+        if (withoutName() + kLeastOfName <= columns) break;
+        gap = kNarrowGap;
         if (withoutName() + kLeastOfName <= columns) break;
         const auto at = std::find(table.front().begin(), table.front().end(), title);
         const auto column = at - table.front().begin();
@@ -123,6 +129,7 @@ void Fit(std::vector<Cells>& table, int columns) {
     }
     const int room = columns - withoutName();
     for (Cells& cells : table) cells.back() = text::CutMiddle(cells.back(), room);
+    return gap;
 }
 
 nlohmann::ordered_json OrNull(std::optional<double> value) {
@@ -213,8 +220,8 @@ std::vector<std::string> TopTable(const TopView& view, int columns) {
         std::string& id = table.back().front();
         id = id.substr(0, idLength);
     }
-    if (columns > 0) Fit(table, columns);
-    const std::vector<int> widths = Widths(table);
+    const int gap = columns > 0 ? Fit(table, columns) : kGap;
+    const std::vector<int> widths = Widths(table, gap);
     std::vector<std::string> lines;
     for (const Cells& cells : table) {
         std::string line;
