@@ -107,7 +107,6 @@ TEST(Range, OneHeaderPerHandle) {
     };
     CURL* one = curl_easy_init();
     CURL* other = curl_easy_init();
-    EXPECT_EQ(Curl_SetHttpHead_Range(one, 7, 7), 0);
     EXPECT_EQ(Curl_SetHttpHead_Range(one, 1000, 499), 0);
     EXPECT_EQ(Curl_SetHttpHead_Range(other, 0, 2147483647), 0);
     EXPECT_EQ(line(one), "Range: bytes=1000-1499");

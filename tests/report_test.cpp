@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <functional>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -22,11 +21,7 @@
 
 using namespace test_support;
 
-namespace {
-
-std::int64_t g_clock = 0;  // milliseconds
-
-}  // namespace
+static std::int64_t g_clock = 0;  // milliseconds
 
 extern "C" int gettimeofday(timeval* now, void*) noexcept {
     now->tv_sec = g_clock / 1000;
@@ -52,14 +47,15 @@ TEST(Reports, AreBitsOfTheWord) {
 }
 
 TEST(Reports, WaitForTheLock) {
-    const auto value = [] { ReportValue(&tagTaskContext::dSpeed, 9.0, DOWNLOAD_STATE_SPEED); };
-    const auto code = [] { SendStateMSG(DOWNLOAD_STATE_SPEED); };
-    for (const std::function<void()>& report : {std::function(value), std::function(code)}) {
+    for (const bool value : {false, true}) {
         Job job;
         g_TaskInfo.mutexLock->Lock();
-        std::thread reporter(report);
-        EXPECT_FALSE(WaitUntil([&] { return job.Slot().bStateChanged != 0; },
-                               std::chrono::milliseconds(200)));
+        std::thread reporter([value] {
+            if (value) ReportValue(&tagTaskContext::dSpeed, 9.0, DOWNLOAD_STATE_SPEED);
+            if (!value) SendStateMSG(DOWNLOAD_STATE_SPEED);
+        });
+        const auto touched = [&] { return job.Slot().bStateChanged != 0 || job.Slot().dSpeed > 0; };
+        EXPECT_FALSE(WaitUntil(touched, std::chrono::milliseconds(200)));
         g_TaskInfo.mutexLock->UnLock();
         reporter.join();
         EXPECT_EQ(job.Slot().nStateBits, 1U << 5);
