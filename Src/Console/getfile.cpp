@@ -148,14 +148,19 @@ void GetFile::NoteState(const Event& event) {
     if (!page_ && event.code != DOWNLOAD_STATE_FILE_SIZE) view_.answered = true;
 }
 
+double GetFile::Seconds() const {
+    if (phase_ != Phase::kTask) return seconds_;
+    return std::chrono::duration<double>(Clock::now() - view_.started).count();
+}
+
 void GetFile::StartOver() {
     ++view_.tries;
     view_.percent = 0;
 }
 
 std::optional<Outcome> GetFile::NoteEnd(const Event& event, bool stopping) {
+    seconds_ = Seconds();
     phase_ = Phase::kIdle;
-    seconds_ = std::chrono::duration<double>(Clock::now() - view_.started).count();
     if (event.size > 0) view_.size = event.size;
     if (event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH) {
         view_.answered = true;
@@ -173,9 +178,10 @@ std::optional<Outcome> GetFile::NoteEnd(const Event& event, bool stopping) {
     if (page_ && event.code == DOWNLOAD_STATE_PARSE_FINISH) return TakePage(event);
     failure = page_ ? PageFailure(view_.address, event) : DownloadFailure(event);
     // Of what the server may be the cause the codes say nothing more.
-    const bool local =
-        page_ || failure.result != EndResult::kFailed || failure.status != EXIT_STATUS_FAILED;
-    if (local) return failure;
+    const bool servers =
+        page_ ? MayBeTheSites(failure)
+              : failure.result == EndResult::kFailed && failure.status == EXIT_STATUS_FAILED;
+    if (!servers) return failure;
     Look(std::move(failure));
     return std::nullopt;
 }
@@ -229,9 +235,10 @@ Outcome GetFile::DownloadFailure(const Event& event) const {
 void GetFile::Look(Outcome failure) {
     target_.reset();
     without_look_ = std::move(failure);
-    Run(Phase::kLooking, [failure = without_look_, address = view_.address, proxy = proxy_] {
-        Outcome outcome = failure;
-        outcome.secondLook = SecondLook(address, proxy);
+    Run(Phase::kLooking, [this] {
+        Outcome outcome = without_look_;
+        outcome.secondLook =
+            SecondLook(view_.address, proxy_, page_ ? Wanted::kPage : Wanted::kFile);
         return outcome;
     });
 }

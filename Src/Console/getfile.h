@@ -60,8 +60,8 @@ class GetFile : private Uncopyable {
     // In the phase kLooking: the end without what the look finds.
     const Outcome& WithoutLook() const { return without_look_; }
 
-    // Seconds that its task has taken.
-    double Seconds() const { return seconds_; }
+    // Seconds that its last task has taken, or takes so far.
+    double Seconds() const;
 
     // Lets the part go. The view stays.
     void Release();

@@ -40,11 +40,12 @@ void SetLimits(CURL* curl) {
     curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kRedirects);
 }
 
-// What speaks against a file whose headers have come.
-std::string HeaderFault(CURL* curl) {
+// What speaks against a file or page whose headers have come.
+std::string HeaderFault(CURL* curl, Wanted wanted) {
     long code = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code);
     if (code != 200) return "HTTP " + std::to_string(code);
+    if (wanted == Wanted::kPage) return "";
     curl_off_t length = -1;
     curl_easy_getinfo(curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
     if (length > 0) return "";
@@ -57,7 +58,7 @@ void PrepareSecondLooks() {
     curl_global_init(CURL_GLOBAL_ALL);
 }
 
-std::string SecondLook(const std::string& address, const Proxy& proxy) {
+std::string SecondLook(const std::string& address, const Proxy& proxy, Wanted wanted) {
     const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(),
                                                                    curl_easy_cleanup);
     if (curl == nullptr) return "";
@@ -70,6 +71,6 @@ std::string SecondLook(const std::string& address, const Proxy& proxy) {
     SetProxy(curl.get(), proxy);
     SetLimits(curl.get());
     const CURLcode result = curl_easy_perform(curl.get());
-    if (begun || result == CURLE_OK) return HeaderFault(curl.get());
+    if (begun || result == CURLE_OK) return HeaderFault(curl.get(), wanted);
     return *fault != '\0' ? fault : curl_easy_strerror(result);
 }

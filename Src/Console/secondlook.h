@@ -9,8 +9,12 @@
 // Makes libcurl ready. To be called once, before the first look and before there are other threads.
 void PrepareSecondLooks();
 
+// What is expected at an address: only that of a file wants a length.
+enum class Wanted { kFile, kPage };
+
 // What is found at the address, in one line: "HTTP 404", libcurl's text, "the server announces no
 // length"; empty when nothing speaks against it. Goes through the same proxy, follows redirects
-// like a worker, breaks off at the first byte of the file and ends after at most five seconds.
+// like a worker, breaks off at the first byte of the body and ends after at most five seconds.
 // Blocks; any thread may call.
-std::string SecondLook(const std::string& address, const Proxy& proxy);
+std::string SecondLook(const std::string& address, const Proxy& proxy,
+                       Wanted wanted = Wanted::kFile);

@@ -6,6 +6,7 @@
 namespace {
 
 constexpr const char* kSite = TASKMAN_SITE_BASE_ADDRESS;
+constexpr const char* kNotResolved = "the page was not resolved";
 
 }  // namespace
 
@@ -30,7 +31,7 @@ bool AddPageTask(const std::string& id, const std::string& page, const Proxy& pr
 }
 
 Outcome PageFailure(const std::string& page, const Event& event) {
-    Outcome outcome{EndResult::kFailed, EXIT_STATUS_UNRESOLVED, "the page was not resolved"};
+    Outcome outcome{EndResult::kFailed, EXIT_STATUS_UNRESOLVED, kNotResolved};
     outcome.code = event.code;
     if (event.code == DOWNLOAD_STATE_STOPPED) {
         outcome.result = EndResult::kStopped;
@@ -47,4 +48,9 @@ Outcome PageFailure(const std::string& page, const Event& event) {
         outcome.reason = "the information about the page is too long";
     }
     return outcome;
+}
+
+bool MayBeTheSites(const Outcome& failure) {
+    return failure.result == EndResult::kFailed &&
+           (failure.reason == kNotResolved || failure.reason == TASK_REMARK_NO_ANSWER);
 }

@@ -26,3 +26,6 @@ bool AddPageTask(const std::string& id, const std::string& page, const Proxy& pr
 
 // Why no information text came from `page`, as its task's final event says; the code is not 1.
 Outcome PageFailure(const std::string& page, const Event& event);
+
+// Whether the site may be the cause of such a failure, so that a look at the page may tell more.
+bool MayBeTheSites(const Outcome& failure);
