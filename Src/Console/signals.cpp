@@ -50,6 +50,8 @@ void Install(const WakePipe& wake) {
     wakePipe = &wake;
     Handle(SIGCHLD, proc_child, SA_RESTART | SA_NOCLDSTOP);
     Handle(SIGPIPE, OnBrokenPipe, SA_RESTART);
+    // A limit of file sizes is an error of the write that meets it, in the workers, too.
+    Handle(SIGXFSZ, SIG_IGN, 0);
     Handle(SIGWINCH, OnScreen, SA_RESTART);
     Handle(SIGCONT, OnScreen, SA_RESTART);
     // Not restarted: a write into a pipe that nobody reads must not outlast the wish to end.
