@@ -155,6 +155,11 @@ void BarDisplay::Refresh(const std::vector<const FileView*>& running, const Tota
     Draw();
 }
 
+void BarDisplay::Clear() {
+    frame_.clear();
+    Draw();
+}
+
 void BarDisplay::ScreenChanged(bool resumed) {
     ReadSize();
     if (resumed) drawn_ = 0;

@@ -17,6 +17,7 @@ class BarDisplay : public Display {
     void End(const FileView& file, const Outcome& outcome) override;
     void Note(const std::string& line) override;
     void Refresh(const std::vector<const FileView*>& running, const Totals& totals) override;
+    void Clear() override;
     void ScreenChanged(bool resumed) override;
     void Close(const Totals& totals, int status) override;
 

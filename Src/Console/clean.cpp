@@ -1,7 +1,5 @@
 #include "Console/clean.h"
 
-#include <unistd.h>
-
 #include <string>
 
 #include "Console/display.h"
@@ -25,7 +23,7 @@ int RunClean(const CleanOptions& options) {
         faults += "taskman: cannot remove " + text::Printable(path) + "\n";
     }
     if (told.empty() && faults.empty()) told = "nothing was left behind\n";
-    const bool written = WriteAll(STDOUT_FILENO, told) && WriteAll(STDERR_FILENO, faults);
+    const bool written = WriteResult(told, faults);
     if (!faults.empty()) return EXIT_STATUS_LOCAL;
     return written ? EXIT_STATUS_FINISHED : EXIT_STATUS_FAILED;
 }

@@ -49,11 +49,17 @@ bool AwaitRoom(int descriptor) {
     return true;
 }
 
+void PrintEvent(const std::string& line) {
+    std::string fault;
+    Print(line, fault);
+    if (!fault.empty()) WriteAll(STDERR_FILENO, "taskman: " + fault + "\n");
+}
+
 }  // namespace
 
 std::unique_ptr<Display> MakeDisplay(const DisplayOptions& options) {
     if (options.json) {
-        return std::make_unique<JsonDisplay>([](const std::string& line) { Print(line); });
+        return std::make_unique<JsonDisplay>(PrintEvent);
     }
     const bool capable = TerminalCanDraw();
     const bool colour = ColourWanted(options.colour, capable);
@@ -144,10 +150,23 @@ bool WriteAll(int descriptor, std::string_view bytes) {
     return true;
 }
 
-bool Print(std::string_view bytes) {
+std::string OutputFault() {
+    if (errno == EPIPE) return "";
+    return std::string("cannot write standard output: ") + std::strerror(errno);
+}
+
+bool WriteResult(const std::string& found, std::string faults) {
+    const bool written = WriteAll(STDOUT_FILENO, found);
+    const std::string fault = written ? "" : OutputFault();
+    if (!fault.empty()) faults += "taskman: " + fault + "\n";
+    return WriteAll(STDERR_FILENO, faults) && written;
+}
+
+bool Print(std::string_view bytes, std::string& fault) {
     static bool broken = false;
     if (broken) return false;
     broken = !WriteAll(STDOUT_FILENO, bytes);
+    if (broken) fault = OutputFault();
     if (broken && signals::StopCount() == 0) std::raise(SIGTERM);
     return !broken;
 }

@@ -64,6 +64,9 @@ class Display : private Uncopyable {
     // The state of things, told several times a second.
     virtual void Refresh(const std::vector<const FileView*>& running, const Totals& totals) = 0;
 
+    // Something else is going to be written to the screen: only what stays may stand there.
+    virtual void Clear() {}
+
     // The terminal may have another size. After the command was suspended (`resumed`), what it had
     // drawn is no longer where it was.
     virtual void ScreenChanged(bool resumed) = 0;
@@ -110,12 +113,20 @@ std::string Coloured(const std::string& line, EndResult result);
 // Seconds until the rest of `bytes` has come at `speed`; below 0 when that cannot be said.
 double TimeLeft(double bytes, double speed);
 
-// ---- Output. Both are for the main thread.
+// ---- Output, for the main thread.
 
 // Writes everything to a descriptor. False when that cannot be done, or when the command is to end
 // and whoever reads takes nothing more.
 bool WriteAll(int descriptor, std::string_view bytes);
 
-// Writes everything to standard output. When that fails, whoever reads is gone: it ends the command
-// as SIGTERM does, nothing more is written, and the result is false.
-bool Print(std::string_view bytes);
+// Why a write to standard output has failed just now, by errno; empty when whoever read has gone,
+// who knows.
+std::string OutputFault();
+
+// Writes what a verb has found to standard output and what is wrong to standard error. False when
+// that cannot be done, which is told as well.
+bool WriteResult(const std::string& found, std::string faults = "");
+
+// Writes everything to standard output. When that fails, it ends the command as SIGTERM does,
+// nothing more is written, and the result is false; the first time `fault` is the OutputFault().
+bool Print(std::string_view bytes, std::string& fault);

@@ -144,17 +144,23 @@ void Downloads::Handle(const Event& event) {
 }
 
 void Downloads::Report(File file, Outcome outcome) {
-    outcome.seconds = file->Seconds();
-    file->Release();
-    Tell(*file, outcome);
     const bool finished = outcome.result == EndResult::kFinished;
+    const bool there = finished || outcome.result == EndResult::kSkipped;
+    file->Release();
+    Tell(*file, std::move(outcome));
     if (finished) written_.insert(Hash(file->View().path));
-    if (print_paths_ && (finished || outcome.result == EndResult::kSkipped)) {
-        Print(file->View().path + "\n");
-    }
+    if (print_paths_ && there) PrintPath(file->View().path);
 }
 
-void Downloads::Tell(const GetFile& file, const Outcome& outcome) {
+void Downloads::PrintPath(const std::string& path) {
+    // Standard output may lead to the same screen.
+    display_.Clear();
+    std::string fault;
+    if (!Print(path + "\n", fault) && !fault.empty()) display_.Note("taskman: " + fault);
+}
+
+void Downloads::Tell(const GetFile& file, Outcome outcome) {
+    outcome.seconds = file.Seconds();
     status_ = Combine(status_, outcome.status);
     ++totals_.ended;
     switch (outcome.result) {
@@ -190,7 +196,8 @@ std::size_t Downloads::Stop() {
             it = running_.erase(it);
             continue;
         }
-        if (file.Now() == GetFile::Phase::kTask && StopTask(file.Id().c_str()) == 0) ++asked;
+        if (file.Now() == GetFile::Phase::kTask) StopTask(file.Id().c_str());
+        ++asked;  // those in their last step, too: they are waited for
         ++it;
     }
     return asked;

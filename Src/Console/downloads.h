@@ -48,7 +48,8 @@ class Downloads : public Work {
     bool Start(File& file);
     bool Claimed(const GetFile& file) const;
     void Report(File file, Outcome outcome);
-    void Tell(const GetFile& file, const Outcome& outcome);
+    void PrintPath(const std::string& path);
+    void Tell(const GetFile& file, Outcome outcome);
 
     const GetOptions& options_;
     InputList& list_;

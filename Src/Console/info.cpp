@@ -121,7 +121,11 @@ int Write(const InfoOptions& options, const VideoPage& page) {
     } else {
         out = options.json ? PageJson(page, taken) : PageTable(page, taken);
     }
-    if (!Print(out)) signals::EndBy(signals::StopSignal());
+    std::string fault;
+    if (!Print(out, fault)) {
+        if (!fault.empty()) WriteResult("", "taskman: " + fault + "\n");
+        signals::EndBy(signals::StopSignal());
+    }
     return EXIT_STATUS_FINISHED;
 }
 

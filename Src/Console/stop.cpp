@@ -1,7 +1,5 @@
 #include "Console/stop.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 
 #include "Console/display.h"
@@ -55,6 +53,6 @@ int RunStop(const StopOptions& options) {
         }
     }
     if (told.empty() && faults.empty()) told = "no task runs\n";
-    const bool written = WriteAll(STDOUT_FILENO, told) && WriteAll(STDERR_FILENO, faults);
+    const bool written = WriteResult(told, faults);
     return faults.empty() && written ? EXIT_STATUS_FINISHED : EXIT_STATUS_FAILED;
 }

@@ -258,5 +258,5 @@ int RunTop(const TopOptions& options) {
     } else {
         for (const std::string& line : TopTable(*view, 0)) out += line + "\n";
     }
-    return WriteAll(STDOUT_FILENO, out) ? EXIT_STATUS_FINISHED : EXIT_STATUS_FAILED;
+    return WriteResult(out) ? EXIT_STATUS_FINISHED : EXIT_STATUS_FAILED;
 }
