@@ -49,11 +49,12 @@ inline void SleepUpTo(std::minstd_rand& random, microseconds most) {
 
 // One task. What its callback writes is valid once `finals` is not 0.
 struct Course {
-    std::string id = MakeTaskID();
+    std::string id;
     platform::ProcessWatch worker;
     sem_t* lock = SEM_FAILED;
     Clock::time_point added, died, ended;
     int code = -1;
+    double size = 0.0;
     std::string remark;
     std::atomic<int> finals{0};
 };
@@ -63,7 +64,7 @@ struct Course {
 // could take. The calls between may come from any thread.
 class Campaign {
   public:
-    Campaign() {
+    explicit Campaign(const char* worker = FAULT_WORKER_PATH) {
         std::thread([] {}).join();  // a race detector has a thread too, from the first one on
         before_ = Held();
         struct sigaction reap {};
@@ -71,11 +72,11 @@ class Campaign {
         reap.sa_flags = SA_RESTART | SA_NOCLDSTOP;
         sigaction(SIGCHLD, &reap, nullptr);
         std::string reason;
-        EXPECT_EQ(0, StartTaskManager(FAULT_WORKER_PATH, "", reason)) << reason;
+        EXPECT_EQ(0, StartTaskManager(worker, "", reason)) << reason;
     }
 
     ~Campaign() {
-        EXPECT_EQ(0, EndTaskManager());
+        if (!ended_) End();
         for (Course& course : courses_) {
             EXPECT_EQ(1, course.finals);
             course.worker = platform::ProcessWatch();
@@ -90,19 +91,31 @@ class Campaign {
         EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a worker is left";
     }
 
-    // A new download of `address` into Output(). Without "http:" it is what a fault worker does.
-    Course& Add(const std::string& address) {
+    void End() {
+        ended_ = true;
+        EXPECT_EQ(0, EndTaskManager());
+    }
+
+    // A download of `address` into Output(). Without "http:" it is what a fault worker does.
+    tagTaskInfo Task(const std::string& address, const std::string& id = MakeTaskID()) const {
+        tagTaskInfo task(id.c_str());
+        SetField(task.szDownloadUrl,
+                 address.find("http:") == 0 ? address : "http://fault/" + address);
+        SetField(task.szFilePath, directory_.Path(id));
+        task.nCmd = TASK_CMD_DOWNLOAD;
+        task.nTaskKind = task.nTryInterval = 0;
+        task.pfnStateCallback = OnState;
+        return task;
+    }
+
+    Course& Add(const std::string& address) { return Add(Task(address)); }
+
+    Course& Add(tagTaskInfo task) {
         std::unique_lock hold(mutex_);
         Course& course = courses_.emplace_back();
         hold.unlock();
-        tagTaskInfo task(course.id.c_str());
-        SetField(task.szDownloadUrl,
-                 address.find("http:") == 0 ? address : "http://fault/" + address);
-        SetField(task.szFilePath, Output(course));
-        task.nCmd = TASK_CMD_DOWNLOAD;
-        task.nTaskKind = task.nTryInterval = 0;
+        course.id = FieldText(task.szTaskID);
         task.pCallbackParam = &course;
-        task.pfnStateCallback = OnState;
         // A full house passes, and so does the time in which no task is taken because three workers
         // have ended without taking theirs.
         std::string reason;
@@ -132,6 +145,7 @@ class Campaign {
         if (course.finals == 0) {
             course.ended = Clock::now();
             course.code = code;
+            course.size = TaskFileSize(id);
             course.remark = TaskRemark(id);
         }
         ++course.finals;
@@ -152,6 +166,7 @@ class Campaign {
         return held;
     }
 
+    bool ended_ = false;
     std::string before_;
     const TempDir directory_;
     std::mutex mutex_;  // guards the list
