@@ -46,6 +46,7 @@ TEST(Manager, RefusesWhatItCannotAccept) {
          [](Task& t) { std::fill_n(t.szFilePath, 1024, 'a'); }},
         {"the path holds a backslash", [](Task& t) { SetField(t.szFilePath, "C:\\v"); }},
         {"more than 10 blocks are asked for", [](Task& t) { t.nBlockCount = 11; }},
+        {"more than 10 blocks are asked for", [](Task& t) { t.nBlockCount = -1; }},
         {"another task writes this file",
          [&](Task& t) { SetField(t.szFilePath, campaign.Output(live) + "/.././" + live.id); }},
     };
@@ -89,6 +90,7 @@ TEST(Manager, GivesUpWhatDoesNotAnswer) {
     page.nProxyPort = silent.Port();
     page.bUseProxy = 1;
     page.nCmd = TASK_CMD_PARSE;
+    SetField(page.szFilePath, "\\ is of no account here");
     ExpectEnd(campaign.Add(page), 6, "the server did not answer in time");
     ExpectEnd(unanswered, 7, "the server did not answer in time");
     ExpectEnd(unclaimed, 7, "the worker did not take the task");
@@ -143,6 +145,30 @@ TEST(Manager, TakesNoTaskForAWhileWhenItsWorkersDoNotStart) {
     task.pfnStateCallback = nullptr;
     std::string reason;
     EXPECT_EQ(0, AddTask(task, reason)) << reason;
+}
+
+TEST(Manager, HandsOverArgumentsAndNothingElse) {
+    for (int number = 1; number < 32; ++number) signal(number, SIG_DFL);
+    signal(SIGTERM, SIG_IGN);
+    const TempDir directory;
+    const std::string script = directory.Path("worker");
+    WriteFile(script, R"(#!/usr/bin/perl
+        open O, '>', "$0.told"; print O "@ARGV\n$_" for </proc/self/fd/1*>;
+        open S, '/proc/self/status'; print O "\n", grep { /Sig(Blk|Ign)/ } <S>;)");
+    chmod(script.c_str(), 0755);
+    Campaign campaign(script.c_str());
+    const int inherited = fcntl(0, F_DUPFD, 100);  // without close-on-exec
+    tagTaskInfo task = campaign.Task("any");
+    task.nTaskKind = 1;
+    task.nBlockCount = 99;
+    Course& course = campaign.Add(task);
+    ExpectEnd(course, 7, "the worker ended before it took the task");
+    // Signal 8 is ignored by the interpreter itself.
+    EXPECT_EQ(course.id + " 0 " + std::to_string(getpid()) +
+                  "\n/proc/self/fd/1\nSigBlk:\t0000000000000002\nSigIgn:\t0000000000000080\n",
+              ReadFile(script + ".told"));
+    close(inherited);
+    signal(SIGTERM, SIG_DFL);
 }
 
 TEST(Manager, TellsWhyItCannotStart) {

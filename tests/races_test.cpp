@@ -26,16 +26,13 @@ void Spin(microseconds time) {
     }
 }
 
-Reply Slow(const std::string&, std::size_t) {
-    return Reply::Head("4000000").Send(std::string(4000000, 's'), 40000);
-}
+const Reply kSlow = Reply::Head("4000000").Send(std::string(4000000, 's'), 40000);
 
 }  // namespace
 
 // Takes the place of the C library's in this program.
 extern "C" unsigned sleep(unsigned) {
-    static thread_local const int number = ++g_scanners;
-    static_cast<void>(number);
+    [[maybe_unused]] static thread_local const int number = ++g_scanners;
     const Clock::time_point end = Clock::now() + g_pause.load();
     while (!g_go && Clock::now() < end) std::this_thread::sleep_for(microseconds(50));
     Spin(g_lead);
@@ -50,43 +47,41 @@ TEST(Races, TasksThatComeWhenTheScannerEnds) {
     const unsigned count = Setting("ENDINGS", 200);
     unsigned met = 0;
     std::atomic<bool> enough{false};
-    {
-        Campaign campaign;
-        // Asks again and again whether the scanner has ended, so that the scanner and whoever wants
-        // to start it come to its lock in either order.
-        std::thread asking([&] {
-            while (!enough) {
-                pthread_mutex_lock(&g_ScanThradIsExit_Lock);
-                Spin(microseconds(30));
-                pthread_mutex_unlock(&g_ScanThradIsExit_Lock);
-                Spin(microseconds(3));
-            }
-        });
-        microseconds lead(100);
-        for (unsigned i = 0; i < count; ++i) {
-            std::this_thread::sleep_for(milliseconds(1));
-            const int scanners = g_scanners;
-            g_lead = lead + microseconds(random() % 10);
-            g_go = true;
-            Course& course = campaign.Add(kQuick);
-            g_go = false;
-            g_lead = microseconds(0);
-            Campaign::Follow(course);
-            // A task that met the end had to wait for the supervisor's next look.
-            if (course.ended - course.added > milliseconds(100)) ++met;
-            // The moment is hunted for: was the scanner too early or too late?
-            lead += microseconds(g_scanners == scanners ? -3 : 3);
+    Campaign campaign;
+    // Asks again and again whether the scanner has ended, so that the scanner and whoever wants to
+    // start it come to its lock in either order.
+    std::thread asking([&] {
+        while (!enough) {
+            pthread_mutex_lock(&g_ScanThradIsExit_Lock);
+            Spin(microseconds(30));
+            pthread_mutex_unlock(&g_ScanThradIsExit_Lock);
+            Spin(microseconds(3));
         }
-        enough = true;
-        asking.join();
+    });
+    microseconds lead(100);
+    for (unsigned i = 0; i < count; ++i) {
+        std::this_thread::sleep_for(milliseconds(1));
+        const int scanners = g_scanners;
+        g_lead = lead + microseconds(random() % 10);
+        g_go = true;
+        Course& course = campaign.Add(kQuick);
+        g_go = false;
+        g_lead = microseconds(0);
+        Campaign::Follow(course);
+        // A task that met the end had to wait for the supervisor's next look.
+        if (course.ended - course.added > milliseconds(100)) ++met;
+        // The moment is hunted for: was the scanner too early or too late?
+        lead += microseconds(g_scanners == scanners ? -3 : 3);
     }
+    enough = true;
+    asking.join();
     std::printf("%u tasks, about %u of them met the end of the scanner\n", count, met);
 }
 
 TEST(Races, NoStopIsLost) {
     g_pause = milliseconds(50);
-    HttpServer server(Slow);
     Campaign campaign;
+    const HttpServer server({kSlow});
     const auto stopOne = [&](std::size_t i) {
         std::minstd_rand random = Random(i);
         Course& course = campaign.Add(server.Url());
@@ -103,16 +98,13 @@ TEST(Races, AllAtOnce) {
     const Clock::time_point end = Clock::now() + std::chrono::seconds(Setting("SECONDS", 5));
     g_pause = milliseconds(2);
     std::array<std::atomic<Course*>, TASK_SLOT_COUNT> recent{};
-    std::atomic<int> added{0};
-    HttpServer server(Slow);
     Campaign campaign;
-    const auto add = [&](std::minstd_rand& random, std::size_t i) {
+    const HttpServer server({kSlow});
+    const auto add = [&](std::minstd_rand& random, std::atomic<Course*>& last) {
         const auto choice = random() % 40;
-        Course& course = campaign.Add(choice == 0  ? "claim,lock,kill"
-                                      : choice < 4 ? server.Url()
-                                                   : kQuick);
-        recent[i] = &course;
-        ++added;
+        const std::string address = choice < 4 ? server.Url() : kQuick;
+        Course& course = campaign.Add(choice == 0 ? "claim,lock,kill" : address);
+        last = &course;
         if (choice % 4 != 0) SleepUpTo(random, milliseconds(300));
         StopTask(course.id.c_str());
         Campaign::Follow(course);
@@ -128,10 +120,9 @@ TEST(Races, AllAtOnce) {
     };
     const auto work = [&](std::size_t i) {
         std::minstd_rand random = Random(i);
-        while (Clock::now() < end) i < recent.size() ? add(random, i) : meddle(random);
+        while (Clock::now() < end) i < recent.size() ? add(random, recent[i]) : meddle(random);
     };
     InParallel(recent.size() + 3, work);
-    std::printf("%d tasks\n", added.load());
 }
 
 }  // namespace

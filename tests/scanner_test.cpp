@@ -1,18 +1,14 @@
-// The scanner against slots that the test fills in the workers' place, and what surrounds it: the
-// checks on tasks, the counters, the start of programs.
-#include <fcntl.h>
+// The scanner against slots that the test fills in the workers' place, and what is told of tasks.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <csignal>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <sstream>
 
 #include "TaskMan/taskman.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
-#include "support/helpers.h"
 
 namespace {
 
@@ -155,69 +151,16 @@ TEST_F(ScannerTest, ListsTheMap) {
               testing::internal::GetCapturedStderr());
 }
 
-TEST(Admission, ChecksTasksAndPaths) {
-    struct Row {
-        std::string name, id, path;
-        int nCmd, nTaskKind, nBlockCount;
-        bool admitted;
-        int blocksAfter;
-    };
-    const Row rows[] = {
-        {"no id", "", "/tmp/v", 0, 0, 3, false, 3},
-        {"parse, anything", "a", "C:\\v", 0, 0, 99, true, 99},
-        {"download", "a", "/tmp/v", 1, 0, 10, true, 10},
-        {"blocks", "a", "/tmp/v", 1, 0, 11, false, 10},
-        {"blocks below 0", "a", "", 3, 0, -1, false, 10},
-        {"blocks of kind 1", "a", "/tmp/v", 1, 1, 99, true, 99},
-        {"backslash", "a", "C:\\v", 3, 0, 3, false, 3},
-    };
+TEST(Admission, TellsOfABackslash) {
+    tagTaskInfo unnamed("");
+    EXPECT_FALSE(CheckTaskParam(&unnamed, ""));
     testing::internal::CaptureStderr();
-    for (const Row& row : rows) {
-        tagTaskInfo task(row.id.c_str());
-        SetField(task.szFilePath, row.path);
-        task.nCmd = row.nCmd;
-        task.nTaskKind = row.nTaskKind;
-        task.nBlockCount = row.nBlockCount;
-        EXPECT_EQ(row.admitted, CheckTaskParam(&task, "Row")) << row.name;
-        EXPECT_EQ(row.blocksAfter, task.nBlockCount) << row.name;
-    }
+    EXPECT_FALSE(CheckPath("C:\\v", "Row"));
     EXPECT_EQ(
         "ERROR: Tarnwicker szFilePath has problem,FilePath: C:\\v\n"
         "Error!! \xCE\xC4\xBC\xFE\xC3\xFB\xBB\xF2\xC2\xB7\xBE\xB6\xC3\xFB"
         "\xD3\xD0\xCE\xCA\xCC\xE2!! Function: Row\n",
         testing::internal::GetCapturedStderr());
-}
-
-TEST(StartProgram, HandsOverArgumentsAndNothingElse) {
-    for (int number = 1; number < 32; ++number) signal(number, SIG_DFL);
-    signal(SIGCHLD, proc_child);
-    signal(SIGTERM, SIG_IGN);
-    const test_support::TempDir directory;
-    const std::string script = directory.Path("program");
-    test_support::WriteFile(script, R"(#!/usr/bin/perl
-        open O, '>', "$0.told"; print O "$0 @ARGV\n$_" for </proc/self/fd/1*>;
-        open S, '/proc/self/status'; print O "\n", grep { /Sig(Blk|Ign)/ } <S>;)");
-    chmod(script.c_str(), 0755);
-    const int inherited = fcntl(0, F_DUPFD, 100);  // without close-on-exec
-    auto* start = new tagStartParam{};
-    SetField(start->szProgramPath, script);
-    SetField(start->szTaskID, "the-id");
-    SetField(start->szTaskIndex, "5");
-    SetField(start->szMainPid, "4711");
-    pthread_t thread{};
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, StartProgram, start));
-    void* result = &thread;
-    pthread_join(thread, &result);
-    EXPECT_EQ(nullptr, result);
-    const auto reaped = [] { return kill(g_WorkerPid[5], 0) == -1; };
-    EXPECT_TRUE(test_support::WaitUntil(reaped));
-    // Signal 8 is ignored by the interpreter itself.
-    EXPECT_EQ(script +
-                  " the-id 5 4711\n/proc/self/fd/1\nSigBlk:\t0000000000000002\n"
-                  "SigIgn:\t0000000000000080\n",
-              test_support::ReadFile(script + ".told"));
-    close(inherited);
-    signal(SIGTERM, SIG_DFL);
 }
 
 }  // namespace

@@ -6,42 +6,32 @@
 #include <csignal>
 #include <cstdlib>
 #include <sstream>
-#include <string>
 
 #include "TaskMan/taskcontext.h"
 #include "common/fieldtext.h"
 
-namespace {
-
 // Takes and releases the lock as the steps say, not as a scope does.
-void Take(const std::string& step, tagTaskContext& slot, Threading::Mutex& lock) TS_NO_ANALYSIS {
-    if (step == "claim" || step == "lock") lock.Lock();
-    if (step == "claim") slot.nPid = getpid();
-    if (step == "claim" || step == "unlock") lock.UnLock();
-    if (step == "report") SetStateBit(slot, DOWNLOAD_STATE_PROGRESS);
-    if (step == "finish") SetStateBit(slot, DOWNLOAD_STATE_DOWNLOAD_FINISH);
-    if (step == "kill") raise(SIGKILL);
-    if (step == "stop") raise(SIGSTOP);
-    if (step == "abort") abort();
-    // What becomes of a start when there is no program.
-    if (step == "missing") execl("/nonexistent/worker", "worker", nullptr);
-}
-
-}  // namespace
-
-int main(int /*argc*/, char** argv) {
+int main(int /*argc*/, char** argv) TS_NO_ANALYSIS {
     const rlimit none{0, 0};
     setrlimit(RLIMIT_CORE, &none);
     if (InitShareMem(&g_VideoInfoSection, SectionName(std::atoi(argv[3])).c_str()) != 0) return 1;
     tagTaskContext& slot = *SlotAt(g_VideoInfoSection, std::atoi(argv[2]));
     const std::string address = FieldText(slot.szDownloadUrl);
     const std::string fault = "http://fault/";
-    if (address.compare(0, fault.size(), fault) != 0) {
-        execv(TARNWICK_PATH, argv);
-        return 1;
-    }
+    if (!address.starts_with(fault)) return execv(TARNWICK_PATH, argv);
     Threading::Mutex lock(argv[1]);
     std::istringstream steps(address.substr(fault.size()));
-    for (std::string step; std::getline(steps, step, ',');) Take(step, slot, lock);
+    for (std::string step; std::getline(steps, step, ',');) {
+        if (step == "claim" || step == "lock") lock.Lock();
+        if (step == "claim") slot.nPid = getpid();
+        if (step == "claim" || step == "unlock") lock.UnLock();
+        if (step == "report") SetStateBit(slot, DOWNLOAD_STATE_PROGRESS);
+        if (step == "finish") SetStateBit(slot, DOWNLOAD_STATE_DOWNLOAD_FINISH);
+        if (step == "kill") raise(SIGKILL);
+        if (step == "stop") raise(SIGSTOP);
+        if (step == "abort") abort();
+        // What becomes of a start when there is no program.
+        if (step == "missing") execl("/nonexistent/worker", "worker", nullptr);
+    }
     _exit(0);
 }
