@@ -122,9 +122,9 @@ TEST(DyingWorkers, EndTheirOwnTaskOnly) {
         EXPECT_EQ(1, std::count(fault.codes.begin(), fault.codes.end(), course.code))
             << fault.name << " ended with code " << course.code << ": " << course.remark;
         EXPECT_EQ(fault.killed ? course.remark : fault.remark, course.remark) << fault.name;
-        if (!real || course.code != 3) return;
-        EXPECT_TRUE(body == ReadFile(campaign.Output(course)));
-        EXPECT_EQ(body.size(), course.size);
+        if (real && course.code == 3) {
+            EXPECT_TRUE(body == ReadFile(campaign.Output(course)));
+        }
     };
     InParallel(fates.size(), tryOne, TASK_SLOT_COUNT);
     SetTaskLimits({});

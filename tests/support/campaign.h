@@ -54,7 +54,6 @@ struct Course {
     sem_t* lock = SEM_FAILED;
     Clock::time_point added, died, ended;
     int code = -1;
-    double size = 0.0;
     std::string remark;
     std::atomic<int> finals{0};
 };
@@ -145,7 +144,6 @@ class Campaign {
         if (course.finals == 0) {
             course.ended = Clock::now();
             course.code = code;
-            course.size = TaskFileSize(id);
             course.remark = TaskRemark(id);
         }
         ++course.finals;
