@@ -138,27 +138,21 @@ TEST_F(ScannerTest, WorksThreePassesAfterTheShutdownFlag) {
     EXPECT_EQ(3, passes);
 }
 
-TEST_F(ScannerTest, ListsTheMap) {
+TEST_F(ScannerTest, TellsOfTasksAndOfABackslash) {
     const std::string id(33, 'p');
     SetField(Add(id, 0, 3, 0).szOrgUrl, "http://site/page");
     testing::internal::CaptureStderr();
-    tagTaskInfo any("any");
-    Threading::AutoLock hold(&g_access_taskmap_mutex);
-    PrintTaskMapInfo(&any);
-    EXPECT_EQ("DEBUG PrintTaskMapInfo Taskid: " + id +
-                  "(33), CMD: 3, Other  Pic, OrgUrl: http://site/page \r\n\r\n",
-              testing::internal::GetCapturedStderr());
-}
-
-TEST(Admission, TellsOfABackslash) {
     tagTaskInfo unnamed("");
     EXPECT_FALSE(CheckTaskParam(&unnamed, ""));
-    testing::internal::CaptureStderr();
     EXPECT_FALSE(CheckPath("C:\\v", "Row"));
+    Threading::AutoLock hold(&g_access_taskmap_mutex);
+    PrintTaskMapInfo(&unnamed);
     EXPECT_EQ(
         "ERROR: Tarnwicker szFilePath has problem,FilePath: C:\\v\n"
         "Error!! \xCE\xC4\xBC\xFE\xC3\xFB\xBB\xF2\xC2\xB7\xBE\xB6\xC3\xFB"
-        "\xD3\xD0\xCE\xCA\xCC\xE2!! Function: Row\n",
+        "\xD3\xD0\xCE\xCA\xCC\xE2!! Function: Row\n"
+        "DEBUG PrintTaskMapInfo Taskid: " +
+            id + "(33), CMD: 3, Other  Pic, OrgUrl: http://site/page \r\n\r\n",
         testing::internal::GetCapturedStderr());
 }
 

@@ -1,5 +1,4 @@
 // What processes share: named locks, the section, and its records.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -155,55 +154,49 @@ TEST(Records, AreBornAndDieWithTheirDefaults) {
     EXPECT_EQ(SemaphoreValue(name), -1) << "a node owns its lock";
 }
 
-// A section of a test, which is removed with its descriptor.
-struct Attached : tagVideoInfoSection {
-    explicit Attached(const char* own) : tagVideoInfoSection{}, name(own) {
-        EXPECT_EQ(InitShareMem(this, name), 0);
-    }
-    ~Attached() {
-        UnInitShareMem(this, name);
-        close(hShm);
-    }
-    std::string Bytes() const { return std::string(hPrt, SHARE_MEM_SIZE); }
-    // The name under which it was opened.
-    std::string Opened() const {
-        return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(hShm)).filename();
-    }
-    const char* const name;
-};
+// The name under which the section was opened.
+std::string NameOf(const tagVideoInfoSection& section) {
+    const std::string link = "/proc/self/fd/" + std::to_string(section.hShm);
+    return std::filesystem::read_symlink(link).filename();
+}
 
-TEST(Section, NewOneIsEmptyAndAnExistingOneIsKept) {
+TEST(Section, IsMadeOnceAndLosesItsNameAtTheEnd) {
     std::string name = UniqueName();
     name.resize(80, 'n');
     const mode_t mask = umask(0);
-    Attached first(name.c_str());
+    tagVideoInfoSection first{};
+    ASSERT_EQ(InitShareMem(&first, name.c_str()), 0);
     umask(mask);
     struct stat status {};
     fstat(first.hShm, &status);
     EXPECT_EQ(status.st_mode & 0777, 0644u);
     EXPECT_EQ(status.st_size, 198657);
-    EXPECT_EQ(first.Opened(), name.substr(0, 61));
+    EXPECT_EQ(NameOf(first), name.substr(0, 61));
     EXPECT_EQ(first.pCommDataPrt, first.hPrt + 197632);
-    EXPECT_EQ(first.Bytes(), std::string(SHARE_MEM_SIZE, '\0'));
+    EXPECT_EQ(std::string(first.hPrt, SHARE_MEM_SIZE), std::string(SHARE_MEM_SIZE, '\0'));
     std::memset(first.hPrt, 'k', SHARE_MEM_SIZE);
-    EXPECT_EQ(Attached(first.name).Bytes(), std::string(SHARE_MEM_SIZE, 'k'));
-    EXPECT_EQ(Attached(nullptr).Opened().substr(0, 20), "ZentuTaskmanShareMem");
+    tagVideoInfoSection second{};
+    ASSERT_EQ(InitShareMem(&second, name.c_str()), 0);
+    EXPECT_EQ(std::string(second.hPrt, SHARE_MEM_SIZE), std::string(SHARE_MEM_SIZE, 'k'));
+    char* const mapping = second.hPrt;
+    EXPECT_EQ(UnInitShareMem(&second, name.c_str()), 0);
+    EXPECT_TRUE(second.pCommDataPrt == nullptr && second.hPrt == mapping);
+    EXPECT_EQ(msync(mapping, SHARE_MEM_SIZE, MS_ASYNC), -1) << "still mapped";
+    EXPECT_EQ(NameOf(second), name.substr(0, 61) + " (deleted)") << "or the descriptor closed";
+    UnInitShareMem(&first, name.c_str());
+    close(first.hShm);
+    close(second.hShm);
 }
 
-TEST(Section, DetachingRemovesTheNameOnly) {
-    const std::string name = UniqueName();
-    Attached section(name.c_str());
-    char* const mapping = section.hPrt;
-    EXPECT_EQ(UnInitShareMem(&section, section.name), 0);
-    EXPECT_TRUE(section.pCommDataPrt == nullptr && section.hPrt == mapping);
-    EXPECT_EQ(msync(mapping, SHARE_MEM_SIZE, MS_ASYNC), -1) << "still mapped";
-    EXPECT_NE(fcntl(section.hShm, F_GETFD), -1) << "the descriptor was closed";
-    EXPECT_EQ(shm_open(name.c_str(), O_RDONLY, 0), -1);
-    section.hPrt = nullptr;
+TEST(Section, HasADefaultNameAndFailsWithoutOne) {
     char mark;
-    tagVideoInfoSection failed{7, &mark, &mark};
-    EXPECT_EQ(InitShareMem(&failed, "/"), -1);
-    EXPECT_TRUE(failed.hShm == -1 && failed.hPrt == &mark && failed.pCommDataPrt == &mark);
+    tagVideoInfoSection section{7, &mark, &mark};
+    EXPECT_EQ(InitShareMem(&section, "/"), -1);
+    EXPECT_TRUE(section.hShm == -1 && section.hPrt == &mark && section.pCommDataPrt == &mark);
+    EXPECT_EQ(InitShareMem(&section, nullptr), 0);
+    EXPECT_EQ(NameOf(section).substr(0, 20), "ZentuTaskmanShareMem");
+    UnInitShareMem(&section, nullptr);
+    close(section.hShm);
 }
 
 TEST(Section, SlotsAreFoundInsideOnly) {
