@@ -67,9 +67,12 @@ TEST(Manager, RefusesWhatItCannotAccept) {
     }
     // Another process asks a task to stop, whose worker dies before the supervisor sees it.
     EXPECT_TRUE(WaitUntil([&] { return silent.RequestCount() == 8; }));
+    Course& last = *others.back();
+    sem_wait(last.lock);
     StoreControl(*SlotAt(g_VideoInfoSection, 7), TASK_CONTROL_STOP);
-    others.back()->worker.Signal(SIGKILL);
-    ExpectEnd(*others.back(), 8, "the worker died");
+    sem_post(last.lock);
+    last.worker.Signal(SIGKILL);
+    ExpectEnd(last, 8, "the worker died");
     // The end of the manager finds workers that hang in a size probe.
     campaign.End();
     ExpectEnd(live, 8, "the worker did not stop by itself");
