@@ -98,6 +98,7 @@ TEST(Races, AllAtOnce) {
     const Clock::time_point end = Clock::now() + std::chrono::seconds(Setting("SECONDS", 5));
     g_pause = milliseconds(2);
     std::array<std::atomic<Course*>, TASK_SLOT_COUNT> recent{};
+    std::atomic<int> added{0};
     Campaign campaign;
     const HttpServer server({kSlow});
     const auto add = [&](std::minstd_rand& random, std::atomic<Course*>& last) {
@@ -105,6 +106,7 @@ TEST(Races, AllAtOnce) {
         const std::string address = choice < 4 ? server.Url() : kQuick;
         Course& course = campaign.Add(choice == 0 ? "claim,lock,kill" : address);
         last = &course;
+        ++added;
         if (choice % 4 != 0) SleepUpTo(random, milliseconds(300));
         StopTask(course.id.c_str());
         Campaign::Follow(course);
@@ -123,6 +125,7 @@ TEST(Races, AllAtOnce) {
         while (Clock::now() < end) i < recent.size() ? add(random, recent[i]) : meddle(random);
     };
     InParallel(recent.size() + 3, work);
+    std::printf("%d tasks\n", added.load());
 }
 
 }  // namespace
