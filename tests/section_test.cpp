@@ -43,14 +43,17 @@ TEST(Mutex, NamedFormIsASemaphore) {
 
 TEST(Mutex, UnnamedFormExcludes) {
     Mutex lock;
-    volatile int word = 0;
-    test_support::InParallel(2, [&](std::size_t) {
-        for (int i = 0; i < 50000; ++i) {
+    std::atomic<int> inside{0}, meetings{0}, rounds[2] = {};
+    test_support::InParallel(2, [&](std::size_t i) {
+        while (rounds[0] < 100 || rounds[1] < 100) {
             AutoLock hold(&lock);
-            word = word + 1;
+            if (++inside > 1) ++meetings;
+            std::this_thread::yield();
+            --inside;
+            ++rounds[i];
         }
     });
-    EXPECT_EQ(word, 100000);
+    EXPECT_EQ(meetings, 0);
 }
 
 TEST(Mutex, ASignalDoesNotEndTheWait) {
