@@ -1,12 +1,13 @@
 // Servers that lie: what becomes of a task whose server does anything but serve. Each lie is told
 // to a size probe, to a download whose probe heard the truth, and to a page.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
-#include <atomic>
 #include <csignal>
+#include <filesystem>
 
-#include "TaskMan/taskman.h"
 #include "common/fieldtext.h"
+#include "support/command_run.h"
 #include "support/http_server.h"
 #include "support/worker_run.h"
 
@@ -20,7 +21,6 @@ const std::string kBody = "status=ok&fmt_url_map=34%7Chttp&x=" + std::string(15'
 const int kAll = static_cast<int>(kBody.size());
 constexpr int kHalf = 7'000;
 
-constexpr std::uint32_t kStopped = 1U << DOWNLOAD_STATE_STOPPED;
 constexpr const char* kModes[] = {"probe", "download", "page"};
 
 // A final code, the requests that were made, and the size of the output file; -1: there is none.
@@ -32,17 +32,18 @@ struct End {
 
 struct Lie {
     const char* name;
-    std::vector<Reply> replies;                 // the last one repeats
-    End ends[3] = {{7, 3}, {7, 4, 0}, {6, 3}};  // in each mode; these are three failed tries
+    std::vector<Reply> replies;                           // the last one repeats
+    std::vector<End> ends = {{7, 3}, {7, 4, 0}, {6, 3}};  // in each mode: three failed tries
     int tries = 3;
+    std::function<void(WorkerRun&)> prepare = {};
 };
 
 Reply Length(const std::string& length) {
     return Reply::Head(length, kBody);
 }
 
-Reply Half() {
-    return Reply::Head(std::to_string(kAll), kBody.substr(0, kHalf));
+Reply Part(std::size_t count) {
+    return Reply::Head(std::to_string(kAll), kBody.substr(0, count));
 }
 
 Reply Raw(const std::string& bytes) {
@@ -62,27 +63,37 @@ void Tell(const Lie& lie, std::size_t mode) {
     run.Request(server.Url());
     if (mode == 2) run.RequestPage(server.Port());
     run.Slot().nTryCount = lie.tries;
+    if (lie.prepare) lie.prepare(run);
     run.EndWell();
     const auto& [code, requests, size] = lie.ends[mode];
     EXPECT_EQ(run.Slot().nStateBits & FINAL_STATE_BITS, 1U << code);
     EXPECT_EQ(server.RequestCount(), requests);
-    const std::string file = ReadFile(run.Output());
-    EXPECT_EQ(FileExists(run.Output()) ? static_cast<int>(file.size()) : -1, size);
+    const bool isFile = std::filesystem::is_regular_file(run.Output());
+    const std::string file = isFile ? ReadFile(run.Output()) : "";
+    EXPECT_EQ(isFile ? static_cast<int>(file.size()) : -1, size);
     EXPECT_TRUE(kBody.starts_with(file)) << "that is not what the server sent";
     EXPECT_EQ(FieldText(run.Slot().szVideoInfo).empty(), code != DOWNLOAD_STATE_PARSE_FINISH);
 }
 
+// In all modes there are ends for.
+void Tell(const std::vector<Lie>& lies) {
+    const auto tell = [&](std::size_t i) {
+        if (i % 3 < lies[i / 3].ends.size()) Tell(lies[i / 3], i % 3);
+    };
+    InParallel(lies.size() * 3, tell, 24);
+}
+
 TEST(LyingServers, TasksEndAsTheTableSays) {
-    HttpServer ftp({Reply()});
+    const HttpServer ftp({Reply()});
     const Reply toFtp = Reply::Redirect("ftp" + ftp.Url().substr(4));
     const Reply good =
         Raw(Repeated(2'000, kContinue) + kHead + "Connection: close\r\n\r\n" + kBody);
     const Reply most = Length("9223372036854775807");
-    const Reply torn = Half().Pause(500ms).Reset();
+    const Reply torn = Part(kHalf).Pause(500ms).Reset();
     const Reply shorter = Reply::Ok(kBody.substr(0, 9));
     const std::string header = "X: " + std::string(1000, 'x') + "\r\n";
-    const Lie lies[] = {
-        {"stalls in the body", {Half().Silence()}, {{7, 2, kHalf}, {7, 2, kHalf}, {6, 1}}, 1},
+    Tell({
+        {"stalls in the body", {Part(kHalf).Silence()}, {{7, 2, kHalf}, {7, 2, kHalf}, {6, 1}}, 1},
         {"no length", {Length("")}, {{7, 3}, {3, 2, kAll}, {1, 1}}},
         {"length 0", {Length("0")}, {{7, 3}, {3, 2, 0}, {6, 2}}},
         {"length -5", {Length("-5")}},
@@ -92,7 +103,7 @@ TEST(LyingServers, TasksEndAsTheTableSays) {
         {"20 digits", {Length("12345678901234567890")}, {{7, 3}, {3, 2, kAll}, {1, 1}}},
         {"two lengths", {Length("5\r\nContent-Length: 7")}, {{3, 2, 7}, {3, 2, 7}, {6, 1}}},
         {"a longer body", {Length("9")}, {{3, 2, 9}, {3, 2, 9}, {6, 1}}},
-        {"a shorter body", {Half()}, {{7, 4, kHalf}, {7, 4, kHalf}, {6, 3}}},
+        {"a shorter body", {Part(kHalf)}, {{7, 4, kHalf}, {7, 4, kHalf}, {6, 3}}},
         {"closes at once", {Reply()}},
         {"resets at once", {Reply().Reset()}},
         {"resets in the head", {Raw(kHead).Pause(100ms).Reset()}},
@@ -110,10 +121,41 @@ TEST(LyingServers, TasksEndAsTheTableSays) {
         {"a chunk cut off", {Raw(kChunked + "5\r\nsta")}, {{7, 3}, {7, 4, 3}, {6, 3}}},
         {"2,000 times code 100", {good}, {{7, 3}, {3, 2, kAll}, {1, 1}}},
         {"20,000 times code 100", {Raw(Repeated(20'000, kContinue))}},
-    };
-    const auto tell = [&](std::size_t i) { Tell(lies[i / 3], i % 3); };
-    InParallel(std::size(lies) * 3, tell, 24);
-    EXPECT_EQ(ftp.ConnectionCount(), 0u);
+    });
+}
+
+auto Set(std::int32_t tagTaskContext::*field, std::int32_t value) {
+    return [=](WorkerRun& run) { run.Slot().*field = value; };
+}
+
+auto Output(const char* path) {
+    return [=](WorkerRun& run) { SetField(run.Slot().szFilePath, path); };
+}
+
+TEST(LyingServers, OtherAnswersAndSlots) {
+    const Reply good = Reply::Ok(kBody);
+    const Reply gone = Reply::Status(404, kBody.substr(0, 9));
+    const Reply partly = Reply::Status(206, kBody.substr(0, 9));
+    const Reply moved = Reply::Redirect("/there");
+    const auto longer = [](WorkerRun& run) { WriteFile(run.Output(), kBody + kBody); };
+    const auto pipe = [](WorkerRun& run) { mkfifo(run.Output().c_str(), 0600); };
+    const std::vector<Reply> pieces = {good, Part(500), Part(600), Part(700), Part(800), good};
+    Tell({
+        {"404", {gone}, {{7, 3}, {7, 2, 9}}, 7},
+        {"206", {partly}, {{7, 3}, {7, 2, 9}}},
+        {"redirects", {moved, good, moved, good}, {{3, 4, kAll}}},
+        {"tries are shared with the download", {gone, good, Reply().Reset()}, {{7, 4, 0}}},
+        {"new bytes give back the tries", pieces, {{3, 6, kAll}}, 2},
+        {"no try", {good}, {{7, 0, 0}}, 0},
+        {"command 3", {good}, {{3, 2, kAll}}, 3, Set(&tagTaskContext::nCmd, 3)},
+        {"command 2 is a page", {good}, {{7, 0}}, 3, Set(&tagTaskContext::nCmd, 2)},
+        {"a stop before", {good}, {{8, 1, 0}}, 3, Set(&tagTaskContext::nControl, 2)},
+        {"another word", {good}, {{3, 2, kAll}}, 3, Set(&tagTaskContext::nControl, 3)},
+        {"a file that was there", {good}, {{3, 2, kAll}}, 3, longer},
+        {"a directory", {good}, {{7, 1}}, 3, Output("/tmp")},
+        {"a pipe", {good}, {{7, 1}}, 3, pipe},
+        {"a device", {good}, {{3, 2}}, 3, Output("/dev/null")},
+    });
 }
 
 // What ends with the patience of its client only.
@@ -134,9 +176,6 @@ const Endless kEndless[TASK_SLOT_COUNT] = {
     {"code 100", Reply().Stream(1'000, kContinue)},
 };
 
-// A second, on a machine that does other things as well.
-constexpr auto kBusy = 2s;
-
 TEST(LyingServers, AStopTakesThreeSeconds) {
     InParallel(std::size(kEndless) * 2, [](std::size_t i) {
         const Endless& endless = kEndless[i / 2];
@@ -150,36 +189,27 @@ TEST(LyingServers, AStopTakesThreeSeconds) {
         EXPECT_TRUE(WaitUntil([&] { return server.RequestCount() == (page ? endless.pages : 2); }));
         std::this_thread::sleep_for(300ms);
         run.Stop();
-        EXPECT_TRUE(WaitUntil([&] { return (run.Slot().nStateBits & kStopped) != 0; }, 3 * kBusy));
+        // On a busy machine; less than the 20 after which a silent transfer ends by itself.
+        EXPECT_TRUE(run.Wait(15s));
         run.EndWell();
+        EXPECT_EQ(run.Slot().nStateBits & FINAL_STATE_BITS, 1U << DOWNLOAD_STATE_STOPPED);
     });
 }
 
 // Within a transfer a probe does not see the stop: the manager kills it.
 TEST(LyingServers, AStopOfAProbeTakesTwelveSeconds) {
-    std::signal(SIGCHLD, proc_child);
-    std::string reason;
-    ASSERT_EQ(StartTaskManager(TARNWICK_PATH, "/info", reason), 0) << reason;
-    TempDir directory;
-    std::list<HttpServer> servers;
-    std::vector<std::string> ids;
-    static std::atomic<std::size_t> stopped;
-    for (const Endless& endless : kEndless) {
-        servers.emplace_back(std::vector{endless.reply});
-        tagTaskInfo task(ids.emplace_back(MakeTaskID()).c_str());
-        SetField(task.szDownloadUrl, servers.back().Url());
-        SetField(task.szFilePath, directory.Path(ids.back()));
-        task.nCmd = TASK_CMD_DOWNLOAD;
-        task.nTaskKind = 0;
-        task.pfnStateCallback = [](void*, const char*, int code, double, int) {
-            if (code == DOWNLOAD_STATE_STOPPED) ++stopped;
-        };
-        EXPECT_EQ(AddTask(task, reason), 0) << reason;
-        EXPECT_TRUE(WaitUntil([&] { return servers.back().RequestCount() > 0; }));
-    }
-    for (const std::string& id : ids) StopTask(id.c_str());
-    EXPECT_TRUE(WaitUntil([] { return stopped == std::size(kEndless); }, 12 * kBusy));
-    EXPECT_EQ(EndTaskManager(), 0);
+    HttpServer server([](const std::string&, std::size_t number) {
+        return kEndless[number % std::size(kEndless)].reply;
+    });
+    CommandRun get;
+    std::vector<std::string> arguments = {"-j8"};
+    for (char name = '1'; name <= '8'; ++name) arguments.push_back(server.Url("/") + name);
+    get.Start(arguments);
+    // One probe learns a size and is followed by its download.
+    EXPECT_TRUE(WaitUntil([&] { return server.RequestCount() == std::size(kEndless) + 1; }));
+    get.Signal(SIGINT);
+    EXPECT_EQ(get.End(), "signal 2");
+    EXPECT_TRUE(get.Says("8 stopped")) << get.Err();
 }
 
 }  // namespace

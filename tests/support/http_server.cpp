@@ -7,12 +7,35 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <list>
 #include <stdexcept>
 #include <utility>
 
 namespace test_support {
+namespace {
 
-using std::chrono::milliseconds;
+// Whether the client is still there after some time; -1: as long as it is.
+bool ClientStays(int connection, std::int64_t milliseconds) {
+    pollfd end{connection, POLLIN, 0};
+    return poll(&end, 1, static_cast<int>(milliseconds)) == 0;
+}
+
+bool SendAll(int connection, const std::string& bytes, std::size_t bytesPerSecond) {
+    const std::size_t portion =
+        bytesPerSecond == 0 ? bytes.size() : std::max<std::size_t>(bytesPerSecond / 50, 1);
+    for (std::size_t done = 0; done < bytes.size();) {
+        const std::size_t count = std::min(portion, bytes.size() - done);
+        const ssize_t sent = send(connection, &bytes[done], count, MSG_NOSIGNAL);
+        if (sent <= 0) return false;
+        done += static_cast<std::size_t>(sent);
+        if (bytesPerSecond != 0 && !ClientStays(connection, 1000 * sent / bytesPerSecond)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
 
 Reply Reply::Status(int code, const std::string& body, const std::string& headers) {
     return Reply().Send("HTTP/1.1 " + std::to_string(code) +
@@ -35,34 +58,27 @@ Reply& Reply::Add(Step step) {
 }
 
 Reply& Reply::Send(const std::string& bytes, std::size_t bytesPerSecond) {
-    return Add([=](HttpServer& server, int connection) {
-        return server.Send(connection, bytes, bytesPerSecond);
-    });
+    return Add([=](int connection) { return SendAll(connection, bytes, bytesPerSecond); });
 }
 
 Reply& Reply::Stream(std::size_t bytesPerSecond, const std::string& piece) {
-    return Add([=](HttpServer& server, int connection) {
-        while (server.Send(connection, piece, bytesPerSecond)) {
+    return Add([=](int connection) {
+        while (SendAll(connection, piece, bytesPerSecond)) {
         }
         return false;
     });
 }
 
-Reply& Reply::Pause(milliseconds time) {
-    return Add([=](HttpServer& server, int) { return server.Wait(time); });
+Reply& Reply::Pause(std::chrono::milliseconds time) {
+    return Add([=](int connection) { return ClientStays(connection, time.count()); });
 }
 
 Reply& Reply::Silence() {
-    return Add([](HttpServer&, int connection) {
-        char byte;
-        while (recv(connection, &byte, 1, 0) > 0) {
-        }
-        return false;
-    });
+    return Pause(std::chrono::milliseconds(-1));
 }
 
 Reply& Reply::Reset() {
-    return Add([](HttpServer&, int connection) {
+    return Add([](int connection) {
         const linger atOnce{1, 0};
         setsockopt(connection, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
         return false;
@@ -80,25 +96,13 @@ HttpServer::HttpServer(Script script) : script_(std::move(script)) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
     auto* generic = reinterpret_cast<sockaddr*>(&address);
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    if (listener_ == -1 || bind(listener_, generic, size) != 0 || listen(listener_, 64) != 0 ||
-        getsockname(listener_, generic, &size) != 0) {
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    if (bind(listener, generic, size) != 0 || listen(listener, 64) != 0 ||
+        getsockname(listener, generic, &size) != 0) {
         throw std::runtime_error("no server on the loopback");
     }
     port_ = ntohs(address.sin_port);
-    acceptor_ = std::thread([this] { Accept(); });
-}
-
-HttpServer::~HttpServer() {
-    {
-        std::lock_guard hold(mutex_);
-        stop_ = true;
-        for (int connection : connections_) shutdown(connection, SHUT_RDWR);
-    }
-    ending_.notify_all();
-    acceptor_.join();
-    for (std::thread& servant : servants_) servant.join();
-    close(listener_);
+    acceptor_ = std::jthread([=, this](const std::stop_token& end) { Accept(listener, end); });
 }
 
 std::string HttpServer::Url(const std::string& path) const {
@@ -110,62 +114,41 @@ std::vector<HttpServer::Request> HttpServer::Requests() const {
     return requests_;
 }
 
-std::size_t HttpServer::ConnectionCount() const {
-    std::lock_guard hold(mutex_);
-    return servants_.size();
-}
-
-void HttpServer::Accept() {
-    while (Wait(milliseconds(0))) {
-        pollfd arrival{listener_, POLLIN, 0};
+void HttpServer::Accept(int listener, const std::stop_token& end) {
+    std::list<std::jthread> servants;
+    while (!end.stop_requested()) {
+        pollfd arrival{listener, POLLIN, 0};
         if (poll(&arrival, 1, 50) != 1) continue;
-        const int connection = accept(listener_, nullptr, nullptr);
+        const int connection = accept(listener, nullptr, nullptr);
         if (connection == -1) continue;
         std::lock_guard hold(mutex_);
-        connections_.push_back(connection);
-        if (stop_) shutdown(connection, SHUT_RDWR);
-        servants_.emplace_back([this, connection] { Serve(connection); });
+        connections_.insert(connection);
+        servants.emplace_back([this, connection] { Serve(connection); });
     }
+    close(listener);
+    std::lock_guard hold(mutex_);
+    for (int connection : connections_) shutdown(connection, SHUT_RDWR);
 }
 
 void HttpServer::Serve(int connection) {
     std::string text;
     char block[4096];
-    while (text.find("\r\n\r\n") == std::string::npos) {
-        const ssize_t count = recv(connection, block, sizeof block, 0);
-        if (count <= 0) break;
-        text.append(block, static_cast<std::size_t>(count));
+    for (ssize_t count = 1; count > 0 && text.find("\r\n\r\n") == std::string::npos;) {
+        count = recv(connection, block, sizeof block, 0);
+        if (count > 0) text.append(block, static_cast<std::size_t>(count));
     }
+    std::unique_lock hold(mutex_);
     if (!text.empty()) {
-        std::unique_lock hold(mutex_);
         const std::size_t number = requests_.size();
         requests_.push_back({text, std::chrono::steady_clock::now()});
         hold.unlock();
         for (const Reply::Step& step : script_(text, number).steps_) {
-            if (!step(*this, connection)) break;
+            if (!step(connection)) break;
         }
+        hold.lock();
     }
-    std::lock_guard hold(mutex_);
-    connections_.remove(connection);
+    connections_.erase(connection);
     close(connection);
-}
-
-bool HttpServer::Send(int connection, const std::string& bytes, std::size_t bytesPerSecond) {
-    const std::size_t portion =
-        bytesPerSecond == 0 ? bytes.size() : std::max<std::size_t>(bytesPerSecond / 50, 1);
-    for (std::size_t done = 0; done < bytes.size();) {
-        const std::size_t count = std::min(portion, bytes.size() - done);
-        const ssize_t sent = send(connection, &bytes[done], count, MSG_NOSIGNAL);
-        if (sent <= 0) return false;
-        done += static_cast<std::size_t>(sent);
-        if (bytesPerSecond != 0 && !Wait(milliseconds(1000 * count / bytesPerSecond))) return false;
-    }
-    return true;
-}
-
-bool HttpServer::Wait(milliseconds time) {
-    std::unique_lock hold(mutex_);
-    return !ending_.wait_for(hold, time, [this] { return stop_; });
 }
 
 }  // namespace test_support

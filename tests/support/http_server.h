@@ -3,20 +3,18 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <list>
 #include <mutex>
+#include <set>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace test_support {
 
-class HttpServer;
-
 // What the server does on one connection once the request is there: the steps in the order of the
-// calls; then it closes the connection in good order. Without any step it just closes.
+// calls, until the client goes; then it closes the connection in good order.
 class Reply {
   public:
     // The usual replies: a head with the length of `body` and "Connection: close", and the body.
@@ -29,10 +27,9 @@ class Reply {
 
     // Sends `bytes` at once, or at about that many bytes per second.
     Reply& Send(const std::string& bytes, std::size_t bytesPerSecond = 0);
-    // Sends `piece` again and again, at that rate, until the client goes.
+    // Sends `piece` again and again, at that rate.
     Reply& Stream(std::size_t bytesPerSecond, const std::string& piece = std::string(1000, ' '));
     Reply& Pause(std::chrono::milliseconds time);
-    // Stays silent until the client goes.
     Reply& Silence();
     // Breaks the connection with a reset. What was sent just before may be lost with it: pause
     // first.
@@ -41,7 +38,7 @@ class Reply {
   private:
     friend class HttpServer;
     // Does one thing on a connection; false when the connection is of no more use.
-    using Step = std::function<bool(HttpServer& server, int connection)>;
+    using Step = std::function<bool(int connection)>;
     Reply& Add(Step step);
     std::vector<Step> steps_;
 };
@@ -61,36 +58,23 @@ class HttpServer {
     explicit HttpServer(Script script);
     // One reply per request; the last one repeats.
     explicit HttpServer(std::vector<Reply> replies);
-    ~HttpServer();
-    HttpServer(const HttpServer&) = delete;
-    HttpServer& operator=(const HttpServer&) = delete;
 
     int Port() const { return port_; }
     // "http://127.0.0.1:PORT" and `path`.
     std::string Url(const std::string& path = "/file") const;
     std::vector<Request> Requests() const;
-    // Connections that were made, with a request or without.
-    std::size_t ConnectionCount() const;
     std::size_t RequestCount() const { return Requests().size(); }
 
   private:
-    friend class Reply;
-    void Accept();
+    void Accept(int listener, const std::stop_token& end);
     void Serve(int connection);
-    // Both false when the connection is of no more use.
-    bool Send(int connection, const std::string& bytes, std::size_t bytesPerSecond);
-    bool Wait(std::chrono::milliseconds time);
 
     const Script script_;
-    int listener_ = -1;
     int port_ = 0;
-    std::thread acceptor_;
-    mutable std::mutex mutex_;  // guards the rest
-    std::condition_variable ending_;
-    bool stop_ = false;
+    mutable std::mutex mutex_;  // guards the next two
     std::vector<Request> requests_;
-    std::list<int> connections_;
-    std::vector<std::thread> servants_;  // one per connection
+    std::set<int> connections_;
+    std::jthread acceptor_;
 };
 
 }  // namespace test_support

@@ -22,11 +22,9 @@ class WorkerRun {
   public:
     explicit WorkerRun(int index = 2, const std::string& id = UniqueName("task"));
     ~WorkerRun();
-    WorkerRun(const WorkerRun&) = delete;
-    WorkerRun& operator=(const WorkerRun&) = delete;
 
     // The live slot: to be filled before the start, and looked at afterwards.
-    tagTaskContext& Slot(int index) const;
+    tagTaskContext& Slot(int index) const { return *SlotAt({0, mapping_, nullptr}, index); }
     tagTaskContext& Slot() const { return Slot(index_); }
     // Fills the slot with a download (command 1) of `url`: 3 tries without pauses into Output().
     void Request(const std::string& url);
@@ -57,21 +55,20 @@ class WorkerRun {
     // What the worker wrote to standard error.
     std::string Errors() const { return ReadFile(directory_.Path("stderr")); }
 
+    using Step = std::function<void(tagTaskContext&)>;
     // Calls `step` with the live slot while holding the task's lock. Throws when the lock cannot be
     // had by the deadline.
-    void UnderLock(const std::function<void(tagTaskContext&)>& step) const;
+    void UnderLock(const Step& step) const;
     // Asks the worker to stop.
     void Stop() const;
-    // Value of the lock, also when its name is gone: 1 when it is free and sound.
-    int LockValue() const;
-    // Whether the bytes outside the slot are what they were at Start().
-    bool RestIntact() const;
+    // Whether the section has the bytes of Start(), but for what `change` does to the slot.
+    bool ChangedBy(const Step& change) const;
 
   private:
     const int index_;
     const std::string id_;
-    const int manager_;
-    const std::string section_;
+    const std::string manager_;
+    const std::string section_ = SHARE_MEM_NAME + ("_" + manager_);
     TempDir directory_;
     char* mapping_ = nullptr;
     sem_t* lock_ = nullptr;
@@ -79,8 +76,5 @@ class WorkerRun {
     pid_t pid_ = -1;
     int status_ = -1;  // as waitpid tells; -1 while the worker runs
 };
-
-// "" when two slots are equal to the byte, else where they differ first.
-std::string Difference(const tagTaskContext& actual, const tagTaskContext& expected);
 
 }  // namespace test_support
