@@ -138,17 +138,19 @@ TEST(LyingServers, OtherAnswersAndSlots) {
     const Reply partly = Reply::Status(206, kBody.substr(0, 9));
     const Reply moved = Reply::Redirect("/there");
     const auto longer = [](WorkerRun& run) { WriteFile(run.Output(), kBody + kBody); };
+    const auto noAddress = [](WorkerRun& run) { SetField(run.Slot().szDownloadUrl, ""); };
     const auto pipe = [](WorkerRun& run) { mkfifo(run.Output().c_str(), 0600); };
     const std::vector<Reply> pieces = {good, Part(500), Part(600), Part(700), Part(800), good};
     Tell({
         {"404", {gone}, {{7, 3}, {7, 2, 9}}, 7},
-        {"206", {partly}, {{7, 3}, {7, 2, 9}}},
+        {"206", {partly}, {{7, 3}, {7, 2, 9}}, -1},
         {"redirects", {moved, good, moved, good}, {{3, 4, kAll}}},
         {"tries are shared with the download", {gone, good, Reply().Reset()}, {{7, 4, 0}}},
         {"new bytes give back the tries", pieces, {{3, 6, kAll}}, 2},
         {"no try", {good}, {{7, 0, 0}}, 0},
         {"command 3", {good}, {{3, 2, kAll}}, 3, Set(&tagTaskContext::nCmd, 3)},
         {"command 2 is a page", {good}, {{7, 0}}, 3, Set(&tagTaskContext::nCmd, 2)},
+        {"so is no address", {good}, {{7, 0}}, 3, noAddress},
         {"a stop before", {good}, {{8, 1, 0}}, 3, Set(&tagTaskContext::nControl, 2)},
         {"another word", {good}, {{3, 2, kAll}}, 3, Set(&tagTaskContext::nControl, 3)},
         {"a file that was there", {good}, {{3, 2, kAll}}, 3, longer},

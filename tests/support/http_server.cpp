@@ -28,9 +28,8 @@ bool SendAll(int connection, const std::string& bytes, std::size_t bytesPerSecon
         const ssize_t sent = send(connection, &bytes[done], count, MSG_NOSIGNAL);
         if (sent <= 0) return false;
         done += static_cast<std::size_t>(sent);
-        if (bytesPerSecond != 0 && !ClientStays(connection, 1000 * sent / bytesPerSecond)) {
-            return false;
-        }
+        if (bytesPerSecond == 0) continue;
+        if (!ClientStays(connection, 1000 * sent / bytesPerSecond)) return false;
     }
     return true;
 }
@@ -71,10 +70,6 @@ Reply& Reply::Stream(std::size_t bytesPerSecond, const std::string& piece) {
 
 Reply& Reply::Pause(std::chrono::milliseconds time) {
     return Add([=](int connection) { return ClientStays(connection, time.count()); });
-}
-
-Reply& Reply::Silence() {
-    return Pause(std::chrono::milliseconds(-1));
 }
 
 Reply& Reply::Reset() {

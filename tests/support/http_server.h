@@ -30,7 +30,7 @@ class Reply {
     // Sends `piece` again and again, at that rate.
     Reply& Stream(std::size_t bytesPerSecond, const std::string& piece = std::string(1000, ' '));
     Reply& Pause(std::chrono::milliseconds time);
-    Reply& Silence();
+    Reply& Silence() { return Pause(std::chrono::milliseconds(-1)); }
     // Breaks the connection with a reset. What was sent just before may be lost with it: pause
     // first.
     Reply& Reset();
