@@ -1,8 +1,8 @@
 // What the fuzz targets share.
 //
-// A target is one function, LLVMFuzzerTestOneInput, that hands the bytes it is given to operations
-// of the system and checks what came out. libFuzzer calls it with inputs of its own; replay.cpp
-// with those kept in corpus/.
+// A target is a function, Fuzz, that hands the bytes it is given to operations of the system and
+// checks what came out. libFuzzer calls it with inputs of its own; replay.cpp with those kept in
+// corpus/. To be included by one source of each target.
 #pragma once
 
 #include <algorithm>
@@ -12,10 +12,6 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-namespace fuzz {
 
 // Ends the program unless `holds`.
 inline void Expect(bool holds, const char* what, int line = __builtin_LINE()) {
@@ -27,61 +23,43 @@ inline void Expect(bool holds, const char* what, int line = __builtin_LINE()) {
 // Takes an input apart, from its front. What is used up gives zeros and empty texts.
 class Input {
   public:
-    Input(const std::uint8_t* data, std::size_t size)
-        : rest_(reinterpret_cast<const char*>(data), size) {}
+    explicit Input(std::string_view bytes) : rest_(bytes) {}
 
     bool Empty() const { return rest_.empty(); }
 
-    std::string Text(std::size_t limit) {
+    std::string Text(std::size_t limit = std::string::npos) {
         const std::string text(rest_.substr(0, limit));
         rest_.remove_prefix(text.size());
         return text;
     }
-    std::string Rest() { return Text(rest_.size()); }
 
     // Little-endian.
     template <class Number>
     Number Take() {
         Number number{};
-        const std::string bytes = Text(sizeof number);
-        std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(&number));
+        Text(sizeof number).copy(reinterpret_cast<char*>(&number), sizeof number);
         return number;
     }
 
-    // Stores a text in the field, which may be left without a terminator: its length, 16 bits, and
-    // a pattern, with its length before it in 8 bits, that is repeated up to there.
-    template <std::size_t Width>
-    void Fill(char (&field)[Width]) {
-        const std::size_t length = Take<std::uint16_t>() % (Width + 1);
-        const std::string pattern = Text(Take<std::uint8_t>());
-        for (std::size_t i = 0; i < length && !pattern.empty(); ++i) {
-            field[i] = pattern[i % pattern.size()];
-        }
-        if (length < Width) field[length] = '\0';
-    }
-
-    // Fills the request of a task, in its record or its slot.
+    // Overwrites a part of the record, from a byte on and for a length, with a repeated pattern.
     template <class Record>
-    void FillRequest(Record& record) {
-        record.nCmd = Take<std::int32_t>();
-        record.nTaskKind = Take<std::int32_t>();
-        Fill(record.szTaskID);
-        Fill(record.szDownloadUrl);
-        Fill(record.szOrgUrl);
-        Fill(record.szFilePath);
-        record.nBlockCount = Take<std::int32_t>();
-        record.nTryCount = Take<std::int32_t>();
-        record.nTryInterval = Take<std::int32_t>();
-        record.bUseProxy = Take<std::int32_t>();
-        record.nProxyPort = Take<std::int32_t>();
-        record.nProxyType = Take<std::int32_t>();
-        Fill(record.szProxyHost);
-        Fill(record.szProxyUser);
-        Fill(record.szProxyPassword);
+    void Scribble(Record& record) {
+        const std::size_t from = Take<std::uint16_t>() % sizeof record;
+        const std::size_t length = Take<std::uint16_t>() % (sizeof record - from + 1);
+        const std::string pattern = Text(Take<std::uint8_t>());
+        char* bytes = reinterpret_cast<char*>(&record) + from;
+        for (std::size_t i = 0; i < length && !pattern.empty(); ++i) {
+            bytes[i] = pattern[i % pattern.size()];
+        }
     }
 
   private:
     std::string_view rest_;
 };
 
-}  // namespace fuzz
+void Fuzz(Input input);
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Fuzz(Input(std::string_view(reinterpret_cast<const char*>(data), size)));
+    return 0;
+}

@@ -8,39 +8,33 @@
 #include <iterator>
 #include <random>
 #include <set>
+#include <string>
 #include <vector>
 
-#include "fuzz.h"
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
-// A copy of exactly the input's size, so that a sanitizer sees what reads beyond it.
-std::vector<std::uint8_t> ReadInput(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::vector<std::uint8_t> bytes(std::istreambuf_iterator<char>(file), {});
-    bytes.shrink_to_fit();
-    return bytes;
-}
-
 // An input like the kept ones: one with another one's end, and bytes of any value here and there.
-std::vector<std::uint8_t> MakeInput(const std::vector<std::vector<std::uint8_t>>& kept,
-                                    unsigned seed) {
+std::string MakeInput(const std::vector<std::string>& kept, unsigned seed) {
     std::minstd_rand random(seed);
     const auto below = [&random](std::size_t limit) { return (random() >> 4) % limit; };
-    std::vector<std::uint8_t> input = kept[below(kept.size())];
-    const std::vector<std::uint8_t>& other = kept[below(kept.size())];
-    const auto from = static_cast<std::ptrdiff_t>(below(other.size() + 1));
+    std::string input = kept[below(kept.size())];
+    const std::string& other = kept[below(kept.size())];
     input.resize(below(2 * input.size() + 2));
-    input.insert(input.end(), other.begin() + from, other.end());
+    input += other.substr(below(other.size() + 1));
     for (std::size_t i = below(32); i > 0 && !input.empty(); --i) {
-        input[below(input.size())] = static_cast<std::uint8_t>(random() >> 8);
+        input[below(input.size())] = static_cast<char>(random() >> 8);
     }
-    input.shrink_to_fit();
     return input;
 }
 
-int Run(const std::vector<std::uint8_t>& input) {
-    return LLVMFuzzerTestOneInput(input.data(), input.size());
+// What is printed last is what failed.
+void Run(const std::string& name, const std::string& input) {
+    std::cout << name << std::endl;
+    // Of exactly the input's size, so that a sanitizer sees what reads beyond it.
+    const std::vector<std::uint8_t> bytes(input.begin(), input.end());
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }
 
 }  // namespace
@@ -48,17 +42,16 @@ int Run(const std::vector<std::uint8_t>& input) {
 int main(int argc, char** argv) {
     std::set<std::filesystem::path> paths;
     if (argc == 2) paths.insert(std::filesystem::directory_iterator(argv[1]), {});
-    std::vector<std::vector<std::uint8_t>> kept;
-    // What is printed last is what failed.
+    std::vector<std::string> kept;
     for (const std::filesystem::path& path : paths) {
-        std::cout << path.filename().string() << std::endl;
-        Run(kept.emplace_back(ReadInput(path)));
+        std::ifstream file(path, std::ios::binary);
+        kept.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+        Run(path.filename(), kept.back());
     }
     const char* wanted = std::getenv("TASKMAN_RANDOM_INPUTS");
     const int count = wanted != nullptr ? std::atoi(wanted) : 1000;
     for (int seed = 1; seed <= count && !kept.empty(); ++seed) {
-        std::cout << "seed " << seed << std::endl;
-        Run(MakeInput(kept, static_cast<unsigned>(seed)));
+        Run("seed " + std::to_string(seed), MakeInput(kept, static_cast<unsigned>(seed)));
     }
     return kept.empty() ? 1 : 0;
 }

@@ -1,11 +1,10 @@
-// The scanner over slots that workers write anything into between its passes. The input is the
-// workers; what each pass has to call and to leave behind is worked out before it begins.
-#include <chrono>
+// The scanner over slots that workers write anything into between its passes.
+#include <pthread.h>
+#include <unistd.h>
+
 #include <cstring>
 #include <map>
-#include <string>
-#include <thread>
-#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "TaskMan/taskman.h"
@@ -14,175 +13,119 @@
 #include "common/stringutility.h"
 #include "fuzz.h"
 
-using fuzz::Expect;
-
 namespace {
 
-// Task id, code, value, text.
-using Call = std::tuple<std::string, int, std::string, std::string>;
+const std::string kUnheard = "b";  // the task without callbacks
 
-std::string Bits(double value) {
-    return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+using Calls = std::vector<std::pair<std::string, int>>;  // task and code
+
+thread_local Input* t_input = nullptr;  // of the scanner's thread
+std::vector<char> g_section;
+std::vector<char> g_before;  // the section before a pass
+std::vector<char> g_left;    // as the pass is to leave it
+Calls g_due;                 // the calls it is to make
+Calls g_calls;               // those it has made
+
+bool Ends(int code) {
+    return (FINAL_STATE_BITS >> code & 1) != 0;
 }
 
-// Everything here happens on the scanner's thread while it runs.
-class Workers {
-  public:
-    explicit Workers(fuzz::Input input) : input_(input) {
-        section_.assign(SHARE_MEM_SIZE, input_.Take<char>());
-        g_VideoInfoSection.hPrt = section_.data();
-        const int tasks = input_.Take<std::uint8_t>() % (TASK_SLOT_COUNT + 1);
-        for (int i = 0; i < tasks; ++i) Add(std::string(1, static_cast<char>('a' + i)), i);
-        CheckAndCalcTaskCount();
-        left_ = section_;
-        Predict();
+// Tasks "a" to "h" have the slots 0 to 7.
+tagTaskContext& SlotOf(const std::string& id, std::vector<char>& section) {
+    return reinterpret_cast<tagTaskContext*>(section.data())[id[0] - 'a'];
+}
+
+// Works out what the next pass does with a task.
+void Foresee(const std::string& id) {
+    tagTaskContext& slot = SlotOf(id, g_left);
+    if (strutil::trim(FieldText(slot.szTaskID)) != id) return;
+    const std::uint32_t bits = std::exchange(slot.nStateBits, 0);
+    slot.bStateChanged = 0;
+    for (const int code : {0, 1, 2, 3, 4, 5, 6, 7, 8, 10, 16}) {
+        if ((bits >> code & 1) == 0) continue;
+        if (id != kUnheard) g_due.emplace_back(id, code);
+        if (!Ends(code)) continue;
+        std::memset(static_cast<void*>(&slot), 0, TASK_SLOT_SIZE);
+        return;
     }
-    ~Workers() {
-        Expect(g_ScanThradIsExit, "the scanner says that it has ended");
-        for (const auto& [id, node] : g_TaskInfo_map) delete node;
-        g_TaskInfo_map.clear();
-        g_VideoInfoSection.hPrt = nullptr;
-        g_Exit = false;
-    }
+}
 
-    // What happens in the second between two passes.
-    void Pause() {
-        Expect(calls_ == expected_, "each report was called back, no other");
-        Expect(section_ == left_, "nothing else was changed");
-        calls_.clear();
-        g_Exit = input_.Empty();
-        for (int i = input_.Take<std::uint8_t>() % 8; i >= 0 && !input_.Empty(); --i) Write();
-        Predict();
-    }
+void Called(const char* id, int code) {
+    g_calls.emplace_back(id, code);
+    Threading::AutoLock hold(&g_access_taskmap_mutex);  // callbacks may take it
+    Expect(Ends(code) != g_TaskInfo_map.contains(id), "a task that has ended is forgotten");
+}
 
-  private:
-    void Add(const std::string& id, int index) {
-        auto* node = new tagTaskNode(id.c_str());
-        const auto choice = input_.Take<std::uint8_t>();
-        constexpr std::int32_t kCommands[] = {0, 1, 3, 1};
-        node->nCmd = kCommands[choice & 3];
-        node->nTaskKind = (choice & 3) == 3 ? 1 : 0;
-        node->nTaskIndex = (choice & 4) != 0 ? -1 : index;
-        node->mutexLock = new Threading::Mutex;
-        node->pCallbackParam = this;
-        if ((choice & 8) == 0) node->pfnStateCallback = OnState;
-        if ((choice & 16) == 0) node->pfnResultCallback = OnResult;
-        SetField(SlotAt(g_VideoInfoSection, SlotOf(*node))->szTaskID, id);
-        Threading::AutoLock hold(&g_access_taskmap_mutex);
-        g_TaskInfo_map[id] = node;
-    }
+void OnState(void* /*param*/, const char* id, int code, double value, int kind) {
+    const tagTaskContext& slot = SlotOf(id, g_before);
+    const double values[32] = {0, 0, 0, kind == 1 ? -1.0 : 0, slot.dProgress, slot.dSpeed, 0,
+                               0, 0, 0, slot.dFileSize};
+    Expect(std::memcmp(&value, &values[code], sizeof value) == 0, "a value is the slot's");
+    Called(id, code);
+}
 
-    // Something that a worker, or who poses as one, stores in a slot.
-    void Write() {
-        const int index = input_.Take<std::uint8_t>() % TASK_SLOT_COUNT;
-        tagTaskContext& slot = *SlotAt(g_VideoInfoSection, index);
-        const auto choice = input_.Take<std::uint8_t>();
-        slot.nStateBits = input_.Take<std::uint32_t>();
-        if ((choice & 1) != 0) input_.Fill(slot.szTaskID);
-        if ((choice & 2) != 0) input_.Fill(slot.szVideoInfo);
-        if ((choice & 4) != 0) slot.dProgress = input_.Take<double>();
-        if ((choice & 8) != 0) slot.dSpeed = input_.Take<double>();
-        if ((choice & 16) != 0) slot.dFileSize = input_.Take<double>();
-        slot.bStateChanged = choice & 32;
-        CopySlot(&LeftOf(index), &slot);
-    }
+void OnResult(void* /*param*/, const char* id, int code, const char* text, std::uint32_t length) {
+    const std::string sent = FieldText(SlotOf(id, g_before).szVideoInfo) + std::string(2, '\0');
+    Expect(std::string(text, length + 2) == sent, "a text is the slot's, and two zeros");
+    Called(id, code);
+}
 
-    // Works out the next pass.
-    void Predict() {
-        Threading::AutoLock map(&g_access_taskmap_mutex);
-        Threading::AutoLock count(&g_access_taskcount_mutex);
-        Expect(static_cast<std::size_t>(g_TaskCount) == g_TaskInfo_map.size(), "tasks are counted");
-        expected_.clear();
-        if (g_TaskInfo_map.empty()) std::fill_n(left_.begin(), TASK_COMMDATA_OFFSET, '\0');
-        for (const auto& [id, node] : g_TaskInfo_map) {
-            const tagTaskContext& slot = *SlotAt(g_VideoInfoSection, SlotOf(*node));
-            if (strutil::trim(FieldText(slot.szTaskID)) != id) continue;
-            tagTaskContext& left = LeftOf(SlotOf(*node));
-            left.bStateChanged = 0;
-            left.nStateBits = 0;
-            if (!PredictCalls(id, *node, slot)) continue;
-            std::memset(static_cast<void*>(&left), 0, TASK_SLOT_SIZE);
-        }
-    }
-
-    // Whether the task ends.
-    bool PredictCalls(const std::string& id, const tagTaskNode& node, const tagTaskContext& slot) {
-        const std::map<int, double> values{
-            {0, 0}, {2, 0}, {4, slot.dProgress}, {5, slot.dSpeed}, {10, slot.dFileSize}};
-        for (int code = 0; code < 32; ++code) {
-            if ((slot.nStateBits >> code & 1) == 0) continue;
-            const auto value = values.find(code);
-            const bool ends = (FINAL_STATE_BITS >> code & 1) != 0;
-            if (value == values.end() && !ends) continue;
-            if (code == 1) {
-                if (node.pfnResultCallback != nullptr) {
-                    expected_.emplace_back(id, code, "", FieldText(slot.szVideoInfo));
-                }
-            } else if (node.pfnStateCallback != nullptr) {
-                const double final = code == 3 && node.nTaskKind == 1 ? -1.0 : 0.0;
-                expected_.emplace_back(id, code, Bits(ends ? final : value->second), "");
-            }
-            if (ends) return true;
-        }
-        return false;
-    }
-
-    static int SlotOf(const tagTaskNode& node) { return node.nTaskIndex < 0 ? 7 : node.nTaskIndex; }
-
-    static tagTaskContext& LeftOf(int index) {
-        return reinterpret_cast<tagTaskContext*>(left_.data())[index];
-    }
-
-    // Callbacks may take the locks.
-    static bool IsKnown(const char* id) {
-        Threading::AutoLock hold(&g_access_taskmap_mutex);
-        return g_TaskInfo_map.contains(id);
-    }
-    static void OnState(void* param, const char* id, int code, double value, int) {
-        static_cast<Workers*>(param)->calls_.emplace_back(id, code, Bits(value), "");
-        const bool ends = (FINAL_STATE_BITS >> code & 1) != 0;
-        Expect(ends == !IsKnown(id), "a task that has ended is forgotten");
-    }
-    static void OnResult(void* param, const char* id, int code, const char* text,
-                         std::uint32_t length) {
-        Expect(text[length] == 0 && text[length + 1] == 0, "two zeros are behind the text");
-        static_cast<Workers*>(param)->calls_.emplace_back(id, code, "", std::string(text, length));
-        Expect(!IsKnown(id), "a task that has ended is forgotten");
-    }
-
-    fuzz::Input input_;
-    std::vector<Call> calls_;     // made in this pass
-    std::vector<Call> expected_;  // to be made in it
-
-    // Kept from one input to the next: making them anew takes longer than all the rest.
-    static inline std::vector<char> section_;
-    static inline std::vector<char> left_;  // the section after this pass
-};
-
-thread_local Workers* t_workers = nullptr;  // of the scanner's thread
-
-void* Scan(void* workers) {
-    t_workers = static_cast<Workers*>(workers);
+void* Scan(void* input) {
+    t_input = static_cast<Input*>(input);
     return StartScanData(nullptr);
 }
 
 }  // namespace
 
+// The second between two passes.
 extern "C" unsigned sleep(unsigned seconds) {
-    if (t_workers == nullptr) {
-        std::this_thread::sleep_for(std::chrono::seconds(seconds));
-    } else {
-        Expect(seconds == 1, "a pass begins each second");
-        t_workers->Pause();
+    if (t_input == nullptr) return static_cast<unsigned>(usleep(seconds * 1000000));
+    Expect(g_calls == g_due, "each report was called back, no other");
+    Expect(g_section == g_left, "nothing else was changed");
+    g_Exit = t_input->Empty();
+    for (int i = t_input->Take<std::uint8_t>() % 8; i >= 0 && !t_input->Empty(); --i) {
+        tagTaskContext* slot = SlotAt(g_VideoInfoSection, t_input->Take<std::uint8_t>() % 8);
+        slot->nStateBits = t_input->Take<std::uint32_t>();
+        slot->bStateChanged = 1;
+        t_input->Scribble(*slot);
     }
+    g_calls.clear();
+    g_due.clear();
+    g_before = g_left = g_section;
+    Threading::AutoLock map(&g_access_taskmap_mutex);
+    Threading::AutoLock count(&g_access_taskcount_mutex);
+    Expect(static_cast<std::size_t>(g_TaskCount) == g_TaskInfo_map.size(), "tasks are counted");
+    for (const auto& [id, node] : g_TaskInfo_map) Foresee(id);
+    if (g_TaskInfo_map.empty()) std::fill_n(g_left.begin(), TASK_COMMDATA_OFFSET, '\0');
     return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    Workers workers(fuzz::Input(data, size));
-    g_ScanThradIsExit = false;
+void Fuzz(Input input) {
+    g_section.assign(SHARE_MEM_SIZE, 'x');
+    g_VideoInfoSection.hPrt = g_section.data();
+    for (const std::string id : {"a", "b", "c", "d", "e", "f", "g", "h"}) {
+        SlotOf(id, g_section) = tagTaskContext();
+        SetField(SlotOf(id, g_section).szTaskID, id);
+        Threading::AutoLock hold(&g_access_taskmap_mutex);
+        auto* node = g_TaskInfo_map[id] = new tagTaskNode(id.c_str());
+        node->nCmd = id < "d" ? TASK_CMD_PARSE : TASK_CMD_DOWNLOAD;
+        node->nTaskKind = id == "g" ? 1 : 0;
+        node->nTaskIndex = id == "h" ? -1 : id[0] - 'a';
+        node->mutexLock = new Threading::Mutex;
+        if (id == kUnheard) continue;
+        node->pfnStateCallback = OnState;
+        node->pfnResultCallback = OnResult;
+    }
+    CheckAndCalcTaskCount();
+    g_left = g_section;
+    g_calls = g_due;
+    g_ScanThradIsExit = g_Exit = false;
     pthread_t scanner{};
-    Expect(pthread_create(&scanner, nullptr, Scan, &workers) == 0, "a scanner starts");
+    Expect(pthread_create(&scanner, nullptr, Scan, &input) == 0, "a scanner starts");
     pthread_join(scanner, nullptr);
-    return 0;
+    Expect(g_ScanThradIsExit, "the scanner says that it has ended");
+    Expect(g_section == g_left, "its last pass changed nothing else, either");
+    Threading::AutoLock hold(&g_access_taskmap_mutex);
+    for (const auto& [id, node] : g_TaskInfo_map) delete node;
+    g_TaskInfo_map.clear();
 }
