@@ -8,11 +8,11 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <set>
 
+#include "TaskMan/othermanagers.h"
 #include "TaskMan/taskcontext.h"
 #include "common/platform.h"
 
@@ -24,7 +24,6 @@ CommandRun::~CommandRun() {
         waitpid(pid_, nullptr, 0);
         for (const std::string& name : SharedNames()) shm_unlink(name.c_str());
     }
-    if (reader_.joinable()) reader_.join();
     if (terminal_ != -1) close(terminal_);
 }
 
@@ -36,14 +35,12 @@ void CommandRun::Start(std::vector<std::string> arguments, int columns, int outp
     const std::string out = scratch_.Path("out");
     const std::string err = scratch_.Path("err");
     const std::string directory = directory_.Path();
-    for (const std::string& name : platform::SharedMemoryNames()) strangers_.insert(name);
     const winsize size{24, static_cast<unsigned short>(columns), 0, 0};
     pid_ = columns > 0 ? forkpty(&terminal_, nullptr, nullptr, &size) : fork();
     if (pid_ == 0) {
         // Terminals of other runs among them.
         platform::CloseDescriptorsOnExec();
-        // Whoever runs the tests in the background has these ignored, and the program would
-        // obey.
+        // Whoever runs the tests in the background has these ignored; the program would obey.
         for (const int number : {SIGINT, SIGHUP}) signal(number, SIG_DFL);
         if (output == -1) output = open(out.c_str(), O_WRONLY | O_CREAT, 0600);
         dup2(output, STDOUT_FILENO);
@@ -52,14 +49,18 @@ void CommandRun::Start(std::vector<std::string> arguments, int columns, int outp
         if (chdir(directory.c_str()) == 0) execve(TASKMAN_PATH, argv.data(), envp.data());
         _exit(99);
     }
-    if (columns > 0) reader_ = std::thread([this] { ReadTerminal(); });
+    if (terminal_ != -1) fcntl(terminal_, F_SETFL, O_NONBLOCK);
 }
 
 std::string CommandRun::End() {
     if (!WaitUntil([this] { return Ended(); })) return "running";
-    if (reader_.joinable()) reader_.join();
     if (WIFSIGNALED(status_)) return "signal " + std::to_string(WTERMSIG(status_));
     return "exit " + std::to_string(WEXITSTATUS(status_));
+}
+
+bool CommandRun::Ended() {
+    Err();  // a terminal that nobody reads holds the program up
+    return status_ != -1 || waitpid(pid_, &status_, WNOHANG) == pid_;
 }
 
 void CommandRun::Signal(int number) const {
@@ -71,8 +72,12 @@ void CommandRun::Type(char key) const {
 }
 
 std::string CommandRun::Err() {
-    std::lock_guard hold(mutex_);
-    return terminal_ == -1 ? ReadFile(scratch_.Path("err")) : terminal_text_;
+    if (terminal_ == -1) return ReadFile(scratch_.Path("err"));
+    char bytes[4096];
+    for (ssize_t count; (count = read(terminal_, bytes, sizeof bytes)) > 0;) {
+        terminal_text_.append(bytes, static_cast<std::size_t>(count));
+    }
+    return terminal_text_;
 }
 
 bool CommandRun::Says(const std::string& text) {
@@ -90,42 +95,24 @@ std::string CommandRun::Files() const {
 }
 
 std::vector<std::string> CommandRun::SharedNames() const {
-    char id[16];
-    std::snprintf(id, sizeof id, "%06x", static_cast<unsigned>(pid_));
-    std::vector<std::string> mine;
-    for (const std::string& name : platform::SharedMemoryNames()) {
-        if (strangers_.count(name) > 0) continue;
-        if (name == SHARE_MEM_NAME + ("_" + std::to_string(pid_)) ||
-            name.find(std::string("sem.") + id) == 0) {
-            mine.push_back(name);
-        }
-    }
-    return mine;
+    char lock[16];
+    std::snprintf(lock, sizeof lock, "sem.%06x", static_cast<unsigned>(pid_));
+    std::vector<std::string> names = platform::SharedMemoryNames();
+    std::erase_if(names, [&](const std::string& name) {
+        return name != SectionName(pid_) && !name.starts_with(lock);
+    });
+    return names;
 }
 
 pid_t CommandRun::Worker() const {
-    const std::string section = SHARE_MEM_NAME + ("_" + std::to_string(pid_));
-    std::int32_t pid = 0;
+    pid_t pid = -1;
     WaitUntil([&] {
-        const int file = shm_open(section.c_str(), O_RDONLY, 0);
-        if (file == -1) return false;
-        if (pread(file, &pid, sizeof pid, offsetof(tagTaskContext, nPid)) < 1) pid = 0;
-        close(file);
+        for (const OtherTask& task : ListTasks()) {
+            if (task.nManagerPid == pid_) pid = task.nPid;
+        }
         return pid > 0;
     });
     return pid;
-}
-
-bool CommandRun::Ended() {
-    return status_ != -1 || waitpid(pid_, &status_, WNOHANG) == pid_;
-}
-
-void CommandRun::ReadTerminal() {
-    char bytes[4096];
-    for (ssize_t count; (count = read(terminal_, bytes, sizeof bytes)) > 0;) {
-        std::lock_guard hold(mutex_);
-        terminal_text_.append(bytes, static_cast<std::size_t>(count));
-    }
 }
 
 }  // namespace test_support

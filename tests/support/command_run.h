@@ -3,10 +3,7 @@
 
 #include <sys/types.h>
 
-#include <mutex>
-#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/helpers.h"
@@ -41,11 +38,10 @@ class CommandRun {
     // Names in the working directory, with a blank between them.
     std::string Files() const;
 
-    // Names in shared memory that the run has made: its section, and locks, whose ids begin with
-    // the process id.
+    // Names in shared memory that the run has made: its section and its locks.
     std::vector<std::string> SharedNames() const;
 
-    // Process id of a worker, from its slot; waits until one has claimed its slot.
+    // Process id of a worker; waits until one has claimed its slot.
     pid_t Worker() const;
 
     int input = -1;  // descriptor of standard input; -1 is that of the test
@@ -53,17 +49,13 @@ class CommandRun {
 
   private:
     bool Ended();
-    void ReadTerminal();
 
     const std::string verb_;
     TempDir directory_;
     TempDir scratch_;
-    std::set<std::string> strangers_;  // names in shared memory that were there before
     pid_t pid_ = -1;
     int status_ = -1;
     int terminal_ = -1;
-    std::thread reader_;
-    std::mutex mutex_;
     std::string terminal_text_;
 };
 

@@ -8,14 +8,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <random>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 namespace test_support {
 
@@ -54,19 +53,13 @@ void InChild(const std::function<void()>& body) {
     EXPECT_EQ(status, 0) << "as waitpid tells of the child";
 }
 
-std::vector<std::string> Environment(const std::vector<std::string>& settings) {
-    std::map<std::string, std::string> named;
-    const auto set = [&](const std::string& setting) {
-        named[setting.substr(0, setting.find('='))] = setting;
-    };
-    for (char** entry = environ; *entry != nullptr; ++entry) set(*entry);
-    for (const char* ending : {"_proxy", "_PROXY"}) {
-        std::erase_if(named, [&](const auto& entry) { return entry.first.ends_with(ending); });
+std::vector<std::string> Environment(std::vector<std::string> settings) {
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string name(*entry, std::strcspn(*entry, "="));
+        const bool proxy = name.ends_with("_proxy") || name.ends_with("_PROXY");
+        if (!proxy) settings.push_back(*entry);
     }
-    std::for_each(settings.begin(), settings.end(), set);
-    std::vector<std::string> all;
-    for (const auto& [name, setting] : named) all.push_back(setting);
-    return all;
+    return settings;
 }
 
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
@@ -77,11 +70,7 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
 }
 
 std::string UniqueName(const std::string& stem) {
-    static std::atomic<unsigned> count{0};
-    static const unsigned random = std::random_device{}();
-    std::ostringstream name;
-    name << stem << '-' << std::hex << getpid() << '-' << random << '-' << count++;
-    return name.str();
+    return stem + '-' + std::to_string(std::random_device{}());
 }
 
 int SemaphoreValue(const std::string& name) {
@@ -104,9 +93,8 @@ TempDir::~TempDir() {
 }
 
 std::string ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
     std::ostringstream bytes;
-    bytes << file.rdbuf();
+    bytes << std::ifstream(path, std::ios::binary).rdbuf();
     return bytes.str();
 }
 

@@ -25,14 +25,15 @@ void InChild(const std::function<void()>& body);
 // What a program is to be run with has to be ready before the fork: a child of a program with
 // threads may wait for ever for a lock that one of them had, that of the memory among them.
 
-// The environment of the test without its proxies, changed by each "NAME=value" of `settings`.
-std::vector<std::string> Environment(const std::vector<std::string>& settings);
+// `settings`, each "NAME=value", and behind them, where they count no more, those of the test; not
+// its proxies.
+std::vector<std::string> Environment(std::vector<std::string> settings);
 
 // `texts`, which must outlive them, as `execve` takes them.
 std::vector<char*> Pointers(std::vector<std::string>& texts);
 
-// A name that nothing else on the machine has: letters, digits and "-", at most 30 characters for a
-// stem of 4.
+// A name that nothing else on the machine has: letters, digits and "-", at most 11 more than
+// `stem`.
 std::string UniqueName(const std::string& stem = "test");
 
 // Value of the named semaphore; -1 when there is none.
