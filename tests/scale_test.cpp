@@ -1,10 +1,9 @@
 // A long list over several hosts through GNU parallel, one of which dies halfway: docs/scale.md.
 // The hosts are this machine, behind a program that stands for ssh.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 
@@ -34,29 +33,12 @@ std::string Content(const std::string& name) {
 
 // The list is cut into jobs of 20 lines, one job at a time on each host; a host works on up to
 // eight files of its job at once.
-pid_t StartParallel(const TempDir& hosts, const TempDir& files) {
-    const std::string ssh = hosts.Path("ssh");
-    const std::string command = "parallel --will-cite --pipe -N 20 -S '1/" + ssh + " one,1/" + ssh +
-                                " two' '" + TASKMAN_PATH + " get -q -s -j 8 -d " + files.Path() +
-                                " -i -' >/dev/null <" + hosts.Path("list");
-    const pid_t pid = fork();
-    if (pid == 0) {
-        execl("/bin/bash", "bash", "-c", command.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    return pid;
-}
-
-int StatusOf(pid_t pid) {
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-void KillHost(const TempDir& hosts, const std::string& host) {
-    WriteFile(hosts.Path(host + "-is-down"), "");
-    std::ifstream groups(hosts.Path(host));
-    for (pid_t group = 0; groups >> group;) kill(-group, SIGKILL);
+FILE* StartParallel(const TempDir& hosts, const TempDir& files) {
+    const std::string host = ",1/" + hosts.Path("ssh") + " ";
+    const std::string command = "parallel --will-cite --pipe -N 20 -S '" + host.substr(1) + "one" +
+                                host + "two' '" + TASKMAN_PATH + " get -q -s -j 8 -d " +
+                                files.Path() + " -i -' >/dev/null <" + hosts.Path("list");
+    return popen(command.c_str(), "w");
 }
 
 TEST(Scale, AHostThatDiesCostsARepetition) {
@@ -72,12 +54,14 @@ TEST(Scale, AHostThatDiesCostsARepetition) {
     for (int i = 0; i < kFiles; ++i) list += server.Url("/file" + std::to_string(i)) + "\n";
     WriteFile(hosts.Path("list"), list);
 
-    const pid_t first = StartParallel(hosts, files);
+    FILE* first = StartParallel(hosts, files);
     EXPECT_TRUE(WaitUntil([&] { return FileExists(files.Path("file65")); }));
-    KillHost(hosts, "two");
-    EXPECT_NE(0, StatusOf(first));
+    WriteFile(hosts.Path("two-is-down"), "");
+    std::ifstream groups(hosts.Path("two"));
+    for (pid_t group = 0; groups >> group;) kill(-group, SIGKILL);
+    EXPECT_NE(0, pclose(first));
     std::filesystem::remove(hosts.Path("two-is-down"));
-    EXPECT_EQ(0, StatusOf(StartParallel(hosts, files)));
+    EXPECT_EQ(0, pclose(StartParallel(hosts, files)));
     for (int i = 0; i < kFiles; ++i) {
         const std::string name = "file" + std::to_string(i);
         EXPECT_TRUE(Content(name) == ReadFile(files.Path(name))) << name;
