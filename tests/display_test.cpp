@@ -28,11 +28,8 @@ TEST(DisplayLines, AreVisibleAndFitTheirColumns) {
                         .percent = 25,
                         .speed = 1048576,
                         .answered = true};
-    FileView again = file;
-    again.name = "file-of-some-length.tar.gz";
-    again.percent = 0;
-    again.speed = -1;
-    again.tries = 2;
+    const FileView again{
+        .name = "file-of-some-length.tar.gz", .size = 67108864, .answered = true, .tries = 2};
     const FileView waiting{.name = "name", .tries = 3};
     const Clock::time_point now = waiting.started + std::chrono::milliseconds(4200);
     const Totals totals{3, 0, 1, 0, 0, 2, 1024 * 1024};

@@ -22,32 +22,38 @@ using namespace test_support;
 
 namespace {
 
-// What the rules make of `given` and of an environment, whose settings blanks separate.
-std::string ProxyFor(std::string given, const char* address, const char* environment) {
-    std::istringstream words(environment);
-    std::vector<std::string> names{"http_proxy"};
-    for (std::string word; words >> word; names.push_back(word.substr(0, word.find('=')))) {
-        setenv(word.substr(0, word.find('=')).c_str(), &word[word.find('=') + 1], 1);
+bool Has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// What the rules make of `given`, unless it is empty, and of settings of the environment.
+std::string ProxyFor(const std::string& given, const std::string& address,
+                     const std::string& settings) {
+    for (const char* name : {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY", "all_proxy",
+                             "ALL_PROXY", "no_proxy", "NO_PROXY"}) {
+        unsetenv(name);
+    }
+    std::istringstream words(settings);
+    for (std::string name, value; std::getline(words, name, '=');) {
+        std::getline(words, value, ' ');
+        setenv(name.c_str(), value.c_str(), 1);
     }
     ProxyRules rules;
     Proxy proxy;
     std::string fault = given.empty() ? "" : rules.Give(given);
     if (fault.empty()) fault = rules.For(address, proxy);
-    for (const std::string& name : names) unsetenv(name.c_str());
-    if (!fault.empty()) return fault.find("secret") == std::string::npos ? "fault" : fault;
-    if (proxy.host.empty()) return "none";
-    return std::to_string(proxy.type) + " " + proxy.host + " " + std::to_string(proxy.port) + " " +
-           proxy.user + " " + proxy.password;
+    if (!fault.empty()) return Has(fault, "secret") ? fault : "fault";
+    const auto& [host, port, type, user, password] = proxy;
+    return host.empty() ? "none"
+                        : std::to_string(type) + " " + host + " " + std::to_string(port) + " " +
+                              user + " " + password;
 }
 
 TEST(GetProxy, ComesFromTheOptionOrTheEnvironment) {
     const TempDir directory;
     WriteFile(directory.Path("proxy"), " http://u:p@filed:1 \r\nmore");
-    const struct {
-        std::string given;
-        const char *address, *environment;
-        std::string proxy;  // type, host, port, user, password
-    } rows[] = {
+    // What is given, an address, the environment; the proxy's type, host, port, user, password.
+    const std::string rows[][4] = {
         {"HTTP://h/", "http://a", "", "0 h 1080  "},
         {"socks4://u@h:1", "http://a", "", "4 h 1 u "},
         {"socks4a://h:65535", "http://a", "", "6 h 65535  "},
@@ -67,9 +73,8 @@ TEST(GetProxy, ComesFromTheOptionOrTheEnvironment) {
         {"", "http://[::1]:80/", "http_proxy=p no_proxy=::1", "none"},
         {"", "http://a", "http_proxy=p no_proxy=*", "none"},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(ProxyFor(row.given, row.address, row.environment), row.proxy)
-            << row.given << " " << row.address << " " << row.environment;
+    for (const auto& [given, address, environment, proxy] : rows) {
+        EXPECT_EQ(ProxyFor(given, address, environment), proxy) << given << address << environment;
     }
     const std::string missing = "@" + directory.Path("missing"), tooLong(128, 'x');
     for (const char* bad : {"ftp://u:secret@h", ":1", "h:0", "h:65536", "h:8x", "http://:p@h",
@@ -111,10 +116,6 @@ Reply Site(const std::string& address) {
         if (address.ends_with(end)) return Reply::Ok(body);
     }
     return address.ends_with("silent") ? Reply().Silence() : Reply::Status(404, "");
-}
-
-bool Has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
 }
 
 HttpServer& Server();
