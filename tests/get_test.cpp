@@ -143,7 +143,7 @@ HttpServer& Server() {
         if (is("silent")) return Reply().Silence();
         if (is("no-length")) return Reply::Head("", "bytes");
         if (is("empty")) return Reply::Ok("");
-        if (is("leaves")) return Reply::Redirect("file:///etc/hostname");
+        if (is("leaves")) return Reply::Redirect("ftp://127.0.0.1:1/x");
         const bool first = Asked(address) == 1;
         if (is("differs")) return Reply::Ok(std::string(first ? 100 : 50, 'x'));
         if (is("endless") && !first) return Reply::Head("9").Stream(1000);
@@ -229,7 +229,7 @@ const std::vector<Row>& Rows() {
         {"--tries 1 $/endless", "exit 1", "", "of known size\n"},
         {"$/no-length", "exit 1", "", "(a second look: the server announces no length)"},
         {"$/empty", "exit 1", "", "(a second look: the file is empty)"},
-        {"$/leaves", "exit 1", "", "(a second look: Protocol \"file\""},
+        {"$/leaves", "exit 1", "", "(a second look: Protocol \"ftp\""},
         {"--keep-part $/short $/404", "exit 1", "short.part", "the transfer broke off", {}, part},
         {"--tries 1 $/huge", "exit 3", "", "huge: failed: no space left for huge.part\n"},
         {"--wait 0 $/idle", "exit 1", "", "idle: failed: the transfer starts over"},
@@ -257,8 +257,8 @@ const std::vector<Row>& Rows() {
              b49 + "..." + b49.substr(1) +
              ": refused: the line is longer than 8192 bytes\ngood: started\n",
          List("ftp://h/x\x1b[2J\nhttp:///x\nhttp://h/a b\nhttp://h\tx" + std::string(1, '\0') +
-              "\nhttp://h\tx/\nhttp://h\tx\t12\nhttp://h\t\t\tx\n\tx\n" + std::string(20'000, 'b') +
-              "\n$/good")},
+              "\nhttp://h\tx/\nhttp://h\tx\t12\nhttp://h\t\t\tx\n\tx\n" +
+              std::string(200'000, 'b') + "\n$/good")},
         {"http://h/" + std::string(1015, 'x'), "exit 2", "", "longer than 1023 bytes"},
         {"-j1 -i list --failed list", "exit 1", "good list", "",
          List("# all\nx\n$/good\n$/404\tn\t+\n$/good3\t\t~"),
@@ -385,6 +385,7 @@ TEST(Get, HostileNamesComeThroughEightSlots) {
 }
 
 TEST(Get, ATargetBelongsToOneDownload) {
+    g_hold = true;
     CommandRun run, other;
     Begin(run, "$/held");
     ASSERT_TRUE(run.Says("held: started"));
