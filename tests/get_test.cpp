@@ -391,12 +391,12 @@ TEST(Get, ATargetBelongsToOneDownload) {
     ASSERT_TRUE(run.Says("held: started"));
     Begin(other, "$/good -o " + run.Path("held"));
     EXPECT_EQ(other.End(), "exit 3");
-    EXPECT_TRUE(other.Says("another download writes"));
+    EXPECT_TRUE(Has(other.Err(), "another download writes")) << other.Err();
     EXPECT_EQ(run.Files(), "held.part");
     WriteFile(run.Path("held"), "mine");
     g_hold = false;
     EXPECT_EQ(run.End(), "exit 3");
-    EXPECT_TRUE(run.Says("held appeared meanwhile"));
+    EXPECT_TRUE(Has(run.Err(), "held appeared meanwhile")) << run.Err();
     EXPECT_EQ(run.Files() + " " + ReadFile(run.Path("held")), "held mine");
 }
 
@@ -450,7 +450,7 @@ TEST(Get, ALookAtASilentServerDelaysNoEnd) {
     ASSERT_TRUE(WaitUntil([] { return Asked("/mute") == 2; }));
     run.Signal(SIGTERM);
     EXPECT_EQ(run.End(), "signal 15");
-    EXPECT_TRUE(run.Says("mute: failed: the server offered no file of known size\n"));
+    EXPECT_TRUE(Has(run.Err(), "mute: failed: the server offered no file of known size\n"));
 }
 
 TEST(Get, ABrokenOutputEndsLikeSigterm) {

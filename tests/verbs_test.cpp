@@ -131,10 +131,6 @@ TEST(Clean, TakesWhatAKilledCommandLeft) {
 TEST(Clean, BelievesNoSection) {
     TempDir directory;
     Section dead(DeadManager()), reused(getppid()), living(getpid());
-    for (const Section* section : {&reused, &living}) {
-        const timespec longAgo[2]{};
-        futimens(section->handle.hShm, longAgo);
-    }
     int index = 0;
     const char* const files[]{"left.part", "locked.part", "used.part",
                               "other",     "link.part",   "folder.part"};
@@ -149,6 +145,10 @@ TEST(Clean, BelievesNoSection) {
     dead.Fill(index++, "../no-id", directory.Path("locked.part"));
     dead.Fill(index++, "living-task", "relative.part");
     living.Fill(0, "living-task", directory.Path("used.part"));
+    for (const Section* section : {&reused, &living}) {
+        const timespec longAgo[2]{};
+        futimens(section->handle.hShm, longAgo);
+    }
     const char* const ids[]{"dead-task", "living-task", "unknown-task"};
     for (const char* id : ids) sem_close(sem_open(id, O_CREAT, 0600, 1));
     const std::string empty = "/dev/shm/" + SectionName(DeadManager());
