@@ -82,7 +82,7 @@ TEST(FullDisk, OrADeviceOrALimit) {
         Fetch(size, directory.Path("file.part"), size - 1);
     }
     // The limit is more than the section needs.
-    Get(200'000, directory, "exit 1", "file: died", 199'000);
+    Get(200'000, directory, "exit 3", "may not grow beyond 199000 bytes", 199'000);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -185,6 +186,12 @@ Outcome Target::LocalFault(double size) const {
     struct stat status {};
     struct statvfs space {};
     if (fstat(file_, &status) != 0 || fstatvfs(file_, &space) != 0) return {};
+    rlimit limit{};
+    if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+        static_cast<double>(limit.rlim_cur) < size) {
+        return Local(part_ + " may not grow beyond " + std::to_string(limit.rlim_cur) +
+                     " bytes (the limit of this process)");
+    }
     const double held = static_cast<double>(status.st_blocks) * 512;
     const double free = static_cast<double>(space.f_bavail) * static_cast<double>(space.f_frsize);
     if (held + free < size) return Local("no space left for " + part_);
