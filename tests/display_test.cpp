@@ -13,6 +13,7 @@
 #include "Console/jsondisplay.h"
 #include "Console/plaindisplay.h"
 #include "Console/text.h"
+#include "Console/top.h"
 #include "TaskMan/taskcontext.h"
 #include "support/command_run.h"
 #include "support/http_server.h"
@@ -102,6 +103,20 @@ TEST(DisplayJson, ValuesAreNumbersOrNull) {
               "{\"v\":1,\"event\":\"state\",\"file\":1,\"id\":\"1f\",\"code\":5,\"value\":50}\n"
               "{\"event\":\"state\",\"file\":1,\"id\":\"1f\",\"code\":5,\"value\":0.5}\n"
               "{\"event\":\"state\",\"file\":1,\"id\":\"1f\",\"code\":5,\"value\":null}\n");
+}
+
+TEST(DisplayTop, AScreenOf80ColumnsShowsAllThatMatters) {
+    TopView view{1, {{{}, 1234567, 35999}}};
+    view.rows[0].task.id = "1f2e3d4c";
+    view.rows[0].task.path = "/dir/a-name-of-some-length.iso.part";
+    view.rows[0].task.nCmd = TASK_CMD_DOWNLOAD;
+    view.rows[0].task.nPid = 1;
+    view.rows[0].task.dFileSize = view.rows[0].task.dSpeed = 123456789;
+    view.rows[0].task.dProgress = 99;
+    const std::vector<std::string> table = TopTable(view, 79);
+    EXPECT_EQ(table[0],
+              "ID       STATE       DONE SPEED       AGE     PID     WORKER COMMAND  NAME");
+    for (const std::string& line : table) EXPECT_LE(text::Width(line), 79) << line;
 }
 
 // ---- The real command.

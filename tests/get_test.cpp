@@ -298,6 +298,7 @@ const std::vector<Row>& Rows() {
         {"-j1 --format 5 &dot &plain &dot", "exit 3", "My video.flv profile.flv", "another URL"},
         {"-j1 --format 5 &page &bare &lines &escape &long", "exit 0",
          "T & U.flv [2J_H.x.flv a.flv " + std::string(244, 'a') + ".flv bare.flv"},
+        {"--format 5 &unknown", "exit 4", "", "not resolved (a second look: HTTP 404)"},
         {"--format 22 &plain", "exit 4", "", "no such format"},
         {"--format 17 &plain", "exit 2", "", "not an http"},
     };
@@ -460,6 +461,12 @@ TEST(Get, ABrokenOutputEndsLikeSigterm) {
     Begin(run, "$/good $/slow", output.ends[1]);
     EXPECT_EQ(run.End(), "signal 15");
     EXPECT_EQ(run.Files(), "good");
+    CommandRun full;
+    const int device = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    Begin(full, "$/good $/slow", device);
+    EXPECT_EQ(full.End(), "signal 15");
+    EXPECT_TRUE(Has(full.Err(), "cannot write standard output: No space left")) << full.Err();
+    close(device);
 }
 
 TEST(Get, AReaderThatTakesNothingDelaysNoEnd) {
