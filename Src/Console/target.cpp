@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <thread>
 #include <utility>
 
@@ -30,6 +31,22 @@ std::string Fault(const char* what, const std::string& path, int error) {
 
 Outcome Local(std::string reason) {
     return {EndResult::kFailed, EXIT_STATUS_LOCAL, std::move(reason)};
+}
+
+// The regular file that a link leads to; the path itself when it names no link, or one that leads
+// to nothing of that kind.
+std::string Followed(const std::string& path) {
+    struct stat named {};
+    struct stat file {};
+    if (lstat(path.c_str(), &named) != 0 || !S_ISLNK(named.st_mode)) return path;
+    // The system may refuse to follow a link that another user has put into a directory for all:
+    // what counts is where it leads the system.
+    if (stat(path.c_str(), &file) != 0 || !S_ISREG(file.st_mode)) return path;
+    std::error_code error;
+    std::string real = std::filesystem::canonical(path, error);
+    const bool same = !error && lstat(real.c_str(), &named) == 0 && named.st_dev == file.st_dev &&
+                      named.st_ino == file.st_ino;
+    return same ? real : path;
 }
 
 // A finished outcome when the file has the digest, or any when that is empty.
@@ -70,8 +87,8 @@ int RenameToNew(const char* from, const char* to) {
 
 }  // namespace
 
-Target::Target(std::string path, Existing existing, bool keep)
-    : path_(std::move(path)), part_(path_ + TASK_PART_ENDING), existing_(existing), keep_(keep) {}
+Target::Target(const std::string& path, Existing existing, bool keep)
+    : path_(Followed(path)), part_(path_ + TASK_PART_ENDING), existing_(existing), keep_(keep) {}
 
 Target::~Target() {
     if (!IsOpen()) return;
@@ -105,11 +122,10 @@ std::string Target::Open() {
     if (path_.find('\\') != std::string::npos) return "a backslash in the path";
     struct stat status {};
     if (lstat(path_.c_str(), &status) == 0) {
+        if (S_ISLNK(status.st_mode)) return path_ + " is a link that leads to no regular file";
+        if (!S_ISREG(status.st_mode)) return path_ + " is not a regular file";
         if (existing_ == Existing::kRefuse) return path_ + " exists already (--force replaces it)";
-        if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
-            return path_ + " is not a regular file";
-        }
-        if (existing_ == Existing::kSkip) return path_ + " exists and is not a regular file";
+        if (existing_ == Existing::kSkip) return path_ + " appeared meanwhile";
     }
     // Whoever held the part may have renamed or removed it between its opening and its locking
     // here.

@@ -18,8 +18,10 @@ enum class Existing {
 // long as the object lives. The final name appears only with the complete file behind it.
 class Target : private Uncopyable {
   public:
-    // `keep`: a part that is not stored stays, unless it is empty.
-    explicit Target(std::string path, Existing existing = Existing::kRefuse, bool keep = false);
+    // A path that is a link to a regular file stands for that file, and the link stays. `keep`: a
+    // part that is not stored stays, unless it is empty.
+    explicit Target(const std::string& path, Existing existing = Existing::kRefuse,
+                    bool keep = false);
 
     // Removes the part unless it was stored or is kept.
     ~Target();
@@ -31,7 +33,9 @@ class Target : private Uncopyable {
     // first, which may take long. Any thread may call.
     Outcome Skip(const std::string& sha256) const;
 
-    // Makes and locks the part. Returns the fault in one line; empty when it is done.
+    // Makes and locks the part. A path that is in use, and not by a regular file, is a fault,
+    // whatever is to become of an existing file. Returns the fault in one line; empty when it is
+    // done.
     std::string Open();
     bool IsOpen() const { return file_ != -1; }
 
@@ -51,6 +55,7 @@ class Target : private Uncopyable {
     // also while Store runs, which then fails.
     void RemovePart() const;
 
+    // The final name: of the file itself, when a link to it was given.
     const std::string& Path() const { return path_; }
     const std::string& PartPath() const { return part_; }
 
