@@ -102,4 +102,8 @@ std::vector<std::string> OwnSemaphoreNames();
 // then, and when it never had them.
 bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset);
 
+// Copies bytes into a shared-memory object, which grows as far as it has to. False when there is no
+// room, and where such objects do not grow.
+bool WriteSharedMemory(int descriptor, const void* buffer, std::size_t size, off_t offset);
+
 }  // namespace platform

@@ -255,4 +255,8 @@ bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offs
     return pread(descriptor, buffer, size, offset) == static_cast<ssize_t>(size);
 }
 
+bool WriteSharedMemory(int descriptor, const void* buffer, std::size_t size, off_t offset) {
+    return pwrite(descriptor, buffer, size, offset) == static_cast<ssize_t>(size);
+}
+
 }  // namespace platform

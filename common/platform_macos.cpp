@@ -97,4 +97,8 @@ bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offs
     return true;
 }
 
+bool WriteSharedMemory(int, const void*, std::size_t, off_t) {
+    return false;  // the size of such an object is set once
+}
+
 }  // namespace platform

@@ -18,6 +18,7 @@ int RunClean(const CleanOptions& options) {
     for (const std::string& name : remains.locks) tell("lock", name);
     for (const WorkerProcess& worker : remains.workers) tell("worker", std::to_string(worker.pid));
     for (const std::string& path : remains.parts) tell("part", path);
+    for (const std::string& name : remains.lists) tell("list", name);
     std::string faults;
     for (const std::string& path : remains.stuck) {
         faults += "taskman: cannot remove " + text::Printable(path) + "\n";

@@ -216,7 +216,8 @@ void Downloads::Abandon() {
 
 void Downloads::Finish() {
     list_.Finish();
-    if (next_ != nullptr) failed_.Add(next_->Asked());
+    // It may have its part already.
+    if (const File next = std::move(next_)) failed_.Add(next->Asked());
     for (Request request; failed_.IsOpen() && TakeRequest(request);) failed_.Add(request, true);
     const std::string fault = failed_.Close();
     if (fault.empty()) return;

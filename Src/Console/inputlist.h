@@ -54,9 +54,9 @@ class InputList : private Uncopyable {
     bool skipping_ = false;     // up to the end of a line that was too long
 };
 
-// The list of what did not finish. Its lines are written at once into "PATH.part", where a crash
-// leaves them; the list that was there before gives way with Close only, so it may be the one that
-// is being read.
+// The list of what did not finish. Its lines are written at once into "PATH.part", which goes when
+// the command is killed, like every part; the list that was there before gives way with Close only,
+// so it may be the one that is being read.
 class FailedList {
   public:
     // Returns the fault in one line; empty when it is done.

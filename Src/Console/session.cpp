@@ -11,6 +11,7 @@
 
 #include "Console/signals.h"
 #include "Console/text.h"
+#include "TaskMan/openparts.h"
 #include "TaskMan/taskman.h"
 #include "common/sysutility.h"
 
@@ -126,6 +127,7 @@ void Session::EndNow() {
         std::string(SHARE_MEM_NAME) + "_" + std::to_string(sysutility::GetCurrentPid());
     shm_unlink(section.c_str());
     Close();
+    ForgetParts();
     signals::EndBy(signals::StopSignal());
 }
 

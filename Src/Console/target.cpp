@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "Console/digest.h"
+#include "TaskMan/openparts.h"
 #include "TaskMan/othermanagers.h"
 #include "TaskMan/taskcontext.h"
 #include "common/platform.h"
@@ -91,9 +92,11 @@ Target::Target(const std::string& path, Existing existing, bool keep)
     : path_(Followed(path)), part_(path_ + TASK_PART_ENDING), existing_(existing), keep_(keep) {}
 
 Target::~Target() {
-    if (!IsOpen()) return;
-    if (!stored_) RemovePart();
-    close(file_);
+    if (IsOpen()) {
+        if (!stored_) RemovePart();
+        close(file_);
+    }
+    ForgetPart(note_);
 }
 
 bool Target::Skips() const {
@@ -127,6 +130,7 @@ std::string Target::Open() {
         if (existing_ == Existing::kRefuse) return path_ + " exists already (--force replaces it)";
         if (existing_ == Existing::kSkip) return path_ + " appeared meanwhile";
     }
+    note_ = NotePart(part_);
     // Whoever held the part may have renamed or removed it between its opening and its locking
     // here.
     for (int tries = 0; tries < 10; ++tries) {

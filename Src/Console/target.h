@@ -33,9 +33,9 @@ class Target : private Uncopyable {
     // first, which may take long. Any thread may call.
     Outcome Skip(const std::string& sha256) const;
 
-    // Makes and locks the part. A path that is in use, and not by a regular file, is a fault,
-    // whatever is to become of an existing file. Returns the fault in one line; empty when it is
-    // done.
+    // Makes and locks the part; to be called once. A path that is in use, and not by a regular
+    // file, is a fault, whatever is to become of an existing file. Returns the fault in one line;
+    // empty when it is done.
     std::string Open();
     bool IsOpen() const { return file_ != -1; }
 
@@ -68,6 +68,7 @@ class Target : private Uncopyable {
     const std::string part_;
     const Existing existing_;
     const bool keep_;
+    int note_ = -1;  // of the part, for the case that the process is killed
     int file_ = -1;
     bool stored_ = false;
 };

@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "TaskMan/leftlist.h"
 #include "TaskMan/leftpart.h"
 #include "TaskMan/orphans.h"
 #include "TaskMan/othermanagers.h"
@@ -28,7 +29,8 @@ constexpr auto kKillPatience = 1s;  // for orphans that were killed
 constexpr auto kLockPatience = 2s;  // for a task's lock, held for the copy of one slot
 constexpr auto kPoll = 10ms;
 
-// All sections of this user, by whether their managers live.
+// All sections of this user, by whether their managers live; and the lists of open parts whose
+// processes do not.
 struct Census {
     Census();
 
@@ -39,6 +41,7 @@ struct Census {
     std::vector<OtherTask> livingTasks{};
     std::vector<std::unique_ptr<OtherSection>> dead{};
     std::vector<OtherTask> deadTasks{};
+    std::vector<std::unique_ptr<LeftList>> lists{};
 };
 
 Census::Census() {
@@ -54,6 +57,10 @@ Census::Census() {
         } else {
             dead.push_back(std::move(section));
         }
+    }
+    for (const std::string& name : platform::SharedMemoryNames()) {
+        auto list = std::make_unique<LeftList>(name);
+        if (list->IsLeft()) lists.push_back(std::move(list));
     }
 }
 
@@ -156,19 +163,21 @@ void RemoveNames(const InUse& inUse, Remains& remains) {
     }
 }
 
-// Removes the parts, or only looks.
-void RemoveParts(const std::vector<OtherTask>& tasks, const InUse& inUse, bool bLookOnly,
-                 Remains& remains) {
+// Removes the parts and then the lists of them, or only looks.
+void RemoveParts(const Census& census, const InUse& inUse, bool bLookOnly, Remains& remains) {
     std::set<std::string> paths;
-    for (const OtherTask& task : tasks) {
-        if (IsDownloadCommand(task.nCmd) && inUse.paths.count(task.path) == 0) {
-            paths.insert(task.path);
-        }
+    for (const OtherTask& task : census.deadTasks) {
+        if (IsDownloadCommand(task.nCmd)) paths.insert(task.path);
     }
+    for (const auto& list : census.lists) paths.merge(list->Parts());
     for (const std::string& path : paths) {
+        if (inUse.paths.count(path) > 0) continue;
         const LeftPart part(path);
         if (!part.IsLeft()) continue;
         (bLookOnly || part.Remove() ? remains.parts : remains.stuck).push_back(path);
+    }
+    for (const auto& list : census.lists) {
+        if (bLookOnly || list->Remove()) remains.lists.push_back(list->Name());
     }
 }
 
@@ -243,7 +252,7 @@ Remains SweepDeadManagers(bool bLookOnly) {
     const std::vector<Orphan> orphans = FindOrphans(census);
     for (const Orphan& orphan : orphans) remains.workers.push_back(orphan.worker);
     if (bLookOnly) {
-        RemoveParts(census.deadTasks, InUse(census.livingTasks), true, remains);
+        RemoveParts(census, InUse(census.livingTasks), true, remains);
         return remains;
     }
     // Names after the end of the workers, which may have made them anew.
@@ -252,7 +261,7 @@ Remains SweepDeadManagers(bool bLookOnly) {
     // Looked at afresh: ids and paths of the dead may have come into use meanwhile.
     const InUse inUse(ListTasks());
     RemoveNames(inUse, remains);
-    RemoveParts(census.deadTasks, inUse, false, remains);
+    RemoveParts(census, inUse, false, remains);
     return remains;
 }
 

@@ -2,7 +2,8 @@
 //
 // A manager shows that it lives by the lock (flock) it holds on its section, and by having it
 // mapped. One that was killed leaves its section, the locks of its tasks, half a file for each
-// download, and workers that go on for nobody.
+// download, the list of those it had noted (TaskMan/openparts.h), and workers that go on for
+// nobody.
 //
 // Any thread of any process may call. Nothing here creates a name or waits long for a lock. What
 // stands in a section is another process's word: ids and paths are checked, process ids never acted
@@ -65,11 +66,12 @@ struct Remains {
     std::vector<WorkerProcess> workers{};
     std::vector<std::string> parts{};  // paths
     std::vector<std::string> stuck{};  // paths of parts that could not be removed
+    std::vector<std::string> lists{};  // names of the lists of open parts
 };
 
 // Looks for what managers of this user that are dead have left, and removes it: sections, locks,
-// and parts of this user that nobody has locked. Their workers are asked to stop and killed at
-// once: one that still asks its server for the size of the file would open its output path
-// afterwards, whoever writes there by then. Waits for their end, at most a second. With `bLookOnly`
-// nothing is changed. What a living manager uses is left alone, also under the same id.
+// lists of open parts, and parts of this user that nobody has locked. Their workers are asked to
+// stop and killed at once: one that still asks its server for the size of the file would open its
+// output path afterwards, whoever writes there by then. Waits for their end, at most a second. With
+// `bLookOnly` nothing is changed. What a living manager uses is left alone, also under the same id.
 Remains SweepDeadManagers(bool bLookOnly);
