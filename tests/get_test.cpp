@@ -340,6 +340,30 @@ TEST(Get, EndsWithTheStatusOfItsFiles) {
     InParallel(Rows().size(), look, 32);
 }
 
+TEST(Get, ALinkStandsForTheFileItLeadsTo) {
+    const struct {
+        const char *command, *leads, *end, *old;  // what is in the file afterwards
+    } rows[] = {
+        {"-f $/good -o link", "old", "exit 0", "abc"},
+        {"$/404 --failed link", "old", "exit 1", "$/404\n"},
+        {"$/good -o link", "old", "exit 3", "mine"},
+        {"-f $/good -o link", "nowhere", "exit 3", "mine"},
+        {"$/good --failed link", ".", "exit 3", "mine"},
+    };
+    InParallel(std::size(rows), [&](std::size_t number) {
+        const auto& row = rows[number];
+        SCOPED_TRACE(row.command);
+        CommandRun run;
+        WriteFile(run.Path("old"), "mine");
+        std::filesystem::create_symlink(row.leads, run.Path("link"));
+        Begin(run, row.command);
+        EXPECT_EQ(run.End(), row.end) << run.Err();
+        EXPECT_EQ(ReadFile(run.Path("old")), Filled(row.old));
+        EXPECT_TRUE(std::filesystem::is_symlink(run.Path("link")));
+        EXPECT_EQ(run.Files(), "link old");
+    });
+}
+
 TEST(Get, HostileNamesComeThroughEightSlots) {
     const std::string a248(248, 'a');
     const std::pair<std::string, std::string> files[] = {

@@ -120,12 +120,37 @@ TEST(Clean, TakesWhatAKilledCommandLeft) {
     EXPECT_EQ(get.End(), "signal 9");
     clean({"-n"}, true, ": would be removed\n");
     EXPECT_EQ(get.Files(), "silent.part slow.part");
-    EXPECT_EQ(get.SharedNames().size(), 3U);
+    EXPECT_EQ(get.SharedNames().size(), 4U);
     EXPECT_EQ(kill(worker, 0), 0);
     clean({}, true, ": removed\n");
     EXPECT_EQ(get.Files(), "");
     EXPECT_EQ(get.SharedNames().size(), 0U);
     EXPECT_EQ(ReadFile("/proc/" + std::to_string(worker) + "/cmdline"), "");
+}
+
+TEST(Clean, TakesPartsThatNoSlotTellsOf) {
+    const std::string body(64 << 20, 'x');
+    HttpServer server([&](const std::string&, std::size_t) { return Reply::Ok(body); });
+    std::unique_ptr<CommandRun> get;
+    // Killed when its task has ended and the digest is being compared, which may be over already.
+    ASSERT_TRUE(WaitUntil([&] {
+        get = std::make_unique<CommandRun>();
+        get->Start(
+            {"--json", "--sha256", std::string(64, '0'), "--failed", "list", server.Url("/big")});
+        WaitUntil([&] { return Has(get->Out(), "\"code\":3"); });
+        get->Signal(SIGKILL);
+        return get->End() == "signal 9" && get->Files() == "big.part list.part";
+    }));
+    EXPECT_EQ(get->SharedNames().size(), 2U);
+    const std::string told = Verb("clean", {"-n"});
+    for (const std::string& what : {get->Path("big.part"), get->Path("list.part")}) {
+        EXPECT_TRUE(Has(told, "part " + what + ": would be removed\n")) << told;
+    }
+    EXPECT_TRUE(Has(told, "list taskman-parts_")) << told;
+    EXPECT_EQ(get->Files(), "big.part list.part");
+    Verb("get", {"--tries=1", "http://127.0.0.1:1/x"});
+    EXPECT_EQ(get->Files(), "");
+    EXPECT_EQ(get->SharedNames().size(), 0U);
 }
 
 TEST(Clean, BelievesNoSection) {

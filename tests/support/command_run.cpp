@@ -97,9 +97,10 @@ std::string CommandRun::Files() const {
 std::vector<std::string> CommandRun::SharedNames() const {
     char lock[16];
     std::snprintf(lock, sizeof lock, "sem.%06x", static_cast<unsigned>(pid_));
+    const std::string list = std::string("taskman-parts_") + (lock + 4);
     std::vector<std::string> names = platform::SharedMemoryNames();
     std::erase_if(names, [&](const std::string& name) {
-        return name != SectionName(pid_) && !name.starts_with(lock);
+        return name != SectionName(pid_) && !name.starts_with(lock) && !name.starts_with(list);
     });
     return names;
 }

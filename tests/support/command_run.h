@@ -38,7 +38,8 @@ class CommandRun {
     // Names in the working directory, with a blank between them.
     std::string Files() const;
 
-    // Names in shared memory that the run has made: its section and its locks.
+    // Names in shared memory that the run has made: its section, its list of open
+    // parts and its locks.
     std::vector<std::string> SharedNames() const;
 
     // Process id of a worker; waits until one has claimed its slot.
