@@ -39,27 +39,42 @@ bool CanBeRead(int file) {
     return poll(&news, 1, 0) == 1;
 }
 
+// The line that makes the request again; empty when the form cannot express it.
+std::string ListLine(const Request& request) {
+    if (!request.line.empty()) return request.line;
+    std::string line = request.address;
+    // A column more is written only when it says something.
+    if (!request.name.empty() || !request.sha256.empty()) line += "\t" + request.name;
+    if (!request.sha256.empty()) line += "\t" + request.sha256;
+    const Request back = ReadListLine(line);
+    const bool expressed = line.find('\n') == std::string::npos &&
+                           back.address == request.address && back.name == request.name;
+    return expressed ? line : "";
+}
+
 }  // namespace
 
 Request ReadListLine(std::string_view line) {
+    const std::string_view whole = line;
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     const std::size_t begin = line.find_first_not_of(kBlanks);
     if (begin == std::string_view::npos || line[begin] == '#') return {};
     Request request;
-    request.address = Trimmed(TakeColumn(line));
-    request.name = TakeColumn(line);
-    request.sha256 = Trimmed(TakeColumn(line));
+    std::string_view rest = line;
+    request.address = Trimmed(TakeColumn(rest));
+    request.name = TakeColumn(rest);
+    request.sha256 = Trimmed(TakeColumn(rest));
     if (request.address.empty()) {
-        request.address = std::exchange(request.name, "");
-        request.fault = "the line begins without an address";
+        request = {Trimmed(std::string(line)), "", "", "the line begins without an address"};
     } else if (!request.sha256.empty() && !IsDigest(request.sha256)) {
         request.fault = "the third column is no SHA-256 digest";
     } else if (!request.name.empty()) {
         request.fault = NameFault(request.name);
     }
-    if (!Trimmed(std::string(line)).empty()) {
+    if (!Trimmed(std::string(rest)).empty()) {
         request.fault = "the line has more than three columns";
     }
+    if (!request.fault.empty()) request.line = whole;
     return request;
 }
 
@@ -93,10 +108,11 @@ bool InputList::Take(Request& request) {
         }
         if (begin_ == rest_.size()) return false;
         const bool goesOn = std::exchange(skipping_, !whole);
-        request =
-            ReadListLine(std::string_view(rest_).substr(begin_, std::min(length, kLongestLine)));
+        const std::string_view line = std::string_view(rest_).substr(begin_, length);
+        request = ReadListLine(line.substr(0, kLongestLine));
         if (length > kLongestLine) {
             request.fault = "the line is longer than " + std::to_string(kLongestLine) + " bytes";
+            request.line = line.substr(0, kLongestLine + 1);  // is too long again
         }
         begin_ = searched_ = std::min(end + 1, rest_.size());
         if (!goesOn && !request.address.empty()) return true;
@@ -142,14 +158,8 @@ std::string FailedList::Open(const std::string& path) {
 
 void FailedList::Add(const Request& request, bool more) {
     if (!IsOpen() || request.address.empty()) return;
-    std::string line = request.address;
-    // A column more is written only when it says something.
-    if (!request.name.empty() || !request.sha256.empty()) line += "\t" + request.name;
-    if (!request.sha256.empty()) line += "\t" + request.sha256;
-    const Request back = ReadListLine(line);
-    const bool expressed = line.find('\n') == std::string::npos &&
-                           back.address == request.address && back.name == request.name;
-    if (expressed) lines_ += line + "\n";
+    const std::string line = ListLine(request);
+    if (!line.empty()) lines_ += line + "\n";
     if (!more || lines_.size() > kBlock) Write();
 }
 

@@ -17,6 +17,7 @@ struct Request {
     std::string name{};     // of the file; empty: taken from the address
     std::string sha256{};   // digest; empty: not known
     std::string fault{};    // why the line is no request, in one line; empty: it is one
+    std::string line{};     // with a fault: as it stands in the list
 };
 
 // Reads a list as its lines are wanted and never waits, so a pipe or a terminal may be one. Holds
@@ -63,7 +64,8 @@ class FailedList {
     std::string Open(const std::string& path);
     bool IsOpen() const { return target_ != nullptr; }
 
-    // Adds what the form can express. Does nothing while no list is open. `more`: others follow at
+    // Adds what the form can express; a line that was refused as it stood, so that it is again; one
+    // that was too long is cut. Does nothing while no list is open. `more`: others follow at
     // once, so the line may wait for them.
     void Add(const Request& request, bool more = false);
 
