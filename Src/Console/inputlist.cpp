@@ -19,6 +19,7 @@ namespace {
 constexpr std::size_t kBlock = 64 * 1024;
 constexpr std::size_t kLongestLine = 8 * 1024;
 constexpr std::string_view kBlanks = " \t";
+constexpr std::string_view kMark = "\xEF\xBB\xBF";  // that some editors begin a UTF-8 file with
 
 // Cuts the text at the first TAB and returns what stands before it.
 std::string TakeColumn(std::string_view& text) {
@@ -108,7 +109,10 @@ bool InputList::Take(Request& request) {
         }
         if (begin_ == rest_.size()) return false;
         const bool goesOn = std::exchange(skipping_, !whole);
-        const std::string_view line = std::string_view(rest_).substr(begin_, length);
+        std::string_view line = std::string_view(rest_).substr(begin_, length);
+        if (std::exchange(at_begin_, false) && line.starts_with(kMark)) {
+            line.remove_prefix(kMark.size());
+        }
         request = ReadListLine(line.substr(0, kLongestLine));
         if (length > kLongestLine) {
             request.fault = "the line is longer than " + std::to_string(kLongestLine) + " bytes";

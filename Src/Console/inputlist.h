@@ -52,6 +52,7 @@ class InputList : private Uncopyable {
     std::string rest_{};  // what was read last; taken up to begin_
     std::size_t begin_ = 0;
     std::size_t searched_ = 0;  // from begin_ to here there is no line end
+    bool at_begin_ = true;      // no line has been taken
     bool skipping_ = false;     // up to the end of a line that was too long
 };
 
