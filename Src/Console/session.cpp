@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -23,12 +24,17 @@ constexpr std::chrono::milliseconds kTurn{250};
 constexpr std::chrono::milliseconds kStopTime{11'000};
 constexpr std::chrono::milliseconds kKillTime{500};
 
+bool IsProgram(const std::string& path) {
+    std::error_code error;
+    return std::filesystem::is_regular_file(path, error) && access(path.c_str(), X_OK) == 0;
+}
+
 // The worker stands beside the command where both are built, in libexec where they are installed.
 std::string FindWorker(const std::string& given) {
     if (!given.empty()) return given;
     const std::string directory = sysutility::GetProgramDirectory();
     std::string beside = directory + "/tarnwick";
-    if (access(beside.c_str(), X_OK) == 0) return beside;
+    if (IsProgram(beside)) return beside;
     return directory + "/../libexec/taskman/tarnwick";
 }
 
@@ -41,7 +47,7 @@ Session::Session(Work& work, const char* noun, const WakePipe& wake, EventQueue&
 // Starts the manager. Returns the fault in one line; empty when it runs.
 std::string Session::Begin(const std::string& worker) {
     const std::string program = FindWorker(worker);
-    if (access(program.c_str(), X_OK) != 0) return "no worker program at " + program;
+    if (!IsProgram(program)) return "no worker program at " + program;
     std::string reason;
     return StartTaskManager(program.c_str(), "", reason) == 0 ? "" : reason;
 }
