@@ -72,12 +72,6 @@ void AddTaskOptions(CLI::App& verb, ProxyRules& proxy, std::string& worker) {
     verb.add_option("--worker", worker, "program of the workers")->type_name("PATH");
 }
 
-// An option whose value is a number of the range.
-void AddNumber(CLI::App& verb, const char* names, std::int32_t& number, int least, int most,
-               const char* what) {
-    verb.add_option(names, number, what)->option_text("N")->check(CLI::Range(least, most));
-}
-
 // An option whose value is one of some words, which stand in the order of the values.
 template <class Value>
 void AddWord(CLI::App& verb, const char* name, Value& value, std::vector<std::string> words,
@@ -162,11 +156,15 @@ CLI::App* AddGet(CLI::App& app, GetOptions& get) {
     verb->group("");  // the overview has a line of its own for it
     verb->footer(kGetExits);
     AddFileOptions(*verb, get);
-    AddNumber(*verb, "-j,--jobs", get.jobs, 1, 8, "files at once, 1 to 8 (4)");
-    AddNumber(*verb, "--tries", get.tries.count, 1, 3, "tries without a byte, 1 to 3 (3)");
-    AddNumber(*verb, "--wait", get.tries.seconds, 0, 3, "seconds between tries, 0 to 3 (1)");
+    AddNumber(*verb, "-j,--jobs", get.jobs, 1, 8, "files at once, 1 to 8 (4)")->option_text("N");
+    AddNumber(*verb, "--tries", get.tries.count, 1, 3, "tries without a byte, 1 to 3 (3)")
+        ->option_text("N");
+    AddNumber(*verb, "--wait", get.tries.seconds, 0, 3, "seconds between tries, 0 to 3 (1)")
+        ->option_text("SEC");
     AddNumber(*verb, "--timeout", get.timeout, 0, kLongestTimeout,
-              "seconds a server has to tell the size; 0 for ever (30)");
+              "time for a server to tell the size of a file,\n"
+              "0 to 1000000 (30); 0 is for ever")
+        ->option_text("SEC");
     AddTaskOptions(*verb, get.proxy, get.worker);
     AddDisplayOptions(*verb, get.display);
     return verb;

@@ -1,7 +1,9 @@
 #include "Console/verboptions.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -49,11 +51,27 @@ CLI::App* AddVerb(CLI::App& app, const char* name, const char* examples, const c
 
 }  // namespace
 
+CLI::Option* AddNumber(CLI::App& verb, const std::string& names, std::int32_t& number, int least,
+                       int most, const std::string& what) {
+    return verb.add_option(names, what)->check([&number, least, most](const std::string& text) {
+        std::uint32_t value = 0;  // takes no sign
+        const char* end = text.data() + text.size();
+        const auto [stop, error] = std::from_chars(text.data(), end, value);
+        if (error != std::errc() || stop != end || std::cmp_less(value, least) ||
+            std::cmp_greater(value, most)) {
+            return "Value " + text + " not in range " + std::to_string(least) + " to " +
+                   std::to_string(most);
+        }
+        number = static_cast<std::int32_t>(value);
+        return std::string();
+    });
+}
+
 CLI::App* AddTop(CLI::App& app, TopOptions& options) {
     CLI::App* verb = AddVerb(app, "top", kTopExamples, kTopExits);
-    verb->add_option("PID", options.manager, "process id of the only manager to be shown")
-        ->option_text(" ")
-        ->check(CLI::Range(1, std::numeric_limits<int>::max()));
+    AddNumber(*verb, "PID", options.manager, 1, std::numeric_limits<int>::max(),
+              "process id of the only manager to be shown")
+        ->option_text(" ");
     verb->add_flag("--once", options.once, "one table, also on a terminal")->option_text(" ");
     verb->add_flag("--json", options.json, "once, one JSON object a line")->option_text(" ");
     return verb;
