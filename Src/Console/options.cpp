@@ -178,6 +178,29 @@ std::string GetFault(const GetOptions& get) {
     return get.sha256.empty() ? "" : "--sha256 takes one URL only";
 }
 
+// An option was given more often than it takes values, or as the last argument without its value.
+std::string MismatchReason(const CLI::App& app, const std::string& last) {
+    for (const CLI::App* verb : app.get_subcommands()) {
+        for (const CLI::Option* option : verb->get_options()) {
+            if (option->get_items_expected_max() == 1 && option->count() > 1) {
+                return option->get_name() + ": given more than once";
+            }
+        }
+    }
+    return last + ": a value is missing";
+}
+
+// An argument was left over.
+std::string ExtraReason(const CLI::App& app) {
+    std::string extra;
+    for (const std::string& left : app.remaining(true)) {
+        if (extra = left; extra != "--") break;
+    }
+    if (extra.starts_with("-")) return "unknown option " + extra;
+    const bool verb = app.get_subcommands().empty();
+    return (verb ? "unknown verb \"" : "unexpected argument \"") + extra + "\"";
+}
+
 int Refuse(const std::string& reason, const std::string& verb) {
     std::fprintf(stderr, "taskman: %s (see taskman%s --help)\n", text::Printable(reason).c_str(),
                  verb.c_str());
@@ -199,22 +222,30 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& 
         {AddStop(app, command.stop), Verb::kStop},
         {AddClean(app, command.clean), Verb::kClean},
     };
-    if (argc < 2) {
-        std::fputs(kUsage, stderr);
-        return EXIT_STATUS_USAGE;
-    }
+    const auto refuse = [&app](const std::string& reason) {
+        const auto parsed = app.get_subcommands();
+        return Refuse(reason, parsed.empty() ? "" : " " + parsed.front()->get_name());
+    };
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& asked) {
         return app.exit(asked);
+    } catch (const CLI::ArgumentMismatch&) {
+        return refuse(MismatchReason(app, argv[argc - 1]));
+    } catch (const CLI::ConversionError&) {
+        return refuse("an option that takes no value has one");
+    } catch (const CLI::ExtrasError&) {
+        return refuse(ExtraReason(app));
     } catch (const CLI::ParseError& error) {
-        const auto parsed = app.get_subcommands();
-        return Refuse(error.what(), parsed.empty() ? "" : " " + parsed.front()->get_name());
+        return refuse(error.what());
+    }
+    if (app.get_subcommands().empty()) {
+        std::fputs(kUsage, stderr);
+        return EXIT_STATUS_USAGE;
     }
     for (const auto& [app_of, verb] : verbs) {
         if (app_of->parsed()) command.verb = verb;
     }
-    if (app.get_subcommands().empty()) return Refuse("what is to be done?", "");
     if (command.verb != Verb::kGet) return std::nullopt;
     const std::string fault = GetFault(command.get);
     if (fault.empty()) return std::nullopt;
