@@ -61,6 +61,15 @@ constexpr const char* kInfoExits =
     "resolved\n"
     "or has no such format, 6 stopped on request, 130 and 143 interrupted.";
 
+// An option whose value is a text. An empty one, as of a variable that is not set, is no text: it
+// would pass for an option that was not given.
+void AddText(CLI::App& verb, const char* names, std::string& text, const char* form,
+             const char* what) {
+    verb.add_option(names, text, what)->option_text(form)->check([](const std::string& value) {
+        return value.empty() ? "the value is empty" : "";
+    });
+}
+
 // Options of all verbs that have tasks.
 void AddTaskOptions(CLI::App& verb, ProxyRules& proxy, std::string& worker) {
     verb.add_option("-x,--proxy",
@@ -69,7 +78,7 @@ void AddTaskOptions(CLI::App& verb, ProxyRules& proxy, std::string& worker) {
                     "the first line of a file, none ignores the environment")
         ->option_text("URL|@FILE|none")
         ->check([&proxy](const std::string& text) { return proxy.Give(text); });
-    verb.add_option("--worker", worker, "program of the workers")->type_name("PATH");
+    AddText(verb, "--worker", worker, "PATH", "program of the workers");
 }
 
 // An option whose value is one of some words, which stand in the order of the values.
@@ -112,12 +121,11 @@ CLI::App* AddInfo(CLI::App& app, InfoOptions& info) {
 // Which files `taskman get` makes of what.
 void AddFileOptions(CLI::App& verb, GetOptions& get) {
     verb.add_option("URL", get.addresses, "http or https addresses")->option_text("...");
-    verb.add_option("-i,--input", get.input, "list of more URLs; - is standard input")
-        ->type_name("FILE");
+    AddText(verb, "-i,--input", get.input, "FILE", "list of more URLs; - is standard input");
     verb.add_option("-o,--output", get.output, "name of the file (one URL only)")
         ->type_name("FILE")
         ->check([](const std::string& name) { return NameFault(name); });
-    verb.add_option("-d,--dir", get.directory, "directory for the files")->type_name("DIR");
+    AddText(verb, "-d,--dir", get.directory, "DIR", "directory for the files");
     CLI::Option* force = verb.add_flag_callback(
         "-f,--force", [&get] { get.existing = Existing::kReplace; }, "replace existing files");
     force->option_text(" ");
@@ -132,8 +140,7 @@ void AddFileOptions(CLI::App& verb, GetOptions& get) {
             return IsDigest(digest) ? "" : "64 hexadecimal digits are needed";
         });
     verb.add_flag("--keep-part", get.keepPart, "keep the part of what did not finish");
-    verb.add_option("--failed", get.failed, "list what did not finish, as --input reads it")
-        ->type_name("FILE");
+    AddText(verb, "--failed", get.failed, "FILE", "list what did not finish, as --input reads it");
     CLI::Option* size =
         AddSize(verb, get.format, "of a page: the format whose frame comes closest");
     verb.add_option("--format", get.format.id, "of a page: the format of that id")
@@ -176,6 +183,19 @@ std::string GetFault(const GetOptions& get) {
     if (get.addresses.size() == 1 && get.input.empty()) return "";
     if (!get.output.empty()) return "--output takes one URL only";
     return get.sha256.empty() ? "" : "--sha256 takes one URL only";
+}
+
+// The option that stands as "--name=": the parser would take the next argument for its value.
+// Empty: there is none.
+std::string EmptyValue(int argc, const char* const* argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--") break;
+        if (argument.starts_with("--") && argument.find('=') == argument.size() - 1) {
+            return argument.substr(0, argument.size() - 1);
+        }
+    }
+    return "";
 }
 
 // An option was given more often than it takes values, or as the last argument without its value.
@@ -226,6 +246,8 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& 
         const auto parsed = app.get_subcommands();
         return Refuse(reason, parsed.empty() ? "" : " " + parsed.front()->get_name());
     };
+    const std::string empty = EmptyValue(argc, argv);
+    if (!empty.empty()) return Refuse(empty + ": the value is empty", "");
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& asked) {
