@@ -14,13 +14,15 @@
 namespace {
 
 constexpr std::int32_t kLongestTimeout = 1'000'000;
+// Where the help tells what an option does; its lines have 80 columns.
+constexpr std::size_t kHelpColumn = 29;
 
 constexpr const char* kUsage =
     "Examples:\n"
     "  taskman get https://example.org/file.iso\n"
     "  taskman get --help\n"
     "\n"
-    "Downloads files and resolves video pages, each through a worker process of its own.\n"
+    "Downloads files and resolves video pages, each by a worker process of its own.\n"
     "\n"
     "Verbs:\n"
     "  get    download files, or the videos of pages\n"
@@ -38,15 +40,17 @@ constexpr const char* kGetExamples =
     "  until taskman get -s -i todo.txt --failed todo.txt; do sleep 600; done\n"
     "  taskman get --size 640x360 'http://video.example/watch?v=ID'\n"
     "\n"
-    "Downloads each URL into NAME.part and renames it when all of it has come. When standard\n"
-    "output is no terminal, the paths of the files are written there, one a line.\n"
-    "With --format or --size each URL is the page of a video, whose title names the file.\n"
-    "A list has a URL in each line; a name and a SHA-256 digest may follow, each behind a TAB.\n";
+    "Downloads each URL into NAME.part and renames it when all of it has come. When\n"
+    "standard output is no terminal, the paths of the files are written there, one a\n"
+    "line. With --format or --size each URL is the page of a video, whose title names\n"
+    "the file. A list has a URL in each line; a name and a SHA-256 digest may follow,\n"
+    "each behind a TAB.\n";
 
 constexpr const char* kGetExits =
-    "Exit status: 0 all finished, 1 a download failed, 2 wrong usage or address, 3 local file,\n"
-    "4 a page was not resolved or has no such format, 5 size or SHA-256 differs, 6 stopped on\n"
-    "request, 130 and 143 interrupted. When several apply, the smallest that is not 0.";
+    "Exit status: 0 all finished, 1 a download failed, 2 wrong usage or address,\n"
+    "3 local file, 4 a page was not resolved or has no such format, 5 size or SHA-256\n"
+    "differs, 6 stopped on request, 130 and 143 interrupted. When several apply, the\n"
+    "smallest that is not 0.";
 
 constexpr const char* kInfoExamples =
     "Examples:\n"
@@ -57,9 +61,9 @@ constexpr const char* kInfoExamples =
     "Resolves the page of a video and prints its title, its length and its formats.\n";
 
 constexpr const char* kInfoExits =
-    "Exit status: 0 done, 1 the worker died, 2 wrong usage or address, 4 the page was not "
-    "resolved\n"
-    "or has no such format, 6 stopped on request, 130 and 143 interrupted.";
+    "Exit status: 0 done, 1 the worker died, 2 wrong usage or address, 4 the page was\n"
+    "not resolved or has no such format, 6 stopped on request, 130 and 143\n"
+    "interrupted.";
 
 // An option whose value is a text. An empty one, as of a variable that is not set, is no text: it
 // would pass for an option that was not given.
@@ -74,8 +78,9 @@ void AddText(CLI::App& verb, const char* names, std::string& text, const char* f
 void AddTaskOptions(CLI::App& verb, ProxyRules& proxy, std::string& worker) {
     verb.add_option("-x,--proxy",
                     "http, socks4, socks4a, socks5 or socks5h proxy,\n"
-                    "[SCHEME://][USER[:PASSWORD]@]HOST[:PORT]; @FILE reads it from\n"
-                    "the first line of a file, none ignores the environment")
+                    "[SCHEME://][USER[:PASSWORD]@]HOST[:PORT]; @FILE\n"
+                    "reads it from the first line of a file, none\n"
+                    "ignores the environment")
         ->option_text("URL|@FILE|none")
         ->check([&proxy](const std::string& text) { return proxy.Give(text); });
     AddText(verb, "--worker", worker, "PATH", "program of the workers");
@@ -231,6 +236,7 @@ int Refuse(const std::string& reason, const std::string& verb) {
 
 std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& command) {
     CLI::App app(kUsage, "taskman");
+    app.get_formatter()->column_width(kHelpColumn);
     app.set_version_flag("--version", "taskman " TASKMAN_VERSION);
     app.require_subcommand(0, 1);
     const CLI::App* get = AddGet(app, command.get);

@@ -13,8 +13,8 @@ constexpr const char* kTopExamples =
     "  watch -n 5 taskman top --once\n"
     "  taskman top --json | jq -r 'select(.state == \"downloading\").id'\n"
     "\n"
-    "Shows what the managers of this user do: on a terminal again every second, until q is\n"
-    "pressed; else one table. Nothing is disturbed by it.\n";
+    "Shows what the managers of this user do: on a terminal again every second, until\n"
+    "q is pressed; else one table. Nothing is disturbed by it.\n";
 
 constexpr const char* kTopExits = "Exit status: 0 shown, 1 no such manager, 2 wrong usage.";
 
@@ -23,21 +23,21 @@ constexpr const char* kStopExamples =
     "  taskman stop 000b356b03985b\n"
     "  taskman stop --all\n"
     "\n"
-    "Asks tasks of this user to stop; \"taskman top\" tells their ids. The beginning of an id is\n"
-    "enough when no other task's begins alike. A task stops within seconds.\n";
+    "Asks tasks of this user to stop; \"taskman top\" tells their ids. The beginning of\n"
+    "an id is enough when no other task's begins alike. A task stops within seconds.\n";
 
 constexpr const char* kStopExits =
-    "Exit status: 0 all were asked, 1 one was not found or not told apart, 2 wrong usage.";
+    "Exit status: 0 all were asked, 1 one was not found or not told apart, 2 wrong\n"
+    "usage.";
 
 constexpr const char* kCleanExamples =
     "Examples:\n"
     "  taskman clean -n\n"
     "  taskman clean\n"
     "\n"
-    "Removes what managers of this user that were killed have left: their sections and locks,\n"
-    "workers that go on for nobody, and the parts of their files. \"get\" and \"info\" do the "
-    "same\n"
-    "when they start.\n";
+    "Removes what managers of this user that were killed have left: their sections\n"
+    "and locks, workers that go on for nobody, and the parts of their files. \"get\"\n"
+    "and \"info\" do the same when they start.\n";
 
 constexpr const char* kCleanExits =
     "Exit status: 0 nothing is left, 2 wrong usage, 3 a part cannot be removed.";
