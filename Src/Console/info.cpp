@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Console/filename.h"
+#include "Console/jsontext.h"
 #include "Console/plaindisplay.h"
 #include "Console/session.h"
 #include "Console/signals.h"
@@ -20,11 +21,51 @@ constexpr int kColumns = 80;
 constexpr int kLabelColumns = 8;
 constexpr int kMostOfId = 30;
 
+// Tells why there is no page: people on standard error, and programs, when they are to read, by an
+// object on standard output.
+class InfoDisplay : public PlainDisplay {
+  public:
+    // `options` outlive the object.
+    explicit InfoDisplay(const InfoOptions& options)
+        : PlainDisplay(STDERR_FILENO), options_(options) {}
+
+    // Writes to standard output.
+    void Tell(const std::string& out) {
+        std::string fault;
+        if (!Print(out, fault) && !fault.empty()) Note("taskman: " + fault);
+    }
+
+    void Fail(const Outcome& outcome) {
+        Note(EndLine({text::Printable(options_.address)}, outcome));
+        reason_ = outcome.reason;
+    }
+
+    void Note(const std::string& line) override {
+        constexpr std::string_view kOwn = "taskman: ";  // a fault of the command itself
+        if (line.starts_with(kOwn)) reason_ = line.substr(kOwn.size());
+        PlainDisplay::Note(line);
+    }
+
+    void Close(const Totals&, int status) override {
+        if (!options_.json || status == EXIT_STATUS_FINISHED) return;
+        nlohmann::ordered_json end{{"v", JSON_VERSION}, {"event", "end"}};
+        SetText(end, "address", options_.address);
+        SetText(end, "reason", reason_);
+        end["exit"] = status;
+        Tell(JsonLine(end));
+    }
+
+  private:
+    const InfoOptions& options_;
+    std::string reason_{};  // empty: none, or it was interrupted
+};
+
 // The one task of the verb.
 class Inquiry : public Work {
   public:
     // The references outlive the object.
-    Inquiry(const InfoOptions& options, const Proxy& proxy, EventQueue& events, Display& display)
+    Inquiry(const InfoOptions& options, const Proxy& proxy, EventQueue& events,
+            InfoDisplay& display)
         : options_(options), proxy_(proxy), events_(events), display_(display) {}
 
     bool StartNext() override;
@@ -45,7 +86,7 @@ class Inquiry : public Work {
     const InfoOptions& options_;
     const Proxy& proxy_;
     EventQueue& events_;
-    Display& display_;
+    InfoDisplay& display_;
     std::string id_{};  // empty: no task has been added
     std::string text_{};
     Outcome outcome_{};
@@ -82,7 +123,7 @@ void Inquiry::End(Outcome outcome) {
     done_ = true;
     outcome_ = std::move(outcome);
     if (outcome_.result == EndResult::kFinished || signals::StopCount() > 0) return;
-    display_.Note(EndLine({text::Printable(options_.address)}, outcome_));
+    display_.Fail(outcome_);
 }
 
 std::string FrameText(const VideoFormat& format) {
@@ -98,34 +139,31 @@ std::string Labelled(const std::string& label, std::string_view bytes) {
     return lines;
 }
 
-// A text that may be missing.
-nlohmann::json OrNull(const std::string& text) {
-    return text.empty() ? nlohmann::json() : nlohmann::json(text);
+int Fail(InfoDisplay& display, const Outcome& outcome) {
+    display.Fail(outcome);
+    display.Close({}, outcome.status);
+    return outcome.status;
 }
 
 // Writes what the options ask for.
-int Write(const InfoOptions& options, const VideoPage& page) {
+int Write(const InfoOptions& options, const VideoPage& page, InfoDisplay& display) {
     const VideoFormat* taken = Choose(page, options.format);
-    const auto fail = [&options](int status, const std::string& reason) {
-        WriteAll(STDERR_FILENO, text::Printable(options.address) + ": " + reason + "\n");
-        return status;
-    };
     if (taken == nullptr && (options.format.Given() || options.url)) {
-        return fail(EXIT_STATUS_UNRESOLVED, "the page has no such format");
+        return Fail(display,
+                    {EndResult::kFailed, EXIT_STATUS_UNRESOLVED, "the page has no such format"});
     }
     std::string out;
     if (options.url) {
         const std::string fault = AddressFault(taken->address);
-        if (!fault.empty()) return fail(EXIT_STATUS_USAGE, "address of the format: " + fault);
+        if (!fault.empty()) {
+            return Fail(display,
+                        {EndResult::kFailed, EXIT_STATUS_USAGE, "address of the format: " + fault});
+        }
         out = text::Printable(taken->address) + "\n";
     } else {
         out = options.json ? PageJson(page, taken) : PageTable(page, taken);
     }
-    std::string fault;
-    if (!Print(out, fault)) {
-        if (!fault.empty()) WriteResult("", "taskman: " + fault + "\n");
-        signals::EndBy(signals::StopSignal());
-    }
+    display.Tell(out);
     return EXIT_STATUS_FINISHED;
 }
 
@@ -162,40 +200,44 @@ std::string PageTable(const VideoPage& page, const VideoFormat* taken) {
 }
 
 std::string PageJson(const VideoPage& page, const VideoFormat* taken) {
-    nlohmann::ordered_json formats = nlohmann::ordered_json::array();
-    for (const VideoFormat& format : page.formats) {
-        formats.push_back({{"id", format.id},
-                           {"width", nullptr},
-                           {"height", nullptr},
-                           {"url", OrNull(format.address)},
-                           {"taken", &format == taken}});
-        if (!format.width) continue;
-        formats.back()["width"] = *format.width;
-        formats.back()["height"] = *format.height;
-    }
-    nlohmann::ordered_json all;
-    all["title"] = page.title;
+    nlohmann::ordered_json all{{"v", JSON_VERSION}, {"event", "page"}};
+    SetText(all, "title", page.title);
     all["length_seconds"] = nullptr;
     if (page.length) all["length_seconds"] = *page.length;
-    all["thumbnail_url"] = OrNull(page.thumbnail);
-    all["formats"] = formats;
-    // Text that is not UTF-8 is replaced; nothing but ASCII is safe on every terminal.
-    return all.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+    SetText(all, "thumbnail_url", page.thumbnail);
+    all["formats"] = nlohmann::ordered_json::array();
+    for (const VideoFormat& format : page.formats) {
+        nlohmann::ordered_json entry;
+        SetText(entry, "id", format.id);
+        entry["width"] = nullptr;
+        entry["height"] = nullptr;
+        if (format.width) {
+            entry["width"] = *format.width;
+            entry["height"] = *format.height;
+        }
+        SetText(entry, "url", format.address);
+        entry["taken"] = &format == taken;
+        all["formats"].push_back(std::move(entry));
+    }
+    return JsonLine(all);
 }
 
 int RunInfo(const InfoOptions& options) {
-    PlainDisplay display(STDERR_FILENO);
+    InfoDisplay display(options);
     Proxy proxy;
     std::string fault = AddressFault(options.address);
     if (fault.empty()) fault = options.proxy.For(options.address, proxy);
     if (!fault.empty()) {
-        const Outcome refused{EndResult::kRefused, EXIT_STATUS_USAGE, std::move(fault)};
-        display.Note(EndLine({text::Printable(options.address)}, refused));
-        return refused.status;
+        return Fail(display, {EndResult::kRefused, EXIT_STATUS_USAGE, std::move(fault)});
     }
     const WakePipe& wake = InstallSignals();
     EventQueue events(wake);
     Inquiry inquiry(options, proxy, events, display);
-    const int status = Session(inquiry, "page", wake, events, display).Run(options.worker);
-    return status == EXIT_STATUS_FINISHED ? Write(options, ReadVideoPage(inquiry.Text())) : status;
+    int status = Session(inquiry, "page", wake, events, display).Run(options.worker);
+    if (status == EXIT_STATUS_FINISHED) {
+        status = Write(options, ReadVideoPage(inquiry.Text()), display);
+    }
+    // Whoever was to read may be gone.
+    if (signals::StopCount() > 0) signals::EndBy(signals::StopSignal());
+    return status;
 }
