@@ -236,6 +236,7 @@ const std::vector<Row>& Rows() {
         {"$/differs", "exit 5", "", "mismatch: 50 bytes arrived, the server announced 100"},
         {"--sha256 ~ $/good", "exit 5", "", "mismatch: good.part has the SHA-256 digest ba78"},
         {"--worker /bin/true $/good", "exit 1", "", "good: died: "},
+        {"--worker / $/good", "exit 1", "", "no worker program at /"},
         // In several orders: the smallest status wins.
         {"x $/404 $/good", "exit 1", "good", "1 of 3 files finished, 2 failed"},
         {"$/404 $/good x", "exit 1", "good"},
@@ -263,6 +264,10 @@ const std::vector<Row>& Rows() {
         {"-j1 -i list --failed list", "exit 1", "good list", "",
          List("# all\nx\n$/good\n$/404\tn\t+\n$/good3\t\t~"),
          List("x\n$/404\tn\t+\n$/good3\t\t~\n")},
+        {"-i list --failed list", "exit 2", "good list", "2 failed",
+         List("\xEF\xBB\xBF$/good\nx\ta\t\tb\n\tn\n"), List("x\ta\t\tb\n\tn\n")},
+        {"-i list --failed list", "exit 2", "list", "", List(std::string(9000, 'x')),
+         List(std::string(8193, 'x') + "\n")},
         {"--worker /nowhere/w -i list --failed list", "exit 1", "list",
          "no worker program at /nowhere/w", List("$/good\n#"), List("$/good\n")},
         {"-i .", "exit 2", "", ". is a directory"},
@@ -281,14 +286,15 @@ const std::vector<Row>& Rows() {
          "34  640x360   taken\n18  unknown\n17  unknown\n"},
         {"info &escape", "exit 0", "", "Title   \\x1b[2J\\x9bH\\xc2\\x9b\\x7f.x\n"},
         {"info &escape --json --size 640x360", "exit 0", "",
-         R"({"title":"\u001b[2J\ufffdH\u009b\u007f.x","length_seconds":83,"thumbnail_url":)"
+         R"({"v":1,"event":"page","title":"\u001b[2J\ufffdH\u009b\u007f.x",)"
+         R"("title_hex":"1b5b324a9b48c29b7f2e78","length_seconds":83,"thumbnail_url":)"
          R"("http://p/1","formats":[{"id":"22","width":1280,"height":720,"url":null,"taken":)"},
         {"info &mapless", "exit 0", "", "Length  unknown\nNo formats.\n"},
         {"info &plain --size 300x200", "exit 0", "", "5   320x240   taken\n34  640x360\n"},
         {"info &plain --size 1280x720 --url", "exit 0", "", kSite + "media/34\n"},
         {"info &empty --size 1x1", "exit 4", "", "no such format"},
         {"info &unknown", "exit 4", "", "the page was not resolved"},
-        {"info &huge", "exit 4", "", "too long"},
+        {"info &huge --json", "exit 4", "", R"( is too long","exit":4})"},
         {"info http://host/x\x1b", "exit 2", "", "host/x\\x1b: refused"},
         {"info http://host/?v=x", "exit 4", "", "not a page of " + kSite},
         {"info &plain --worker /bin/true", "exit 1", "", "died"},

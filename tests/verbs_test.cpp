@@ -238,4 +238,25 @@ TEST(Stop, AsksTheTasksThatAreNamed) {
     EXPECT_EQ(Verb("stop", {"--all"}), "exit 0\nno task runs\n");
 }
 
+TEST(Usage, IsToldInAFewWords) {
+    const std::vector<std::string> rows[] = {
+        {"get", "-j", "-j: a value is missing"},
+        {"get", "-oa", "-ob", "x", "--output: given more than once"},
+        {"get", "-i", "", "x", "--input: the value is empty"},
+        {"get", "--dir=", "b", "x", "--dir: the value is empty"},
+        {"get", "-j+3", "x", "--jobs: "},
+        {"clean", "-n", "--", "b", "unexpected argument \"b\" "},
+        {"", "unknown verb \"\" "},
+        {"--", "Examples:"},
+    };
+    for (const auto& row : rows) {
+        const std::string told = Verb(row.front(), {row.begin() + 1, row.end() - 1});
+        EXPECT_TRUE(told.starts_with("exit 2\n") && Has(told, row.back())) << told;
+    }
+    for (const char* verb : {"-h", "get", "info", "top", "stop", "clean"}) {
+        std::istringstream help(Verb(verb, {"-h"}));
+        for (std::string line; std::getline(help, line);) EXPECT_LE(line.size(), 80U) << line;
+    }
+}
+
 }  // namespace
