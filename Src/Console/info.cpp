@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "Console/filename.h"
 #include "Console/jsontext.h"
 #include "Console/plaindisplay.h"
+#include "Console/secondlook.h"
 #include "Console/session.h"
 #include "Console/signals.h"
 #include "Console/tasks.h"
@@ -38,6 +40,7 @@ class InfoDisplay : public PlainDisplay {
     void Fail(const Outcome& outcome) {
         Note(EndLine({text::Printable(options_.address)}, outcome));
         reason_ = outcome.reason;
+        second_look_ = outcome.secondLook;
     }
 
     void Note(const std::string& line) override {
@@ -51,6 +54,7 @@ class InfoDisplay : public PlainDisplay {
         nlohmann::ordered_json end{{"v", JSON_VERSION}, {"event", "end"}};
         SetText(end, "address", options_.address);
         SetText(end, "reason", reason_);
+        SetText(end, "second_look", second_look_);
         end["exit"] = status;
         Tell(JsonLine(end));
     }
@@ -58,6 +62,7 @@ class InfoDisplay : public PlainDisplay {
   private:
     const InfoOptions& options_;
     std::string reason_{};  // empty: none, or it was interrupted
+    std::string second_look_{};
 };
 
 // The one task of the verb.
@@ -67,6 +72,9 @@ class Inquiry : public Work {
     Inquiry(const InfoOptions& options, const Proxy& proxy, EventQueue& events,
             InfoDisplay& display)
         : options_(options), proxy_(proxy), events_(events), display_(display) {}
+    ~Inquiry() override {
+        if (look_.joinable()) look_.join();
+    }
 
     bool StartNext() override;
     void Handle(const Event& event) override;
@@ -81,6 +89,7 @@ class Inquiry : public Work {
     const std::string& Text() const { return text_; }
 
   private:
+    void Look(const Outcome& failure);
     void End(Outcome outcome);
 
     const InfoOptions& options_;
@@ -91,6 +100,7 @@ class Inquiry : public Work {
     std::string text_{};
     Outcome outcome_{};
     bool done_ = false;
+    std::thread look_{};  // a second one, at the page
     const Totals totals_{};
 };
 
@@ -105,17 +115,31 @@ bool Inquiry::StartNext() {
 }
 
 void Inquiry::Handle(const Event& event) {
-    if (event.id != id_ || (FINAL_STATE_BITS >> event.code & 1U) == 0) return;
-    if (event.code != DOWNLOAD_STATE_PARSE_FINISH) {
-        End(PageFailure(options_.address, event));
-        return;
+    if (event.id != id_ || done_) return;
+    if (event.kind == Event::Kind::kEnd) return End(event.outcome);
+    if ((FINAL_STATE_BITS >> event.code & 1U) == 0) return;
+    if (event.code == DOWNLOAD_STATE_PARSE_FINISH) {
+        text_ = event.text;
+        return End({});
     }
-    text_ = event.text;
-    End({});
+    Outcome failure = PageFailure(options_.address, event);
+    if (!MayBeTheSites(failure) || signals::StopCount() > 0) return End(std::move(failure));
+    Look(failure);
+}
+
+void Inquiry::Look(const Outcome& failure) {
+    outcome_ = failure;
+    look_ = std::thread([this, failure] {
+        Event event{Event::Kind::kEnd, id_};
+        event.outcome = failure;
+        event.outcome.secondLook = SecondLook(options_.address, proxy_, Wanted::kPage);
+        events_.Add(std::move(event));
+    });
 }
 
 std::size_t Inquiry::Stop() {
-    if (id_.empty()) done_ = true;
+    // The process ends by the signal, whatever a look finds then.
+    if (id_.empty() || look_.joinable()) done_ = true;
     return !done_ && StopTask(id_.c_str()) == 0 ? 1 : 0;
 }
 
@@ -230,6 +254,7 @@ int RunInfo(const InfoOptions& options) {
     if (!fault.empty()) {
         return Fail(display, {EndResult::kRefused, EXIT_STATUS_USAGE, std::move(fault)});
     }
+    PrepareSecondLooks();
     const WakePipe& wake = InstallSignals();
     EventQueue events(wake);
     Inquiry inquiry(options, proxy, events, display);
