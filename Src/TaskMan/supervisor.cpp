@@ -3,6 +3,7 @@
 // The scanner learns of a task's end only from a final code, and it waits for a task's lock without
 // bound. A worker may die without that code, or with the lock. The supervisor follows the worker
 // processes, so it can tell both; what it sets in a slot, the scanner handles like a worker's word.
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <thread>
@@ -27,6 +28,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kTick = 250ms;
+constexpr auto kLateTick = 1s;  // a tick that is later than this comes after a pause
 // Ticks in a row without the lock after which a dead worker must have been its holder. Living
 // holders have it for the copy of one slot.
 constexpr int kAbandonedTicks = 5;
@@ -224,6 +226,16 @@ void Supervise(Watch& watch, Clock::time_point now) {
     }
 }
 
+void MakeUpForPause(Clock::time_point last, Clock::time_point now) {
+    const Clock::duration late = now - last - kTick;
+    if (late < kLateTick) return;
+    for (Watch& watch : g_Watches) {
+        for (Clock::time_point* since : {&watch.claimedAt, &watch.stopAskedAt, &watch.endedAt}) {
+            *since = std::min(*since + late, now);
+        }
+    }
+}
+
 void StartScanner() {
     pthread_mutex_lock(&g_ScanThradIsExit_Lock);
     if (g_ScanThradIsExit) {
@@ -233,12 +245,15 @@ void StartScanner() {
 }
 
 void* RunSupervisor(void* /*argument*/) {
+    Clock::time_point last = Clock::now();
     while (!g_supervisor_ends) {
         bool scannerNeeded = false;
         {
             Threading::AutoLock hold(&g_watch_mutex);
+            const Clock::time_point now = Clock::now();
+            MakeUpForPause(std::exchange(last, now), now);
             for (Watch& watch : g_Watches) {
-                Supervise(watch, Clock::now());
+                Supervise(watch, now);
                 if (watch.bStarted && !watch.bDelivered) scannerNeeded = true;
             }
         }

@@ -86,6 +86,10 @@ void FreeWatch(Watch& watch) TS_REQUIRES(g_watch_mutex);
 // task whose worker is gone, kills a worker that hangs, frees the slot in the end. Never waits.
 void Supervise(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex);
 
+// Moves the times of all watches on when the tick at `now` comes long after the one at `last`:
+// while this process was stopped, a terminal's Ctrl-Z for example, nobody was silent towards it.
+void MakeUpForPause(Clock::time_point last, Clock::time_point now) TS_REQUIRES(g_watch_mutex);
+
 // Starts a scanner when none runs. It does not look at the map: the supervisor must not wait for
 // the map's lock, whose holder may wait for a task's lock that only the supervisor can restore.
 void StartScanner();
