@@ -200,6 +200,9 @@ void Supervise(Watch& watch, Clock::time_point now) {
     if (!watch.bGone && watch.process.Gone()) {
         watch.bGone = true;
         watch.nMissed = 0;
+        // The system may give its number to another process; -1 stays: it tells of the start.
+        std::atomic<pid_t>& pid = g_WorkerPid[watch.nTaskIndex];
+        if (pid > 0) pid = 0;
     }
     if (watch.bGone && watch.bDelivered) {
         FreeWatch(watch);

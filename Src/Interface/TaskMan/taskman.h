@@ -171,8 +171,9 @@ struct tagStartParam {
 void* StartProgram(void* param);
 
 // Per slot, what the fork of its last StartProgram returned: the worker's process id, -1 when the
-// fork failed, 0 while none was made. The only process ids that may be signalled: the one in a slot
-// is another process's word.
+// fork failed; 0 while none was made, and again within half a second after the worker's end. The
+// only process ids that may be signalled, when they are above 0: the one in a slot is another
+// process's word.
 extern std::atomic<pid_t> g_WorkerPid[TASK_SLOT_COUNT];
 
 // Handler for SIGCHLD: reaps every child that has ended. Keeps errno.
