@@ -47,9 +47,11 @@ bool WaitFor(Clock::duration patience, Condition condition) {
 
 bool NoTaskLeft() {
     // Delivered tasks are out of the map. Its lock is not taken: who has it may wait for a task's.
+    // A task may be delivered before its AddTask has returned, which uses the watch to its end.
     Threading::AutoLock hold(&g_watch_mutex);
-    return std::all_of(std::begin(g_Watches), std::end(g_Watches),
-                       [](const Watch& watch) { return !watch.bUsed || watch.bDelivered; });
+    return std::all_of(std::begin(g_Watches), std::end(g_Watches), [](const Watch& watch) {
+        return !watch.bUsed || (watch.bDelivered && watch.bStarted);
+    });
 }
 
 // Waits for the scanner's end; whether it has ended.
