@@ -14,6 +14,7 @@
 #include <memory>
 #include <thread>
 
+#include "TaskMan/ownsection.h"
 #include "TaskMan/request.h"
 #include "TaskMan/taskcontext.h"
 #include "common/fieldtext.h"
@@ -75,10 +76,12 @@ OtherSection::~OtherSection() {
 }
 
 bool OtherSection::Lives() const {
+    const bool own = pid_ == getpid();
+    if (own && g_section_opens) return true;
     if (platform::MapsSharedMemory(pid_, name_)) return true;
     // A process that has the number need not be the manager: numbers are used again. In this very
     // process none runs that has not mapped its section.
-    const bool exists = pid_ != getpid() && !platform::ProcessWatch(pid_).Gone();
+    const bool exists = !own && !platform::ProcessWatch(pid_).Gone();
     struct stat status {};
     if (exists && fstat(descriptor_, &status) == 0 &&
         std::time(nullptr) - status.st_mtime < kYoungSeconds) {

@@ -11,6 +11,8 @@
 #include "TaskMan/taskman.h"
 #include "common/platform.h"
 
+std::atomic<bool> g_section_opens{false};
+
 namespace {
 
 constexpr mode_t kPrivate = 0600;
@@ -28,9 +30,7 @@ int CreateSection(const std::string& name) {
     return error;
 }
 
-}  // namespace
-
-int OpenSection(const std::string& directory, std::string& strReason) {
+int MakeSection(const std::string& directory, std::string& strReason) {
     const std::string name = SectionName(g_mainpid);
     if (const int error = CreateSection(name); error != 0) {
         strReason = SystemReason("cannot create the task section", error);
@@ -45,6 +45,15 @@ int OpenSection(const std::string& directory, std::string& strReason) {
     static_cast<void>(flock(g_VideoInfoSection.hShm, LOCK_EX | LOCK_NB));
     std::memcpy(g_VideoInfoSection.pCommDataPrt, directory.data(), directory.size());
     return 0;
+}
+
+}  // namespace
+
+int OpenSection(const std::string& directory, std::string& strReason) {
+    g_section_opens = true;
+    const int result = MakeSection(directory, strReason);
+    g_section_opens = false;
+    return result;
 }
 
 void RemoveSection() {

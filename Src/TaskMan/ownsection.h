@@ -1,7 +1,12 @@
 // The section that the manager of this process owns: g_VideoInfoSection.
 #pragma once
 
+#include <atomic>
 #include <string>
+
+// Whether OpenSection is at work: the section of this process may be there then, unmapped and
+// unlocked.
+extern std::atomic<bool> g_section_opens;
 
 // Creates the section of process g_mainpid anew, private to this user, attaches it and writes the
 // directory of the download info files, at most 1024 bytes, into its common area. Returns 0; or -1
