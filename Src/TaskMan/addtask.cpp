@@ -7,6 +7,7 @@
 
 #include "TaskMan/ownsection.h"
 #include "TaskMan/request.h"
+#include "TaskMan/tally.h"
 #include "TaskMan/taskman.h"
 #include "TaskMan/watch.h"
 #include "common/AutoLock.h"
@@ -132,6 +133,7 @@ int EnterTask(Watch& watch, const tagTaskInfo& taskinfo) {
     node->pfnStateCallback = OnState;
     const tagTaskContext request = SlotOf(taskinfo);
 
+    Threading::AutoLock tally(&g_tally_mutex);
     Threading::AutoLock map(&g_access_taskmap_mutex);
     sem_t* lock = MakeSemaphore(watch);
     if (lock == nullptr) return errno;

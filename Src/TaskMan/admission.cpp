@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "TaskMan/tally.h"
 #include "TaskMan/taskman.h"
 #include "common/AutoLock.h"
 #include "common/assertion.h"
@@ -106,6 +107,7 @@ bool CheckAndCalcTaskCount() {
     std::int32_t parse = 0;
     std::int32_t download = 0;
     std::int32_t all = 0;
+    Threading::AutoLock tally(&g_tally_mutex);
     {
         Threading::AutoLock hold(&g_access_taskmap_mutex);
         for (const auto& [id, node] : g_TaskInfo_map) {

@@ -6,6 +6,7 @@
 #include <map>
 #include <string>
 
+#include "TaskMan/tally.h"
 #include "TaskMan/taskman.h"
 #include "common/AutoLock.h"
 #include "common/assertion.h"
@@ -18,6 +19,7 @@ Threading::Mutex g_access_taskcount_mutex;
 std::int32_t g_ParseCount = 0;
 std::int32_t g_DownloadCount = 0;
 std::int32_t g_TaskCount = 0;
+Threading::Mutex g_tally_mutex;
 
 pthread_mutex_t g_ScanThradIsExit_Lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_ScanThradIsExit_Cond = PTHREAD_COND_INITIALIZER;
@@ -186,8 +188,11 @@ class Scanner {
         void* param = visit.node->pCallbackParam;
         const TaskStateCallback onState = visit.node->pfnStateCallback;
         const TaskResultCallback onResult = visit.node->pfnResultCallback;
-        Remove(visit, live);
-        LowerCounters(visit, counts);
+        {
+            Threading::AutoLock tally(&g_tally_mutex);
+            Remove(visit, live);
+            LowerCounters(visit, counts);
+        }
         if (code == DOWNLOAD_STATE_PARSE_FINISH) {
             if (onResult != nullptr) {
                 onResult(param, visit.id.c_str(), code, text.data(), length);

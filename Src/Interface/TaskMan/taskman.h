@@ -149,8 +149,8 @@ bool CheckTaskParam(tagTaskInfo* taskinfo, std::string strFuncName);
 // error.
 bool CheckPath(std::string strFilePath, std::string strFuncName);
 
-// Sets the three counters from the map. Takes both locks, one after the other: a task that is added
-// or retired between is counted wrong. Always true.
+// Sets the three counters from the map; may be called beside the scanner. Takes both locks, one
+// after the other; neither AddTask nor the scanner changes the map between. Always true.
 bool CheckAndCalcTaskCount();
 
 // Writes a listing of the map to standard error. `NewTaskinfo` must not be null.
