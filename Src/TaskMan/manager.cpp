@@ -30,9 +30,13 @@ constexpr auto kTasksPatience = 12s;    // for all tasks to end, kills included
 constexpr auto kScannerPatience = 3s;   // for a scanner without tasks to end by itself
 constexpr auto kShutdownPatience = 5s;  // for one that was told to: four passes
 constexpr auto kWorkerPatience = 2s;    // for killed workers to be gone
+constexpr auto kExitPatience = 30s;     // for an end that another thread is at: all of the above
 constexpr auto kPoll = 20ms;
 
 pthread_t g_supervisor{};
+
+// The process that has started the manager: a child that is forked later has its memory, too.
+std::atomic<pid_t> g_owner{-1};
 
 // Polls until `condition` holds or `patience` has passed; returns whether it holds.
 template <class Condition>
@@ -129,10 +133,17 @@ int StartThreads() {
     return error;
 }
 
-// The threads of a manager that nobody ended must not run on while statics are destroyed.
+bool IsEnding() {
+    Threading::AutoLock hold(&g_watch_mutex);
+    return g_phase == ManagerPhase::kEnding;
+}
+
+// The threads of a manager that nobody ended must not run on while statics are destroyed, nor may
+// the process leave while another thread is at the end.
 void EndBeforeExit() {
     static const int registered = std::atexit([] {
-        if (g_mainpid == getpid()) EndTaskManager();
+        if (g_owner != getpid() || EndTaskManager() == 0) return;
+        WaitFor(kExitPatience, [] { return !IsEnding(); });
     });
     static_cast<void>(registered);
 }
@@ -171,6 +182,7 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory,
         return -1;
     }
     g_refuse_until = {};
+    g_owner = getpid();
     EndBeforeExit();
     g_phase = ManagerPhase::kRunning;
     return 0;
@@ -225,13 +237,13 @@ int EndTaskManager() {
         // g_Exit it ends once the callback returns.
         for (const Watch* watch : UsedWatches()) sem_unlink(watch->id.c_str());
         RemoveSectionName();
-        return -1;
+    } else {
+        ForgetTasks();
+        RemoveSection();
+        g_Exit = false;
+        g_mainpid = -1;
     }
-    ForgetTasks();
-    RemoveSection();
-    g_Exit = false;
-    g_mainpid = -1;
     Threading::AutoLock hold(&g_watch_mutex);
-    g_phase = ManagerPhase::kIdle;
-    return 0;
+    g_phase = scannerEnded ? ManagerPhase::kIdle : ManagerPhase::kStuck;
+    return scannerEnded ? 0 : -1;
 }

@@ -58,7 +58,8 @@ extern Threading::Mutex g_watch_mutex;
 extern Watch g_Watches[TASK_SLOT_COUNT] TS_GUARDED_BY(g_watch_mutex);
 
 // Whether tasks may be added, and the program that is started for each; guarded like the watches.
-enum class ManagerPhase { kIdle, kRunning, kEnding };
+// An end that a callback has held up leaves the manager stuck: no other can be started.
+enum class ManagerPhase { kIdle, kRunning, kEnding, kStuck };
 extern ManagerPhase g_phase TS_GUARDED_BY(g_watch_mutex);
 extern std::string g_worker_path TS_GUARDED_BY(g_watch_mutex);
 extern tagTaskLimits g_limits TS_GUARDED_BY(g_watch_mutex);

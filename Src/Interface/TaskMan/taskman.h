@@ -86,7 +86,7 @@ int FreeSlotCount();
 // for its threads and workers, at most 13), removes every name it made and closes the section.
 // Returns 0; or -1 when no manager runs, or when a callback does not return: the names are removed
 // then too, and no manager can be started any more. A manager that still runs when the process
-// exits is ended then.
+// exits is ended then; and the exit waits for an end that another thread is at.
 int EndTaskManager();
 
 // A new id for a task: 30 characters, made of the process id, the time and 64 random bits. No two
