@@ -7,6 +7,5 @@
 void BeginSweep(std::chrono::steady_clock::time_point now);
 
 // Sweeps once more three seconds later: a worker may have been between fork and exec at the first
-// time, unknown as such, with its manager's lock on the section. For the disk watch, which
-// may wait for a file system.
+// time, unknown as such. For the disk watch, which may wait for a file system.
 void EndOrphans(std::chrono::steady_clock::time_point now);

@@ -1,6 +1,7 @@
 #include "TaskMan/ownsection.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -17,16 +18,37 @@ namespace {
 
 constexpr mode_t kPrivate = 0600;
 
-// Creates the section anew, private to this user, with its memory reserved: on a full system the
-// first write into it would kill the process otherwise. Returns an error number.
+// Holds the section's lock, which shows others that this manager lives. Not the descriptor that is
+// mapped: a mapping keeps the lock, too.
+std::atomic<int> g_lock_descriptor{-1};
+
+void CloseLock() {
+    if (const int descriptor = g_lock_descriptor.exchange(-1); descriptor != -1) close(descriptor);
+}
+
+// A child that is forked and executes nothing would keep the lock beyond the manager's death, and
+// with it the look of a living manager.
+void GiveChildrenNoLock() {
+    static const int registered = pthread_atfork(nullptr, nullptr, CloseLock);
+    static_cast<void>(registered);
+}
+
+// Creates the section anew, private to this user, locked, with its memory reserved: on a full system
+// the first write into it would kill the process otherwise. Returns an error number.
 int CreateSection(const std::string& name) {
     shm_unlink(name.c_str());
     const int descriptor = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, kPrivate);
     if (descriptor == -1) return errno;
+    g_lock_descriptor = descriptor;
+    GiveChildrenNoLock();
+    // Systems that lock no such objects do without.
+    static_cast<void>(flock(descriptor, LOCK_EX | LOCK_NB));
     int error = ftruncate(descriptor, SHARE_MEM_SIZE) == 0 ? 0 : errno;
     if (error == 0) error = platform::ReserveSharedMemory(descriptor, SHARE_MEM_SIZE);
-    close(descriptor);
-    if (error != 0) shm_unlink(name.c_str());
+    if (error != 0) {
+        shm_unlink(name.c_str());
+        CloseLock();
+    }
     return error;
 }
 
@@ -41,8 +63,6 @@ int MakeSection(const std::string& directory, std::string& strReason) {
         RemoveSection();
         return -1;
     }
-    // Shows others that this manager lives. Systems that lock no such objects do without.
-    static_cast<void>(flock(g_VideoInfoSection.hShm, LOCK_EX | LOCK_NB));
     std::memcpy(g_VideoInfoSection.pCommDataPrt, directory.data(), directory.size());
     return 0;
 }
@@ -59,6 +79,7 @@ int OpenSection(const std::string& directory, std::string& strReason) {
 void RemoveSection() {
     UnInitShareMem(&g_VideoInfoSection, SectionName(g_mainpid).c_str());
     if (g_VideoInfoSection.hShm != -1) close(g_VideoInfoSection.hShm);
+    CloseLock();
     g_VideoInfoSection = tagVideoInfoSection{};
 }
 
