@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "TaskMan/taskman.h"
 #include "common/platform.h"
@@ -17,6 +19,8 @@ std::atomic<bool> g_section_opens{false};
 namespace {
 
 constexpr mode_t kPrivate = 0600;
+constexpr int kLockTries = 40;
+constexpr std::chrono::milliseconds kLockPause{50};
 
 // Holds the section's lock, which shows others that this manager lives. Not the descriptor that is
 // mapped: a mapping keeps the lock, too.
@@ -33,8 +37,22 @@ void GiveChildrenNoLock() {
     static_cast<void>(registered);
 }
 
-// Creates the section anew, private to this user, locked, with its memory reserved: on a full system
-// the first write into it would kill the process otherwise. Returns an error number.
+// Whether somebody has the section of that name locked and does not let go of it. A sweep does,
+// soon.
+bool IsTaken(const std::string& name) {
+    for (int tries = 0; tries < kLockTries; ++tries) {
+        if (tries > 0) std::this_thread::sleep_for(kLockPause);
+        const int descriptor = shm_open(name.c_str(), O_RDONLY, 0);
+        if (descriptor == -1) return false;
+        const bool taken = flock(descriptor, LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK;
+        close(descriptor);
+        if (!taken) return false;
+    }
+    return true;
+}
+
+// Creates the section anew, private to this user, locked, with its memory reserved: on a full
+// system the first write into it would kill the process otherwise. Returns an error number.
 int CreateSection(const std::string& name) {
     shm_unlink(name.c_str());
     const int descriptor = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, kPrivate);
@@ -54,6 +72,11 @@ int CreateSection(const std::string& name) {
 
 int MakeSection(const std::string& directory, std::string& strReason) {
     const std::string name = SectionName(g_mainpid);
+    // Process ids of other namespaces, which share the memory of this one, may be the same.
+    if (IsTaken(name)) {
+        strReason = "another manager has the task section of this process id";
+        return -1;
+    }
     if (const int error = CreateSection(name); error != 0) {
         strReason = SystemReason("cannot create the task section", error);
         return -1;

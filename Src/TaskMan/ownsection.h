@@ -10,7 +10,7 @@ extern std::atomic<bool> g_section_opens;
 
 // Creates the section of process g_mainpid anew, private to this user, attaches it and writes the
 // directory of the download info files, at most 1024 bytes, into its common area. Returns 0; or -1
-// with the reason, nothing is left behind then.
+// with the reason, nothing is left behind then: also when a living manager has that section.
 int OpenSection(const std::string& directory, std::string& strReason);
 
 // Detaches and removes the section and closes its descriptor.
