@@ -14,6 +14,8 @@
 
 namespace {
 
+constexpr int kMostLinks = 40;  // that systems follow, too
+
 bool IsIdCharacter(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' ||
            c == '-';
@@ -101,8 +103,15 @@ bool IdsCollide(const std::string& one, const std::string& other) {
 std::string OutputPath(const tagTaskInfo& taskinfo) {
     const std::string path = FieldText(taskinfo.szFilePath);
     if (path.empty() || !IsDownloadCommand(taskinfo.nCmd)) return {};
+    namespace fs = std::filesystem;
     std::error_code error;
-    const std::filesystem::path real = std::filesystem::weakly_canonical(path, error);
+    // What does not exist has no canonical form: it would stay relative, or the link that leads to
+    // it.
+    fs::path real = fs::absolute(path, error);
+    for (int links = 0; links < kMostLinks && fs::is_symlink(real, error); ++links) {
+        real = real.parent_path() / fs::read_symlink(real, error);
+    }
+    real = fs::weakly_canonical(real, error);
     return error ? path : real.string();
 }
 
