@@ -181,7 +181,7 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory,
         g_mainpid = -1;
         return -1;
     }
-    g_refuse_until = {};
+    ForgetFailedStarts();
     g_owner = getpid();
     EndBeforeExit();
     g_phase = ManagerPhase::kRunning;

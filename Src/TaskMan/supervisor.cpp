@@ -176,6 +176,11 @@ Watch* FindWatch(const std::string& id) {
     return nullptr;
 }
 
+void ForgetFailedStarts() {
+    g_failed_start_count = 0;
+    g_refuse_until = {};
+}
+
 void AskToStop(Watch& watch) {
     if (watch.bStopAsked) return;
     watch.bStopAsked = true;

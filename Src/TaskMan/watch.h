@@ -70,6 +70,9 @@ extern Clock::time_point g_refuse_until TS_GUARDED_BY(g_watch_mutex);
 constexpr const char* REFUSED_FOR_NOW =
     "three workers ended before they took their task; no new one for ten seconds";
 
+// Has AddTask accept tasks, whatever became of earlier ones.
+void ForgetFailedStarts() TS_REQUIRES(g_watch_mutex);
+
 // The watch in use for `id`, or null.
 Watch* FindWatch(const std::string& id) TS_REQUIRES(g_watch_mutex);
 
