@@ -1,6 +1,7 @@
 // How a task enters the manager: its slot, its lock, its node, its worker.
 #include <fcntl.h>
 
+#include <bit>
 #include <cerrno>
 #include <memory>
 #include <string>
@@ -176,8 +177,19 @@ void StartWorker(Watch& watch, const std::string& program) {
 
 }  // namespace
 
-void DeliverStopped(Watch& watch) {
-    OnState(&watch, watch.id.c_str(), DOWNLOAD_STATE_STOPPED, 0.0, watch.nTaskKind);
+void DeliverLast(Watch& watch) {
+    const tagTaskContext& slot = *SlotAt(g_VideoInfoSection, watch.nTaskIndex);
+    const bool own = FieldView(slot.szTaskID) == watch.id;
+    const std::uint32_t finals = own ? slot.nStateBits & FINAL_STATE_BITS : 0;
+    const int code = finals == 0 ? DOWNLOAD_STATE_STOPPED : std::countr_zero(finals);
+    if (code == DOWNLOAD_STATE_PARSE_FINISH) {
+        const std::string text = FieldText(slot.szVideoInfo) + std::string(2, '\0');
+        OnResult(&watch, watch.id.c_str(), code, text.data(),
+                 static_cast<std::uint32_t>(text.size() - 2));
+        return;
+    }
+    const bool marked = code == DOWNLOAD_STATE_DOWNLOAD_FINISH && watch.nTaskKind == 1;
+    OnState(&watch, watch.id.c_str(), code, marked ? -1.0 : 0.0, watch.nTaskKind);
 }
 
 int AddTask(const tagTaskInfo& taskinfo, std::string& strReason) {

@@ -110,7 +110,7 @@ std::vector<Watch*> UsedWatches() {
 // manager runs any more.
 void ForgetTasks() {
     for (Watch* watch : UsedWatches()) {
-        if (!watch->bDelivered) DeliverStopped(*watch);
+        if (!watch->bDelivered) DeliverLast(*watch);
     }
     {
         Threading::AutoLock hold(&g_access_taskmap_mutex);
@@ -182,6 +182,7 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory,
         return -1;
     }
     ForgetFailedStarts();
+    g_Exit = false;
     g_owner = getpid();
     EndBeforeExit();
     g_phase = ManagerPhase::kRunning;

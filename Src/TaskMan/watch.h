@@ -80,8 +80,9 @@ Watch* FindWatch(const std::string& id) TS_REQUIRES(g_watch_mutex);
 // the supervisor stores it at one of its next ticks.
 void AskToStop(Watch& watch) TS_REQUIRES(g_watch_mutex);
 
-// Calls the application back with code 8 in the scanner's place. For when no scanner runs any more.
-void DeliverStopped(Watch& watch);
+// Calls the application back in the scanner's place, with the final code that its worker has left
+// in the slot, else with code 8. For when neither scanner nor worker runs any more.
+void DeliverLast(Watch& watch);
 
 // Closes and removes the task's semaphore and frees the slot.
 void FreeWatch(Watch& watch) TS_REQUIRES(g_watch_mutex);
