@@ -27,7 +27,7 @@ void ReadArguments(char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    IgnoreProxyEnvironment();
+    IgnoreEnvironment();
     g_WorkPath = sysutility::GetCurrentPath(true);
     g_LogConfigFile = g_WorkPath + LOG_FILE;
     LoadCurlLib();

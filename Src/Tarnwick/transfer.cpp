@@ -24,9 +24,9 @@ int UnLoadCurlLib() {
     return 0;
 }
 
-void IgnoreProxyEnvironment() {
+void IgnoreEnvironment() {
     for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy",
-                             "ALL_PROXY", "no_proxy", "NO_PROXY"}) {
+                             "ALL_PROXY", "no_proxy", "NO_PROXY", "SSLKEYLOGFILE"}) {
         unsetenv(name);
     }
 }

@@ -16,9 +16,10 @@ int LoadCurlLib();
 // Releases libcurl. Returns 0.
 int UnLoadCurlLib();
 
-// Takes the variables that name proxies out of the environment: a worker is configured through its
+// Takes the variables that libcurl and its TLS library obey out of the environment, those that name
+// proxies and the file that gets the keys of all connections: a worker is configured through its
 // slot only. Must run before other threads exist.
-void IgnoreProxyEnvironment();
+void IgnoreEnvironment();
 
 // Sets the task's proxy on the handle when it uses one.
 void SetProxy(CURL* curl, const tagTaskContext& task);
