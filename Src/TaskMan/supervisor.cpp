@@ -35,6 +35,9 @@ constexpr int kAbandonedTicks = 5;
 constexpr int kStuckTicks = 20;      // without the lock: a living worker with it is stuck
 constexpr auto kStopPatience = 10s;  // a size probe does not see the stop word
 constexpr auto kExitPatience = 10s;  // after its final code a worker exits within a second
+// The kernel may hold a killed worker for as long as a disk does not answer. It runs no code of its
+// own any more then.
+constexpr auto kKillPatience = 2s;
 
 // So many workers that end before they take their task, within this time, are no accident: a
 // program that cannot run would be started over and over. No task is accepted for as long again.
@@ -136,7 +139,7 @@ void Inspect(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
         return;
     }
     NoteStrangersStop(watch, *slot, now);
-    if (watch.bGone) {
+    if (watch.bDead) {
         SpeakForTheDead(watch, *slot, now);
         NoteEnded(watch, now);
     } else {
@@ -204,10 +207,13 @@ void Supervise(Watch& watch, Clock::time_point now) {
     if (!watch.bUsed || !watch.bStarted) return;
     if (!watch.bGone && watch.process.Gone()) {
         watch.bGone = true;
-        watch.nMissed = 0;
         // The system may give its number to another process; -1 stays: it tells of the start.
         std::atomic<pid_t>& pid = g_WorkerPid[watch.nTaskIndex];
         if (pid > 0) pid = 0;
+    }
+    if (!watch.bDead && (watch.bGone || (watch.bKilled && now - watch.killedAt >= kKillPatience))) {
+        watch.bDead = true;
+        watch.nMissed = 0;
     }
     if (watch.bGone && watch.bDelivered) {
         FreeWatch(watch);
@@ -220,7 +226,7 @@ void Supervise(Watch& watch, Clock::time_point now) {
     } else {
         ++watch.nMissed;
     }
-    if (watch.bGone) {
+    if (watch.bDead) {
         // A dead holder cannot release the lock. Its release is made up for, and the lock
         // taken like by everybody with the next tick: a write without it would race with the
         // scanner.
@@ -230,6 +236,7 @@ void Supervise(Watch& watch, Clock::time_point now) {
         }
     } else if (const char* reason = Overdue(watch, now)) {
         if (watch.killReason.empty()) watch.killReason = reason;
+        if (!std::exchange(watch.bKilled, true)) watch.killedAt = now;
         watch.process.Signal(SIGKILL);
     }
 }
@@ -238,7 +245,8 @@ void MakeUpForPause(Clock::time_point last, Clock::time_point now) {
     const Clock::duration late = now - last - kTick;
     if (late < kLateTick) return;
     for (Watch& watch : g_Watches) {
-        for (Clock::time_point* since : {&watch.claimedAt, &watch.stopAskedAt, &watch.endedAt}) {
+        for (Clock::time_point* since :
+             {&watch.claimedAt, &watch.stopAskedAt, &watch.endedAt, &watch.killedAt}) {
             *since = std::min(*since + late, now);
         }
     }

@@ -41,12 +41,15 @@ struct Watch {
     bool bStopStored = false;     // the stop word is in the slot
     bool bEnded = false;          // a final code has been set, by the worker or for it
     bool bDelivered = false;      // the final callback has returned
+    bool bKilled = false;         // the supervisor has killed the worker
+    bool bDead = false;           // it is gone, or killed and runs no code any more
     bool bGone = false;           // the worker process has ended
     int nMissed = 0;              // ticks in a row in which the lock was not to be had; begins
                                   // afresh with the worker's death
     Clock::time_point claimedAt;  // until it has: when the worker was started
     Clock::time_point stopAskedAt;
     Clock::time_point endedAt;
+    Clock::time_point killedAt;
     FileAdvance advance;     // of its output file
     std::string killReason;  // why the worker was killed, if it was
     std::string remark;      // TaskRemark
