@@ -56,7 +56,8 @@ struct Watch {
 };
 
 // Guards all watches. Taken alone, or before a semaphore that is only tried; never held while a
-// callback runs or anything waits.
+// callback runs or anything waits. Only a start holds it for longer, over its sweep of what dead
+// managers have left: no task is in hand then.
 extern Threading::Mutex g_watch_mutex;
 extern Watch g_Watches[TASK_SLOT_COUNT] TS_GUARDED_BY(g_watch_mutex);
 

@@ -86,7 +86,7 @@ struct tagTaskContext {
     char szProxyUser[128];          // TM writes: user at the proxy; empty: no credentials
     char szProxyPassword[128];      // TM writes: password at the proxy
     std::int32_t bUseProxy;         // TM writes: not 0: transfers go through the proxy
-    std::int32_t nBlockCount;       // TM writes: blocks of the download map, 1 to 10; default 3
+    std::int32_t nBlockCount;       // TM writes: blocks of the download map, 0 to 10; default 3
     std::int32_t nTryCount;         // TM writes: tries of a transfer, 0 to 3, anything else is 3
     std::int32_t nTryInterval;      // TM writes: seconds between tries, 0 to 3, anything else is 3
     char szReserved2[64];           // nobody

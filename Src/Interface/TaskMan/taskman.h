@@ -20,8 +20,8 @@
 #include "TaskMan/taskcontext.h"
 #include "common/threadsafety.h"
 
-// ---- The manager. Any thread may call; a callback may call everything but EndTaskManager. No text
-// is null.
+// ---- The manager. Any thread may call; a callback may call everything but EndTaskManager, and not
+// exit either, which ends the manager. No text is null.
 
 // Starts the manager of this process: creates the section, writes `szInfoDirectory` (the directory
 // of the download info files, at most 1024 bytes) into its common area, and begins to supervise.
@@ -31,15 +31,17 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory, std:
 
 // Puts the task into a free slot and starts its worker. The record is copied; its callbacks are
 // called from the manager's scanner thread, with no lock held and signals blocked, and must return
-// soon and not throw. The first may come before AddTask returns. AddTask may wait some seconds
-// while the worker of another task hangs with that task's lock.
+// soon and not throw; the final one of a task that has not ended when EndTaskManager gives it up
+// comes from the thread that has called that. The first may come before AddTask returns. AddTask
+// may wait some seconds while the worker of another task hangs with that task's lock, and for as
+// long as the file system of the path does not answer.
 //
 // Returns 0; or -1 with the reason in one line, no callback comes then. Refused are: an id that is
 // empty, longer than 63 bytes, not of letters, digits, "_" and "-", in use, a prefix of one in use
 // or the reverse; a command and kind that make neither a parse nor a download job; an address that
-// is not http or https; a path that CheckTaskParam refuses or that a live task writes; a text that
-// fills its field; a ninth task; and every task for ten seconds when three workers have ended
-// within ten seconds without having taken theirs.
+// is not http or https; a path or a number of blocks that CheckTaskParam refuses; a path that a
+// live task writes; a text that fills its field; a ninth task; and every task for ten seconds when
+// three workers have ended within ten seconds without having taken theirs.
 //
 // The id names a semaphore, and is the application's to keep apart from those of other managers on
 // the machine: one that is in use there is taken over unseen. A path that ends in TASK_PART_ENDING
@@ -141,8 +143,8 @@ constexpr bool IsDownloadJob(std::int32_t nCmd, std::int32_t nTaskKind) {
 // ---- Admission and the start of programs.
 
 // Whether the task may be admitted: its id is not empty; and for a download command the path is
-// acceptable and, with kind 0, nBlockCount is 0 to 10. A larger nBlockCount is refused and set to
-// 10 in the record, so that a second check passes. `strFuncName` is the caller, for diagnostics.
+// acceptable and, with kind 0, nBlockCount is 0 to 10. Any other is refused and set to 10 in the
+// record, so that a second check passes. `strFuncName` is the caller, for diagnostics.
 bool CheckTaskParam(tagTaskInfo* taskinfo, std::string strFuncName);
 
 // Whether the path holds no backslash; the empty path holds none. A refusal is told on standard
