@@ -1,5 +1,6 @@
 // The manager with real workers: what it refuses, what it gives up, how it starts and ends.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -174,8 +175,65 @@ TEST(Manager, HandsOverArgumentsAndNothingElse) {
     signal(SIGTERM, SIG_DFL);
 }
 
+TEST(Manager, LeavesNoLockToAForkedChild) {
+    Campaign campaign;
+    const int section = shm_open(SectionName(getpid()).c_str(), O_RDONLY, 0);
+    const pid_t child = fork();
+    ASSERT_NE(-1, child);
+    if (child == 0) _exit(static_cast<int>(sleep(30)));
+    campaign.End();
+    EXPECT_EQ(0, flock(section, LOCK_EX | LOCK_NB));
+    kill(child, SIGKILL);
+    EXPECT_TRUE(WaitUntil([&] { return kill(child, 0) == -1; }));
+    close(section);
+}
+
+// In a child: a test program cannot be stopped, nor leave.
+TEST(Manager, CountsNoPauseAndIsWaitedForByTheExit) {
+    void* shared = mmap(nullptr, sizeof(pid_t), PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    pid_t& pid = *static_cast<pid_t*>(shared);
+    InChild([&pid] {
+        pid = getpid();
+        signal(SIGCHLD, proc_child);
+        std::string reason;
+        ASSERT_EQ(0, StartTaskManager(FAULT_WORKER_PATH, "", reason)) << reason;
+        const auto add = [&](TaskStateCallback callback) {
+            tagTaskInfo task(MakeTaskID().c_str());
+            SetField(task.szDownloadUrl, "http://fault/stop");
+            task.nCmd = TASK_CMD_DOWNLOAD;
+            task.nTaskKind = 0;
+            task.pfnStateCallback = callback;
+            EXPECT_EQ(0, AddTask(task, reason)) << reason;
+        };
+        SetTaskLimits({3, 60});
+        const Clock::time_point start = Clock::now();
+        static std::atomic<bool> gone{false};
+        // The number of a worker that is gone is not kept for as long as its last callback takes.
+        add([](void*, const char*, int, double, int) {
+            gone = WaitUntil([] { return g_WorkerPid[0] == 0; });
+        });
+        if (fork() == 0)
+            _exit(kill(pid, SIGSTOP) + static_cast<int>(sleep(3)) + kill(pid, SIGCONT));
+        EXPECT_TRUE(WaitUntil([] { return gone.load(); }));
+        EXPECT_LE(milliseconds(5000), Clock::now() - start);
+        SetTaskLimits({1, 60});
+        add(nullptr);
+        std::thread(EndTaskManager).detach();
+        EXPECT_TRUE(WaitUntil([] { return FreeSlotCount() == 0; }));
+        std::exit(testing::Test::HasFailure() ? 1 : 0);
+    });
+    EXPECT_EQ(-1, shm_open(SectionName(pid).c_str(), O_RDONLY, 0));
+    munmap(shared, sizeof(pid_t));
+}
+
 TEST(Manager, TellsWhyItCannotStart) {
     InChild([] {
+        std::string other;
+        const int taken = shm_open(SectionName(getpid()).c_str(), O_RDWR | O_CREAT, 0600);
+        flock(taken, LOCK_EX);
+        EXPECT_EQ(-1, StartTaskManager("w", "", other));
+        EXPECT_EQ("another manager has the task section of this process id", other);
+        close(taken);
         // A section that was left behind, and no room for a new one.
         tagVideoInfoSection old{};
         EXPECT_EQ(0, InitShareMem(&old, SectionName(getpid()).c_str()));
