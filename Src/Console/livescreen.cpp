@@ -45,6 +45,7 @@ int LiveScreen::Columns() {
 
 LiveScreen::LiveScreen() {
     InstallSignals();
+    signals::CatchSuspend();
     TakeKeys();
     WriteAll(STDOUT_FILENO, "\x1b[2J");
 }
@@ -96,6 +97,10 @@ bool LiveScreen::Wait() {
         if (signals::StopCount() > 0) {
             GiveKeysBack();
             signals::EndBy(signals::StopSignal());
+        }
+        if (signals::TakeSuspend()) {
+            GiveKeysBack();
+            std::raise(SIGSTOP);
         }
         const bool resumed = signals::TakeResume();
         if (resumed) TakeKeys();

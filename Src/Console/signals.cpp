@@ -15,6 +15,7 @@ std::atomic<int> stopSignal{0};
 std::atomic<int> stopCount{0};
 std::atomic<bool> resized{false};
 std::atomic<bool> resumed{false};
+std::atomic<bool> suspended{false};
 
 void OnStop(int signal) {
     int none = 0;
@@ -26,6 +27,10 @@ void OnStop(int signal) {
 void OnScreen(int signal) {
     (signal == SIGCONT ? resumed : resized) = true;
     wakePipe.load()->Wake();
+}
+
+void OnSuspend(int /*signal*/) {
+    suspended = true;
 }
 
 // An ignored signal would stay ignored in the workers; a handled one is theirs to decide.
@@ -75,6 +80,14 @@ bool TakeResize() {
 
 bool TakeResume() {
     return resumed.exchange(false);
+}
+
+void CatchSuspend() {
+    if (!Ignored(SIGTSTP)) Handle(SIGTSTP, OnSuspend, SA_RESTART);
+}
+
+bool TakeSuspend() {
+    return suspended.exchange(false);
 }
 
 void EndBy(int signal) {

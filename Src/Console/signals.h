@@ -19,6 +19,11 @@ int StopCount();
 bool TakeResize();
 bool TakeResume();
 
+// Has TakeSuspend tell of Ctrl-Z, instead of the process being suspended at once: for whoever has
+// changed the terminal, and suspends the process after giving it back.
+void CatchSuspend();
+bool TakeSuspend();
+
 // Ends the process as if it had not handled the signal, so that its parent sees what ended it.
 [[noreturn]] void EndBy(int signal);
 
