@@ -1,6 +1,5 @@
 // Disks that are full before the file is there, in several ways: the file never counts as finished.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -51,19 +50,8 @@ void Get(std::size_t size, const TempDir& at, const char* end, const char* says,
     EXPECT_FALSE(FileExists(at.Path("file")) || FileExists(at.Path("file.part")));
 }
 
-// Runs before this program has a second thread.
-bool HasOwnMounts() {
-    const std::string uid = std::to_string(getuid()), gid = std::to_string(getgid());
-    if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWNS | CLONE_NEWUSER) == 0) {
-        WriteFile("/proc/self/setgroups", "deny");
-        WriteFile("/proc/self/uid_map", uid + " " + uid + " 1");
-        WriteFile("/proc/self/gid_map", gid + " " + gid + " 1");
-    }
-    return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-}
-
 TEST(FullDisk, OfAFewPages) {
-    if (!HasOwnMounts()) GTEST_SKIP() << "the kernel lets this user mount nothing";
+    if (!TakeOwnMounts()) GTEST_SKIP() << "nothing can be mounted";
     InParallel(std::size(kSizes), [](std::size_t i) {
         const std::size_t size = kSizes[i];
         const TempDir disk;

@@ -1,7 +1,6 @@
 // The verbs that look after managers: top, stop and clean; and what they may meet in a section.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <semaphore.h>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -27,14 +26,9 @@ namespace {
 // user, and other tests have some.
 class OwnSharedMemory : public testing::Environment {
     void SetUp() override {
-        const std::string user = std::to_string(getuid()), group = std::to_string(getgid());
-        if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) {
-            WriteFile("/proc/self/setgroups", "deny");
-            WriteFile("/proc/self/uid_map", user + " " + user + " 1");
-            WriteFile("/proc/self/gid_map", group + " " + group + " 1");
+        if (!TakeOwnMounts() || mount("none", "/dev/shm", "tmpfs", 0, "mode=1777") != 0) {
+            GTEST_SKIP();
         }
-        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-        if (mount("none", "/dev/shm", "tmpfs", 0, "mode=1777") != 0) GTEST_SKIP();
     }
 };
 const auto* const g_environment = testing::AddGlobalTestEnvironment(new OwnSharedMemory);

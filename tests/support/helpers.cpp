@@ -1,7 +1,9 @@
 #include "support/helpers.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <semaphore.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -67,6 +69,16 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
     for (std::string& text : texts) pointers.push_back(text.data());
     pointers.push_back(nullptr);
     return pointers;
+}
+
+bool TakeOwnMounts() {
+    const std::string uid = std::to_string(getuid()), gid = std::to_string(getgid());
+    if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWNS | CLONE_NEWUSER) == 0) {
+        WriteFile("/proc/self/setgroups", "deny");
+        WriteFile("/proc/self/uid_map", uid + " " + uid + " 1");
+        WriteFile("/proc/self/gid_map", gid + " " + gid + " 1");
+    }
+    return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
 std::string UniqueName(const std::string& stem) {

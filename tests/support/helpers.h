@@ -32,6 +32,10 @@ std::vector<std::string> Environment(std::vector<std::string> settings);
 // `texts`, which must outlive them, as `execve` takes them.
 std::vector<char*> Pointers(std::vector<std::string>& texts);
 
+// Gives this program, before it has a second thread, mounts that nobody else sees. False when the
+// kernel lets this user mount nothing.
+bool TakeOwnMounts();
+
 // A name that nothing else on the machine has: letters, digits and "-", at most 11 more than
 // `stem`.
 std::string UniqueName(const std::string& stem = "test");
