@@ -9,11 +9,11 @@
 #include <regex>
 #include <sstream>
 
-#include "Console/bardisplay.h"
-#include "Console/jsondisplay.h"
-#include "Console/plaindisplay.h"
-#include "Console/text.h"
-#include "Console/top.h"
+#include "Console/others/top.h"
+#include "Console/screen/bardisplay.h"
+#include "Console/screen/jsondisplay.h"
+#include "Console/screen/plaindisplay.h"
+#include "Console/screen/text.h"
 #include "TaskMan/taskcontext.h"
 #include "support/command_run.h"
 #include "support/http_server.h"

@@ -13,7 +13,7 @@
 #include <set>
 #include <sstream>
 
-#include "Console/text.h"
+#include "Console/screen/text.h"
 #include "support/command_run.h"
 #include "support/http_server.h"
 

@@ -2,12 +2,12 @@
 #include <cwchar>
 #include <vector>
 
-#include "Console/bardisplay.h"
-#include "Console/filename.h"
-#include "Console/proxy.h"
-#include "Console/text.h"
-#include "Console/utf8.h"
-#include "Console/videopage.h"
+#include "Console/cli/proxy.h"
+#include "Console/get/filename.h"
+#include "Console/page/videopage.h"
+#include "Console/screen/bardisplay.h"
+#include "Console/screen/text.h"
+#include "Console/screen/utf8.h"
 #include "common/stringutility.h"
 #include "fuzz.h"
 

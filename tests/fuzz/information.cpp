@@ -3,8 +3,8 @@
 #include <set>
 #include <sstream>
 
-#include "Console/info.h"
-#include "Console/text.h"
+#include "Console/page/info.h"
+#include "Console/screen/text.h"
 #include "Tarnwick/youtubeutility.h"
 #include "fuzz.h"
 

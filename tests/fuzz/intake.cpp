@@ -10,7 +10,7 @@
 
 #include "Tarnwick/jobstate.h"
 #include "Tarnwick/tarnwick.h"
-#include "TaskMan/request.h"
+#include "TaskMan/task/request.h"
 #include "common/fieldtext.h"
 #include "fuzz.h"
 

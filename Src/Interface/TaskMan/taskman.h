@@ -1,13 +1,6 @@
-// The task manager, for applications.
-//
-// An application starts the manager once, adds tasks, may ask tasks to stop, and ends the manager.
-// Each task is carried out by a worker process of its own; what the worker reports arrives in the
-// task's callbacks. Whatever happens to a worker, each task that was added gets exactly one final
-// callback (codes 1, 3, 6, 7, 8 and 16).
-//
-// The application installs proc_child as its handler for SIGCHLD, with SA_RESTART and
-// SA_NOCLDSTOP, before it adds the first task. That handler reaps every child of the process: an
-// application cannot wait for children of its own (system, popen) while tasks run.
+// The operations beneath the manager: the scanner and what it works on, the checks on tasks and the
+// start of worker processes. An application needs none of them while it uses TaskMan/manager.h,
+// which this header includes.
 #pragma once
 
 #include <pthread.h>
@@ -17,83 +10,9 @@
 #include <map>
 #include <string>
 
+#include "TaskMan/manager.h"
 #include "TaskMan/taskcontext.h"
 #include "common/threadsafety.h"
-
-// ---- The manager. Any thread may call; a callback may call everything but EndTaskManager, and not
-// exit either, which ends the manager. No text is null.
-
-// Starts the manager of this process: creates the section, writes `szInfoDirectory` (the directory
-// of the download info files, at most 1024 bytes) into its common area, and begins to supervise.
-// `szWorkerPath` is the program that AddTask starts for each task. Returns 0; or -1 with the reason
-// in one line, nothing is left behind then.
-int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory, std::string& strReason);
-
-// Puts the task into a free slot and starts its worker. The record is copied; its callbacks are
-// called from the manager's scanner thread, with no lock held and signals blocked, and must return
-// soon and not throw; the final one of a task that has not ended when EndTaskManager gives it up
-// comes from the thread that has called that. The first may come before AddTask returns. AddTask
-// may wait some seconds while the worker of another task hangs with that task's lock, and for as
-// long as the file system of the path does not answer.
-//
-// Returns 0; or -1 with the reason in one line, no callback comes then. Refused are: an id that is
-// empty, longer than 63 bytes, not of letters, digits, "_" and "-", in use, a prefix of one in use
-// or the reverse; a command and kind that make neither a parse nor a download job; an address that
-// is not http or https; a path or a number of blocks that CheckTaskParam refuses; a path that a
-// live task writes; a text that fills its field; a ninth task; and every task for ten seconds when
-// three workers have ended within ten seconds without having taken theirs.
-//
-// The id names a semaphore, and is the application's to keep apart from those of other managers on
-// the machine: one that is in use there is taken over unseen. A path that ends in TASK_PART_ENDING
-// (othermanagers.h) is removed after a crash, unless somebody has the file locked.
-int AddTask(const tagTaskInfo& taskinfo, std::string& strReason);
-
-// Asks a task to stop. It ends with code 8, or with the code it had reached before. A worker that
-// does not end within ten seconds is killed. Returns 0, or -1 when there is no such task.
-int StopTask(const char* szTaskID);
-
-// How long a worker may wait for a server before it is killed and its task has failed: neither a
-// size probe nor a page fetch ends by itself when a server accepts and stays silent. And how often
-// the transfer of a file may start over without the file having grown before the task is stopped: a
-// try that has received bytes gives the worker all its tries back.
-struct tagTaskLimits {
-    std::int32_t nAnswerSeconds = 30;  // a download, to its code 10 or 2; 0: for ever
-    std::int32_t nPageSeconds = 60;    // a page, to its final code; 0: for ever
-    std::int32_t nStartsOver = 10;     // 0: for ever
-};
-
-// Sets the limits for all tasks, from now on.
-void SetTaskLimits(const tagTaskLimits& limits);
-
-// What the manager knows about the way a task ended beyond its code, in one line: "the worker
-// died", for example. Empty when the worker itself reported the end, unless the manager had stopped
-// the task; the code is 8 then, or a failure's, and the remark one of the first two below. To be
-// called from the task's final callback; afterwards the task is forgotten.
-constexpr const char* TASK_REMARK_NO_SPACE = "no space left for the file";
-constexpr const char* TASK_REMARK_STARTS_OVER =
-    "the transfer starts over and over without getting further";
-constexpr const char* TASK_REMARK_NO_ANSWER = "the server did not answer in time";
-std::string TaskRemark(const char* szTaskID);
-
-// Size in bytes of the file of a task, as its worker has announced it with code 10; 0 while it is
-// unknown. To be called no later than from the final callback: a task that ends within the second
-// in which its size became known reports its final code only, and the size is told here alone.
-double TaskFileSize(const char* szTaskID);
-
-// Number of further tasks that AddTask has room for now, 0 to 8; 0 while no manager runs. A slot is
-// free again when its task's final callback has returned and its worker process is gone.
-int FreeSlotCount();
-
-// Ends the manager: refuses new tasks, stops all, waits for their ends (at most 12 seconds, then
-// for its threads and workers, at most 13), removes every name it made and closes the section.
-// Returns 0; or -1 when no manager runs, or when a callback does not return: the names are removed
-// then too, and no manager can be started any more. A manager that still runs when the process
-// exits is ended then; and the exit waits for an end that another thread is at.
-int EndTaskManager();
-
-// A new id for a task: 30 characters, made of the process id, the time and 64 random bits. No two
-// calls on a machine give the same.
-std::string MakeTaskID();
 
 // ---- The scanner and what it works on.
 
@@ -177,9 +96,6 @@ void* StartProgram(void* param);
 // only process ids that may be signalled, when they are above 0: the one in a slot is another
 // process's word.
 extern std::atomic<pid_t> g_WorkerPid[TASK_SLOT_COUNT];
-
-// Handler for SIGCHLD: reaps every child that has ended. Keeps errno.
-void proc_child(int signal);
 
 // Thread function that ends its thread at once.
 void* CallUIFunction(void* param);

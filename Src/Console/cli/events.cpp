@@ -1,0 +1,73 @@
+#include "Console/cli/events.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <iterator>
+#include <system_error>
+#include <utility>
+
+#include "TaskMan/taskman.h"
+#include "common/AutoLock.h"
+
+WakePipe::WakePipe() : ends_{-1, -1} {
+    if (pipe(ends_) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+    for (const int end : ends_) {
+        fcntl(end, F_SETFD, FD_CLOEXEC);
+        fcntl(end, F_SETFL, O_NONBLOCK);
+    }
+}
+
+WakePipe::~WakePipe() {
+    close(ends_[0]);
+    close(ends_[1]);
+}
+
+void WakePipe::Wake() const {
+    const int kept = errno;
+    // A full pipe wakes just as well.
+    static_cast<void>(write(ends_[1], "", 1) == 1);
+    errno = kept;
+}
+
+void WakePipe::Wait(std::chrono::milliseconds time, int descriptor) const {
+    pollfd news[] = {{ends_[0], POLLIN, 0}, {descriptor, POLLIN, 0}};
+    poll(news, std::size(news), static_cast<int>(time.count()));
+    std::array<char, 64> bytes{};
+    while (read(ends_[0], bytes.data(), bytes.size()) > 0) {
+    }
+}
+
+void EventQueue::Add(Event event) {
+    {
+        Threading::AutoLock hold(&mutex_);
+        events_.push_back(std::move(event));
+    }
+    wake_.Wake();
+}
+
+std::vector<Event> EventQueue::Take() {
+    Threading::AutoLock hold(&mutex_);
+    return std::exchange(events_, {});
+}
+
+void EventQueue::OnState(void* queue, const char* szTaskID, std::int32_t nCode, double dValue,
+                         std::int32_t /*nTaskKind*/) {
+    Event event{Event::Kind::kState, szTaskID, nCode, dValue};
+    if ((FINAL_STATE_BITS >> nCode & 1U) != 0) {
+        event.remark = TaskRemark(szTaskID);
+        event.size = TaskFileSize(szTaskID);
+    }
+    static_cast<EventQueue*>(queue)->Add(std::move(event));
+}
+
+void EventQueue::OnResult(void* queue, const char* szTaskID, std::int32_t nCode, const char* szText,
+                          std::uint32_t nLength) {
+    Event event{Event::Kind::kState, szTaskID, nCode};
+    event.remark = TaskRemark(szTaskID);
+    event.text.assign(szText, nLength);
+    static_cast<EventQueue*>(queue)->Add(std::move(event));
+}

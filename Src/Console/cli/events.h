@@ -1,0 +1,69 @@
+// How news reaches the main loop: from the manager's scanner thread, from helper threads and from
+// signal handlers.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Console/cli/outcome.h"
+#include "common/mutex.h"
+#include "common/uncopyable.h"
+
+// Wakes a thread that waits in poll.
+class WakePipe : private Uncopyable {
+  public:
+    WakePipe();  // throws std::system_error when no pipe can be made
+    ~WakePipe();
+
+    // Ends the wait that is on, or the next one. Any thread and any signal handler may call.
+    void Wake() const;
+
+    // Returns when woken, when a signal was handled, when `descriptor` can be read (-1: none), or
+    // after `time`.
+    void Wait(std::chrono::milliseconds time, int descriptor = -1) const;
+
+  private:
+    int ends_[2];
+};
+
+// Something that happened to a task.
+struct Event {
+    enum class Kind {
+        kState,  // the manager called back: `code`, `value`
+        kEnd,    // a helper thread is done with the file: `outcome`
+    };
+    Kind kind;
+    std::string id;  // of the task
+    std::int32_t code = 0;
+    double value = 0;
+    std::string remark{};  // with a final code: what the manager knows beyond it
+    double size = 0;       // with a final code: bytes the worker announced; 0 when it did not
+    std::string text{};    // with code 1: the information text
+    Outcome outcome{};
+};
+
+// Carries events to the main loop, in the order in which they were added. Any thread may add.
+class EventQueue : private Uncopyable {
+  public:
+    // Wakes through `wake`, which outlives the queue.
+    explicit EventQueue(const WakePipe& wake) : wake_(wake) {}
+
+    void Add(Event event);
+
+    // Everything that was added since the last call.
+    std::vector<Event> Take();
+
+    // The callbacks for tasks whose callback parameter is an EventQueue. Both add events of states:
+    // a task that ends with code 1 calls the second one only.
+    static void OnState(void* queue, const char* szTaskID, std::int32_t nCode, double dValue,
+                        std::int32_t nTaskKind);
+    static void OnResult(void* queue, const char* szTaskID, std::int32_t nCode, const char* szText,
+                         std::uint32_t nLength);
+
+  private:
+    const WakePipe& wake_;
+    Threading::Mutex mutex_;
+    std::vector<Event> events_ TS_GUARDED_BY(mutex_);
+};

@@ -1,0 +1,52 @@
+// The command `taskman`.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+
+#include "Console/cli/options.h"
+#include "Console/cli/outcome.h"
+#include "Console/get/get.h"
+#include "Console/page/info.h"
+#include "Console/screen/text.h"
+
+namespace {
+
+// With a standard descriptor closed, the next file to be opened would become it, and be written to.
+void OpenStandardDescriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) == -1) static_cast<void>(open("/dev/null", O_RDWR));
+    }
+}
+
+int RunVerb(const Command& command) {
+    switch (command.verb) {
+        case Verb::kGet:
+            return RunGet(command.get);
+        case Verb::kInfo:
+            return RunInfo(command.info);
+        case Verb::kTop:
+            return RunTop(command.top);
+        case Verb::kStop:
+            return RunStop(command.stop);
+        case Verb::kClean:
+            return RunClean(command.clean);
+    }
+    return EXIT_STATUS_USAGE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    OpenStandardDescriptors();
+    text::UseUtf8();
+    try {
+        Command command;
+        if (const auto status = ParseCommandLine(argc, argv, command)) return *status;
+        return RunVerb(command);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "taskman: %s\n", error.what());
+        return EXIT_STATUS_FAILED;
+    }
+}

@@ -1,0 +1,59 @@
+// The command line.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Console/cli/proxy.h"
+#include "Console/cli/verboptions.h"
+#include "Console/get/target.h"
+#include "Console/page/pagetask.h"
+#include "Console/page/videopage.h"
+#include "Console/screen/display.h"
+
+// `taskman get`
+struct GetOptions {
+    std::vector<std::string> addresses{};
+    std::string input{};      // list of more addresses, "-" is standard input; empty: none
+    std::string output{};     // name of the only file; empty: from the address
+    std::string sha256{};     // digest of the only file; empty: not known
+    std::string directory{};  // where files go; empty: the working directory
+    std::string failed{};     // list to be written of what did not finish; empty: none
+    int jobs = 4;             // files at once, 1 to 8
+    Existing existing = Existing::kRefuse;
+    bool keepPart = false;  // of a file that did not finish
+    Tries tries{};
+    std::int32_t timeout = 30;  // seconds until a server has told the size; 0: for ever
+    std::string worker{};       // program of the workers; empty: looked for
+    ProxyRules proxy{};
+    FormatWish format{};  // when given, the addresses are those of pages
+    DisplayOptions display{};
+};
+
+// `taskman info`
+struct InfoOptions {
+    std::string address{};  // of the page
+    bool json = false;      // for programs
+    bool url = false;       // only the address of the chosen format
+    std::string worker{};
+    ProxyRules proxy{};
+    FormatWish format{};
+};
+
+enum class Verb { kGet, kInfo, kTop, kStop, kClean };
+
+struct Command {
+    Verb verb = Verb::kGet;
+    GetOptions get{};
+    InfoOptions info{};
+    TopOptions top{};
+    StopOptions stop{};
+    CleanOptions clean{};
+};
+
+// Reads the arguments of the program. When there is nothing to run, because help was asked for or
+// the arguments are wrong, it has said so on standard output or standard error and returns the exit
+// status.
+std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& command);

@@ -1,0 +1,184 @@
+#include "Console/cli/proxy.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cstdlib>
+#include <fstream>
+#include <initializer_list>
+#include <utility>
+
+#include "Console/screen/utf8.h"
+#include "common/fieldtext.h"
+#include "common/stringutility.h"
+
+namespace {
+
+struct Scheme {
+    std::string_view name;
+    std::int32_t type;
+};
+constexpr Scheme kSchemes[] = {
+    {"http", 0}, {"socks4", 4}, {"socks5", 5}, {"socks4a", 6}, {"socks5h", 7},
+};
+constexpr std::int32_t kUsualPort = 1080;
+
+// The type of a scheme; -1 for an unknown one.
+std::int32_t TypeOf(std::string_view name) {
+    for (const Scheme& scheme : kSchemes) {
+        if (scheme.name == name) return scheme.type;
+    }
+    return -1;
+}
+
+// Splits "user:password" and decodes both.
+std::string ReadCredentials(std::string_view text, Proxy& proxy) {
+    const std::size_t colon = text.find(':');
+    proxy.user = utf8::PercentDecode(text.substr(0, colon));
+    if (colon != std::string_view::npos) {
+        proxy.password = utf8::PercentDecode(text.substr(colon + 1));
+    }
+    if (proxy.user.empty() || proxy.user.find(':') != std::string::npos) {
+        return "the user must neither be empty nor hold a colon";
+    }
+    if ((proxy.user + proxy.password).find('\0') != std::string::npos) {
+        return "a zero byte in user or password";
+    }
+    if (proxy.user.size() >= sizeof(tagTaskInfo::szProxyUser) ||
+        proxy.password.size() >= sizeof(tagTaskInfo::szProxyPassword)) {
+        return "user or password is longer than 127 bytes";
+    }
+    return "";
+}
+
+// Splits "host:port"; a host in brackets keeps them.
+std::string ReadServer(std::string_view text, Proxy& proxy) {
+    const std::size_t bracket = text.rfind(']');
+    const std::size_t colon = text.find(':', bracket == std::string_view::npos ? 0 : bracket);
+    proxy.host = text.substr(0, colon);
+    proxy.port = kUsualPort;
+    if (proxy.host.empty()) return "no host";
+    if (proxy.host.size() >= sizeof(tagTaskInfo::szProxyHost)) {
+        return "the host is longer than 127 bytes";
+    }
+    if (colon == std::string_view::npos) return "";
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data() + colon + 1, end, proxy.port);
+    if (error != std::errc() || stop != end || proxy.port < 1 || proxy.port > 65535) {
+        return "the port must be 1 to 65535";
+    }
+    return "";
+}
+
+// The first of the variables that says something; a null name when none does.
+struct Variable {
+    const char* name = nullptr;
+    std::string value{};
+};
+Variable FirstSet(std::initializer_list<const char*> names) {
+    for (const char* name : names) {
+        const char* value = std::getenv(name);
+        if (value != nullptr && *value != '\0') return {name, value};
+    }
+    return {};
+}
+
+std::string Lower(std::string_view text) {
+    std::string lower(text);
+    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return lower;
+}
+
+// The host of an address, without brackets and the final dot of a complete name.
+std::string HostOf(std::string_view address) {
+    address.remove_prefix(address.find("://") + 3);
+    address = address.substr(0, address.find_first_of("/?#"));
+    address.remove_prefix(address.rfind('@') + 1);
+    if (address.starts_with('[')) return Lower(address.substr(1, address.find(']') - 1));
+    address = address.substr(0, address.find(':'));
+    if (address.ends_with('.')) address.remove_suffix(1);
+    return Lower(address);
+}
+
+// Whether the list, with commas or blanks between its entries, names the host.
+bool NamesHost(const std::string& list, const std::string& host) {
+    constexpr const char* kBetween = ", \t";
+    for (std::size_t begin = 0; (begin = list.find_first_not_of(kBetween, begin)) != list.npos;) {
+        const std::size_t end = std::min(list.find_first_of(kBetween, begin), list.size());
+        std::string entry = Lower(std::string_view(list).substr(begin, end - begin));
+        begin = end;
+        if (entry == "*") return true;
+        if (entry.starts_with('[') && entry.ends_with(']')) {
+            entry = entry.substr(1, entry.size() - 2);
+        }
+        if (entry.starts_with('.')) entry.erase(0, 1);
+        if (entry.ends_with('.')) entry.pop_back();
+        if (!entry.empty() && (host == entry || host.ends_with("." + entry))) return true;
+    }
+    return false;
+}
+
+// The first line of a file, without blanks around it.
+std::string FirstLine(const std::string& path, std::string& line) {
+    std::ifstream file(path);
+    line.clear();
+    if (!std::getline(file, line)) return "cannot read the first line of " + path;
+    line = strutil::trim(line);
+    return "";
+}
+
+}  // namespace
+
+std::string ParseProxy(std::string_view address, Proxy& proxy) {
+    Proxy read;
+    if (const std::size_t scheme = address.find("://"); scheme != std::string_view::npos) {
+        read.type = TypeOf(Lower(address.substr(0, scheme)));
+        if (read.type == -1) return "the scheme must be http, socks4, socks4a, socks5 or socks5h";
+        address.remove_prefix(scheme + 3);
+    }
+    if (!address.empty() && address.back() == '/') address.remove_suffix(1);
+    std::string fault;
+    if (const std::size_t at = address.rfind('@'); at != std::string_view::npos) {
+        fault = ReadCredentials(address.substr(0, at), read);
+        address.remove_prefix(at + 1);
+    }
+    if (fault.empty()) fault = ReadServer(address, read);
+    if (fault.empty()) proxy = read;
+    return fault;
+}
+
+std::string ProxyRules::Give(const std::string& text) {
+    std::string address = text;
+    if (text.starts_with('@')) {
+        if (std::string fault = FirstLine(text.substr(1), address); !fault.empty()) return fault;
+    }
+    Proxy proxy;
+    std::string fault = text == "none" ? "" : ParseProxy(address, proxy);
+    if (!fault.empty()) return fault;
+    proxy_ = std::move(proxy);
+    given_ = true;
+    return "";
+}
+
+std::string ProxyRules::For(std::string_view address, Proxy& proxy) const {
+    proxy = proxy_;
+    if (given_) return "";
+    const bool secure = Lower(address.substr(0, 6)) == "https:";
+    const Variable named = secure
+                               ? FirstSet({"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
+                               : FirstSet({"http_proxy", "all_proxy", "ALL_PROXY"});
+    if (named.name == nullptr) return "";
+    if (NamesHost(FirstSet({"no_proxy", "NO_PROXY"}).value, HostOf(address))) return "";
+    const std::string fault = ParseProxy(named.value, proxy);
+    return fault.empty() ? "" : std::string("the environment's ") + named.name + ": " + fault;
+}
+
+void SetProxy(const Proxy& proxy, tagTaskInfo& task) {
+    if (proxy.host.empty()) return;
+    task.bUseProxy = 1;
+    task.nProxyType = proxy.type;
+    task.nProxyPort = proxy.port;
+    SetField(task.szProxyHost, proxy.host);
+    SetField(task.szProxyUser, proxy.user);
+    SetField(task.szProxyPassword, proxy.password);
+}

@@ -1,0 +1,242 @@
+#include "Console/get/downloads.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <optional>
+#include <utility>
+
+#include "Console/screen/text.h"
+#include "TaskMan/taskman.h"
+
+namespace {
+
+// Files that are taken up before signals and the screen have their turn.
+constexpr int kMostAtOnce = 100;
+// Files that run: tasks, and those whose thread is on.
+constexpr std::size_t kMostRunning = 3 * TASK_SLOT_COUNT;
+
+std::size_t Hash(const std::string& path) {
+    return std::hash<std::string>{}(path);
+}
+
+}  // namespace
+
+Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& failed,
+                     EventQueue& events, Display& display)
+    : options_(options),
+      list_(list),
+      failed_(failed),
+      events_(events),
+      display_(display),
+      print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json) {
+    totals_.files = totals_.waiting = options.addresses.size();
+}
+
+bool Downloads::StartNext() {
+    while (!resolved_.empty() && FreeSlotCount() > 0) {
+        if (!Start(resolved_.front())) return false;
+        resolved_.pop_front();
+    }
+    for (int i = 0; i < kMostAtOnce; ++i) {
+        if (!HasRoom()) return false;
+        if (next_ == nullptr) {
+            Request request;
+            if (!TakeRequest(request)) return false;
+            next_ = std::make_unique<Fetch>(std::move(request), options_, events_);
+        }
+        if (!Start(next_)) return false;
+        --totals_.waiting;
+    }
+    return true;
+}
+
+// Takes the next request; false when there is none now.
+bool Downloads::TakeRequest(Request& request) {
+    if (taken_ < options_.addresses.size()) {
+        request = {options_.addresses[taken_++], options_.output, options_.sha256, ""};
+        return true;
+    }
+    if (!list_.Take(request)) return false;
+    ++totals_.files;
+    ++totals_.waiting;
+    return true;
+}
+
+bool Downloads::HasRoom() const {
+    const auto tasks = std::count_if(running_.begin(), running_.end(), [](const auto& r) {
+        return r.second->Now() == Fetch::Phase::kTask;
+    });
+    return !stopping_ && running_.size() < kMostRunning && FreeSlotCount() > 0 &&
+           resolved_.size() + static_cast<std::size_t>(tasks) <
+               static_cast<std::size_t>(options_.jobs);
+}
+
+int Downloads::Awaits() const {
+    return next_ == nullptr && HasRoom() ? list_.Descriptor() : -1;
+}
+
+// Takes the file over. False when the manager has no room after all: it keeps its turn.
+bool Downloads::Start(File& file) {
+    std::optional<Outcome> end = file->Refusal();
+    if (!end && Claimed(*file)) {
+        end = {EndResult::kRefused, EXIT_STATUS_LOCAL,
+               "another URL of this command goes to " + file->View().path};
+    }
+    if (!end) end = file->Begin();
+    if (end) {
+        if (end->status == EXIT_STATUS_FAILED && FreeSlotCount() == 0) return false;
+        Report(std::move(file), std::move(*end));
+        return true;
+    }
+    const FileView& view = file->View();
+    const bool task = file->Now() == Fetch::Phase::kTask;
+    running_[file->Id()] = std::move(file);
+    if (task) display_.Begin(view);
+    return true;
+}
+
+// Whether the command has finished the file, or downloads it, or uses one's name for the other's
+// part.
+bool Downloads::Claimed(const Fetch& file) const {
+    const std::string& path = file.View().path;
+    const std::string part = file.PartPath();
+    if (part.empty()) return false;
+    const auto clashes = [&](const File& other) {
+        const std::string theirs = other->PartPath();
+        return other.get() != &file && !theirs.empty() &&
+               (other->View().path == path || other->View().path == part || theirs == path);
+    };
+    const auto finished = [this](const std::string& name) {
+        return written_.count(Hash(name)) > 0 && access(name.c_str(), F_OK) == 0;
+    };
+    return finished(path) || finished(part) ||
+           std::any_of(running_.begin(), running_.end(),
+                       [&](const auto& r) { return clashes(r.second); }) ||
+           std::any_of(resolved_.begin(), resolved_.end(), clashes);
+}
+
+void Downloads::Handle(const Event& event) {
+    const auto found = running_.find(event.id);
+    if (found == running_.end()) return;
+    Fetch& file = *found->second;
+    std::optional<Outcome> end;
+    if (event.kind == Event::Kind::kEnd) {
+        end = event.outcome;
+    } else if ((FINAL_STATE_BITS >> event.code & 1U) == 0) {
+        file.NoteState(event);
+        display_.State(file.View(), event.code, event.value);
+        return;
+    } else {
+        end = file.NoteEnd(event, stopping_);
+        // With a remark it is the manager that ended the task.
+        if (event.remark.empty()) display_.State(file.View(), event.code, event.value);
+    }
+    if (!end && file.Now() != Fetch::Phase::kIdle) return;
+    File ended = std::move(found->second);
+    running_.erase(found);
+    if (end) {
+        Report(std::move(ended), std::move(*end));
+    } else {
+        resolved_.push_back(std::move(ended));
+    }
+}
+
+void Downloads::Report(File file, Outcome outcome) {
+    const bool finished = outcome.result == EndResult::kFinished;
+    const bool there = finished || outcome.result == EndResult::kSkipped;
+    file->Release();
+    Tell(*file, std::move(outcome));
+    if (finished) written_.insert(Hash(file->View().path));
+    if (print_paths_ && there) PrintPath(file->View().path);
+}
+
+void Downloads::PrintPath(const std::string& path) {
+    // Standard output may lead to the same screen.
+    display_.Clear();
+    std::string fault;
+    if (!Print(path + "\n", fault) && !fault.empty()) display_.Note("taskman: " + fault);
+}
+
+void Downloads::Tell(const Fetch& file, Outcome outcome) {
+    outcome.seconds = file.Seconds();
+    status_ = Combine(status_, outcome.status);
+    ++totals_.ended;
+    switch (outcome.result) {
+        case EndResult::kFinished:
+            ++totals_.finished;
+            totals_.finishedBytes += outcome.bytes;
+            break;
+        case EndResult::kSkipped:
+            ++totals_.skipped;
+            break;
+        case EndResult::kStopped:
+            ++totals_.stopped;
+            [[fallthrough]];
+        default:
+            failed_.Add(file.Asked());
+            break;
+    }
+    display_.End(file.View(), outcome);
+}
+
+std::size_t Downloads::Stop() {
+    stopping_ = true;
+    for (File& file : std::exchange(resolved_, {})) {
+        Report(std::move(file), {EndResult::kStopped, EXIT_STATUS_STOPPED});
+    }
+    std::size_t asked = 0;
+    for (auto it = running_.begin(); it != running_.end();) {
+        Fetch& file = *it->second;
+        if (file.Now() == Fetch::Phase::kLooking) {
+            // The process ends by the signal, whatever the thread does then.
+            Tell(file, file.WithoutLook());
+            unseen_.push_back(std::move(it->second));
+            it = running_.erase(it);
+            continue;
+        }
+        if (file.Now() == Fetch::Phase::kTask) StopTask(file.Id().c_str());
+        ++asked;  // those in their last step, too: they are waited for
+        ++it;
+    }
+    return asked;
+}
+
+void Downloads::Abandon() {
+    stopping_ = true;
+    for (auto& [id, file] : running_) resolved_.push_back(std::move(file));
+    running_.clear();
+    for (const File& file : resolved_) {
+        file->Abandon();
+        Tell(*file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
+    }
+    if (next_ != nullptr) next_->Abandon();
+}
+
+void Downloads::Finish() {
+    list_.Finish();
+    // It may have its part already.
+    if (const File next = std::move(next_)) failed_.Add(next->Asked());
+    for (Request request; failed_.IsOpen() && TakeRequest(request);) failed_.Add(request, true);
+    const std::string fault = failed_.Close();
+    if (fault.empty()) return;
+    display_.Note("taskman: " + text::Printable(fault));
+    status_ = Combine(status_, EXIT_STATUS_LOCAL);
+}
+
+bool Downloads::Done() const {
+    const bool begun = next_ == nullptr && taken_ == options_.addresses.size() && list_.Ended();
+    return running_.empty() && resolved_.empty() && (stopping_ || begun);
+}
+
+std::vector<const FileView*> Downloads::Running() const {
+    std::vector<const FileView*> views;
+    for (const auto& [id, file] : running_) {
+        if (!file->View().id.empty()) views.push_back(&file->View());
+    }
+    for (const File& file : resolved_) views.push_back(&file->View());
+    std::sort(views.begin(), views.end(),
+              [](const FileView* a, const FileView* b) { return a->started < b->started; });
+    return views;
+}

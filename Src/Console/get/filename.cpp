@@ -1,0 +1,95 @@
+#include "Console/get/filename.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "Console/screen/utf8.h"
+#include "TaskMan/taskcontext.h"
+#include "common/stringutility.h"
+#include "common/sysutility.h"
+
+namespace {
+
+constexpr std::size_t kLongestName = 254 - std::string_view(".part").size();
+const std::string kNoName = "download";
+const std::string kVideoExtension = ".flv";
+constexpr std::size_t kLongestAddress = sizeof(tagTaskInfo::szDownloadUrl) - 1;
+
+// What follows `scheme` and "://"; a view without data when the address has another scheme.
+std::string_view AfterScheme(std::string_view address, std::string_view scheme) {
+    const auto sameLetter = [](char a, char b) {
+        return a == std::tolower(static_cast<unsigned char>(b));
+    };
+    if (address.size() < scheme.size() + 3 || address.substr(scheme.size(), 3) != "://" ||
+        !std::equal(scheme.begin(), scheme.end(), address.begin(), sameLetter)) {
+        return {};
+    }
+    return address.substr(scheme.size() + 3);
+}
+
+std::string_view AfterLast(std::string_view text, char separator) {
+    const std::size_t found = text.rfind(separator);
+    return found == std::string_view::npos ? text : text.substr(found + 1);
+}
+
+// The last part of the address's path, still encoded.
+std::string_view LastPart(std::string_view address) {
+    std::string_view rest = address.substr(0, address.find_first_of("?#"));
+    if (const std::size_t scheme = rest.find("://"); scheme != std::string_view::npos) {
+        rest.remove_prefix(scheme + 3);
+    }
+    const std::size_t path = rest.find('/');
+    return path == std::string_view::npos ? std::string_view() : AfterLast(rest, '/');
+}
+
+// The text as a name of at most `limit` bytes. Empty when nothing of it can be in a name.
+std::string SafeName(std::string_view text, std::size_t limit) {
+    std::string name;
+    while (!text.empty()) {
+        const utf8::Character next = utf8::First(text);
+        const std::string_view bytes = text.substr(0, next.length);
+        text.remove_prefix(next.length);
+        if (!next.valid || next.code == '\\') {
+            name += '_';
+        } else if (!utf8::IsControl(next.code) && !(next.code == '.' && name.empty())) {
+            name += bytes;
+        }
+    }
+    return std::string(utf8::Head(name, limit));
+}
+
+}  // namespace
+
+std::string AddressFault(std::string_view address) {
+    std::string_view rest = AfterScheme(address, "http");
+    if (rest.data() == nullptr) rest = AfterScheme(address, "https");
+    if (rest.data() == nullptr) return "not an http or https address";
+    if (rest.empty() || rest.find_first_of("/?#") == 0) return "the address names no host";
+    const auto unfit = [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == '\x7F'; };
+    if (std::any_of(address.begin(), address.end(), unfit)) {
+        return "a blank or control character in the address";
+    }
+    if (address.size() > kLongestAddress) {
+        return "the address is longer than " + std::to_string(kLongestAddress) + " bytes";
+    }
+    return "";
+}
+
+std::string NameFault(std::string_view name) {
+    if (name.empty() || name == "-" || name.back() == '/') return "the name of a file is needed";
+    return name.find('\0') == std::string_view::npos ? "" : "a zero byte in the name";
+}
+
+std::string NameFromAddress(std::string_view address) {
+    const std::string decoded = utf8::PercentDecode(LastPart(address));
+    // An encoded "/" separates like any other: "dir%2Ffile" names "file".
+    const std::string name = SafeName(AfterLast(decoded, '/'), kLongestName);
+    return strutil::trim(name).empty() ? kNoName : name;
+}
+
+std::string NameFromTitle(const std::string& title) {
+    if (strutil::trim(title).empty()) return kNoName + kVideoExtension;
+    const std::string name =
+        SafeName(sysutility::MakeFileName(title), kLongestName - kVideoExtension.size());
+    return (strutil::trim(name).empty() ? kNoName : name) + kVideoExtension;
+}

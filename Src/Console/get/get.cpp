@@ -1,0 +1,35 @@
+#include "Console/get/get.h"
+
+#include <memory>
+#include <string>
+
+#include "Console/cli/events.h"
+#include "Console/cli/session.h"
+#include "Console/get/downloads.h"
+#include "Console/get/inputlist.h"
+#include "Console/get/secondlook.h"
+#include "Console/screen/display.h"
+#include "Console/screen/text.h"
+#include "TaskMan/taskman.h"
+
+int RunGet(const GetOptions& options) {
+    PrepareSecondLooks();
+    const WakePipe& wake = InstallSignals();
+    EventQueue events(wake);
+    const std::unique_ptr<Display> display = MakeDisplay(options.display);
+    const auto refuse = [&display](int status, const std::string& fault) {
+        display->Note("taskman: " + text::Printable(fault));
+        return status;
+    };
+    InputList list;
+    FailedList failed;
+    std::string fault = options.input.empty() ? "" : list.Open(options.input);
+    if (!fault.empty()) return refuse(EXIT_STATUS_USAGE, fault);
+    if (!options.failed.empty()) fault = failed.Open(options.failed);
+    if (!fault.empty()) return refuse(EXIT_STATUS_LOCAL, fault);
+    tagTaskLimits limits;
+    limits.nAnswerSeconds = options.timeout;
+    SetTaskLimits(limits);
+    Downloads downloads(options, list, failed, events, *display);
+    return Session(downloads, "download", wake, events, *display).Run(options.worker);
+}

@@ -1,0 +1,85 @@
+// Lists of files that are asked for: one that is read, and one that is written of those that did
+// not finish. One form serves both: a line has an address and, each behind a TAB, the name and the
+// SHA-256 digest of its file, which may be missing or empty; lines that begin with "#" and empty
+// ones say nothing.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Console/get/target.h"
+#include "common/uncopyable.h"
+
+// One file that is asked for.
+struct Request {
+    std::string address{};  // empty: reading the list failed
+    std::string name{};     // of the file; empty: taken from the address
+    std::string sha256{};   // digest; empty: not known
+    std::string fault{};    // why the line is no request, in one line; empty: it is one
+    std::string line{};     // with a fault: as it stands in the list
+};
+
+// Reads a list as its lines are wanted and never waits, so a pipe or a terminal may be one. Holds
+// no more than one block and one line of it.
+class InputList : private Uncopyable {
+  public:
+    InputList() = default;
+    ~InputList();
+
+    // Opens the list; "-" is standard input. Returns the fault in one line; empty when it is done.
+    std::string Open(const std::string& path);
+
+    // Takes the next request. False when there is none now: then Ended tells whether there will be.
+    // A read that fails is the last request, without an address.
+    bool Take(Request& request);
+
+    // Whether all requests have been taken. So it is with a list that was not opened.
+    bool Ended() const { return file_ == -1 && begin_ == rest_.size(); }
+
+    // What can be read, or is at its end, when there may be more to take; -1 when the list is read.
+    int Descriptor() const { return file_; }
+
+    // From now on only what needs no waiting is read: the rest of a regular file.
+    void Finish();
+
+  private:
+    bool Read(Request& failure);
+    void Close();
+
+    int file_ = -1;
+    std::string path_{};
+    std::string rest_{};  // what was read last; taken up to begin_
+    std::size_t begin_ = 0;
+    std::size_t searched_ = 0;  // from begin_ to here there is no line end
+    bool at_begin_ = true;      // no line has been taken
+    bool skipping_ = false;     // up to the end of a line that was too long
+};
+
+// The list of what did not finish. Its lines are written at once into "PATH.part", which goes when
+// the command is killed, like every part; the list that was there before gives way with Close only,
+// so it may be the one that is being read.
+class FailedList {
+  public:
+    // Returns the fault in one line; empty when it is done.
+    std::string Open(const std::string& path);
+    bool IsOpen() const { return target_ != nullptr; }
+
+    // Adds what the form can express; a line that was refused as it stood, so that it is again; one
+    // that was too long is cut. Does nothing while no list is open. `more`: others follow at
+    // once, so the line may wait for them.
+    void Add(const Request& request, bool more = false);
+
+    // Completes the list. Returns the fault in one line; empty when it is done or none is open.
+    std::string Close();
+
+  private:
+    void Write();
+
+    std::unique_ptr<Target> target_{};
+    std::string lines_{};  // not written yet
+    bool written_ = true;  // all others
+};
+
+// The request of one line; one without an address and a fault for lines that say nothing.
+Request ReadListLine(std::string_view line);

@@ -1,0 +1,226 @@
+#include "Console/get/target.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+#include <utility>
+
+#include "Console/get/digest.h"
+#include "TaskMan/openparts.h"
+#include "TaskMan/othermanagers.h"
+#include "TaskMan/taskcontext.h"
+#include "common/platform.h"
+
+namespace {
+
+constexpr std::size_t kLongestPath = sizeof(tagTaskInfo::szFilePath) - 1;
+constexpr int kLockTries = 5;
+constexpr std::chrono::milliseconds kLockPause{2};
+
+std::string Fault(const char* what, const std::string& path, int error) {
+    return std::string(what) + " " + path + ": " + std::strerror(error);
+}
+
+Outcome Local(std::string reason) {
+    return {EndResult::kFailed, EXIT_STATUS_LOCAL, std::move(reason)};
+}
+
+// The regular file that a link leads to; the path itself when it names no link, or one that leads
+// to nothing of that kind.
+std::string Followed(const std::string& path) {
+    struct stat named {};
+    struct stat file {};
+    if (lstat(path.c_str(), &named) != 0 || !S_ISLNK(named.st_mode)) return path;
+    // The system may refuse to follow a link that another user has put into a directory for all:
+    // what counts is where it leads the system.
+    if (stat(path.c_str(), &file) != 0 || !S_ISREG(file.st_mode)) return path;
+    std::error_code error;
+    std::string real = std::filesystem::canonical(path, error);
+    const bool same = !error && lstat(real.c_str(), &named) == 0 && named.st_dev == file.st_dev &&
+                      named.st_ino == file.st_ino;
+    return same ? real : path;
+}
+
+// A finished outcome when the file has the digest, or any when that is empty.
+Outcome DigestFault(int file, const std::string& path, const std::string& sha256) {
+    if (sha256.empty()) return {};
+    const std::string digest = FileDigest(file);
+    if (digest.empty()) return Local(Fault("cannot read", path, errno));
+    if (SameDigest(digest, sha256)) return {};
+    return {EndResult::kMismatch, EXIT_STATUS_MISMATCH, path + " has the SHA-256 digest " + digest};
+}
+
+// Locks the file for this process. A sweep that looks whether a part is somebody's locks it for
+// moments, too.
+bool Lock(int file) {
+    for (int tries = 0; flock(file, LOCK_EX | LOCK_NB) != 0; ++tries) {
+        if (errno != EWOULDBLOCK || tries == kLockTries) return false;
+        std::this_thread::sleep_for(kLockPause);
+    }
+    return true;
+}
+
+// Gives the file its second name in the place of the first, unless the second is in use. Whatever
+// kills the process meanwhile, an incomplete file never has the second one. Returns 0 or an error
+// number.
+int RenameToNew(const char* from, const char* to) {
+    const int error = platform::RenameToNew(from, to);
+    if (error != EINVAL && error != ENOSYS && error != ENOTSUP) return error;
+    if (link(from, to) == 0) {
+        unlink(from);
+        return 0;
+    }
+    if (errno == EEXIST || errno == ENOENT || errno == ENOSPC || errno == EDQUOT) return errno;
+    // File systems without links: nothing better than to look first.
+    struct stat status {};
+    if (lstat(to, &status) == 0) return EEXIST;
+    return rename(from, to) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+Target::Target(const std::string& path, Existing existing, bool keep)
+    : path_(Followed(path)), part_(path_ + TASK_PART_ENDING), existing_(existing), keep_(keep) {}
+
+Target::~Target() {
+    if (IsOpen()) {
+        if (!stored_) RemovePart();
+        close(file_);
+    }
+    ForgetPart(note_);
+}
+
+bool Target::Skips() const {
+    struct stat status {};
+    return existing_ == Existing::kSkip && stat(path_.c_str(), &status) == 0 &&
+           S_ISREG(status.st_mode);
+}
+
+Outcome Target::Skip(const std::string& sha256) const {
+    Outcome skipped{EndResult::kSkipped};
+    skipped.reason = path_ + " exists already";
+    struct stat status {};
+    if (stat(path_.c_str(), &status) == 0) skipped.bytes = static_cast<double>(status.st_size);
+    if (sha256.empty()) return skipped;
+    const int file = open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (file == -1) return Local(Fault("cannot read", path_, errno));
+    Outcome differs = DigestFault(file, path_, sha256);
+    close(file);
+    return differs.result == EndResult::kFinished ? skipped : differs;
+}
+
+std::string Target::Open() {
+    if (part_.size() > kLongestPath) {
+        return "the path is longer than " + std::to_string(kLongestPath) + " bytes";
+    }
+    if (path_.find('\\') != std::string::npos) return "a backslash in the path";
+    struct stat status {};
+    if (lstat(path_.c_str(), &status) == 0) {
+        if (S_ISLNK(status.st_mode)) return path_ + " is a link that leads to no regular file";
+        if (!S_ISREG(status.st_mode)) return path_ + " is not a regular file";
+        if (existing_ == Existing::kRefuse) return path_ + " exists already (--force replaces it)";
+        if (existing_ == Existing::kSkip) return path_ + " appeared meanwhile";
+    }
+    note_ = NotePart(part_);
+    // Whoever held the part may have renamed or removed it between its opening and its locking
+    // here.
+    for (int tries = 0; tries < 10; ++tries) {
+        std::string fault = OpenOnce();
+        if (!fault.empty() || IsOpen()) return fault;
+    }
+    return part_ + " keeps changing";
+}
+
+// Leaves the target closed, without a fault, when the part lost its name meanwhile or was an old
+// one, which is removed.
+std::string Target::OpenOnce() {
+    constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    int file = open(part_.c_str(), flags | O_CREAT | O_EXCL, 0666);
+    const bool found = file == -1 && errno == EEXIST;
+    if (found) file = open(part_.c_str(), flags);
+    if (file == -1) return Fault("cannot create", part_, errno);
+    std::string fault;
+    struct stat status {};
+    if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+        fault = part_ + " is not a regular file";
+    } else if (!Lock(file)) {
+        fault = errno == EWOULDBLOCK ? "another download writes " + part_
+                                     : Fault("cannot lock", part_, errno);
+    }
+    file_ = file;
+    if (fault.empty() && StillNamed()) {
+        if (!found) return "";
+        // Nobody's, but a worker whose command was killed may still write into it.
+        unlink(part_.c_str());
+    }
+    file_ = -1;
+    close(file);
+    return fault;
+}
+
+bool Target::StillNamed() const {
+    struct stat mine {};
+    struct stat named {};
+    return fstat(file_, &mine) == 0 && lstat(part_.c_str(), &named) == 0 &&
+           mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
+}
+
+Outcome Target::Store(double size, const std::string& sha256) {
+    struct stat status {};
+    if (fstat(file_, &status) != 0 || !StillNamed()) return Local(part_ + " was taken away");
+    const auto bytes = static_cast<double>(status.st_size);
+    if (size >= 0 && bytes != size) {
+        return {EndResult::kMismatch, EXIT_STATUS_MISMATCH,
+                std::to_string(status.st_size) + " bytes arrived, the server announced " +
+                    std::to_string(static_cast<long long>(size))};
+    }
+    Outcome differs = DigestFault(file_, part_, sha256);
+    if (differs.result != EndResult::kFinished) return differs;
+    if (fsync(file_) != 0) return Local(Fault("cannot write", part_, errno));
+    std::string fault = Rename();
+    if (!fault.empty()) return Local(std::move(fault));
+    stored_ = true;
+    return {EndResult::kFinished, EXIT_STATUS_FINISHED, "", bytes};
+}
+
+std::string Target::Rename() const {
+    const bool replace = existing_ == Existing::kReplace;
+    const int error = replace ? (rename(part_.c_str(), path_.c_str()) == 0 ? 0 : errno)
+                              : RenameToNew(part_.c_str(), path_.c_str());
+    if (error == 0) return "";
+    if (error == EEXIST) return path_ + " appeared meanwhile (--force replaces it)";
+    return Fault("cannot create", path_, error);
+}
+
+Outcome Target::LocalFault(double size) const {
+    if (!StillNamed()) return Local(part_ + " was taken away");
+    struct stat status {};
+    struct statvfs space {};
+    if (fstat(file_, &status) != 0 || fstatvfs(file_, &space) != 0) return {};
+    rlimit limit{};
+    if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+        static_cast<double>(limit.rlim_cur) < size) {
+        return Local(part_ + " may not grow beyond " + std::to_string(limit.rlim_cur) +
+                     " bytes (the limit of this process)");
+    }
+    const double held = static_cast<double>(status.st_blocks) * 512;
+    const double free = static_cast<double>(space.f_bavail) * static_cast<double>(space.f_frsize);
+    if (held + free < size) return Local("no space left for " + part_);
+    return {};
+}
+
+void Target::RemovePart() const {
+    struct stat status {};
+    if (!IsOpen() || !StillNamed()) return;
+    if (keep_ && fstat(file_, &status) == 0 && status.st_size > 0) return;
+    unlink(part_.c_str());
+}

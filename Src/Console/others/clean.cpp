@@ -1,0 +1,30 @@
+#include "Console/others/clean.h"
+
+#include <string>
+
+#include "Console/cli/outcome.h"
+#include "Console/screen/display.h"
+#include "Console/screen/text.h"
+#include "TaskMan/othermanagers.h"
+
+int RunClean(const CleanOptions& options) {
+    const Remains remains = SweepDeadManagers(options.lookOnly);
+    const std::string done = options.lookOnly ? ": would be removed\n" : ": removed\n";
+    std::string told;
+    const auto tell = [&](const char* what, const std::string& name) {
+        told += what + (" " + text::Printable(name)) + done;
+    };
+    for (const std::string& name : remains.sections) tell("section", name);
+    for (const std::string& name : remains.locks) tell("lock", name);
+    for (const WorkerProcess& worker : remains.workers) tell("worker", std::to_string(worker.pid));
+    for (const std::string& path : remains.parts) tell("part", path);
+    for (const std::string& name : remains.lists) tell("list", name);
+    std::string faults;
+    for (const std::string& path : remains.stuck) {
+        faults += "taskman: cannot remove " + text::Printable(path) + "\n";
+    }
+    if (told.empty() && faults.empty()) told = "nothing was left behind\n";
+    const bool written = WriteResult(told, faults);
+    if (!faults.empty()) return EXIT_STATUS_LOCAL;
+    return written ? EXIT_STATUS_FINISHED : EXIT_STATUS_FAILED;
+}

@@ -1,0 +1,20 @@
+// `taskman info`.
+#pragma once
+
+#include <string>
+
+#include "Console/cli/options.h"
+#include "Console/page/videopage.h"
+
+// Resolves the page that the options name, writes what they ask for to standard output, and returns
+// the exit status. After SIGINT, SIGTERM or SIGHUP it does not return: the task is stopped, then
+// the process ends by that signal.
+int RunInfo(const InfoOptions& options);
+
+// ---- What it writes. `taken` is the chosen format of the page; null: none.
+
+// For people: lines of at most 80 columns.
+std::string PageTable(const VideoPage& page, const VideoFormat* taken);
+
+// For programs: one JSON object on a line, in ASCII.
+std::string PageJson(const VideoPage& page, const VideoFormat* taken);

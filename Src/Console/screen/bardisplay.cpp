@@ -1,0 +1,194 @@
+#include "Console/screen/bardisplay.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "Console/screen/text.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds kBetweenDraws{250};
+constexpr const char* kToLineEnd = "\x1b[K";
+constexpr const char* kToScreenEnd = "\x1b[J";
+// Should a character be wider than thought, the line is cut instead of taking a second row.
+constexpr const char* kWrapOff = "\x1b[?7l";
+constexpr const char* kWrapOn = "\x1b[?7h";
+
+constexpr int kPercentColumns = 4;
+constexpr int kSizeColumns = 10;
+constexpr int kSpeedColumns = 12;
+constexpr int kClockColumns = 8;
+constexpr int kGap = 2;
+constexpr int kLeastOfName = 8;
+
+double SecondsSince(Clock::time_point start, Clock::time_point now) {
+    return std::chrono::duration<double>(now - start).count();
+}
+
+// The name, and which try it is, in exactly `columns` columns.
+std::string NameField(const FileView& file, int columns) {
+    std::string again = file.tries > 1 ? " (try " + std::to_string(file.tries) + ")" : "";
+    if (columns < text::Width(again) + kLeastOfName) again = "";
+    const std::string name = text::CutMiddle(file.name, columns - text::Width(again));
+    return text::PadRight(name + again, columns);
+}
+
+std::string WaitingLine(const FileView& file, int columns, Clock::time_point now) {
+    const auto seconds = static_cast<long>(SecondsSince(file.started, now));
+    std::string wait = "waiting for the server, " + std::to_string(seconds) + " s";
+    if (columns < text::Width(wait) + kGap + kLeastOfName)
+        wait = "waiting, " + std::to_string(seconds) + " s";
+    const int room = std::max(columns - text::Width(wait) - kGap, 0);
+    return NameField(file, room) + "  " + wait;
+}
+
+std::string Bar(double percent, int columns) {
+    const int inside = columns - 2;
+    const int filled = std::clamp(static_cast<int>(percent * inside / 100), 0, inside);
+    std::string bar(static_cast<std::size_t>(filled), '=');
+    if (filled < inside) bar += '>';
+    bar.resize(static_cast<std::size_t>(inside), ' ');
+    return "[" + bar + "]";
+}
+
+std::string SpeedText(double speed) {
+    return speed < 0 ? "" : text::Size(speed) + "/s";
+}
+
+}  // namespace
+
+std::string FileLine(const FileView& file, int columns, Clock::time_point now) {
+    if (!file.answered) return text::CutMiddle(WaitingLine(file, columns, now), columns);
+    std::string values =
+        text::PadLeft(std::to_string(static_cast<int>(file.percent)) + "%", kPercentColumns);
+    const auto add = [&values, columns](int from, const std::string& value, int width) {
+        if (columns >= from) values += std::string(kGap, ' ') + text::PadLeft(value, width);
+    };
+    add(46, file.size < 0 ? "" : text::Size(file.size), kSizeColumns);
+    add(60, SpeedText(file.speed), kSpeedColumns);
+    add(72, text::Clock(TimeLeft(file.size - file.Received(), file.speed)), kClockColumns);
+    const int room = std::max(columns - text::Width(values) - 1, 0);  // for name, gap and bar
+    const int bar = room < 26 ? 0 : std::min(room * 2 / 5, 60);
+    const int name = bar == 0 ? room : room - bar - kGap;
+    std::string line = NameField(file, name);
+    if (bar > 0) line += "  " + Bar(file.percent, bar);
+    return text::CutMiddle(line + " " + values, columns);
+}
+
+std::string TotalLine(const std::vector<const FileView*>& running, const Totals& totals,
+                      int columns) {
+    double received = totals.finishedBytes;
+    double missing = 0;
+    double speed = 0;
+    bool sizesKnown = totals.waiting == 0;
+    for (const FileView* file : running) {
+        received += file->Received();
+        missing += file->size - file->Received();
+        speed += std::max(file->speed, 0.0);
+        sizesKnown = sizesKnown && file->size >= 0;
+    }
+    std::string line =
+        std::to_string(totals.ended) + " of " + text::Count(totals.files, "file") + " done";
+    const auto add = [&line, columns](const std::string& part) {
+        if (text::Width(line) + 2 + text::Width(part) <= columns) line += ", " + part;
+    };
+    if (totals.Failed() > 0) add(std::to_string(totals.Failed()) + " failed");
+    add(text::Size(received));
+    add(text::Size(speed) + "/s");
+    if (sizesKnown && speed > 0) add(text::Clock(TimeLeft(missing, speed)) + " left");
+    return text::CutMiddle(line, columns);
+}
+
+BarDisplay::BarDisplay(int descriptor, bool colour, bool reports)
+    : descriptor_(descriptor), colour_(colour), reports_(reports) {
+    ReadSize();
+}
+
+void BarDisplay::ReadSize() {
+    winsize size{};
+    if (ioctl(descriptor_, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return;
+    // The last column stays free: some terminals go to the next row as soon as it is filled.
+    columns_ = std::max(size.ws_col - 1, 2);
+    rows_ = size.ws_row == 0 ? 24 : size.ws_row;
+}
+
+// A command that was sent to the background leaves the screen to the one in front.
+bool BarDisplay::InForeground() const {
+    const pid_t front = tcgetpgrp(descriptor_);
+    return front == -1 || front == getpgrp();
+}
+
+void BarDisplay::Begin(const FileView& file) {
+    if (reports_) Keep(TaskLine(file));
+}
+
+void BarDisplay::State(const FileView& file, std::int32_t code, double /*value*/) {
+    if (reports_) Keep(StateLine(file, code));
+}
+
+void BarDisplay::End(const FileView& file, const Outcome& outcome) {
+    Keep(EndLine(file, outcome), outcome.result);
+}
+
+void BarDisplay::Note(const std::string& line) {
+    Keep(line);
+    Draw();
+}
+
+void BarDisplay::Keep(const std::string& line, EndResult result) {
+    for (const std::string& row : text::Wrap(line, columns_)) {
+        kept_.push_back(colour_ ? Coloured(row, result) : row);
+    }
+}
+
+void BarDisplay::Refresh(const std::vector<const FileView*>& running, const Totals& totals) {
+    const Clock::time_point now = Clock::now();
+    if (now - last_draw_ < kBetweenDraws) return;
+    frame_.clear();
+    const auto shown = static_cast<std::size_t>(std::max(rows_ - 2, 0));
+    for (const FileView* file : running) {
+        if (frame_.size() < shown) frame_.push_back(FileLine(*file, columns_, now));
+    }
+    frame_.push_back(TotalLine(running, totals, columns_));
+    Draw();
+}
+
+void BarDisplay::Clear() {
+    frame_.clear();
+    Draw();
+}
+
+void BarDisplay::ScreenChanged(bool resumed) {
+    ReadSize();
+    if (resumed) drawn_ = 0;
+    for (std::string& line : frame_) line = text::CutMiddle(line, columns_);
+}
+
+void BarDisplay::Close(const Totals& totals, int /*status*/) {
+    if (const std::string line = SummaryLine(totals); !line.empty()) Keep(line);
+    frame_.clear();
+    Draw();
+}
+
+void BarDisplay::Draw() {
+    last_draw_ = Clock::now();
+    const bool front = InForeground();
+    if (!front) drawn_ = 0;
+    if (!front && kept_.empty()) return;
+    std::string out = kWrapOff;
+    out += '\r';
+    // Some terminals break the lines of the frame anew when they get narrower, others do not. Going
+    // up by too little leaves a trace of the frame; by too much it would erase lines that stay.
+    if (drawn_ > 1) out += "\x1b[" + std::to_string(drawn_ - 1) + "A";
+    for (const std::string& line : kept_) out += line + kToLineEnd + "\n";
+    kept_.clear();
+    drawn_ = 0;
+    for (const std::string& line : frame_) {
+        if (!front) break;
+        if (drawn_++ > 0) out += "\n";
+        out += line + kToLineEnd;
+    }
+    WriteAll(descriptor_, out + kToScreenEnd + kWrapOn);
+}

@@ -1,0 +1,172 @@
+#include "Console/screen/display.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "Console/cli/signals.h"
+#include "Console/screen/bardisplay.h"
+#include "Console/screen/jsondisplay.h"
+#include "Console/screen/plaindisplay.h"
+#include "Console/screen/text.h"
+#include "TaskMan/taskcontext.h"
+
+namespace {
+
+bool TerminalCanDraw() {
+    const char* term = std::getenv("TERM");
+    return isatty(STDERR_FILENO) == 1 && term != nullptr && *term != '\0' &&
+           std::strcmp(term, "dumb") != 0;
+}
+
+bool ColourWanted(Colour wanted, bool capable) {
+    if (wanted != Colour::kAuto) return wanted == Colour::kAlways;
+    const char* none = std::getenv("NO_COLOR");
+    return capable && (none == nullptr || *none == '\0');
+}
+
+Detail DetailOf(const DisplayOptions& options) {
+    if (options.quiet) return Detail::kFailures;
+    if (options.verbose) return Detail::kReports;
+    return options.progress == ProgressForm::kNone ? Detail::kEnds : Detail::kProgress;
+}
+
+// Waits until the descriptor takes bytes or has failed. False when nothing of it can be expected.
+bool AwaitRoom(int descriptor) {
+    constexpr int kTurn = 250;  // milliseconds
+    static int turns = 8;       // left, in all, once the command is to end
+    pollfd room{descriptor, POLLOUT, 0};
+    while (poll(&room, 1, kTurn) < 1) {
+        const int stops = signals::StopCount();
+        if (stops > 1 || (stops == 1 && turns-- <= 0)) return false;
+    }
+    return true;
+}
+
+void PrintEvent(const std::string& line) {
+    std::string fault;
+    Print(line, fault);
+    if (!fault.empty()) WriteAll(STDERR_FILENO, "taskman: " + fault + "\n");
+}
+
+}  // namespace
+
+std::unique_ptr<Display> MakeDisplay(const DisplayOptions& options) {
+    if (options.json) {
+        return std::make_unique<JsonDisplay>(PrintEvent);
+    }
+    const bool capable = TerminalCanDraw();
+    const bool colour = ColourWanted(options.colour, capable);
+    const bool bars = options.progress == ProgressForm::kBar ||
+                      (options.progress == ProgressForm::kAuto && capable);
+    if (bars && !options.quiet) {
+        return std::make_unique<BarDisplay>(STDERR_FILENO, colour, options.verbose);
+    }
+    return std::make_unique<PlainDisplay>(STDERR_FILENO, DetailOf(options), colour);
+}
+
+std::string EndLine(const FileView& file, const Outcome& outcome) {
+    std::string line = file.name + ": " + ResultName(outcome.result);
+    if (outcome.result != EndResult::kFinished) {
+        if (!outcome.reason.empty()) line += ": " + text::Printable(outcome.reason);
+        if (outcome.secondLook.empty()) return line;
+        return line + " (a second look: " + text::Printable(outcome.secondLook) + ")";
+    }
+    line += ", 100 % of " + text::Size(outcome.bytes) + " in " + text::Duration(outcome.seconds);
+    // Ends are learned once a second: for less than a few, a speed would say nothing.
+    if (outcome.seconds > 2) line += ", " + text::Size(outcome.bytes / outcome.seconds) + "/s";
+    return line;
+}
+
+std::string SummaryLine(const Totals& totals) {
+    if (totals.files < 2) return "";
+    std::string line =
+        std::to_string(totals.finished) + " of " + text::Count(totals.files, "file") + " finished";
+    const auto add = [&line](std::size_t count, const char* what) {
+        if (count > 0) line += ", " + std::to_string(count) + what;
+    };
+    add(totals.skipped, " skipped");
+    add(totals.Failed(), " failed");
+    add(totals.stopped, " stopped");
+    add(totals.waiting, " not begun");
+    return line;
+}
+
+std::string StateLine(const FileView& file, std::int32_t code) {
+    const auto words = [&file, code]() -> std::string {
+        switch (code) {
+            case DOWNLOAD_STATE_PARSE_START:
+                return "work on the page has begun";
+            case DOWNLOAD_STATE_DOWNLOAD_START:
+                return "the first bytes have come";
+            case DOWNLOAD_STATE_DOWNLOAD_FINISH:
+                return "all bytes have come";
+            case DOWNLOAD_STATE_PROGRESS:
+                return std::to_string(static_cast<int>(file.percent)) + " %";
+            case DOWNLOAD_STATE_SPEED:
+                return text::Size(file.speed) + "/s";
+            case DOWNLOAD_STATE_FILE_SIZE:
+                return text::Size(file.size) + " are to come";
+            default:
+                return "";
+        }
+    }();
+    const std::string line = file.name + ": code " + std::to_string(code);
+    return words.empty() ? line : line + ": " + words;
+}
+
+std::string TaskLine(const FileView& file) {
+    const std::string line =
+        file.name + ": task " + text::Printable(file.id) + ", " + text::Printable(file.address);
+    return file.path.empty() ? line : line + " -> " + text::Printable(file.path);
+}
+
+std::string Coloured(const std::string& line, EndResult result) {
+    const bool wrong = result != EndResult::kFinished && result != EndResult::kSkipped &&
+                       result != EndResult::kStopped;
+    return wrong ? "\x1b[31m" + line + "\x1b[0m" : line;
+}
+
+double TimeLeft(double bytes, double speed) {
+    return speed > 0 && bytes >= 0 ? bytes / speed : -1;
+}
+
+bool WriteAll(int descriptor, std::string_view bytes) {
+    while (!bytes.empty()) {
+        if (!AwaitRoom(descriptor)) return false;
+        // A pipe that has room takes that many bytes without blocking.
+        const ssize_t written =
+            write(descriptor, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
+        if (written == -1 && errno == EINTR) continue;
+        if (written < 1) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+std::string OutputFault() {
+    if (errno == EPIPE) return "";
+    return std::string("cannot write standard output: ") + std::strerror(errno);
+}
+
+bool WriteResult(const std::string& found, std::string faults) {
+    const bool written = WriteAll(STDOUT_FILENO, found);
+    const std::string fault = written ? "" : OutputFault();
+    if (!fault.empty()) faults += "taskman: " + fault + "\n";
+    return WriteAll(STDERR_FILENO, faults) && written;
+}
+
+bool Print(std::string_view bytes, std::string& fault) {
+    static bool broken = false;
+    if (broken) return false;
+    broken = !WriteAll(STDOUT_FILENO, bytes);
+    if (broken) fault = OutputFault();
+    if (broken && signals::StopCount() == 0) std::raise(SIGTERM);
+    return !broken;
+}

@@ -1,0 +1,34 @@
+// Plain lines, for logs and for what is no terminal.
+#pragma once
+
+#include <map>
+
+#include "Console/screen/display.h"
+
+// What is told; each includes the ones before.
+enum class Detail {
+    kFailures,  // files that did not finish
+    kEnds,      // all files, and how many there were
+    kProgress,  // a file's start, and 25, 50 and 75 percent of it
+    kReports,   // everything a worker reports
+};
+
+class PlainDisplay : public Display {
+  public:
+    explicit PlainDisplay(int descriptor, Detail detail = Detail::kProgress, bool colour = false)
+        : descriptor_(descriptor), detail_(detail), colour_(colour) {}
+
+    void Begin(const FileView& file) override;
+    void State(const FileView& file, std::int32_t code, double value) override;
+    void End(const FileView& file, const Outcome& outcome) override;
+    void Note(const std::string& line) override;
+    void Refresh(const std::vector<const FileView*>&, const Totals&) override {}
+    void ScreenChanged(bool) override {}
+    void Close(const Totals& totals, int status) override;
+
+  private:
+    const int descriptor_;
+    const Detail detail_;
+    const bool colour_;
+    std::map<const FileView*, int> marks_;  // quarters that were told
+};

@@ -1,0 +1,115 @@
+#include "TaskMan/section/ownsection.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "TaskMan/taskman.h"
+#include "common/platform.h"
+
+std::atomic<bool> g_section_opens{false};
+
+namespace {
+
+constexpr mode_t kPrivate = 0600;
+constexpr int kLockTries = 40;
+constexpr std::chrono::milliseconds kLockPause{50};
+
+// Holds the section's lock, which shows others that this manager lives. Not the descriptor that is
+// mapped: a mapping keeps the lock, too.
+std::atomic<int> g_lock_descriptor{-1};
+
+void CloseLock() {
+    if (const int descriptor = g_lock_descriptor.exchange(-1); descriptor != -1) close(descriptor);
+}
+
+// A child that is forked and executes nothing would keep the lock beyond the manager's death, and
+// with it the look of a living manager.
+void GiveChildrenNoLock() {
+    static const int registered = pthread_atfork(nullptr, nullptr, CloseLock);
+    static_cast<void>(registered);
+}
+
+// Whether somebody has the section of that name locked and does not let go of it. A sweep does,
+// soon.
+bool IsTaken(const std::string& name) {
+    for (int tries = 0; tries < kLockTries; ++tries) {
+        if (tries > 0) std::this_thread::sleep_for(kLockPause);
+        const int descriptor = shm_open(name.c_str(), O_RDONLY, 0);
+        if (descriptor == -1) return false;
+        const bool taken = flock(descriptor, LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK;
+        close(descriptor);
+        if (!taken) return false;
+    }
+    return true;
+}
+
+// Creates the section anew, private to this user, locked, with its memory reserved: on a full
+// system the first write into it would kill the process otherwise. Returns an error number.
+int CreateSection(const std::string& name) {
+    shm_unlink(name.c_str());
+    const int descriptor = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, kPrivate);
+    if (descriptor == -1) return errno;
+    g_lock_descriptor = descriptor;
+    GiveChildrenNoLock();
+    // Systems that lock no such objects do without.
+    static_cast<void>(flock(descriptor, LOCK_EX | LOCK_NB));
+    int error = ftruncate(descriptor, SHARE_MEM_SIZE) == 0 ? 0 : errno;
+    if (error == 0) error = platform::ReserveSharedMemory(descriptor, SHARE_MEM_SIZE);
+    if (error != 0) {
+        shm_unlink(name.c_str());
+        CloseLock();
+    }
+    return error;
+}
+
+int MakeSection(const std::string& directory, std::string& strReason) {
+    const std::string name = SectionName(g_mainpid);
+    // Process ids of other namespaces, which share the memory of this one, may be the same.
+    if (IsTaken(name)) {
+        strReason = "another manager has the task section of this process id";
+        return -1;
+    }
+    if (const int error = CreateSection(name); error != 0) {
+        strReason = SystemReason("cannot create the task section", error);
+        return -1;
+    }
+    if (InitShareMem(&g_VideoInfoSection, name.c_str()) != 0) {
+        strReason = "cannot map the task section";
+        RemoveSection();
+        return -1;
+    }
+    std::memcpy(g_VideoInfoSection.pCommDataPrt, directory.data(), directory.size());
+    return 0;
+}
+
+}  // namespace
+
+int OpenSection(const std::string& directory, std::string& strReason) {
+    g_section_opens = true;
+    const int result = MakeSection(directory, strReason);
+    g_section_opens = false;
+    return result;
+}
+
+void RemoveSection() {
+    UnInitShareMem(&g_VideoInfoSection, SectionName(g_mainpid).c_str());
+    if (g_VideoInfoSection.hShm != -1) close(g_VideoInfoSection.hShm);
+    CloseLock();
+    g_VideoInfoSection = tagVideoInfoSection{};
+}
+
+void RemoveSectionName() {
+    shm_unlink(SectionName(g_mainpid).c_str());
+}
+
+std::string SystemReason(const std::string& what, int error) {
+    return what + ": " + std::strerror(error);
+}

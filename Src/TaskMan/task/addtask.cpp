@@ -1,0 +1,214 @@
+// How a task enters the manager: its slot, its lock, its node, its worker.
+#include <fcntl.h>
+
+#include <bit>
+#include <cerrno>
+#include <memory>
+#include <string>
+
+#include "TaskMan/section/ownsection.h"
+#include "TaskMan/task/request.h"
+#include "TaskMan/task/tally.h"
+#include "TaskMan/task/watch.h"
+#include "TaskMan/taskman.h"
+#include "common/AutoLock.h"
+#include "common/fieldtext.h"
+#include "common/thread.h"
+
+namespace {
+
+constexpr mode_t kPrivate = 0600;
+
+bool IsFinal(int code) {
+    return (FINAL_STATE_BITS >> code & 1U) != 0;
+}
+
+void MarkAnswered(Watch& watch) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    watch.bAnswered = true;
+}
+
+// A task that finished all the same has nothing remarkable about its end.
+void MarkFinished(Watch& watch) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    watch.remark.clear();
+}
+
+void MarkDelivered(Watch& watch) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    watch.bDelivered = true;
+}
+
+// The scanner's callbacks for every task: they hand on to the application, then note the end.
+void OnState(void* param, const char* szTaskID, std::int32_t nCode, double dValue,
+             std::int32_t nTaskKind) {
+    Watch& watch = *static_cast<Watch*>(param);
+    if (nCode == DOWNLOAD_STATE_FILE_SIZE || nCode == DOWNLOAD_STATE_DOWNLOAD_START) {
+        MarkAnswered(watch);
+    }
+    if (nCode == DOWNLOAD_STATE_DOWNLOAD_FINISH) MarkFinished(watch);
+    if (watch.pfnStateCallback != nullptr) {
+        watch.pfnStateCallback(watch.pCallbackParam, szTaskID, nCode, dValue, nTaskKind);
+    }
+    if (IsFinal(nCode)) MarkDelivered(watch);
+}
+
+void OnResult(void* param, const char* szTaskID, std::int32_t nCode, const char* szText,
+              std::uint32_t nLength) {
+    Watch& watch = *static_cast<Watch*>(param);
+    MarkFinished(watch);
+    if (watch.pfnResultCallback != nullptr) {
+        watch.pfnResultCallback(watch.pCallbackParam, szTaskID, nCode, szText, nLength);
+    }
+    MarkDelivered(watch);
+}
+
+// Takes a free slot for the task; null, with the reason, when there is none or when another task is
+// in the way.
+Watch* TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, std::string& strReason) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    if (g_phase != ManagerPhase::kRunning) {
+        strReason = "the task manager is not running";
+        return nullptr;
+    }
+    if (Clock::now() < g_refuse_until) {
+        strReason = REFUSED_FOR_NOW;
+        return nullptr;
+    }
+    const std::string id = FieldText(taskinfo.szTaskID);
+    Watch* taken = nullptr;
+    for (int i = 0; i < TASK_SLOT_COUNT; ++i) {
+        Watch& watch = g_Watches[i];
+        if (!watch.bUsed) {
+            if (taken != nullptr) continue;
+            taken = &watch;
+            watch.nTaskIndex = i;
+        } else if (IdsCollide(watch.id, id)) {
+            strReason = "the task id is in use";
+            return nullptr;
+        } else if (!path.empty() && watch.path == path) {
+            strReason = "another task writes this file";
+            return nullptr;
+        }
+    }
+    if (taken == nullptr) {
+        strReason = "all slots are taken";
+        return nullptr;
+    }
+    g_TaskFileSize[taken->nTaskIndex] = 0.0;
+    g_TaskEndTaken[taken->nTaskIndex] = false;
+    taken->bUsed = true;
+    taken->id = id;
+    taken->path = path;
+    taken->nCmd = taskinfo.nCmd;
+    taken->nTaskKind = taskinfo.nTaskKind;
+    taken->pCallbackParam = taskinfo.pCallbackParam;
+    taken->pfnResultCallback = taskinfo.pfnResultCallback;
+    taken->pfnStateCallback = taskinfo.pfnStateCallback;
+    return taken;
+}
+
+// Makes the task's semaphore anew: one that is found may have been left taken, or be a stranger's.
+// Opens it twice, for the watch and for the node, which closes its handle by itself. Returns the
+// node's, or null with errno set.
+sem_t* MakeSemaphore(Watch& watch) {
+    sem_unlink(watch.id.c_str());
+    sem_t* first = sem_open(watch.id.c_str(), O_CREAT | O_EXCL, kPrivate, 1U);
+    if (first == SEM_FAILED) return nullptr;
+    watch.lock = first;
+    sem_t* second = sem_open(watch.id.c_str(), 0);
+    return second == SEM_FAILED ? nullptr : second;
+}
+
+// Puts the task into its slot and into the map. All in one hold of the map lock: the scanner that
+// finds the map empty clears the slots, and a counter that is raised late may be lowered before.
+// The semaphore is made there, too: the map lock may have to be waited for, and a semaphore without
+// a slot that shows its name is one that a sweep may take for a dead manager's, or not find at all.
+// Returns 0; or the error number when there is no semaphore, nothing is entered then.
+int EnterTask(Watch& watch, const tagTaskInfo& taskinfo) {
+    auto node = std::make_unique<tagTaskNode>(watch.id.c_str());
+    static_cast<tagTaskInfo&>(*node) = taskinfo;
+    node->nTaskIndex = watch.nTaskIndex;
+    node->pCallbackParam = &watch;
+    node->pfnResultCallback = OnResult;
+    node->pfnStateCallback = OnState;
+    const tagTaskContext request = SlotOf(taskinfo);
+
+    Threading::AutoLock tally(&g_tally_mutex);
+    Threading::AutoLock map(&g_access_taskmap_mutex);
+    sem_t* lock = MakeSemaphore(watch);
+    if (lock == nullptr) return errno;
+    node->mutexLock = new Threading::Mutex(watch.id.c_str(), lock);
+    {
+        Threading::AutoLock task(node->mutexLock);
+        CopySlot(SlotAt(g_VideoInfoSection, watch.nTaskIndex), &request);
+    }
+    g_TaskInfo_map.emplace(watch.id, node.release());
+    Threading::AutoLock count(&g_access_taskcount_mutex);
+    ++(IsParseJob(taskinfo.nCmd, taskinfo.nTaskKind) ? g_ParseCount : g_DownloadCount);
+    ++g_TaskCount;
+    return 0;
+}
+
+// Runs StartProgram on a thread of its own and waits for its fork. A start that fails is known by
+// the process id -1, and the supervisor ends the task.
+void StartWorker(Watch& watch, const std::string& program) {
+    auto start = std::make_unique<tagStartParam>();
+    SetField(start->szProgramPath, program);
+    SetField(start->szTaskID, watch.id);
+    SetField(start->szTaskIndex, std::to_string(watch.nTaskIndex));
+    SetField(start->szMainPid, std::to_string(g_mainpid));
+    std::atomic<pid_t>& pid = g_WorkerPid[watch.nTaskIndex];
+    {
+        Threading::AutoLock one(&g_start_tarnwick_mutex);
+        pthread_t thread{};
+        pid = -1;
+        if (StartThread(&thread, StartProgram, start.get(), false) == 0) {
+            static_cast<void>(start.release());
+            pthread_join(thread, nullptr);
+        }
+    }
+    Threading::AutoLock hold(&g_watch_mutex);
+    watch.process = platform::ProcessWatch(pid);
+    watch.bStarted = true;
+    // One that stands still before its claim has no more time than the others.
+    watch.claimedAt = Clock::now();
+}
+
+}  // namespace
+
+void DeliverLast(Watch& watch) {
+    const tagTaskContext& slot = *SlotAt(g_VideoInfoSection, watch.nTaskIndex);
+    const bool own = FieldView(slot.szTaskID) == watch.id;
+    const std::uint32_t finals = own ? slot.nStateBits & FINAL_STATE_BITS : 0;
+    const int code = finals == 0 ? DOWNLOAD_STATE_STOPPED : std::countr_zero(finals);
+    if (code == DOWNLOAD_STATE_PARSE_FINISH) {
+        const std::string text = FieldText(slot.szVideoInfo) + std::string(2, '\0');
+        OnResult(&watch, watch.id.c_str(), code, text.data(),
+                 static_cast<std::uint32_t>(text.size() - 2));
+        return;
+    }
+    const bool marked = code == DOWNLOAD_STATE_DOWNLOAD_FINISH && watch.nTaskKind == 1;
+    OnState(&watch, watch.id.c_str(), code, marked ? -1.0 : 0.0, watch.nTaskKind);
+}
+
+int AddTask(const tagTaskInfo& taskinfo, std::string& strReason) {
+    strReason = RefusalOf(taskinfo);
+    if (!strReason.empty()) return -1;
+    Watch* watch = TakeSlot(taskinfo, OutputPath(taskinfo), strReason);
+    if (watch == nullptr) return -1;
+    const int error = EnterTask(*watch, taskinfo);
+    std::string program;
+    {
+        Threading::AutoLock hold(&g_watch_mutex);
+        if (error != 0) {
+            strReason = SystemReason("cannot create the task's lock", error);
+            FreeWatch(*watch);
+            return -1;
+        }
+        program = g_worker_path;
+    }
+    StartScanner();
+    StartWorker(*watch, program);
+    return 0;
+}

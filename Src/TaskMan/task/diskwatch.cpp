@@ -1,0 +1,150 @@
+#include "TaskMan/task/diskwatch.h"
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <thread>
+#include <utility>
+
+#include "TaskMan/sweep/sweep.h"
+#include "TaskMan/task/watch.h"
+#include "common/AutoLock.h"
+#include "common/thread.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kTick = 250ms;
+constexpr auto kEndPatience = 2s;
+constexpr double kBlock = 512;  // unit of st_blocks
+
+// Guards both: a thread that decides to end must not meet a start that counts on it.
+Threading::Mutex g_disk_watch_mutex;
+bool g_disk_watch_ends TS_GUARDED_BY(g_disk_watch_mutex) = false;
+bool g_disk_watch_runs TS_GUARDED_BY(g_disk_watch_mutex) = false;
+
+// One look at one task; a copy, because no lock is held during it.
+struct Look {
+    std::string id;
+    std::string path;
+    pid_t pid = -1;
+    double size = 0.0;
+    FileAdvance advance;
+    bool bLacksSpace = false;
+};
+
+// False when there is nothing to look at.
+bool Begin(int slot, Look& look) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    const Watch& watch = g_Watches[slot];
+    if (!watch.bClaimed || watch.bGone || watch.bEnded || watch.bStopAsked || watch.path.empty()) {
+        return false;
+    }
+    look = {watch.id, watch.path, watch.process.Pid(), g_TaskFileSize[slot], watch.advance, false};
+    return true;
+}
+
+void Perform(Look& look) {
+    const bool again = NoteFile(
+        look.advance, platform::LookAtOpenFile(look.pid, look.path, look.advance.last.nDescriptor));
+    if (look.size <= 0.0 || (look.advance.bSpaceChecked && !again)) return;
+    look.advance.bSpaceChecked = true;
+    look.bLacksSpace = LacksSpace(look.path, look.size);
+}
+
+void Finish(const Look& look) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    Watch* watch = FindWatch(look.id);
+    if (watch == nullptr || watch->bEnded || watch->bStopAsked) return;
+    // A look that took long may find the next task of the same id.
+    if (watch->process.Pid() != look.pid) return;
+    watch->advance = look.advance;
+    const std::int32_t most = g_limits.nStartsOver;
+    if (look.bLacksSpace) {
+        watch->remark = TASK_REMARK_NO_SPACE;
+    } else if (most > 0 && look.advance.nStartsOver >= most) {
+        watch->remark = TASK_REMARK_STARTS_OVER;
+    } else {
+        return;
+    }
+    AskToStop(*watch);
+}
+
+bool Runs() {
+    Threading::AutoLock hold(&g_disk_watch_mutex);
+    return g_disk_watch_runs;
+}
+
+// Whether the thread is to go on; if not, it counts as ended from then on.
+bool GoesOn() {
+    Threading::AutoLock hold(&g_disk_watch_mutex);
+    if (g_disk_watch_ends) g_disk_watch_runs = false;
+    return g_disk_watch_runs;
+}
+
+void* RunDiskWatch(void* /*argument*/) {
+    while (GoesOn()) {
+        for (int slot = 0; slot < TASK_SLOT_COUNT; ++slot) {
+            Look look;
+            if (!Begin(slot, look)) continue;
+            Perform(look);
+            Finish(look);
+        }
+        EndOrphans(Clock::now());
+        std::this_thread::sleep_for(kTick);
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+bool NoteFile(FileAdvance& advance, const platform::OpenFile& now) {
+    const platform::OpenFile last = std::exchange(advance.last, now);
+    if (now.nPosition < 0) return false;
+    if (now.nSize > advance.nBest) {
+        advance.nBest = now.nSize;
+        advance.nStartsOver = 0;
+    }
+    if (last.nPosition < 0 || now.nPosition > last.nPosition) return false;
+    const bool written = now.nModifiedBefore != last.nModifiedAfter;
+    if (now.nPosition == last.nPosition && !written) return false;
+    ++advance.nStartsOver;
+    return true;
+}
+
+bool LacksSpace(const std::string& path, double size) {
+    struct stat file {};
+    double room = 0.0;
+    if (stat(path.c_str(), &file) == 0) {
+        if (!S_ISREG(file.st_mode)) return false;
+        room = static_cast<double>(file.st_blocks) * kBlock;
+    }
+    struct statvfs disk {};
+    const std::string directory = path.substr(0, path.rfind('/') + 1);
+    if (statvfs(directory.c_str(), &disk) != 0 || disk.f_blocks == 0) return false;
+    const auto blocks = geteuid() == 0 ? disk.f_bfree : disk.f_bavail;
+    return room + static_cast<double>(blocks) * static_cast<double>(disk.f_frsize) < size;
+}
+
+int StartDiskWatch() {
+    Threading::AutoLock hold(&g_disk_watch_mutex);
+    g_disk_watch_ends = false;
+    // One that a file system has held since the last end goes on.
+    if (g_disk_watch_runs) return 0;
+    pthread_t thread{};
+    const int error = StartThread(&thread, RunDiskWatch, nullptr, true);
+    g_disk_watch_runs = error == 0;
+    return error;
+}
+
+bool EndDiskWatch() {
+    {
+        Threading::AutoLock hold(&g_disk_watch_mutex);
+        g_disk_watch_ends = true;
+    }
+    const Clock::time_point deadline = Clock::now() + kEndPatience;
+    while (Runs() && Clock::now() < deadline) std::this_thread::sleep_for(10ms);
+    return !Runs();
+}
