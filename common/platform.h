@@ -67,12 +67,49 @@ class ProcessWatch {
     // Sends a signal; does nothing when the process is gone.
     void Signal(int number) const;
 
+    // Reaps the process if it has ended, is a child of this process, and was not reaped yet; does
+    // nothing otherwise. Never waits. For programs whose own handler of SIGCHLD cannot be relied
+    // on: an ended child stays a zombie until somebody reaps it.
+    void Reap() const;
+
     pid_t Pid() const { return pid_; }
 
   private:
+    friend void WaitForEnd(const std::vector<const ProcessWatch*>&, const class Waker&, int);
+
     pid_t pid_;
     int descriptor_;  // of the process where the system has such a thing; else -1
 };
+
+// Wakes a thread that waits in WaitForEnd. A Wake() that comes before the wait ends it at once; any
+// number of them end one wait. One thread at a time waits with a Waker.
+class Waker {
+  public:
+    // Has two descriptors at most, closed on exec. Where none is to be had, waits end early.
+    Waker();
+    ~Waker();
+    Waker(const Waker&) = delete;
+    Waker& operator=(const Waker&) = delete;
+
+    // Any thread may call, and any signal handler; errno is as before.
+    void Wake() const;
+
+  private:
+    friend void WaitForEnd(const std::vector<const ProcessWatch*>&, const Waker&, int);
+
+    void Forget() const;  // all calls of Wake() until now
+
+    int reader_;
+    int writer_;  // may be the same descriptor
+};
+
+// Waits in the kernel until one of the processes has ended (at once when one is gone already),
+// somebody has called waker.Wake(), or `milliseconds`, 0 or more, have passed. It may return early
+// for no reason: after a signal, or because the system offers nothing to wait on, and then after 20
+// milliseconds at most. So the caller looks anew in any case. None of the watches may be changed or
+// destroyed meanwhile.
+void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
+                int milliseconds);
 
 // A process of this user: its id and its arguments, argv[0] first.
 struct Process {

@@ -2,8 +2,10 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/auxv.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -174,6 +176,50 @@ void ProcessWatch::Signal(int number) const {
     } else {
         syscall(SYS_pidfd_send_signal, descriptor_, number, nullptr, 0);
     }
+}
+
+void ProcessWatch::Reap() const {
+    constexpr auto kByDescriptor = static_cast<idtype_t>(3);  // P_PIDFD
+    siginfo_t ended{};
+    // Kernels before 5.4 know the descriptor, but do not reap by it.
+    if (descriptor_ != -1 &&
+        (waitid(kByDescriptor, static_cast<id_t>(descriptor_), &ended, WEXITED | WNOHANG) == 0 ||
+         errno != EINVAL)) {
+        return;
+    }
+    if (pid_ > 0) waitpid(pid_, nullptr, WNOHANG);
+}
+
+Waker::Waker() : reader_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), writer_(reader_) {}
+
+Waker::~Waker() {
+    if (reader_ != -1) close(reader_);
+}
+
+void Waker::Wake() const {
+    const int kept = errno;
+    eventfd_write(writer_, 1);
+    errno = kept;
+}
+
+void Waker::Forget() const {
+    eventfd_t count = 0;
+    eventfd_read(reader_, &count);
+}
+
+void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
+                int milliseconds) {
+    constexpr int kPoll = 20;
+    std::vector<pollfd> waits{{waker.reader_, POLLIN, 0}};
+    for (const ProcessWatch* process : processes) {
+        if (process->pid_ < 1) milliseconds = 0;
+        waits.push_back({process->descriptor_, POLLIN, 0});
+    }
+    for (const pollfd& wait : waits) {
+        if (wait.fd == -1) milliseconds = std::min(milliseconds, kPoll);
+    }
+    poll(waits.data(), waits.size(), milliseconds);
+    waker.Forget();
 }
 
 namespace {

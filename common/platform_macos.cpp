@@ -1,9 +1,12 @@
 #include <fcntl.h>
 #include <mach-o/dyld.h>
+#include <sys/event.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -62,6 +65,69 @@ bool ProcessWatch::Gone() const {
 
 void ProcessWatch::Signal(int number) const {
     if (!Gone()) kill(pid_, number);
+}
+
+void ProcessWatch::Reap() const {
+    if (pid_ > 0) waitpid(pid_, nullptr, WNOHANG);
+}
+
+Waker::Waker() : reader_(-1), writer_(-1) {
+    int ends[2];
+    if (pipe(ends) != 0) return;
+    for (const int end : ends) {
+        fcntl(end, F_SETFD, FD_CLOEXEC);
+        fcntl(end, F_SETFL, O_NONBLOCK);
+    }
+    reader_ = ends[0];
+    writer_ = ends[1];
+}
+
+Waker::~Waker() {
+    if (reader_ == -1) return;
+    close(reader_);
+    close(writer_);
+}
+
+void Waker::Wake() const {
+    const int kept = errno;
+    // A full pipe wakes as well.
+    static_cast<void>(write(writer_, "", 1));
+    errno = kept;
+}
+
+void Waker::Forget() const {
+    char bytes[64];
+    while (read(reader_, bytes, sizeof bytes) > 0) {
+    }
+}
+
+void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
+                int milliseconds) {
+    constexpr int kPoll = 20;
+    const int queue = kqueue();
+    bool complete = queue != -1;
+    const auto add = [&](int identifier, short filter, unsigned note) {
+        struct kevent event {};
+        EV_SET(&event, static_cast<uintptr_t>(identifier), filter, EV_ADD | EV_ONESHOT, note, 0,
+               nullptr);
+        if (kevent(queue, &event, 1, nullptr, 0, nullptr) != 0) complete = false;
+    };
+    add(waker.reader_, EVFILT_READ, 0);
+    // A zombie cannot be added: Gone() does not tell it from a living process until it is reaped.
+    for (const ProcessWatch* process : processes) {
+        if (process->Gone()) milliseconds = 0;
+        add(process->Pid(), EVFILT_PROC, NOTE_EXIT);
+    }
+    if (!complete) milliseconds = std::min(milliseconds, kPoll);
+    const timespec time{milliseconds / 1000, milliseconds % 1000 * 1'000'000L};
+    struct kevent event {};
+    if (queue == -1) {
+        nanosleep(&time, nullptr);
+    } else {
+        kevent(queue, nullptr, 0, &event, 1, &time);
+        close(queue);
+    }
+    waker.Forget();
 }
 
 std::vector<Process> OwnProcesses() {

@@ -1,23 +1,15 @@
-// The checks on tasks, the recount of the jobs, and the start of worker processes.
-#include <sys/wait.h>
-#include <unistd.h>
-
+// The checks on tasks, the recount of the jobs, and the listing of the tasks.
 #include <array>
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "TaskMan/task/tally.h"
 #include "TaskMan/taskman.h"
 #include "common/AutoLock.h"
 #include "common/assertion.h"
 #include "common/fieldtext.h"
-#include "common/platform.h"
 #include "common/stringutility.h"
-
-std::atomic<pid_t> g_WorkerPid[TASK_SLOT_COUNT];
 
 namespace {
 
@@ -33,44 +25,6 @@ const char* CommandName(std::int32_t nCmd) {
         default:
             return "Other";
     }
-}
-
-// Takes the application's handlers out of the child, so that none runs there once signals are let
-// through. What is ignored stays so, as after nohup, but SIGTERM: a worker must end by it.
-void ResetSignals() {
-    for (int number = 1; number < NSIG; ++number) {
-        struct sigaction action {};
-        if (sigaction(number, nullptr, &action) != 0) continue;
-        if (action.sa_handler != SIG_IGN || number == SIGTERM) signal(number, SIG_DFL);
-    }
-}
-
-// The child of StartProgram. Between fork and exec of a process with threads only what is safe in a
-// signal handler may be called: nothing here allocates or takes a lock.
-[[noreturn]] void ExecWorker(const tagStartParam& start) {
-    platform::CloseDescriptorsOnExec();
-    ResetSignals();
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGINT);
-    sigprocmask(SIG_SETMASK, &mask, nullptr);
-    execl(start.szProgramPath, start.szProgramPath, start.szTaskID, start.szTaskIndex,
-          start.szMainPid, static_cast<char*>(nullptr));
-    // Nothing of the parent's state may be flushed or destroyed a second time.
-    _exit(0);
-}
-
-// Forks and executes. While it forks, no signal reaches this thread: a handler of the application
-// must not run in the child.
-pid_t ForkWorker(const tagStartParam& start) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    const pid_t pid = fork();
-    if (pid == 0) ExecWorker(start);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return pid;
 }
 
 }  // namespace
@@ -143,27 +97,4 @@ void PrintTaskMapInfo(tagTaskInfo* NewTaskinfo) {
         listing += entry.data();
     }
     std::fwrite(listing.data(), 1, listing.size(), stderr);
-}
-
-void* StartProgram(void* param) {
-    pid_t pid = -1;
-    {
-        auto* start = static_cast<tagStartParam*>(param);
-        const long index = std::strtol(FieldText(start->szTaskIndex).c_str(), nullptr, 10);
-        pid = ForkWorker(*start);
-        if (index >= 0 && index < TASK_SLOT_COUNT) g_WorkerPid[index] = pid;
-        delete start;
-    }
-    pthread_exit(reinterpret_cast<void*>(static_cast<std::intptr_t>(pid == -1 ? -1 : 0)));
-}
-
-void proc_child(int /*signal*/) {
-    const int kept = errno;
-    while (waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
-    errno = kept;
-}
-
-void* CallUIFunction(void* /*param*/) {
-    pthread_exit(nullptr);
 }
