@@ -117,6 +117,9 @@ TEST(DisplayTop, AScreenOf80ColumnsShowsAllThatMatters) {
     EXPECT_EQ(table[0],
               "ID       STATE       DONE SPEED       AGE     PID     WORKER COMMAND  NAME");
     for (const std::string& line : table) EXPECT_LE(text::Width(line), 79) << line;
+    // Narrower than the columns that always stay, and a name without a visible character.
+    view.rows[0].task.path = "/dir/\u0301.part";
+    EXPECT_EQ(TopTable(view, 19).size(), 2U);
 }
 
 // ---- The real command.

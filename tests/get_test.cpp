@@ -422,6 +422,19 @@ TEST(Get, InterruptedItLeavesNothingButTheList) {
     });
 }
 
+TEST(Get, NeitherAListWithoutALineNorABlockedSignalDelaysTheEnd) {
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    CommandRun run;
+    pthread_sigmask(SIG_BLOCK, &term, nullptr);
+    Begin(run, "-i /dev/zero --failed list");
+    pthread_sigmask(SIG_UNBLOCK, &term, nullptr);
+    ASSERT_TRUE(WaitUntil([&] { return !run.SharedNames().empty(); }));
+    run.Signal(SIGTERM);
+    EXPECT_EQ(run.End(), "signal 15");
+}
+
 TEST(Get, ALookAtASilentServerDelaysNoEnd) {
     CommandRun run;
     Begin(run, "--tries=1 $/mute");

@@ -55,13 +55,13 @@ std::string Session::Begin(const std::string& worker) {
 int Session::Run(const std::string& worker) {
     if (const std::string fault = Begin(worker); !fault.empty()) {
         display_.Note("taskman: " + text::Printable(fault));
-        work_.Finish();
+        work_.Finish(false);
         display_.Close(work_.Counts(), EXIT_STATUS_FAILED);
         return EXIT_STATUS_FAILED;
     }
     try {
         while (!work_.Done()) Turn();
-        Close();
+        Close(signals::StopCount() > 0);
         EndManager();
     } catch (...) {
         EndTaskManager();
@@ -93,10 +93,10 @@ void Session::LookAtSignals() {
     }
 }
 
-void Session::Close() {
+void Session::Close(bool atOnce) {
     if (closed_) return;
     closed_ = true;
-    work_.Finish();
+    work_.Finish(atOnce);
     const int signal = signals::StopSignal();
     display_.Close(work_.Counts(), signal == 0 ? work_.Status() : 128 + signal);
 }
@@ -132,7 +132,7 @@ void Session::EndNow() {
     const std::string section =
         std::string(SHARE_MEM_NAME) + "_" + std::to_string(sysutility::GetCurrentPid());
     shm_unlink(section.c_str());
-    Close();
+    Close(true);
     ForgetParts();
     signals::EndBy(signals::StopSignal());
 }

@@ -30,8 +30,9 @@ class Work : private Uncopyable {
     // reports these as stopped. Only Finish, Status and Counts may be called afterwards.
     virtual void Abandon() = 0;
 
-    // The last thing, also after Abandon and when no manager could be started.
-    virtual void Finish() {}
+    // The last thing, also after Abandon and when no manager could be started. `atOnce`: nothing
+    // may hold up the end.
+    virtual void Finish(bool /*atOnce*/) {}
 
     // Whether no task runs and none will be added.
     virtual bool Done() const = 0;
@@ -59,7 +60,7 @@ class Session : private Uncopyable {
     void Turn();
     void LookAtSignals();
     std::string Begin(const std::string& worker);
-    void Close();
+    void Close(bool atOnce);
     void EndManager();
     [[noreturn]] void EndNow();
 

@@ -41,12 +41,17 @@ bool Ignored(int signal) {
     return sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_IGN;
 }
 
+// Whoever started the command may have left the signal blocked.
 void Handle(int signal, void (*handler)(int), int flags) {
     struct sigaction action {};
     action.sa_handler = handler;
     action.sa_flags = flags;
     sigfillset(&action.sa_mask);
     sigaction(signal, &action, nullptr);
+    sigset_t only;
+    sigemptyset(&only);
+    sigaddset(&only, signal);
+    pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
 }
 
 }  // namespace
@@ -92,10 +97,6 @@ bool TakeSuspend() {
 
 void EndBy(int signal) {
     Handle(signal, SIG_DFL, 0);
-    sigset_t only;
-    sigemptyset(&only);
-    sigaddset(&only, signal);
-    pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
     raise(signal);
     _exit(128 + signal);
 }

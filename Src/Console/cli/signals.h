@@ -6,8 +6,10 @@
 namespace signals {
 
 // Installs all handlers, that of the manager for SIGCHLD included. SIGINT and SIGHUP stay ignored
-// when they are at the start (nohup, jobs of a script). A broken pipe is an error of the write. To
-// be called once; `wake` lives to the end of the process.
+// when they are at the start (nohup, jobs of a script). What is handled is unblocked: a parent that
+// waits for signals (sigwait, signalfd) may leave its mask to its children. A broken pipe is an
+// error of the write. To be called once, before there are other threads; `wake` lives to the end of
+// the process.
 void Install(const WakePipe& wake);
 
 // The first of SIGINT, SIGTERM and SIGHUP that came, 0 while none did; and how many came.

@@ -7,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include "Console/cli/signals.h"
 #include "Console/screen/text.h"
 #include "TaskMan/taskman.h"
 
@@ -16,6 +17,10 @@ namespace {
 constexpr int kMostAtOnce = 100;
 // Files that run: tasks, and those whose thread is on.
 constexpr std::size_t kMostRunning = 3 * TASK_SLOT_COUNT;
+// Finished files that are remembered; some 40 bytes each.
+constexpr std::size_t kMostRemembered = 1'000'000;
+// For copying the rest of a list when the end is not to be held up.
+constexpr std::chrono::seconds kCopyTime{1};
 
 std::size_t Hash(const std::string& path) {
     return std::hash<std::string>{}(path);
@@ -43,7 +48,8 @@ bool Downloads::StartNext() {
         if (!HasRoom()) return false;
         if (next_ == nullptr) {
             Request request;
-            if (!TakeRequest(request)) return false;
+            const InputList::Taken taken = TakeRequest(request);
+            if (taken != InputList::Taken::kRequest) return taken == InputList::Taken::kMore;
             next_ = std::make_unique<Fetch>(std::move(request), options_, events_);
         }
         if (!Start(next_)) return false;
@@ -52,16 +58,17 @@ bool Downloads::StartNext() {
     return true;
 }
 
-// Takes the next request; false when there is none now.
-bool Downloads::TakeRequest(Request& request) {
+InputList::Taken Downloads::TakeRequest(Request& request) {
     if (taken_ < options_.addresses.size()) {
         request = {options_.addresses[taken_++], options_.output, options_.sha256, ""};
-        return true;
+        return InputList::Taken::kRequest;
     }
-    if (!list_.Take(request)) return false;
-    ++totals_.files;
-    ++totals_.waiting;
-    return true;
+    const InputList::Taken taken = list_.Take(request);
+    if (taken == InputList::Taken::kRequest) {
+        ++totals_.files;
+        ++totals_.waiting;
+    }
+    return taken;
 }
 
 bool Downloads::HasRoom() const {
@@ -148,7 +155,10 @@ void Downloads::Report(File file, Outcome outcome) {
     const bool there = finished || outcome.result == EndResult::kSkipped;
     file->Release();
     Tell(*file, std::move(outcome));
-    if (finished) written_.insert(Hash(file->View().path));
+    if (finished) {
+        if (written_.size() == kMostRemembered) written_.clear();
+        written_.insert(Hash(file->View().path));
+    }
     if (print_paths_ && there) PrintPath(file->View().path);
 }
 
@@ -214,15 +224,28 @@ void Downloads::Abandon() {
     if (next_ != nullptr) next_->Abandon();
 }
 
-void Downloads::Finish() {
+void Downloads::Finish(bool atOnce) {
     list_.Finish();
     // It may have its part already.
     if (const File next = std::move(next_)) failed_.Add(next->Asked());
-    for (Request request; failed_.IsOpen() && TakeRequest(request);) failed_.Add(request, true);
-    const std::string fault = failed_.Close();
+    CopyRest(atOnce);
+    const std::string fault = failed_.Close(!atOnce);
     if (fault.empty()) return;
     display_.Note("taskman: " + text::Printable(fault));
     status_ = Combine(status_, EXIT_STATUS_LOCAL);
+}
+
+// Adds what was not begun to the list of what did not finish.
+void Downloads::CopyRest(bool atOnce) {
+    const Clock::time_point begin = Clock::now();
+    while (failed_.IsOpen()) {
+        Request request;
+        const InputList::Taken taken = TakeRequest(request);
+        if (taken == InputList::Taken::kNothing) return;
+        if (taken == InputList::Taken::kRequest) failed_.Add(request, true);
+        atOnce = atOnce || signals::StopCount() > 1;
+        if (atOnce && Clock::now() - begin > kCopyTime) return failed_.Break();
+    }
 }
 
 bool Downloads::Done() const {

@@ -33,8 +33,8 @@ class Downloads : public Work {
     // Removes the parts and the locks' names.
     void Abandon() override;
 
-    // Completes the list of what did not finish.
-    void Finish() override;
+    // Completes the list of what did not finish. `atOnce`: nothing may hold up the end.
+    void Finish(bool atOnce) override;
     bool Done() const override;
     ExitStatus Status() const override { return status_; }
     const Totals& Counts() const override { return totals_; }
@@ -43,8 +43,9 @@ class Downloads : public Work {
   private:
     using File = std::unique_ptr<Fetch>;
 
-    bool TakeRequest(Request& request);
+    InputList::Taken TakeRequest(Request& request);
     bool HasRoom() const;
+    void CopyRest(bool atOnce);
     bool Start(File& file);
     bool Claimed(const Fetch& file) const;
     void Report(File file, Outcome outcome);
@@ -61,7 +62,7 @@ class Downloads : public Work {
     std::map<std::string, File> running_{};      // by their ids; something is on
     std::deque<File> resolved_{};                // the second task comes next
     std::vector<File> unseen_{};                 // reported at a stop without waiting for the look
-    std::unordered_set<std::size_t> written_{};  // hashes of the paths of finished files
+    std::unordered_set<std::size_t> written_{};  // hashes of the paths of the last finished files
     Totals totals_{};
     ExitStatus status_ = EXIT_STATUS_FINISHED;
     bool stopping_ = false;

@@ -18,6 +18,7 @@ namespace {
 
 constexpr std::size_t kBlock = 64 * 1024;
 constexpr std::size_t kLongestLine = 8 * 1024;
+constexpr int kMostReads = 16;  // blocks that one Take may read
 constexpr std::string_view kBlanks = " \t";
 constexpr std::string_view kMark = "\xEF\xBB\xBF";  // that some editors begin a UTF-8 file with
 
@@ -95,19 +96,20 @@ std::string InputList::Open(const std::string& path) {
     return S_ISDIR(status.st_mode) ? path + " is a directory" : "";
 }
 
-bool InputList::Take(Request& request) {
-    for (;;) {
+InputList::Taken InputList::Take(Request& request) {
+    for (int reads = 0;;) {
         std::size_t end = rest_.find('\n', searched_);
         const bool whole = end != std::string::npos || file_ == -1;
         if (end == std::string::npos) end = rest_.size();
         const std::size_t length = end - begin_;
         if (!whole && length <= kLongestLine) {
             searched_ = end;
-            if (!CanBeRead(file_)) return false;
-            if (!Read(request)) return true;
+            if (!CanBeRead(file_)) return Taken::kNothing;
+            if (reads++ == kMostReads) return Taken::kMore;
+            if (!Read(request)) return Taken::kRequest;
             continue;
         }
-        if (begin_ == rest_.size()) return false;
+        if (begin_ == rest_.size()) return Taken::kNothing;
         const bool goesOn = std::exchange(skipping_, !whole);
         std::string_view line = std::string_view(rest_).substr(begin_, length);
         if (std::exchange(at_begin_, false) && line.starts_with(kMark)) {
@@ -119,7 +121,7 @@ bool InputList::Take(Request& request) {
             request.line = line.substr(0, kLongestLine + 1);  // is too long again
         }
         begin_ = searched_ = std::min(end + 1, rest_.size());
-        if (!goesOn && !request.address.empty()) return true;
+        if (!goesOn && !request.address.empty()) return Taken::kRequest;
     }
 }
 
@@ -171,10 +173,10 @@ void FailedList::Write() {
     if (!WriteAll(target_->Part(), std::exchange(lines_, {}))) written_ = false;
 }
 
-std::string FailedList::Close() {
+std::string FailedList::Close(bool sync) {
     if (!IsOpen()) return "";
     Write();
     const std::unique_ptr<Target> target = std::move(target_);
     if (!written_) return "cannot write all of " + target->PartPath();
-    return target->Store(-1, "").reason;
+    return target->Store(-1, "", sync).reason;
 }

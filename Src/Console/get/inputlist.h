@@ -30,9 +30,16 @@ class InputList : private Uncopyable {
     // Opens the list; "-" is standard input. Returns the fault in one line; empty when it is done.
     std::string Open(const std::string& path);
 
-    // Takes the next request. False when there is none now: then Ended tells whether there will be.
-    // A read that fails is the last request, without an address.
-    bool Take(Request& request);
+    enum class Taken {
+        kRequest,  // `request` is set
+        kNothing,  // nothing to read at present; Ended tells whether more can come
+        kMore,     // a bounded amount was read and held no request: call again
+    };
+
+    // Takes the next request. Reads a bounded amount, so that a list without a single request (a
+    // disk image, /dev/zero) cannot keep the caller. A read error is the last request, without an
+    // address.
+    Taken Take(Request& request);
 
     // Whether all requests have been taken. So it is with a list that was not opened.
     bool Ended() const { return file_ == -1 && begin_ == rest_.size(); }
@@ -70,8 +77,12 @@ class FailedList {
     // once, so the line may wait for them.
     void Add(const Request& request, bool more = false);
 
-    // Completes the list. Returns the fault in one line; empty when it is done or none is open.
-    std::string Close();
+    // Some requests could not be added: Close leaves "PATH.part" and the list that was there.
+    void Break() { written_ = false; }
+
+    // Completes the list; `sync`: waits until it is on the disk, which may take long. Returns the
+    // fault in one line; empty when it is done or none is open.
+    std::string Close(bool sync);
 
   private:
     void Write();

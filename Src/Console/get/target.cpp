@@ -174,7 +174,7 @@ bool Target::StillNamed() const {
            mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
 }
 
-Outcome Target::Store(double size, const std::string& sha256) {
+Outcome Target::Store(double size, const std::string& sha256, bool sync) {
     struct stat status {};
     if (fstat(file_, &status) != 0 || !StillNamed()) return Local(part_ + " was taken away");
     const auto bytes = static_cast<double>(status.st_size);
@@ -185,7 +185,7 @@ Outcome Target::Store(double size, const std::string& sha256) {
     }
     Outcome differs = DigestFault(file_, part_, sha256);
     if (differs.result != EndResult::kFinished) return differs;
-    if (fsync(file_) != 0) return Local(Fault("cannot write", part_, errno));
+    if (sync && fsync(file_) != 0) return Local(Fault("cannot write", part_, errno));
     std::string fault = Rename();
     if (!fault.empty()) return Local(std::move(fault));
     stored_ = true;

@@ -43,9 +43,9 @@ class Target : private Uncopyable {
     int Part() const { return file_; }
 
     // The final step: checks that the part holds `size` bytes (below 0: any) and has the digest
-    // (empty: any), brings it to the disk and renames it. May take long; one other thread may call
-    // it.
-    Outcome Store(double size, const std::string& sha256);
+    // (empty: any), renames it, with `sync` not before it is on the disk. May take long; one other
+    // thread may call it.
+    Outcome Store(double size, const std::string& sha256, bool sync = true);
 
     // Why a part of `size` bytes could not be completed, as far as the local side explains it; a
     // finished outcome when it does not.

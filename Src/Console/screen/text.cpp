@@ -77,19 +77,22 @@ int Width(std::string_view printable) {
 }
 
 std::string CutMiddle(std::string_view printable, int columns) {
+    columns = std::max(columns, 0);
     if (Width(printable) <= columns) return std::string(printable);
     const std::vector<Glyph> glyphs = Glyphs(printable);
     const std::string_view mark = columns >= 5 ? kCutMark : "";
-    int room = std::max(columns, 0) - static_cast<int>(mark.size());
+    int room = columns - static_cast<int>(mark.size());
     int headRoom = mark.empty() ? room : (room + 1) / 2;
     std::string head;
-    for (auto glyph = glyphs.begin(); glyph->columns <= headRoom; ++glyph) {
+    for (auto glyph = glyphs.begin(); glyph != glyphs.end() && glyph->columns <= headRoom;
+         ++glyph) {
         head += glyph->bytes;
         headRoom -= glyph->columns;
         room -= glyph->columns;
     }
     std::string tail;
-    for (auto glyph = glyphs.rbegin(); !mark.empty() && glyph->columns <= room; ++glyph) {
+    for (auto glyph = glyphs.rbegin();
+         !mark.empty() && glyph != glyphs.rend() && glyph->columns <= room; ++glyph) {
         tail.insert(0, glyph->bytes);
         room -= glyph->columns;
     }

@@ -18,7 +18,8 @@ std::string Printable(std::string_view bytes);
 // Columns that a printable text takes on a terminal.
 int Width(std::string_view printable);
 
-// The text in at most `columns` columns: begin and end with "..." between them when it is longer.
+// The text in at most `columns` columns; below 0 counts as 0. A longer one is cut in the middle,
+// with "..." there from 5 columns on.
 std::string CutMiddle(std::string_view printable, int columns);
 
 // The text in lines of at most `columns` columns, 2 or more. At least one line.
