@@ -25,20 +25,20 @@ install(TARGETS taskman_core common EXPORT taskman
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/taskman)
 install(EXPORT taskman NAMESPACE taskman:: DESTINATION ${package} FILE taskman-targets.cmake)
 configure_package_config_file(cmake/taskman-config.cmake.in
-  ${CMAKE_BINARY_DIR}/taskman-config.cmake INSTALL_DESTINATION ${package})
+  ${PROJECT_BINARY_DIR}/taskman-config.cmake INSTALL_DESTINATION ${package})
 write_basic_package_version_file(
-  ${CMAKE_BINARY_DIR}/taskman-config-version.cmake COMPATIBILITY SameMinorVersion)
+  ${PROJECT_BINARY_DIR}/taskman-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(
   FILES
-    ${CMAKE_BINARY_DIR}/taskman-config.cmake
-    ${CMAKE_BINARY_DIR}/taskman-config-version.cmake
+    ${PROJECT_BINARY_DIR}/taskman-config.cmake
+    ${PROJECT_BINARY_DIR}/taskman-config-version.cmake
   DESTINATION ${package})
 
 # pkg-config taskman
 set(pkgconfig ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH prefix_from_pkgconfig /${pkgconfig} /)
-configure_file(cmake/taskman.pc.in ${CMAKE_BINARY_DIR}/taskman.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/taskman.pc DESTINATION ${pkgconfig})
+configure_file(cmake/taskman.pc.in ${PROJECT_BINARY_DIR}/taskman.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/taskman.pc DESTINATION ${pkgconfig})
 
 install(FILES completions/taskman.bash RENAME taskman
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
@@ -52,13 +52,13 @@ install(FILES completions/taskman.fish
 # Installs a file as NAME.gz; without name and time inside, so that each build gives the same bytes.
 function(install_compressed file name directory)
   set(source ${PROJECT_SOURCE_DIR}/${file})
-  set(compressed ${CMAKE_BINARY_DIR}/share/${name}.gz)
+  set(compressed ${PROJECT_BINARY_DIR}/share/${name}.gz)
   add_custom_command(OUTPUT ${compressed}
     COMMAND gzip -9nc ${source} > ${compressed} DEPENDS ${source} VERBATIM)
   add_custom_target(${name}.gz ALL DEPENDS ${compressed})
   install(FILES ${compressed} DESTINATION ${directory})
 endfunction()
 
-file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/share)
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/share)
 install_compressed(docs/man/taskman.1 taskman.1 ${CMAKE_INSTALL_MANDIR}/man1)
 install_compressed(docs/man/tarnwick.8 tarnwick.8 ${CMAKE_INSTALL_MANDIR}/man8)
