@@ -12,10 +12,12 @@ using namespace test_support;
 
 namespace {
 
-void ExpectRefusal(const tagTaskInfo& task, const std::string& expected) {
+void ExpectRefusal(const tagTaskInfo& task, const std::string& expected, bool passes) {
     std::string reason;
-    EXPECT_EQ(-1, AddTask(task, reason)) << expected;
+    TaskRefusal refusal = TaskRefusal::kNone;
+    EXPECT_EQ(-1, AddTask(task, reason, &refusal)) << expected;
     EXPECT_EQ(expected, reason);
+    EXPECT_EQ(passes ? TaskRefusal::kLater : TaskRefusal::kNever, refusal) << expected;
 }
 
 void ExpectEnd(Course& course, int code, const std::string& remark) {
@@ -54,11 +56,11 @@ TEST(Manager, RefusesWhatItCannotAccept) {
     for (const auto& [reason, change] : rows) {
         tagTaskInfo task = campaign.Task(silent.Url());
         change(task);
-        ExpectRefusal(task, reason);
+        ExpectRefusal(task, reason, reason == used || reason.starts_with("another task"));
     }
     std::vector<Course*> others;
     while (others.size() < 7) others.push_back(&campaign.Add(silent.Url()));
-    ExpectRefusal(campaign.Task(silent.Url()), "all slots are taken");
+    ExpectRefusal(campaign.Task(silent.Url()), "all slots are taken", true);
     EXPECT_EQ(0, FreeSlotCount());
     EXPECT_EQ(-1, StopTask("nobody"));
     for (const std::string& name : {SectionName(getpid()), "sem." + live.id}) {
@@ -77,7 +79,7 @@ TEST(Manager, RefusesWhatItCannotAccept) {
     // The end of the manager finds workers that hang in a size probe.
     campaign.End();
     ExpectEnd(live, 8, "the worker did not stop by itself");
-    ExpectRefusal(campaign.Task(silent.Url()), "the task manager is not running");
+    ExpectRefusal(campaign.Task(silent.Url()), "the task manager is not running", false);
 }
 
 TEST(Manager, GivesUpWhatDoesNotAnswer) {
@@ -140,15 +142,19 @@ TEST(Manager, TakesNoTaskForAWhileWhenItsWorkersDoNotStart) {
         for (Course* course : courses) {
             ExpectEnd(*course, 7, "the worker ended before it took the task");
         }
-        ExpectRefusal(
-            campaign.Task("exit"),
-            "three workers ended before they took their task; no new one for ten seconds");
+        ExpectRefusal(campaign.Task("exit"),
+                      "three workers ended before they took their task; no new one for ten seconds",
+                      true);
+        EXPECT_EQ(0, FreeSlotCount());
     }
     const Campaign another;
+    EXPECT_EQ(8, FreeSlotCount());
     tagTaskInfo task = another.Task("exit");
     task.pfnStateCallback = nullptr;
     std::string reason;
     EXPECT_EQ(0, AddTask(task, reason)) << reason;
+    shm_unlink(SectionName(getpid()).c_str());
+    ExpectRefusal(another.Task("exit"), "the section has lost its name (RemoveIPC=?)", false);
 }
 
 TEST(Manager, HandsOverArgumentsAndNothingElse) {

@@ -27,6 +27,11 @@ void proc_child(int signal);
 // in one line, nothing is left behind then.
 int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory, std::string& strReason);
 
+// Whether a task that AddTask has refused may be added again as it is. kLater: what stood in its
+// way passes by itself - all slots are taken, its id or its file is another task's, workers end at
+// once, the system is short of memory, descriptors or room. kNever: everything else.
+enum class TaskRefusal { kNone, kNever, kLater };
+
 // Puts the task into a free slot and starts its worker. The record is copied; its callbacks are
 // called from the manager's scanner thread, with no lock held and signals blocked, and must return
 // soon and not throw; the final one of a task that has not ended when EndTaskManager gives it up
@@ -34,17 +39,20 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory, std:
 // may wait some seconds while the worker of another task hangs with that task's lock, and for as
 // long as the file system of the path does not answer.
 //
-// Returns 0; or -1 with the reason in one line, no callback comes then. Refused are: an id that is
+// Returns 0; or -1 with the reason in one line, no callback comes then. `refusal`, which may be
+// null, tells whether to try again later; kNone with 0. Refused are: an id that is
 // empty, longer than 63 bytes, not of letters, digits, "_" and "-", in use, a prefix of one in use
 // or the reverse; a command and kind that make neither a parse nor a download job; an address that
 // is not http or https; a path or a number of blocks that CheckTaskParam refuses; a path that a
-// live task writes; a text that fills its field; a ninth task; and every task for ten seconds when
-// three workers have ended within ten seconds without having taken theirs.
+// live task writes; a text that fills its field; a ninth task; every task for ten seconds when
+// three workers have ended within ten seconds without having claimed theirs; and every task when
+// the section has lost its name, by which workers find it: systemd removes the shared memory of a
+// user at logout unless RemoveIPC is off.
 //
 // The id names a semaphore, and is the application's to keep apart from those of other managers on
 // the machine: one that is in use there is taken over unseen. A path that ends in TASK_PART_ENDING
 // (othermanagers.h) is removed after a crash, unless somebody has the file locked.
-int AddTask(const tagTaskInfo& taskinfo, std::string& strReason);
+int AddTask(const tagTaskInfo& taskinfo, std::string& strReason, TaskRefusal* refusal = nullptr);
 
 // Asks a task to stop. It ends with code 8, or with the code it had reached before. A worker that
 // does not end within ten seconds is killed. Returns 0, or -1 when there is no such task.
@@ -78,8 +86,9 @@ std::string TaskRemark(const char* szTaskID);
 // in which its size became known reports its final code only, and the size is told here alone.
 double TaskFileSize(const char* szTaskID);
 
-// Number of further tasks that AddTask has room for now, 0 to 8; 0 while no manager runs. A slot is
-// free again when its task's final callback has returned and its worker process is gone.
+// Number of further tasks that AddTask has room for now, 0 to 8; 0 while no manager runs, and while
+// all tasks are refused because workers end at once. A slot is free again when its task's final
+// callback has returned and its worker process is gone.
 int FreeSlotCount();
 
 // Ends the manager: refuses new tasks, stops all, waits for their ends (at most 12 seconds, then
@@ -88,6 +97,11 @@ int FreeSlotCount();
 // then too, and no manager can be started any more. A manager that still runs when the process
 // exits is ended then; and the exit waits for an end that another thread is at.
 int EndTaskManager();
+
+// Kills all workers at once, of which each task's final callback follows as after any death. Does
+// nothing to one that AddTask is just starting. For an application that is to end without delay,
+// also while EndTaskManager waits on another thread.
+void KillWorkers();
 
 // A new id for a task: 30 characters, made of the process id, the time and 64 random bits. No two
 // calls on a machine give the same.

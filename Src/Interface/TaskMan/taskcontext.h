@@ -63,6 +63,11 @@ constexpr std::uint32_t FINAL_STATE_BITS =
     1U << DOWNLOAD_STATE_PARSE_FAIL | 1U << DOWNLOAD_STATE_DOWNLOAD_FAIL |
     1U << DOWNLOAD_STATE_STOPPED | 1U << DOWNLOAD_STATE_INFO_TOO_LONG;
 
+// Whether `code`, 0 to 31, is one with which a task ends.
+constexpr bool IsFinalCode(int code) {
+    return (FINAL_STATE_BITS >> code & 1U) != 0;
+}
+
 // One slot of the section. Constructor and destructor both write the defaults given here (zeros
 // where none is given), so that no password or signed address outlives a record in memory.
 struct tagTaskContext {

@@ -1,6 +1,9 @@
 // How a task enters the manager: its slot, its lock, its node, its worker.
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <memory>
@@ -19,8 +22,31 @@ namespace {
 
 constexpr mode_t kPrivate = 0600;
 
-bool IsFinal(int code) {
-    return (FINAL_STATE_BITS >> code & 1U) != 0;
+// A refusal on its way out of AddTask.
+struct Refused {
+    std::string reason;
+    TaskRefusal kind = TaskRefusal::kNone;
+};
+
+Refused Never(std::string reason) {
+    return {std::move(reason), TaskRefusal::kNever};
+}
+
+Refused Later(std::string reason) {
+    return {std::move(reason), TaskRefusal::kLater};
+}
+
+bool PassesByItself(int error) {
+    static constexpr int kShortages[] = {EAGAIN, ENOMEM, ENOSPC, EDQUOT, EMFILE, ENFILE, EINTR};
+    return std::find(std::begin(kShortages), std::end(kShortages), error) != std::end(kShortages);
+}
+
+// Whether workers can find the section. Other errors than ENOENT say nothing about the name.
+bool SectionHasName() {
+    const int descriptor = shm_open(SectionName(g_mainpid).c_str(), O_RDONLY, 0);
+    if (descriptor == -1) return errno != ENOENT;
+    close(descriptor);
+    return true;
 }
 
 void MarkAnswered(Watch& watch) {
@@ -50,7 +76,7 @@ void OnState(void* param, const char* szTaskID, std::int32_t nCode, double dValu
     if (watch.pfnStateCallback != nullptr) {
         watch.pfnStateCallback(watch.pCallbackParam, szTaskID, nCode, dValue, nTaskKind);
     }
-    if (IsFinal(nCode)) MarkDelivered(watch);
+    if (IsFinalCode(nCode)) MarkDelivered(watch);
 }
 
 void OnResult(void* param, const char* szTaskID, std::int32_t nCode, const char* szText,
@@ -63,20 +89,14 @@ void OnResult(void* param, const char* szTaskID, std::int32_t nCode, const char*
     MarkDelivered(watch);
 }
 
-// Takes a free slot for the task; null, with the reason, when there is none or when another task is
-// in the way.
-Watch* TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, std::string& strReason) {
+// Takes a free slot for the task, unless something is in its way.
+Refused TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, Watch*& taken) {
     Threading::AutoLock hold(&g_watch_mutex);
-    if (g_phase != ManagerPhase::kRunning) {
-        strReason = "the task manager is not running";
-        return nullptr;
-    }
-    if (Clock::now() < g_refuse_until) {
-        strReason = REFUSED_FOR_NOW;
-        return nullptr;
-    }
+    if (g_phase != ManagerPhase::kRunning) return Never("the task manager is not running");
+    if (Clock::now() < g_refuse_until) return Later(REFUSED_FOR_NOW);
+    if (!SectionHasName()) return Never("the section has lost its name (RemoveIPC=?)");
     const std::string id = FieldText(taskinfo.szTaskID);
-    Watch* taken = nullptr;
+    taken = nullptr;
     for (int i = 0; i < TASK_SLOT_COUNT; ++i) {
         Watch& watch = g_Watches[i];
         if (!watch.bUsed) {
@@ -84,17 +104,12 @@ Watch* TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, std::strin
             taken = &watch;
             watch.nTaskIndex = i;
         } else if (IdsCollide(watch.id, id)) {
-            strReason = "the task id is in use";
-            return nullptr;
+            return Later("the task id is in use");
         } else if (!path.empty() && watch.path == path) {
-            strReason = "another task writes this file";
-            return nullptr;
+            return Later("another task writes this file");
         }
     }
-    if (taken == nullptr) {
-        strReason = "all slots are taken";
-        return nullptr;
-    }
+    if (taken == nullptr) return Later("all slots are taken");
     g_TaskFileSize[taken->nTaskIndex] = 0.0;
     g_TaskEndTaken[taken->nTaskIndex] = false;
     taken->bUsed = true;
@@ -105,7 +120,7 @@ Watch* TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, std::strin
     taken->pCallbackParam = taskinfo.pCallbackParam;
     taken->pfnResultCallback = taskinfo.pfnResultCallback;
     taken->pfnStateCallback = taskinfo.pfnStateCallback;
-    return taken;
+    return {};
 }
 
 // Makes the task's semaphore anew: one that is found may have been left taken, or be a stranger's.
@@ -175,6 +190,29 @@ void StartWorker(Watch& watch, const std::string& program) {
     watch.claimedAt = Clock::now();
 }
 
+// Takes the task in; its worker is started then.
+Refused Admit(const tagTaskInfo& taskinfo) {
+    if (std::string reason = RefusalOf(taskinfo); !reason.empty()) return Never(std::move(reason));
+    Watch* watch = nullptr;
+    Refused refused = TakeSlot(taskinfo, OutputPath(taskinfo), watch);
+    if (refused.kind != TaskRefusal::kNone) return refused;
+    const int error = EnterTask(*watch, taskinfo);
+    std::string program;
+    {
+        Threading::AutoLock hold(&g_watch_mutex);
+        if (error != 0) {
+            FreeWatch(*watch);
+            refused = Later(SystemReason("cannot create the task's lock", error));
+            if (!PassesByItself(error)) refused.kind = TaskRefusal::kNever;
+            return refused;
+        }
+        program = g_worker_path;
+    }
+    StartScanner();
+    StartWorker(*watch, program);
+    return {};
+}
+
 }  // namespace
 
 void DeliverLast(Watch& watch) {
@@ -192,23 +230,9 @@ void DeliverLast(Watch& watch) {
     OnState(&watch, watch.id.c_str(), code, marked ? -1.0 : 0.0, watch.nTaskKind);
 }
 
-int AddTask(const tagTaskInfo& taskinfo, std::string& strReason) {
-    strReason = RefusalOf(taskinfo);
-    if (!strReason.empty()) return -1;
-    Watch* watch = TakeSlot(taskinfo, OutputPath(taskinfo), strReason);
-    if (watch == nullptr) return -1;
-    const int error = EnterTask(*watch, taskinfo);
-    std::string program;
-    {
-        Threading::AutoLock hold(&g_watch_mutex);
-        if (error != 0) {
-            strReason = SystemReason("cannot create the task's lock", error);
-            FreeWatch(*watch);
-            return -1;
-        }
-        program = g_worker_path;
-    }
-    StartScanner();
-    StartWorker(*watch, program);
-    return 0;
+int AddTask(const tagTaskInfo& taskinfo, std::string& strReason, TaskRefusal* refusal) {
+    Refused refused = Admit(taskinfo);
+    strReason = std::move(refused.reason);
+    if (refusal != nullptr) *refusal = refused.kind;
+    return refused.kind == TaskRefusal::kNone ? 0 : -1;
 }

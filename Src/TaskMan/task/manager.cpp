@@ -86,15 +86,12 @@ bool EndThreads() {
 
 // Kills the workers that are still there and waits until they are gone.
 void EndWorkers() {
-    const auto allGone = [] {
+    KillWorkers();
+    WaitFor(kWorkerPatience, [] {
         Threading::AutoLock hold(&g_watch_mutex);
-        return std::all_of(std::begin(g_Watches), std::end(g_Watches), [](const Watch& watch) {
-            if (!watch.bUsed || watch.process.Gone()) return true;
-            watch.process.Signal(SIGKILL);
-            return false;
-        });
-    };
-    WaitFor(kWorkerPatience, allGone);
+        return std::all_of(std::begin(g_Watches), std::end(g_Watches),
+                           [](const Watch& watch) { return !watch.bUsed || watch.process.Gone(); });
+    });
 }
 
 std::vector<Watch*> UsedWatches() {
@@ -216,9 +213,16 @@ double TaskFileSize(const char* szTaskID) {
 
 int FreeSlotCount() {
     Threading::AutoLock hold(&g_watch_mutex);
-    if (g_phase != ManagerPhase::kRunning) return 0;
+    if (g_phase != ManagerPhase::kRunning || Clock::now() < g_refuse_until) return 0;
     return static_cast<int>(std::count_if(std::begin(g_Watches), std::end(g_Watches),
                                           [](const Watch& watch) { return !watch.bUsed; }));
+}
+
+void KillWorkers() {
+    Threading::AutoLock hold(&g_watch_mutex);
+    for (const Watch& watch : g_Watches) {
+        if (watch.bUsed) watch.process.Signal(SIGKILL);
+    }
 }
 
 int EndTaskManager() {
