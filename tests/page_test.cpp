@@ -82,6 +82,7 @@ TEST(Page, EndsWithTheRightCodeForEveryAnswer) {
         {"cut off, then good", {torn, info}, "0 1 " + kInfoText, 2, kPage, 0, 2},
         {"fits", {Reply::Ok(most)}, "0 1 " + most, 1},
         {"too long", {Reply::Ok(most + "m")}, "0 16 ", 1},
+        {"endless", {Reply::Head("").Stream(200'000'000, most)}, "0 16 ", 1},
         {"too long, then no page", {Reply::Ok("status=fail&" + most), error}, "0 16 ", 4},
     };
     InParallel(std::size(rows), [&](std::size_t i) {

@@ -1,5 +1,6 @@
 #include "Tarnwick/pageresolution.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string_view>
@@ -80,6 +81,13 @@ long ResponseCode(CURL* curl) {
     return curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK ? code : 0;
 }
 
+// Whether writer_func has ended the transfer because the answer reached its bound. `result` is that
+// of the transfer.
+bool EndedAtBound(CURLcode result, const std::string& response) {
+    return result == CURLE_WRITE_ERROR && response.size() == kLongestResponse && !StopRequested() &&
+           !g_Exit;
+}
+
 // One stage's tries. kDone means that the answer, of code 200, is in `response`.
 TryStep Fetch(CURL* curl, const tagTaskContext& task, const std::string& address,
               std::string& response) {
@@ -89,7 +97,8 @@ TryStep Fetch(CURL* curl, const tagTaskContext& task, const std::string& address
     g_TryCount = 0;
     for (;;) {
         response.clear();
-        const bool transferred = curl_easy_perform(curl) == CURLE_OK;
+        const CURLcode result = curl_easy_perform(curl);
+        const bool transferred = result == CURLE_OK || EndedAtBound(result, response);
         const long code = ResponseCode(curl);
         if (transferred && code == 200) return TryStep::kDone;
         if (const TryStep step = EndedOrStopped(); step != TryStep::kAgain) return step;
@@ -192,8 +201,10 @@ std::string ParseDownloadUrl(void* curl, tagTaskContext* task) {
 
 int writer_func(void* data, int size, int nmemb, std::string& buffer) {
     const std::int64_t length = std::int64_t{size} * nmemb;
-    if (length > static_cast<std::int64_t>(kLongestResponse - buffer.size())) return -1;
-    if (length > 0) buffer.append(static_cast<const char*>(data), static_cast<std::size_t>(length));
-    if (StopRequested() || g_Exit) return -1;
+    const auto room =
+        static_cast<std::int64_t>(kLongestResponse - std::min(buffer.size(), kLongestResponse));
+    const std::int64_t taken = std::clamp<std::int64_t>(length, 0, room);
+    buffer.append(static_cast<const char*>(data), static_cast<std::size_t>(taken));
+    if (StopRequested() || g_Exit || length > room) return -1;
     return static_cast<int>(length);
 }

@@ -14,7 +14,8 @@
 // `curl` is a fresh handle of the caller, who only releases it afterwards. Job thread only.
 std::string ParseDownloadUrl(void* curl, tagTaskContext* task);
 
-// Write callback of the page fetch: appends size * nmemb bytes to `buffer`. Returns their number;
-// or -1, which breaks the transfer off, when a stop was asked or g_Exit is set (the bytes are
-// appended all the same), or when the buffer would grow beyond 64 MiB.
+// Write callback of the page fetch: appends the size * nmemb bytes at `data` to `buffer`, which
+// holds at most 64 MiB. Returns their number; or -1, which makes libcurl abort the transfer, when a
+// stop was requested or g_Exit is set (the bytes are appended all the same), or when they did not
+// all fit: the buffer is then full, and counts as the whole answer.
 int writer_func(void* data, int size, int nmemb, std::string& buffer);
