@@ -78,22 +78,24 @@ TEST(InfoFile, IsMadeKeptAndBroughtUpToDate) {
     EXPECT_EQ(g_FileSize, 10'000'000u);
     EXPECT_EQ(server.RequestCount(), 1u);
 
-    // A record that is refused; another, shorter address; and command 3, whatever there is.
+    // Another, shorter address: texts without an end and missing blocks do no harm, a missing or
+    // another path does, except with command 3.
     SetField(task.szOrgUrl, "http://page");
     SetField(task.szDownloadUrl, server.Url("/short"));
-    const std::string endless = make("").replace(80, 1024, 1024, 'u');
-    WriteFile(name, endless);
-    EXPECT_EQ(read(), "none");
-    EXPECT_FALSE(InitDownloadInfofile(&task));
-    EXPECT_EQ(ReadFile(name), endless);
-    for (const std::string& stored : {record.substr(0, 2640) + std::string(120, '7'), endless}) {
+    const auto update = [&](const std::string& stored) {
         WriteFile(name, stored);
-        EXPECT_TRUE(InitDownloadInfofile(&task));
-        EXPECT_EQ(ReadFile(name), make("/short"));
-        task.nCmd = TASK_CMD_DOWNLOAD_SECOND;
-    }
-    std::memset(task.szTaskID, 'i', sizeof task.szTaskID);
-    EXPECT_FALSE(InitDownloadInfofile(&task));
+        const bool updated = InitDownloadInfofile(&task);
+        EXPECT_EQ(ReadFile(name), updated ? make("/short") : stored);
+        return updated;
+    };
+    EXPECT_TRUE(update(make("").replace(80, 1024, 1024, 'u').substr(0, 2640)));
+    EXPECT_FALSE(update(record.substr(0, 2639)));
+    std::string others = record.substr(0, 2640) + std::string(120, '7');
+    EXPECT_TRUE(update(others));
+    EXPECT_FALSE(update(others.replace(2128, 512, 512, 'p')));
+    EXPECT_EQ(read(), "none");
+    task.nCmd = TASK_CMD_DOWNLOAD_SECOND;
+    EXPECT_TRUE(update(others));
 }
 
 TEST(Range, OneHeaderPerHandle) {

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Tarnwick/filesize.h"
@@ -55,18 +56,6 @@ bool Store(InfoFile file, const tagDownloadInfo& info) {
     return std::fclose(file.release()) == 0 && stored;
 }
 
-template <std::size_t Width>
-bool IsTerminated(const char (&field)[Width]) {
-    return strnlen(field, Width) < Width;
-}
-
-// Whether the task's texts fit the record.
-bool FitsRecord(const tagTaskContext& task) {
-    return IsTerminated(task.szTaskID) && IsTerminated(task.szOrgUrl) &&
-           IsTerminated(task.szDownloadUrl) &&
-           FieldText(task.szFilePath).size() < sizeof tagDownloadInfo::szFilePath;
-}
-
 // Whether the blocks of a file of this size can be described.
 bool HasPossibleMap(const tagDownloadInfo& info) {
     if (info.uFileSize == 0) return true;
@@ -74,21 +63,21 @@ bool HasPossibleMap(const tagDownloadInfo& info) {
            info.nBlockCount <= DOWNLOAD_MAX_BLOCKS;
 }
 
-// Whether the `length` bytes of a record that a file held are a record of this task. A text that is
-// not there in full is not compared.
+// Length of a record up to the end of its texts. What is stored in a file must have that much to be
+// brought up to date.
+constexpr std::size_t kTextsEnd = offsetof(tagDownloadInfo, uBlockStart);
+
+// Whether the record, of which the file held `length` bytes, is one of this task. A text that the
+// file did not hold in full is not compared.
 bool IsRecordOf(const tagTaskContext& task, const tagDownloadInfo& info, std::size_t length) {
-    if (!IsTerminated(info.szTaskID) || !IsTerminated(info.szOrgUrl) ||
-        !IsTerminated(info.szDownloadUrl) || !IsTerminated(info.szFilePath)) {
-        return false;
-    }
     const bool hasID = length >= offsetof(tagDownloadInfo, nBlockCount);
-    const bool hasPath = length >= offsetof(tagDownloadInfo, uBlockStart);
+    const bool hasPath = length >= kTextsEnd;
     return HasPossibleMap(info) &&
-           (!hasID || FieldText(info.szTaskID) == FieldText(task.szTaskID)) &&
-           (!hasPath || FieldText(info.szFilePath) == FieldText(task.szFilePath));
+           (!hasID || FieldView(info.szTaskID) == FieldView(task.szTaskID)) &&
+           (!hasPath || FieldView(info.szFilePath) == FieldView(task.szFilePath));
 }
 
-// Divides the file into blocks, all in 32 bits; without a size there are none.
+// Divides the file into blocks, in 32-bit arithmetic; without a size there are none.
 void SetBlockMap(tagDownloadInfo& info) {
     std::memset(info.uBlockStart, 0, sizeof info.uBlockStart);
     std::memset(info.uBlockPos, 0, sizeof info.uBlockPos);
@@ -103,18 +92,47 @@ void SetBlockMap(tagDownloadInfo& info) {
     info.uBlockEnd[info.nBlockCount - 1] = static_cast<std::uint32_t>(info.uFileSize - 1);
 }
 
-// Describes the task anew, with a size probe. False when what came out has no map.
+// Zero-fills `to`, then stores the text of `from`, which may fill it to the last byte.
+template <std::size_t Width, std::size_t From>
+void CopyText(char (&to)[Width], const char (&from)[From]) {
+    const std::string_view text = FieldView(from).substr(0, Width);
+    std::memset(to, 0, Width);
+    std::memcpy(to, text.data(), text.size());
+}
+
+// Fills the record from the task and a size probe. False when its blocks cannot be described.
 bool Describe(tagDownloadInfo& info, tagTaskContext* taskCon) {
-    SetField(info.szTaskID, FieldText(taskCon->szTaskID));
-    SetField(info.szOrgUrl, FieldText(taskCon->szOrgUrl));
-    SetField(info.szDownloadUrl, FieldText(taskCon->szDownloadUrl));
-    SetField(info.szFilePath, FieldText(taskCon->szFilePath));
+    CopyText(info.szTaskID, taskCon->szTaskID);
+    CopyText(info.szOrgUrl, taskCon->szOrgUrl);
+    CopyText(info.szDownloadUrl, taskCon->szDownloadUrl);
+    CopyText(info.szFilePath, taskCon->szFilePath);
     info.uFileSize = GetFileSize(nullptr, taskCon);
     info.nDownloadInfoTag = taskCon->nDownloadInfoTag;
     info.nBlockCount = static_cast<std::uint32_t>(taskCon->nBlockCount);
     if (!HasPossibleMap(info)) return false;
     SetBlockMap(info);
     return true;
+}
+
+bool Create(const std::string& name, tagTaskContext* taskCon) {
+    tagDownloadInfo info;
+    if (!Describe(info, taskCon)) return false;
+    InfoFile file = OpenInfoFile(name, "wb+");
+    return file && Store(std::move(file), info);
+}
+
+bool Update(const std::string& name, tagTaskContext* taskCon) {
+    InfoFile file = OpenInfoFile(name, "rb+");
+    if (!file) return false;
+    tagDownloadInfo info;
+    const std::size_t length = std::fread(&info, 1, sizeof info, file.get());
+    if (length < kTextsEnd || !IsRecordOf(*taskCon, info, length)) return false;
+    if (FieldView(info.szDownloadUrl) == FieldView(taskCon->szDownloadUrl)) {
+        g_FileSize = info.uFileSize;
+    } else if (!Describe(info, taskCon)) {
+        return false;
+    }
+    return Store(std::move(file), info);
 }
 
 struct FreeList {
@@ -145,26 +163,10 @@ tagDownloadInfo::~tagDownloadInfo() {
 }
 
 bool InitDownloadInfofile(tagTaskContext* taskCon) {
-    if (!FitsRecord(*taskCon)) return false;
+    if (FieldView(taskCon->szFilePath).size() >= sizeof tagDownloadInfo::szFilePath) return false;
     const std::string name = InfoFileName(*taskCon);
-    tagDownloadInfo info;
-    if (taskCon->nCmd == TASK_CMD_DOWNLOAD_SECOND || !sysutility::FileExists(name)) {
-        if (!Describe(info, taskCon)) return false;
-        InfoFile created = OpenInfoFile(name, "wb+");
-        return created && Store(std::move(created), info);
-    }
-
-    InfoFile file = OpenInfoFile(name, "rb+");
-    if (!file || std::fread(&info, sizeof info, 1, file.get()) != 1 ||
-        !IsRecordOf(*taskCon, info, sizeof info)) {
-        return false;
-    }
-    if (FieldText(info.szDownloadUrl) == FieldText(taskCon->szDownloadUrl)) {
-        g_FileSize = info.uFileSize;
-    } else if (!Describe(info, taskCon)) {
-        return false;
-    }
-    return Store(std::move(file), info);
+    const bool anew = taskCon->nCmd == TASK_CMD_DOWNLOAD_SECOND || !sysutility::FileExists(name);
+    return anew ? Create(name, taskCon) : Update(name, taskCon);
 }
 
 tagDownloadInfo* GetDownloadMapInfoFormDownloadInfoFile(tagTaskContext* taskCon) {
@@ -189,8 +191,8 @@ int Curl_SetHttpHead_Range(void* curl, unsigned long start, unsigned long count)
         Curl_ReleaseHttpHead_Range(curl);
         return -1;
     }
-    // The handle has let go of its former list, which is freed here. So is the list of a handle
-    // that is no more and had the same address.
+    // The handle no longer uses its previous list, which is freed here; or it was the list of an
+    // earlier handle at the same address.
     Threading::AutoLock hold(&Lists().lock);
     Lists().ofHandle[curl] = std::move(list);
     return 0;

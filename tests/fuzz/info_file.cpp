@@ -1,6 +1,7 @@
 // Download info files of any content, and tasks that meet them.
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -16,14 +17,14 @@ bool HasMap(std::uint64_t size, std::uint32_t blocks) {
     return size == 0 || (size <= UINT32_MAX && blocks >= 1 && blocks <= 10);
 }
 
-// The record in the task's file, which holds `bytes`; null when it has none in full.
+// The record in the task's file, which holds `bytes`; null when its texts are not there in full.
 std::unique_ptr<tagDownloadInfo> Read(tagTaskContext& task, const std::string& bytes) {
     std::unique_ptr<tagDownloadInfo> info(GetDownloadMapInfoFormDownloadInfoFile(&task));
-    if (!info || bytes.size() < sizeof *info) return nullptr;
-    Expect(std::memcmp(info.get(), bytes.data(), sizeof *info) == 0, "the file was read");
+    if (!info || bytes.size() < offsetof(tagDownloadInfo, uBlockStart)) return nullptr;
+    Expect(std::memcmp(info.get(), bytes.data(), std::min(bytes.size(), sizeof *info)) == 0,
+           "the file was read");
     Expect(FieldView(info->szTaskID) == FieldView(task.szTaskID), "the record is the task's");
     Expect(FieldView(info->szFilePath) == FieldView(task.szFilePath), "it has the task's path");
-    Expect(FieldView(info->szOrgUrl).size() < sizeof info->szOrgUrl, "its texts have ends");
     Expect(HasMap(info->uFileSize, info->nBlockCount), "it can have a map");
     return info;
 }
@@ -42,7 +43,7 @@ void Fuzz(Input input) {
     g_DownloadConfigPath = directory.Path();
     const auto flags = input.Take<std::uint8_t>();
     const bool anew = (flags & 1) != 0;
-    const bool fits = (flags & 6) == 0;
+    const bool fits = (flags & 2) == 0;
     tagTaskContext task;
     SetField(task.szTaskID, "fuzz");
     SetField(task.szDownloadUrl, "http://a/1");
@@ -68,7 +69,7 @@ void Fuzz(Input input) {
     Expect(done == (fits && (kept || renewed)), "what is sound is taken, all else refused");
     const std::string after = test_support::ReadFile(file);
     Expect(done ? after.size() == sizeof *stored : after == bytes, "what is refused stays");
-    Expect(!kept || bytes.starts_with(after), "so does a record that is right");
+    Expect(!kept || after.starts_with(bytes.substr(0, after.size())), "so does a right record");
     const auto made = Read(task, after);
     if (!done) return;
     Expect(made && g_FileSize == made->uFileSize, "the size is known");
