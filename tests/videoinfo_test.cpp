@@ -37,7 +37,9 @@ TEST(Format, ClosestToASize) {
     EXPECT_EQ(GetYoutubeVideoMapIDForSize(480, 300, "34/640x360,5/320x240"), "5");
     EXPECT_EQ(GetYoutubeVideoMapIDForSize(640, 360, "18/640x360,34/640x360"), "18");
     EXPECT_EQ(GetYoutubeVideoMapIDForSize(-1, -1, "34/640x360/9 ,\t5/320x240\n,"), "5");
-    EXPECT_EQ(GetYoutubeVideoMapIDForSize(1, 1, "1,2/,/3x3,,6/7x,8/axb,8/1xb,9/640x360"), "9");
+    EXPECT_EQ(GetYoutubeVideoMapIDForSize(1, 1, "1,2/,/3x3,,6/7x,8/x2,9/640x360"), "9");
+    EXPECT_EQ(GetYoutubeVideoMapIDForSize(1, 1, "7/640x360,8/axb"), "8");
+    EXPECT_EQ(GetYoutubeVideoMapIDForSize(1, 1, "5/wx240"), "5");
     // Areas have 32 bits: 50000 * 50000 is -1794967296.
     EXPECT_EQ(GetYoutubeVideoMapIDForSize(50000, 50000, "1/50000x40000,2/1x1"), "2");
 }

@@ -7,7 +7,6 @@
 
 #include "Tarnwick/videoinfo.h"
 #include "Tarnwick/youtubeutility.h"
-#include "common/decimal.h"
 #include "common/stringutility.h"
 
 namespace {
@@ -23,11 +22,6 @@ std::optional<Number> WholeNumber(std::string_view text) {
     return number;
 }
 
-// What stands behind the key that the line begins with; empty when it begins otherwise.
-std::string Value(const std::string& line, const std::string& key) {
-    return line.starts_with(key) ? line.substr(key.size()) : "";
-}
-
 VideoFormat& FormatOf(VideoPage& page, const std::string& id) {
     const auto found = std::find_if(page.formats.begin(), page.formats.end(),
                                     [&id](const VideoFormat& format) { return format.id == id; });
@@ -36,32 +30,25 @@ VideoFormat& FormatOf(VideoPage& page, const std::string& id) {
     return page.formats.back();
 }
 
-// The list: 34/640x360,5/320x240
-void ReadList(const std::string& list, VideoPage& page) {
-    for (const std::string& item : strutil::split(list, ",")) {
-        const std::vector<std::string> fields = strutil::split(strutil::trim(item), "/");
-        const std::string id = fields.empty() ? "" : strutil::trim(fields[0]);
+// Of several frames of a format the first counts.
+void NoteFormats(const std::vector<ListedFormat>& list, VideoPage& page) {
+    for (const ListedFormat& listed : list) {
+        const std::string id = strutil::trim(listed.id);
         if (id.empty()) continue;
         VideoFormat& format = FormatOf(page, id);
-        if (format.width || fields.size() < 2) continue;
-        const std::vector<std::string> sides = strutil::split(fields[1], "x");
-        if (sides.size() < 2) continue;
-        const auto width = LeadingNumber(sides[0]);
-        const auto height = LeadingNumber(sides[1]);
-        if (!width || !height) continue;
-        format.width = width;
-        format.height = height;
+        if (format.width || !listed.width || !listed.height) continue;
+        format.width = listed.width;
+        format.height = listed.height;
     }
 }
 
-// The map: 34|http://host/one,5|http://host/two. Of several entries with an id the first counts.
-void ReadMap(const std::string& map, VideoPage& page) {
+// Of several entries of a map with one id the first counts.
+void NoteAddresses(const std::vector<MapEntry>& map, VideoPage& page) {
     std::set<std::string> seen;
-    for (const std::string& item : strutil::split(map, ",")) {
-        const std::vector<std::string> parts = strutil::split(strutil::trim(item), "|");
-        const std::string id = parts.size() < 2 ? "" : strutil::trim(parts[0]);
+    for (const MapEntry& entry : map) {
+        const std::string id = strutil::trim(entry.id);
         if (id.empty() || !seen.insert(id).second) continue;
-        FormatOf(page, id).address = parts[1];
+        FormatOf(page, id).address = entry.address;
     }
 }
 
@@ -93,24 +80,16 @@ std::string ParseFrameSize(const std::string& text, FormatWish& wish) {
 
 VideoPage ReadVideoPage(const std::string& text) {
     VideoPage page;
-    std::vector<std::string> lines = strutil::split(text, "\r\n");
+    const std::vector<std::string> lines = TrimmedLines(text);
     if (lines.empty()) return page;
-    for (std::string& line : lines) line = strutil::trim(line);
-
-    std::string list;
+    NoteFormats(ReadFormatList(lines), page);
     std::string title;
     for (const std::string& line : lines) {
-        for (const std::string& key : {YOTUBE_FMT_LIST_PREFIX, YOTUBE_FMT_MAP_PREFIX}) {
-            if (list.empty()) list = Value(line, key);
-        }
-        if (std::string value = Value(line, YOTUBE_TITLE_PREFIX); !value.empty()) title = value;
-    }
-    ReadList(list, page);
-    for (const std::string& line : lines) {
-        ReadMap(Value(line, YOTUBE_FMT_URL_MAP_PREFIX), page);
-        const std::string thumbnail = Value(line, YOTUBE_THUMBNAIL_PREFIX);
+        if (std::string value = ValueOf(line, YOTUBE_TITLE_PREFIX); !value.empty()) title = value;
+        NoteAddresses(ReadAddressMap(ValueOf(line, YOTUBE_FMT_URL_MAP_PREFIX)), page);
+        const std::string thumbnail = ValueOf(line, YOTUBE_THUMBNAIL_PREFIX);
         if (!thumbnail.empty()) page.thumbnail = thumbnail;
-        const auto length = WholeNumber<std::uint64_t>(Value(line, YOTUBE_SECONDS_PREFIX));
+        const auto length = WholeNumber<std::uint64_t>(ValueOf(line, YOTUBE_SECONDS_PREFIX));
         if (length) page.length = length;
         ReadBareLine(line, page);
     }
@@ -122,23 +101,24 @@ VideoPage ReadVideoPage(const std::string& text) {
 }
 
 const VideoFormat* Choose(const VideoPage& page, const FormatWish& wish) {
-    const auto first = [&page](const auto& fits) -> const VideoFormat* {
-        const auto found =
-            std::find_if(page.formats.begin(), page.formats.end(),
-                         [&fits](const VideoFormat& f) { return !f.address.empty() && fits(f); });
-        return found == page.formats.end() ? nullptr : &*found;
-    };
-    if (!wish.Given()) return first([&](const VideoFormat& f) { return f.address == page.usual; });
-    std::string id = wish.id;
-    if (id.empty()) {
-        std::string list;
-        for (const VideoFormat& format : page.formats) {
-            if (format.address.empty() || !format.width) continue;
-            list += (list.empty() ? "" : ",") + format.id + "/" + std::to_string(*format.width) +
-                    "x" + std::to_string(*format.height);
+    const bool bySize = wish.id.empty() && wish.width > 0;
+    const VideoFormat* chosen = nullptr;
+    std::int64_t smallest = 0;
+    for (const VideoFormat& format : page.formats) {
+        if (format.address.empty()) continue;
+        if (!bySize) {
+            if (wish.id.empty() ? format.address == page.usual : format.id == wish.id) {
+                return &format;
+            }
+            continue;
         }
-        if (list.empty()) return nullptr;
-        id = GetYoutubeVideoMapIDForSize(wish.width, wish.height, list);
+        if (!format.width) continue;
+        const std::int64_t distance =
+            FrameDistance(*format.width, *format.height, wish.width, wish.height);
+        if (chosen == nullptr || distance < smallest) {
+            chosen = &format;
+            smallest = distance;
+        }
     }
-    return first([&id](const VideoFormat& format) { return format.id == id; });
+    return chosen;
 }
