@@ -1,16 +1,22 @@
 #include "Tarnwick/transfer.h"
 
+#include <strings.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "Tarnwick/jobstate.h"
 #include "Tarnwick/statereport.h"
 #include "common/fieldtext.h"
 #include "common/stringutility.h"
+
+// Not every system declares it.
+extern char** environ;
 
 int LoadCurlLib() {
     if (curl_global_init(CURL_GLOBAL_ALL) == CURLE_OK) return 0;
@@ -25,10 +31,17 @@ int UnLoadCurlLib() {
 }
 
 void IgnoreEnvironment() {
-    for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy",
-                             "ALL_PROXY", "no_proxy", "NO_PROXY", "SSLKEYLOGFILE"}) {
-        unsetenv(name);
+    constexpr std::string_view kSuffix = "_proxy";
+    std::vector<std::string> names = {"OPENSSL_CONF", "SSLKEYLOGFILE"};
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string_view text = *entry;
+        const std::string_view name = text.substr(0, text.find('='));
+        if (name.size() >= kSuffix.size() &&
+            strncasecmp(name.end() - kSuffix.size(), kSuffix.data(), kSuffix.size()) == 0) {
+            names.emplace_back(name);
+        }
     }
+    for (const std::string& name : names) unsetenv(name.c_str());
 }
 
 void SetProxy(CURL* curl, const tagTaskContext& task) {
@@ -53,6 +66,7 @@ void SetTimeouts(CURL* curl) {
 void FollowRedirects(CURL* curl) {
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 30L);
+    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
 }
 

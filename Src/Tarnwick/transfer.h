@@ -16,19 +16,22 @@ int LoadCurlLib();
 // Releases libcurl. Returns 0.
 int UnLoadCurlLib();
 
-// Takes the variables that libcurl and its TLS library obey out of the environment, those that name
-// proxies and the file that gets the keys of all connections: a worker is configured through its
-// slot only. Must run before other threads exist.
+// Removes from the environment what would configure a transfer past the slot: every variable that
+// names a proxy or exempts from one (those that end in "_proxy", in either case), OPENSSL_CONF, and
+// SSLKEYLOGFILE, the file that libcurl writes the keys of all connections to. Must run before
+// LoadCurlLib, and before other threads exist.
 void IgnoreEnvironment();
 
 // Sets the task's proxy on the handle when it uses one.
 void SetProxy(CURL* curl, const tagTaskContext& task);
 
-// Sets what bounds every transfer: 5 seconds to connect, and no low-speed break-off of libcurl's
-// own (the limit of 0 bytes per second is never undercut).
+// Sets the timeouts of every transfer: 5 seconds to connect (CURLOPT_CONNECTTIMEOUT), and a
+// low-speed limit of 0 bytes per second over 20 seconds, which no transfer falls below: stalls are
+// the progress callback's.
 void SetTimeouts(CURL* curl);
 
-// Follows redirects, at most 30, and none that leaves http and https.
+// Follows redirects, at most 30. The first address and all others are http or https only: libcurl
+// refuses any other before it connects.
 void FollowRedirects(CURL* curl);
 
 // Number of tries, or of seconds between them, for the number a slot holds: 0 to 3 stay, anything
