@@ -30,9 +30,10 @@ class OutputFile {
   public:
     ~OutputFile() { Close(); }
 
-    // Creates or empties the file. False when it cannot be opened, or when there is something that
-    // is neither a regular file nor a character device: a pipe without a reader would block the job
-    // for ever.
+    // Creates or truncates the file. False when it cannot be opened, or when the path names
+    // something that is neither a regular file nor a character device. A pipe would open, even
+    // without a reader, since the stream reads as well; the write that fills it would then block
+    // the job for ever.
     bool Open(const std::string& path) {
         struct stat status {};
         if (path.empty()) return false;
@@ -48,8 +49,9 @@ class OutputFile {
         return true;
     }
 
-    // Goes back to the first byte. What a full disk has not taken of the try before is given up: it
-    // comes again. False when the position cannot be set; a device without positions needs none.
+    // Goes back to the first byte. What the previous try could not write to a full disk is
+    // discarded: this try delivers it again. False when the position cannot be set; a device
+    // without positions needs none.
     bool Rewind() {
         static_cast<void>(std::fflush(stream_));
         return std::fseek(stream_, 0, SEEK_SET) == 0 || errno == ESPIPE;

@@ -37,8 +37,9 @@ std::uint64_t SecondsSince(std::uint64_t then, std::uint64_t now) {
     return (now - then) / 1000;
 }
 
-void Report(double tagTaskContext::*field, double value, tagDownloadStateCode code) {
-    assertion::Require(OwnsSlot(), "progress_callback", kWorkerSource, "false");
+void Report(double tagTaskContext::*field, double value, tagDownloadStateCode code,
+            int line = __builtin_LINE()) {
+    assertion::Require(OwnsSlot(), "progress_callback", kWorkerSource, "false", line);
     ReportValue(field, value, code);
 }
 
