@@ -1,21 +1,16 @@
 #include "Console/cli/options.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
-#include <iostream>
-#include <utility>
+#include <limits>
 
+#include "Console/cli/arguments.h"
 #include "Console/cli/outcome.h"
 #include "Console/get/digest.h"
 #include "Console/get/filename.h"
 #include "Console/screen/text.h"
 
 namespace {
-
-constexpr std::int32_t kLongestTimeout = 1'000'000;
-// Where the help tells what an option does; its lines have 80 columns.
-constexpr std::size_t kHelpColumn = 29;
 
 constexpr const char* kUsage =
     "Examples:\n"
@@ -65,121 +60,78 @@ constexpr const char* kInfoExits =
     "not resolved or has no such format, 6 stopped on request, 130 and 143\n"
     "interrupted.";
 
-// An option whose value is a text. An empty one, as of a variable that is not set, is no text: it
-// would pass for an option that was not given.
-void AddText(CLI::App& verb, const char* names, std::string& text, const char* form,
-             const char* what) {
-    verb.add_option(names, text, what)->option_text(form)->check([](const std::string& value) {
-        return value.empty() ? "the value is empty" : "";
-    });
+constexpr const char* kTopExamples =
+    "Examples:\n"
+    "  taskman top\n"
+    "  watch -n 5 taskman top --once\n"
+    "  taskman top --json | jq -r 'select(.state == \"downloading\").id'\n"
+    "\n"
+    "Shows what the managers of this user do: on a terminal again every second, until\n"
+    "q is pressed; else one table. Nothing is disturbed by it.\n";
+
+constexpr const char* kTopExits = "Exit status: 0 shown, 1 no such manager, 2 wrong usage.";
+
+constexpr const char* kStopExamples =
+    "Examples:\n"
+    "  taskman stop 000b356b03985b\n"
+    "  taskman stop --all\n"
+    "\n"
+    "Asks tasks of this user to stop; \"taskman top\" tells their ids. The beginning of\n"
+    "an id is enough when no other task's begins alike. A task stops within seconds.\n";
+
+constexpr const char* kStopExits =
+    "Exit status: 0 all were asked, 1 one was not found or not told apart, 2 wrong\n"
+    "usage.";
+
+constexpr const char* kCleanExamples =
+    "Examples:\n"
+    "  taskman clean -n\n"
+    "  taskman clean\n"
+    "\n"
+    "Removes what managers of this user that were killed have left: their sections\n"
+    "and locks, workers that go on for nobody, and the parts of their files. \"get\"\n"
+    "and \"info\" do the same when they start.\n";
+
+constexpr const char* kCleanExits =
+    "Exit status: 0 nothing is left, 2 wrong usage, 3 a part cannot be removed.";
+
+Option ProxyRow(ProxyRules& proxy) {
+    return {"-x,--proxy", "URL|@FILE|none",
+            "http, socks4, socks4a, socks5 or socks5h proxy,\n"
+            "[SCHEME://][USER[:PASSWORD]@]HOST[:PORT]; @FILE\n"
+            "reads it from the first line of a file, none\n"
+            "ignores the environment",
+            [&proxy](const std::string& text) { return proxy.Give(text); }};
 }
 
-// Options of all verbs that have tasks.
-void AddTaskOptions(CLI::App& verb, ProxyRules& proxy, std::string& worker) {
-    verb.add_option("-x,--proxy",
-                    "http, socks4, socks4a, socks5 or socks5h proxy,\n"
-                    "[SCHEME://][USER[:PASSWORD]@]HOST[:PORT]; @FILE\n"
-                    "reads it from the first line of a file, none\n"
-                    "ignores the environment")
-        ->option_text("URL|@FILE|none")
-        ->check([&proxy](const std::string& text) { return proxy.Give(text); });
-    AddText(verb, "--worker", worker, "PATH", "program of the workers");
+Option WorkerRow(std::string& worker) {
+    return {"--worker", "PATH", "program of the workers", Text(worker)};
 }
 
-// An option whose value is one of some words, which stand in the order of the values.
-template <class Value>
-void AddWord(CLI::App& verb, const char* name, Value& value, std::vector<std::string> words,
-             const std::string& what) {
-    std::string all = words.front();
-    for (std::size_t i = 1; i < words.size(); ++i) all += "|" + words[i];
-    verb.add_option(name, what)
-        ->option_text(all)
-        ->check([&value, words, all](const std::string& word) {
-            const auto found = std::find(words.begin(), words.end(), word);
-            if (found == words.end()) return "must be one of " + all;
-            value = static_cast<Value>(found - words.begin());
-            return std::string();
-        });
+Option SizeRow(FormatWish& format, const char* help, const char* excludes = nullptr) {
+    return {"--size", "WxH", help,
+            [&format](const std::string& size) { return ParseFrameSize(size, format); }, excludes};
 }
 
-CLI::Option* AddSize(CLI::App& verb, FormatWish& format, const std::string& what) {
-    return verb.add_option("--size", what)
-        ->option_text("WxH")
-        ->check([&format](const std::string& size) { return ParseFrameSize(size, format); });
+// One more text for which `fault` finds nothing wrong.
+Setter More(std::vector<std::string>& texts, std::string (*fault)(std::string_view)) {
+    return [&texts, fault](const std::string& value) {
+        texts.push_back(value);
+        return fault(value);
+    };
 }
 
-CLI::App* AddInfo(CLI::App& app, InfoOptions& info) {
-    CLI::App* verb = app.add_subcommand("info", kInfoExamples);
-    verb->group("");
-    verb->footer(kInfoExits);
-    verb->add_option("URL", info.address, "address of the page")->option_text(" ")->required();
-    AddSize(*verb, info.format, "choose the format whose frame comes closest");
-    CLI::Option* json =
-        verb->add_flag("--json", info.json, "print one JSON object")->option_text(" ");
-    verb->add_flag("--url", info.url, "print just the address of the chosen format")
-        ->option_text(" ")
-        ->excludes(json);
-    AddTaskOptions(*verb, info.proxy, info.worker);
-    return verb;
+// For an address: it is looked at when its turn comes.
+std::string NoFault(std::string_view) {
+    return "";
 }
 
-// Which files `taskman get` makes of what.
-void AddFileOptions(CLI::App& verb, GetOptions& get) {
-    verb.add_option("URL", get.addresses, "http or https addresses")->option_text("...");
-    AddText(verb, "-i,--input", get.input, "FILE", "list of more URLs; - is standard input");
-    verb.add_option("-o,--output", get.output, "name of the file (one URL only)")
-        ->type_name("FILE")
-        ->check([](const std::string& name) { return NameFault(name); });
-    AddText(verb, "-d,--dir", get.directory, "DIR", "directory for the files");
-    CLI::Option* force = verb.add_flag_callback(
-        "-f,--force", [&get] { get.existing = Existing::kReplace; }, "replace existing files");
-    force->option_text(" ");
-    verb.add_flag_callback(
-            "-s,--skip-existing", [&get] { get.existing = Existing::kSkip; },
-            "take existing files for finished ones")
-        ->option_text(" ")
-        ->excludes(force);
-    verb.add_option("--sha256", get.sha256, "SHA-256 digest of the file (one URL only)")
-        ->option_text("HEX")
-        ->check([](const std::string& digest) {
-            return IsDigest(digest) ? "" : "64 hexadecimal digits are needed";
-        });
-    verb.add_flag("--keep-part", get.keepPart, "keep the part of what did not finish");
-    AddText(verb, "--failed", get.failed, "FILE", "list what did not finish, as --input reads it");
-    CLI::Option* size =
-        AddSize(verb, get.format, "of a page: the format whose frame comes closest");
-    verb.add_option("--format", get.format.id, "of a page: the format of that id")
-        ->option_text("ID")
-        ->excludes(size)
-        ->check([](const std::string& id) { return id.empty() ? "an id is needed" : ""; });
+std::string DigestFault(std::string_view digest) {
+    return IsDigest(digest) ? "" : "64 hexadecimal digits are needed";
 }
 
-void AddDisplayOptions(CLI::App& verb, DisplayOptions& display) {
-    verb.add_flag("--json", display.json, "events for programs, one JSON object a line");
-    verb.add_flag("-q,--quiet", display.quiet, "tell failures only");
-    verb.add_flag("-v,--verbose", display.verbose, "tell what the workers report, too");
-    AddWord(verb, "--progress", display.progress, {"auto", "bar", "plain", "none"},
-            "how the progress is shown");
-    AddWord(verb, "--color", display.colour, {"auto", "always", "never"}, "when to use colours");
-}
-
-CLI::App* AddGet(CLI::App& app, GetOptions& get) {
-    CLI::App* verb = app.add_subcommand("get", kGetExamples);
-    verb->group("");  // the overview has a line of its own for it
-    verb->footer(kGetExits);
-    AddFileOptions(*verb, get);
-    AddNumber(*verb, "-j,--jobs", get.jobs, 1, 8, "files at once, 1 to 8 (4)")->option_text("N");
-    AddNumber(*verb, "--tries", get.tries.count, 1, 3, "tries without a byte, 1 to 3 (3)")
-        ->option_text("N");
-    AddNumber(*verb, "--wait", get.tries.seconds, 0, 3, "seconds between tries, 0 to 3 (1)")
-        ->option_text("SEC");
-    AddNumber(*verb, "--timeout", get.timeout, 0, kLongestTimeout,
-              "time for a server to tell the size of a file,\n"
-              "0 to 1000000 (30); 0 is for ever")
-        ->option_text("SEC");
-    AddTaskOptions(*verb, get.proxy, get.worker);
-    AddDisplayOptions(*verb, get.display);
-    return verb;
+std::string IdFault(std::string_view id) {
+    return id.empty() ? "an id is needed" : "";
 }
 
 // What is wrong with the options together; empty when nothing is.
@@ -190,41 +142,106 @@ std::string GetFault(const GetOptions& get) {
     return get.sha256.empty() ? "" : "--sha256 takes one URL only";
 }
 
-// The option that stands as "--name=": the parser would take the next argument for its value.
-// Empty: there is none.
-std::string EmptyValue(int argc, const char* const* argv) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
-        if (argument == "--") break;
-        if (argument.starts_with("--") && argument.find('=') == argument.size() - 1) {
-            return argument.substr(0, argument.size() - 1);
-        }
-    }
-    return "";
+VerbForm GetForm(Command& command) {
+    GetOptions& get = command.get;
+    DisplayOptions& display = get.display;
+    constexpr const char* kForms = "auto|bar|plain|none";
+    constexpr const char* kColours = "auto|always|never";
+    return {
+        "get [OPTIONS] [URL...]",
+        kGetExamples,
+        kGetExits,
+        {
+            {"URL", "...", "http or https addresses", More(get.addresses, NoFault)},
+            {"-i,--input", "FILE", "list of more URLs; - is standard input", Text(get.input)},
+            {"-o,--output", "FILE", "name of the file (one URL only)", Text(get.output, NameFault)},
+            {"-d,--dir", "DIR", "directory for the files", Text(get.directory)},
+            {"-f,--force", "", "replace existing files", Set(get.existing, Existing::kReplace),
+             "--skip-existing"},
+            {"-s,--skip-existing", "", "take existing files for finished ones",
+             Set(get.existing, Existing::kSkip)},
+            {"--sha256", "HEX", "SHA-256 digest of the file (one URL only)",
+             Text(get.sha256, DigestFault)},
+            {"--keep-part", "", "keep the part of what did not finish", Set(get.keepPart, true)},
+            {"--failed", "FILE", "list what did not finish, as --input reads it", Text(get.failed)},
+            SizeRow(get.format, "of a page: the format whose frame comes closest", "--format"),
+            {"--format", "ID", "of a page: the format of that id", Text(get.format.id, IdFault),
+             "--size"},
+            {"-j,--jobs", "N", "files at once, 1 to 8 (4)", Number(get.jobs, 1, 8)},
+            {"--tries", "N", "tries without a byte, 1 to 3 (3)", Number(get.tries.count, 1, 3)},
+            {"--wait", "SEC", "seconds between tries, 0 to 3 (1)", Number(get.tries.seconds, 0, 3)},
+            {"--timeout", "SEC",
+             "time for a server to tell the size of a file,\n0 to 1000000 (30); 0 is for ever",
+             Number(get.timeout, 0, 1'000'000)},
+            ProxyRow(get.proxy),
+            WorkerRow(get.worker),
+            {"--json", "", "events for programs, one JSON object a line", Set(display.json, true)},
+            {"-q,--quiet", "", "tell failures only", Set(display.quiet, true)},
+            {"-v,--verbose", "", "tell what the workers report, too", Set(display.verbose, true)},
+            {"--progress", kForms, "how the progress is shown", Word(display.progress, kForms)},
+            {"--color", kColours, "when to use colours", Word(display.colour, kColours)},
+        },
+        [&get] { return GetFault(get); }};
 }
 
-// An option was given more often than it takes values, or as the last argument without its value.
-std::string MismatchReason(const CLI::App& app, const std::string& last) {
-    for (const CLI::App* verb : app.get_subcommands()) {
-        for (const CLI::Option* option : verb->get_options()) {
-            if (option->get_items_expected_max() == 1 && option->count() > 1) {
-                return option->get_name() + ": given more than once";
-            }
-        }
-    }
-    return last + ": a value is missing";
+VerbForm InfoForm(Command& command) {
+    InfoOptions& info = command.info;
+    return {"info [OPTIONS] URL",
+            kInfoExamples,
+            kInfoExits,
+            {
+                {"URL", "", "address of the page", Text(info.address, NoFault)},
+                SizeRow(info.format, "choose the format whose frame comes closest"),
+                {"--json", "", "print one JSON object", Set(info.json, true), "--url"},
+                {"--url", "", "print just the address of the chosen format", Set(info.url, true)},
+                ProxyRow(info.proxy),
+                WorkerRow(info.worker),
+            },
+            [&info] { return info.address.empty() ? "URL is required" : ""; }};
 }
 
-// An argument was left over.
-std::string ExtraReason(const CLI::App& app) {
-    std::string extra;
-    for (const std::string& left : app.remaining(true)) {
-        if (extra = left; extra != "--") break;
-    }
-    if (extra.starts_with("-")) return "unknown option " + extra;
-    const bool verb = app.get_subcommands().empty();
-    return (verb ? "unknown verb \"" : "unexpected argument \"") + extra + "\"";
+VerbForm TopForm(Command& command) {
+    TopOptions& top = command.top;
+    return {"top [OPTIONS] [PID]",
+            kTopExamples,
+            kTopExits,
+            {
+                {"PID", "", "process id of the only manager to be shown",
+                 Number(top.manager, 1, std::numeric_limits<std::int32_t>::max())},
+                {"--once", "", "one table, also on a terminal", Set(top.once, true)},
+                {"--json", "", "once, one JSON object a line", Set(top.json, true)},
+            }};
 }
+
+VerbForm StopForm(Command& command) {
+    StopOptions& stop = command.stop;
+    return {
+        "stop [OPTIONS] [ID...]",
+        kStopExamples,
+        kStopExits,
+        {
+            {"ID", "...", "ids of tasks, or their beginnings", More(stop.ids, IdFault), "--all"},
+            {"--all", "", "every task of this user", Set(stop.all, true)},
+        },
+        [&stop] { return stop.ids.empty() && !stop.all ? "an ID is required, or --all" : ""; }};
+}
+
+VerbForm CleanForm(Command& command) {
+    return {"clean [OPTIONS]",
+            kCleanExamples,
+            kCleanExits,
+            {{"-n,--dry-run", "", "only tell what is there", Set(command.clean.lookOnly, true)}}};
+}
+
+constexpr struct {
+    const char* name;
+    Verb verb;
+    VerbForm (*form)(Command& command);
+} kVerbs[] = {
+    {"get", Verb::kGet, GetForm},       {"info", Verb::kInfo, InfoForm},
+    {"top", Verb::kTop, TopForm},       {"stop", Verb::kStop, StopForm},
+    {"clean", Verb::kClean, CleanForm},
+};
 
 int Refuse(const std::string& reason, const std::string& verb) {
     std::fprintf(stderr, "taskman: %s (see taskman%s --help)\n", text::Printable(reason).c_str(),
@@ -235,47 +252,33 @@ int Refuse(const std::string& reason, const std::string& verb) {
 }  // namespace
 
 std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& command) {
-    CLI::App app(kUsage, "taskman");
-    app.get_formatter()->column_width(kHelpColumn);
-    app.set_version_flag("--version", "taskman " TASKMAN_VERSION);
-    app.require_subcommand(0, 1);
-    const CLI::App* get = AddGet(app, command.get);
-    const CLI::App* info = AddInfo(app, command.info);
-    const std::pair<const CLI::App*, Verb> verbs[] = {
-        {get, Verb::kGet},
-        {info, Verb::kInfo},
-        {AddTop(app, command.top), Verb::kTop},
-        {AddStop(app, command.stop), Verb::kStop},
-        {AddClean(app, command.clean), Verb::kClean},
+    const std::vector<std::string> arguments(argv + std::min(argc, 2), argv + argc);
+    const std::string word = argc < 2 ? "--" : argv[1];
+    const auto print = [](const std::string& text) {
+        std::fputs(text.c_str(), stdout);
+        return EXIT_STATUS_FINISHED;
     };
-    const auto refuse = [&app](const std::string& reason) {
-        const auto parsed = app.get_subcommands();
-        return Refuse(reason, parsed.empty() ? "" : " " + parsed.front()->get_name());
-    };
-    const std::string empty = EmptyValue(argc, argv);
-    if (!empty.empty()) return Refuse(empty + ": the value is empty", "");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& asked) {
-        return app.exit(asked);
-    } catch (const CLI::ArgumentMismatch&) {
-        return refuse(MismatchReason(app, argv[argc - 1]));
-    } catch (const CLI::ConversionError&) {
-        return refuse("an option that takes no value has one");
-    } catch (const CLI::ExtrasError&) {
-        return refuse(ExtraReason(app));
-    } catch (const CLI::ParseError& error) {
-        return refuse(error.what());
+    if (word == "-h" || word == "--help") {
+        return print(HelpText(
+            {"[OPTIONS] [SUBCOMMAND]",
+             kUsage,
+             "",
+             {{"--version", "", "Display program version information and exit", nullptr}}}));
     }
-    if (app.get_subcommands().empty()) {
+    if (word == "--version") return print("taskman " TASKMAN_VERSION "\n");
+    if (word == "--") {
         std::fputs(kUsage, stderr);
         return EXIT_STATUS_USAGE;
     }
-    for (const auto& [app_of, verb] : verbs) {
-        if (app_of->parsed()) command.verb = verb;
+    for (const auto& [name, verb, form] : kVerbs) {
+        if (word != name) continue;
+        command.verb = verb;
+        bool help = false;
+        const VerbForm own = form(command);
+        const std::string fault = ParseArguments(own, arguments, help);
+        if (!fault.empty()) return Refuse(fault, std::string(" ") + name);
+        return help ? std::optional<int>(print(HelpText(own))) : std::nullopt;
     }
-    if (command.verb != Verb::kGet) return std::nullopt;
-    const std::string fault = GetFault(command.get);
-    if (fault.empty()) return std::nullopt;
-    return Refuse(fault, " get");
+    return Refuse(
+        word.starts_with("-") ? "unknown option " + word : "unknown verb \"" + word + "\"", "");
 }

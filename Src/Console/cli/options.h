@@ -7,8 +7,10 @@
 #include <vector>
 
 #include "Console/cli/proxy.h"
-#include "Console/cli/verboptions.h"
 #include "Console/get/target.h"
+#include "Console/others/clean.h"
+#include "Console/others/stop.h"
+#include "Console/others/top.h"
 #include "Console/page/pagetask.h"
 #include "Console/page/videopage.h"
 #include "Console/screen/display.h"
