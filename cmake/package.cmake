@@ -6,6 +6,7 @@ set(TASKMAN_MAINTAINER "taskman maintainers <taskman@example.org>" CACHE STRING
 set(documents ${CMAKE_INSTALL_DATADIR}/doc/taskman)
 install(FILES cmake/debian/copyright DESTINATION ${documents})
 install_compressed(cmake/debian/changelog changelog ${documents})
+install_compressed(CHANGELOG.md CHANGELOG.md ${documents})
 # CMake strips programs only.
 install(CODE "set(libraries ${CMAKE_INSTALL_LIBDIR})")
 install(CODE [[
