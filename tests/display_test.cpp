@@ -15,8 +15,8 @@
 #include "Console/screen/plaindisplay.h"
 #include "Console/screen/text.h"
 #include "TaskMan/taskcontext.h"
-#include "support/command_run.h"
 #include "support/http_server.h"
+#include "support/processes.h"
 
 using namespace test_support;
 

@@ -6,7 +6,7 @@
 
 #include "common/fieldtext.h"
 #include "support/http_server.h"
-#include "support/worker_run.h"
+#include "support/processes.h"
 
 namespace {
 
@@ -19,7 +19,7 @@ const std::string kInfoText = "status=ok\r\ntitle=A & B\r\nfmt_url_map=34|http";
 
 // Runs to the end and returns the codes and the text of the slot.
 std::string Outcome(WorkerRun& run) {
-    if (run.Run() != "exit 0") return run.End() + run.Errors();
+    if (run.Run() != "exit 0") return run.End() + run.Err();
     std::string outcome;
     for (int code = 0; code < 32; ++code) {
         if ((run.Slot().nStateBits >> code & 1U) != 0) outcome += std::to_string(code) + " ";
@@ -35,7 +35,7 @@ TEST(Page, AsksLikeABrowser) {
     std::fill_n(run.Slot().szVideoInfo, 200, 'x');
     EXPECT_EQ("0 1 " + kInfoText, Outcome(run));
     ASSERT_EQ(1U, server.RequestCount());
-    const std::string request = server.Requests()[0].text;
+    const std::string request = server.Requests()[0];
     EXPECT_EQ(
         "GET http://www.youtube.com/get_video_info?video_id=ID HTTP/1.1\r\n"
         "Host: www.youtube.com\r\n"

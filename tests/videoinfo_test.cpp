@@ -1,12 +1,12 @@
-// The information text, scraped from a page and read for a format. Fuzz targets compare both with
-// models. In the texts here "|" ends a line, and ";" stands for "|".
+// The information text, scraped from a page and read for a format. In the texts here "|" ends a
+// line, and ";" stands for "|".
 #include "Tarnwick/videoinfo.h"
 
 #include <gtest/gtest.h>
 
 #include "Tarnwick/youtubeutility.h"
 #include "common/stringutility.h"
-#include "text_support.h"
+#include "support/helpers.h"
 
 namespace {
 

@@ -1,10 +1,11 @@
 // Foreign texts on the side of the command: lines on a terminal, names of files, addresses.
 #include <cwchar>
+#include <set>
+#include <sstream>
 #include <vector>
 
-#include "Console/cli/proxy.h"
 #include "Console/get/filename.h"
-#include "Console/page/videopage.h"
+#include "Console/page/info.h"
 #include "Console/screen/bardisplay.h"
 #include "Console/screen/text.h"
 #include "Console/screen/utf8.h"
@@ -35,14 +36,14 @@ bool IsPlain(std::string_view text) {
     return true;
 }
 
-void CheckPrintable(const std::string& printable, std::uint8_t columns) {
+void CheckPrintable(const std::string& printable, int columns) {
     Expect(IsPlain(printable) && text::Printable(printable) == printable, "it is printable");
-    const std::string_view head = utf8::Head(printable, columns);
-    Expect(head.size() <= columns && printable.starts_with(head) && IsPlain(head), "so is a head");
+    const auto most = static_cast<std::size_t>(std::max(columns, 0));
+    const std::string_view head = utf8::Head(printable, most);
+    Expect(head.size() <= most && printable.starts_with(head) && IsPlain(head), "so is a head");
     const std::string cut = text::CutMiddle(printable, columns);
-    Expect(text::Width(cut) <= columns, "what is cut fits");
-    Expect(text::Width(text::PadLeft(cut, columns)) == columns, "and fills the columns");
-    const int screen = std::max<int>(columns, 2);
+    Expect(text::Width(cut) <= std::max(columns, 0), "what is cut fits");
+    const int screen = std::max(columns, 2);
     const FileView file{printable};
     Expect(text::Width(FileLine(file, screen, file.started)) <= screen, "a bar fits");
     std::string joined;
@@ -59,16 +60,22 @@ void CheckName(const std::string& name) {
     Expect(name.find('/') == std::string::npos && IsPlain(name), "it is plain, in its directory");
 }
 
-void CheckProxy(const std::string& address) {
-    Proxy proxy{"host", 1, 4, "user", "password"};
-    const bool read = ParseProxy(address, proxy).empty();
-    Expect(read || proxy.host + proxy.user + proxy.password == "hostuserpassword",
-           "faults change nothing");
-    Expect(proxy.host.find('@') == std::string::npos, "all of the credentials are taken off");
-    Expect(proxy.port >= 1 && proxy.port <= 65535, "the port is one");
-    Expect(std::max({proxy.host.size(), proxy.user.size(), proxy.password.size()}) < 128,
-           "it fits");
-    Expect((proxy.user + proxy.password).find('\0') == std::string::npos, "no zero ends a text");
+// The text as what a page tells.
+void CheckPage(const std::string& text) {
+    const VideoPage page = ReadVideoPage("status=ok\r\n" + text);
+    std::set<std::string> ids;
+    for (const VideoFormat& format : page.formats) {
+        Expect(!format.id.empty() && ids.insert(format.id).second, "each id stands there once");
+    }
+    const VideoFormat* closest = Choose(page, {"", 640, 360});
+    Expect(closest == nullptr || !closest->address.empty(), "what is chosen can be fetched");
+    std::istringstream table(PageTable(page, closest));
+    for (std::string line; std::getline(table, line);) {
+        Expect(text::Width(line) <= 80 && text::Printable(line) == line, "a line fits");
+    }
+    const std::string json = PageJson(page, closest);
+    const auto ascii = [](char c) { return c >= ' ' && c <= '~'; };
+    Expect(std::find_if_not(json.begin(), json.end(), ascii) == json.end() - 1, "JSON is a line");
 }
 
 }  // namespace
@@ -77,7 +84,7 @@ void Fuzz(Input input) {
     text::UseUtf8();
     const double number = Input(input).Take<double>();  // made of the same bytes
     Expect(text::Size(number).size() <= 10 && text::Clock(number).size() <= 8, "numbers fit");
-    const auto columns = input.Take<std::uint8_t>();
+    const int columns = input.Take<std::uint8_t>() - 8;
     const std::string text = input.Text();
     for (auto rest = text.begin(); rest != text.end(); ++rest) CheckFirst({rest, text.end()});
     CheckPrintable(text::Printable(text), columns);
@@ -85,9 +92,5 @@ void Fuzz(Input input) {
     CheckName(NameFromAddress("http://host/" + text));
     CheckName(NameFromTitle(text));
     Expect(!AddressFault(text).empty() || text.size() < 1024, "an address fits its field");
-    FormatWish wish{"", 1, 1};
-    ParseFrameSize(text, wish);
-    Expect(std::min(wish.width, wish.height) >= 1 && std::max(wish.width, wish.height) <= 32767,
-           "sides are in their range");
-    CheckProxy(text.c_str());  // arguments and variables of a process hold no zeros
+    CheckPage(text);
 }

@@ -1,4 +1,4 @@
-// Scraping the information text out of a page.
+// Scraping the information text out of a page, and reading it.
 #include "Tarnwick/videoinfo.h"
 #include "Tarnwick/youtubeutility.h"
 #include "fuzz.h"
@@ -7,22 +7,16 @@ void Fuzz(Input input) {
     g_DefaultTitle = "v";
     g_DefaultThumbnail = "http://t/v.jpg";
     const std::string page = input.Text();
-    const std::string text = ParseYoutubeInfo(page);
-    Expect(text.starts_with("status=ok\r\n"), "the page was read");
-
-    std::string parameters;
-    for (const std::string key : {"url_encoded_fmt_stream_map=", "fmt_map=", "fmt_url_map=",
-                                  "fmt_list=", "length_seconds=", "timestamp="}) {
-        const std::size_t begin = page.find("&amp;" + key);
-        const std::size_t end = page.find("&amp;", std::min(begin, page.size()) + 1);
-        if (begin == page.npos || end == page.npos) continue;
-        const std::string line = page.substr(begin + 5, end - begin - 5);
-        if (line != key) parameters += line + "\r\n";
+    for (const std::string& text : {ParseYoutubeInfo(page), "status=ok\r\n" + page}) {
+        std::string name = "-";
+        std::string address = "-";
+        const std::string found = ParseYoutubeVideoInfo(text, page.size() % 2 != 0, name, address);
+        Expect(address == (found.empty() ? "-" : found), "the address that was found is stored");
+        Expect(text.find(found) != text.npos, "it stands in the text");
+        Expect(name.find_first_of("/\\:*?\"<>|") == name.npos, "the name stays in its directory");
+        Expect(ParseYoutubeVideoInfo(text + "\nstatus=fail", false, name, address).empty(),
+               "nothing is taken from a page that failed");
     }
-    Expect(text.ends_with("\r\n" + parameters), "the player's parameters are its last lines");
-
-    // Whatever the page was, its text can be read.
-    std::string name;
-    std::string address;
-    Expect(ParseYoutubeVideoInfo(text, false, name, address) == address, "an address is stored");
+    Expect(GetYoutubeVideoMapIDForSize(50000, 40000, "2/50000x40001,3/50000x40000," + page) == "3",
+           "the first of the closest frames is chosen");
 }

@@ -6,10 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <list>
 #include <mutex>
 #include <random>
@@ -149,14 +146,9 @@ class Campaign {
         ++course.finals;
     }
 
-    // What this process has of things that may leak.
+    // What this process has of things that may leak: threads, descriptors, names.
     static std::string Held() {
-        const auto count = [](const char* directory) {
-            const std::filesystem::directory_iterator all(directory);
-            return std::to_string(std::distance(begin(all), end(all)));
-        };
-        std::string held =
-            count("/proc/self/task") + " threads, " + count("/proc/self/fd") + " files";
+        std::string held = NamesIn("/proc/self/task") + "; " + NamesIn("/proc/self/fd");
         const std::string lock = "sem." + MakeTaskID().substr(0, 6);  // the process id
         for (const std::string& name : platform::SharedMemoryNames()) {
             if (name == SectionName(getpid()) || name.find(lock) == 0) held += ", " + name;

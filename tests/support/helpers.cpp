@@ -10,21 +10,22 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
 namespace test_support {
 
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds deadline) {
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds deadline,
+               std::chrono::milliseconds pause) {
     const auto end = std::chrono::steady_clock::now() + deadline;
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= end) return condition();
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::this_thread::sleep_for(pause);
     }
     return true;
 }
@@ -55,28 +56,13 @@ void InChild(const std::function<void()>& body) {
     EXPECT_EQ(status, 0) << "as waitpid tells of the child";
 }
 
-std::vector<std::string> Environment(std::vector<std::string> settings) {
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string name(*entry, std::strcspn(*entry, "="));
-        const bool proxy = name.ends_with("_proxy") || name.ends_with("_PROXY");
-        if (!proxy) settings.push_back(*entry);
-    }
-    return settings;
-}
-
-std::vector<char*> Pointers(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts) pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 bool TakeOwnMounts() {
+    // As root there: what an ordinary user executes has none of its rights, and may not look at it.
     const std::string uid = std::to_string(getuid()), gid = std::to_string(getgid());
     if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWNS | CLONE_NEWUSER) == 0) {
         WriteFile("/proc/self/setgroups", "deny");
-        WriteFile("/proc/self/uid_map", uid + " " + uid + " 1");
-        WriteFile("/proc/self/gid_map", gid + " " + gid + " 1");
+        WriteFile("/proc/self/uid_map", "0 " + uid + " 1");
+        WriteFile("/proc/self/gid_map", "0 " + gid + " 1");
     }
     return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
@@ -92,6 +78,16 @@ int SemaphoreValue(const std::string& name) {
     sem_getvalue(semaphore, &value);
     sem_close(semaphore);
     return value;
+}
+
+std::string NamesIn(const std::string& directory) {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        names.insert(entry.path().filename());
+    }
+    std::string list;
+    for (const std::string& name : names) list += (list.empty() ? "" : " ") + name;
+    return list;
 }
 
 TempDir::TempDir() {
@@ -116,6 +112,19 @@ void WriteFile(const std::string& path, const std::string& bytes) {
 
 bool FileExists(const std::string& path) {
     return std::filesystem::exists(path);
+}
+
+std::string AssertionLine(const std::string& expression, const std::string& function,
+                          const std::string& source) {
+    std::string line = "^Assertion failed: (" + expression + "), function " + function + ", file " +
+                       source + ", line [0-9]+\\.\n$";
+    std::replace_if(
+        line.begin(), line.end(), [](char c) { return c == '(' || c == ')'; }, '.');
+    return line;
+}
+
+bool Has(const std::string& text, const std::string& part) {
+    return text.find(part) != text.npos;
 }
 
 std::string Repeated(int count, const std::string& text) {

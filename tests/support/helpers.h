@@ -9,10 +9,11 @@
 
 namespace test_support {
 
-// Waits until `condition` holds; false when it does not by the deadline, which is far beyond what
-// it takes: only a hang meets it.
+// Looks at `condition` again and again until it holds; false when it does not by the deadline,
+// which is far beyond what it takes: only a hang meets it.
 bool WaitUntil(const std::function<bool()>& condition,
-               std::chrono::milliseconds deadline = std::chrono::minutes(1));
+               std::chrono::milliseconds deadline = std::chrono::minutes(1),
+               std::chrono::milliseconds pause = std::chrono::milliseconds(5));
 
 // Calls run(0) to run(count - 1) on at most `width` threads at once and waits for all.
 void InParallel(std::size_t count, const std::function<void(std::size_t)>& run,
@@ -21,16 +22,6 @@ void InParallel(std::size_t count, const std::function<void(std::size_t)>& run,
 // Runs `body` in a forked child of a program that has one thread. What fails in the child is
 // printed there and fails the calling test, as does a child that does not end normally.
 void InChild(const std::function<void()>& body);
-
-// What a program is to be run with has to be ready before the fork: a child of a program with
-// threads may wait for ever for a lock that one of them had, that of the memory among them.
-
-// `settings`, each "NAME=value", and behind them, where they count no more, those of the test; not
-// its proxies.
-std::vector<std::string> Environment(std::vector<std::string> settings);
-
-// `texts`, which must outlive them, as `execve` takes them.
-std::vector<char*> Pointers(std::vector<std::string>& texts);
 
 // Gives this program, before it has a second thread, mounts that nobody else sees. False when the
 // kernel lets this user mount nothing.
@@ -43,6 +34,9 @@ std::string UniqueName(const std::string& stem = "test");
 // Value of the named semaphore; -1 when there is none.
 int SemaphoreValue(const std::string& name);
 
+// Names in a directory, sorted, with a blank between them.
+std::string NamesIn(const std::string& directory);
+
 // A directory that is removed, with all that is in it, at the end of its scope.
 class TempDir {
   public:
@@ -52,6 +46,7 @@ class TempDir {
     TempDir& operator=(const TempDir&) = delete;
 
     std::string Path(const std::string& name = "") const { return path_ + "/" + name; }
+    std::string Names() const { return NamesIn(path_); }
 
   private:
     std::string path_;
@@ -61,6 +56,12 @@ class TempDir {
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
 bool FileExists(const std::string& path);
+
+// Pattern of the line that a broken precondition prints.
+std::string AssertionLine(const std::string& expression, const std::string& function,
+                          const std::string& source);
+
+bool Has(const std::string& text, const std::string& part);
 
 // `text`, that many times.
 std::string Repeated(int count, const std::string& text);

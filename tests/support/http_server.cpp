@@ -104,7 +104,7 @@ std::string HttpServer::Url(const std::string& path) const {
     return "http://127.0.0.1:" + std::to_string(port_) + path;
 }
 
-std::vector<HttpServer::Request> HttpServer::Requests() const {
+std::vector<std::string> HttpServer::Requests() const {
     std::lock_guard hold(mutex_);
     return requests_;
 }
@@ -135,7 +135,7 @@ void HttpServer::Serve(int connection) {
     std::unique_lock hold(mutex_);
     if (!text.empty()) {
         const std::size_t number = requests_.size();
-        requests_.push_back({text, std::chrono::steady_clock::now()});
+        requests_.push_back(text);
         hold.unlock();
         for (const Reply::Step& step : script_(text, number).steps_) {
             if (!step(connection)) break;

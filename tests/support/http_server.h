@@ -47,10 +47,6 @@ class Reply {
 // thread of its own; all threads have ended when the destructor returns. Any thread may call.
 class HttpServer {
   public:
-    struct Request {
-        std::string text;  // to the byte, up to the empty line
-        std::chrono::steady_clock::time_point arrived;
-    };
     // Chooses the reply to a request from its text and its number, the first is 0. It is called on
     // the connection's thread.
     using Script = std::function<Reply(const std::string& request, std::size_t number)>;
@@ -62,7 +58,8 @@ class HttpServer {
     int Port() const { return port_; }
     // "http://127.0.0.1:PORT" and `path`.
     std::string Url(const std::string& path = "/file") const;
-    std::vector<Request> Requests() const;
+    // The requests, to the byte, each up to the empty line.
+    std::vector<std::string> Requests() const;
     std::size_t RequestCount() const { return Requests().size(); }
 
   private:
@@ -72,7 +69,7 @@ class HttpServer {
     const Script script_;
     int port_ = 0;
     mutable std::mutex mutex_;  // guards the next two
-    std::vector<Request> requests_;
+    std::vector<std::string> requests_;
     std::set<int> connections_;
     std::jthread acceptor_;
 };

@@ -1,5 +1,7 @@
 #include "Console/cli/proxy.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -19,7 +21,11 @@ struct Scheme {
     std::int32_t type;
 };
 constexpr Scheme kSchemes[] = {
-    {"http", 0}, {"socks4", 4}, {"socks5", 5}, {"socks4a", 6}, {"socks5h", 7},
+    {"http", CURLPROXY_HTTP},
+    {"socks4", CURLPROXY_SOCKS4},
+    {"socks5", CURLPROXY_SOCKS5},
+    {"socks4a", CURLPROXY_SOCKS4A},
+    {"socks5h", CURLPROXY_SOCKS5_HOSTNAME},
 };
 constexpr std::int32_t kUsualPort = 1080;
 
