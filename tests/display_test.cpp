@@ -74,14 +74,14 @@ TEST(DisplayPlain, TellsTheQuarters) {
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     PlainDisplay display(ends[1]);
     FileView file{.name = "f", .size = 2048, .speed = 1024};
-    display.Begin(file);
+    display.Started(file);
     for (const double percent : {24, 30, 49, 80, 90, 100}) {
         file.percent = percent;
         display.State(file, DOWNLOAD_STATE_PROGRESS, percent);
     }
-    display.End(file, {EndResult::kFinished, EXIT_STATUS_FINISHED, "", 2048, 4});
-    display.End(file, {EndResult::kFailed, EXIT_STATUS_FAILED, "why\n", 0, 1, 7, "HTTP 404"});
-    display.Close({5, 1, 1, 1, 1, 4, 2048}, 1);
+    display.Ended(file, {EndResult::kFinished, EXIT_STATUS_FINISHED, "", 2048, 4});
+    display.Ended(file, {EndResult::kFailed, EXIT_STATUS_FAILED, "why\n", 0, 1, 7, "HTTP 404"});
+    display.Finish({5, 1, 1, 1, 1, 4, 2048}, 1);
     char told[1000]{};
     EXPECT_GT(read(ends[0], told, sizeof told - 1), 0);
     EXPECT_STREQ(told,

@@ -27,7 +27,7 @@ std::string ProxyFor(const std::string& given, const std::string& address,
     }
     ProxyRules rules;
     Proxy proxy;
-    std::string fault = given.empty() ? "" : rules.Give(given);
+    std::string fault = given.empty() ? "" : rules.Set(given);
     if (fault.empty()) fault = rules.For(address, proxy);
     if (!fault.empty()) return fault.find("secret") != fault.npos ? fault : "fault";
     const auto& [host, port, type, user, password] = proxy;

@@ -10,7 +10,7 @@
 #include <system_error>
 #include <utility>
 
-#include "TaskMan/taskman.h"
+#include "TaskMan/manager.h"
 #include "common/AutoLock.h"
 
 WakePipe::WakePipe() : ends_{-1, -1} {
@@ -57,7 +57,7 @@ std::vector<Event> EventQueue::Take() {
 void EventQueue::OnState(void* queue, const char* szTaskID, std::int32_t nCode, double dValue,
                          std::int32_t /*nTaskKind*/) {
     Event event{Event::Kind::kState, szTaskID, nCode, dValue};
-    if ((FINAL_STATE_BITS >> nCode & 1U) != 0) {
+    if (IsFinalCode(nCode)) {
         event.remark = TaskRemark(szTaskID);
         event.size = TaskFileSize(szTaskID);
     }

@@ -2,18 +2,19 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <exception>
 
 #include "Console/cli/options.h"
 #include "Console/cli/outcome.h"
 #include "Console/get/get.h"
 #include "Console/page/info.h"
+#include "Console/screen/display.h"
 #include "Console/screen/text.h"
 
 namespace {
 
-// With a standard descriptor closed, the next file to be opened would become it, and be written to.
+// A standard descriptor that is closed would become the next file to be opened, and messages would
+// be written into that.
 void OpenStandardDescriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) == -1) static_cast<void>(open("/dev/null", O_RDWR));
@@ -46,7 +47,7 @@ int main(int argc, char** argv) {
         if (const auto status = ParseCommandLine(argc, argv, command)) return *status;
         return RunVerb(command);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "taskman: %s\n", error.what());
+        WriteAll(STDERR_FILENO, FaultLine(error.what()));
         return EXIT_STATUS_FAILED;
     }
 }

@@ -1,5 +1,7 @@
 #include "Console/cli/options.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <limits>
@@ -8,7 +10,6 @@
 #include "Console/cli/outcome.h"
 #include "Console/get/digest.h"
 #include "Console/get/filename.h"
-#include "Console/screen/text.h"
 
 namespace {
 
@@ -101,7 +102,7 @@ Option ProxyRow(ProxyRules& proxy) {
             "[SCHEME://][USER[:PASSWORD]@]HOST[:PORT]; @FILE\n"
             "reads it from the first line of a file, none\n"
             "ignores the environment",
-            [&proxy](const std::string& text) { return proxy.Give(text); }};
+            [&proxy](const std::string& text) { return proxy.Set(text); }};
 }
 
 Option WorkerRow(std::string& worker) {
@@ -244,8 +245,7 @@ constexpr struct {
 };
 
 int Refuse(const std::string& reason, const std::string& verb) {
-    std::fprintf(stderr, "taskman: %s (see taskman%s --help)\n", text::Printable(reason).c_str(),
-                 verb.c_str());
+    WriteAll(STDERR_FILENO, FaultLine(reason + " (see taskman" + verb + " --help)"));
     return EXIT_STATUS_USAGE;
 }
 

@@ -25,12 +25,13 @@ struct GetOptions {
     std::string failed{};     // list to be written of what did not finish; empty: none
     int jobs = 4;             // files at once, 1 to 8
     Existing existing = Existing::kRefuse;
-    bool keepPart = false;  // of a file that did not finish
+    bool keepPart = false;  // keep the part of a file that did not finish
     Tries tries{};
     std::int32_t timeout = 30;  // seconds until a server has told the size; 0: for ever
     std::string worker{};       // program of the workers; empty: looked for
     ProxyRules proxy{};
-    FormatWish format{};  // when given, the addresses are those of pages
+    FormatWish format{};       // when given, the addresses are those of pages
+    bool resolveOnly = false;  // the addresses are those of pages, of which no file is downloaded
     DisplayOptions display{};
 };
 

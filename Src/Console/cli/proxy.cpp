@@ -76,7 +76,7 @@ std::string ReadServer(std::string_view text, Proxy& proxy) {
     return "";
 }
 
-// The first of the variables that says something; a null name when none does.
+// The first of the environment variables that is not empty; a null name when there is none.
 struct Variable {
     const char* name = nullptr;
     std::string value{};
@@ -95,7 +95,7 @@ std::string Lower(std::string_view text) {
     return lower;
 }
 
-// The host of an address, without brackets and the final dot of a complete name.
+// The host of an address in lower case, without brackets and without the dot that may end a name.
 std::string HostOf(std::string_view address) {
     address.remove_prefix(address.find("://") + 3);
     address = address.substr(0, address.find_first_of("/?#"));
@@ -106,7 +106,7 @@ std::string HostOf(std::string_view address) {
     return Lower(address);
 }
 
-// Whether the list, with commas or blanks between its entries, names the host.
+// Whether an entry of the list, which commas or blanks separate, covers the host.
 bool NamesHost(const std::string& list, const std::string& host) {
     constexpr const char* kBetween = ", \t";
     for (std::size_t begin = 0; (begin = list.find_first_not_of(kBetween, begin)) != list.npos;) {
@@ -124,7 +124,8 @@ bool NamesHost(const std::string& list, const std::string& host) {
     return false;
 }
 
-// The first line of a file, without blanks around it.
+// Reads the first line of a file, without blanks around it. Returns the fault; empty when it is
+// read.
 std::string FirstLine(const std::string& path, std::string& line) {
     std::ifstream file(path);
     line.clear();
@@ -153,7 +154,7 @@ std::string ParseProxy(std::string_view address, Proxy& proxy) {
     return fault;
 }
 
-std::string ProxyRules::Give(const std::string& text) {
+std::string ProxyRules::Set(const std::string& text) {
     std::string address = text;
     if (text.starts_with('@')) {
         if (std::string fault = FirstLine(text.substr(1), address); !fault.empty()) return fault;
@@ -179,12 +180,12 @@ std::string ProxyRules::For(std::string_view address, Proxy& proxy) const {
     return fault.empty() ? "" : std::string("the environment's ") + named.name + ": " + fault;
 }
 
-void SetProxy(const Proxy& proxy, tagTaskInfo& task) {
-    if (proxy.host.empty()) return;
+void Proxy::Fill(tagTaskInfo& task) const {
+    if (host.empty()) return;
     task.bUseProxy = 1;
-    task.nProxyType = proxy.type;
-    task.nProxyPort = proxy.port;
-    SetField(task.szProxyHost, proxy.host);
-    SetField(task.szProxyUser, proxy.user);
-    SetField(task.szProxyPassword, proxy.password);
+    task.nProxyType = type;
+    task.nProxyPort = port;
+    SetField(task.szProxyHost, host);
+    SetField(task.szProxyUser, user);
+    SetField(task.szProxyPassword, password);
 }

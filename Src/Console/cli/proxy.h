@@ -13,6 +13,9 @@ struct Proxy {
     std::int32_t type = 0;  // libcurl's value for CURLOPT_PROXYTYPE
     std::string user{};
     std::string password{};
+
+    // Sets the proxy fields of a task; without a host they stay.
+    void Fill(tagTaskInfo& task) const;
 };
 
 // Reads an address of the schemes http (also when none is given), socks4, socks4a, socks5 and
@@ -23,12 +26,13 @@ std::string ParseProxy(std::string_view address, Proxy& proxy);
 // Which proxy an address goes through: the one that was given, or else what the environment says.
 // That is http_proxy or https_proxy by the scheme of the address, HTTPS_PROXY too (HTTP_PROXY is
 // what a CGI program's client may set), and all_proxy or ALL_PROXY for both; none for the hosts of
-// no_proxy or NO_PROXY: names, with all that end in "." and one of them, or "*" for every host.
+// no_proxy or NO_PROXY: host names, each of which also covers its subdomains, or "*" for every
+// host.
 class ProxyRules {
   public:
-    // Takes a proxy's address, "@FILE" for the one in the first line of that file, or "none".
-    // Returns the fault in one line; empty when that is settled.
-    std::string Give(const std::string& text);
+    // Sets the proxy for all addresses: a proxy's address, "@FILE" for the one in the first line of
+    // that file, or "none". Returns the fault in one line; empty when it is set.
+    std::string Set(const std::string& text);
 
     // Sets `proxy` for an address that has no AddressFault. Returns the fault in one line when the
     // environment names a proxy that cannot be used.
@@ -38,6 +42,3 @@ class ProxyRules {
     bool given_ = false;
     Proxy proxy_{};
 };
-
-// Fills the proxy fields of a task.
-void SetProxy(const Proxy& proxy, tagTaskInfo& task);

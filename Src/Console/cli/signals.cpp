@@ -5,7 +5,7 @@
 #include <atomic>
 #include <csignal>
 
-#include "TaskMan/taskman.h"
+#include "TaskMan/manager.h"
 
 namespace signals {
 namespace {
@@ -33,7 +33,7 @@ void OnSuspend(int /*signal*/) {
     suspended = true;
 }
 
-// An ignored signal would stay ignored in the workers; a handled one is theirs to decide.
+// A handler instead of SIG_IGN: workers would inherit the latter.
 void OnBrokenPipe(int /*signal*/) {}
 
 bool Ignored(int signal) {
@@ -56,19 +56,22 @@ void Handle(int signal, void (*handler)(int), int flags) {
 
 }  // namespace
 
-void Install(const WakePipe& wake) {
+const WakePipe& Install() {
+    static const WakePipe wake;
     wakePipe = &wake;
     Handle(SIGCHLD, proc_child, SA_RESTART | SA_NOCLDSTOP);
     Handle(SIGPIPE, OnBrokenPipe, SA_RESTART);
-    // A limit of file sizes is an error of the write that meets it, in the workers, too.
+    // A write beyond the limit of file sizes fails instead, also in the workers, which inherit
+    // this.
     Handle(SIGXFSZ, SIG_IGN, 0);
     Handle(SIGWINCH, OnScreen, SA_RESTART);
     Handle(SIGCONT, OnScreen, SA_RESTART);
-    // Not restarted: a write into a pipe that nobody reads must not outlast the wish to end.
+    // Without SA_RESTART: a write to a pipe that nobody reads must not keep the command.
     Handle(SIGTERM, OnStop, 0);
     for (const int signal : {SIGINT, SIGHUP}) {
         if (!Ignored(signal)) Handle(signal, OnStop, 0);
     }
+    return wake;
 }
 
 int StopSignal() {

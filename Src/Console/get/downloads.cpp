@@ -8,19 +8,20 @@
 #include <utility>
 
 #include "Console/cli/signals.h"
-#include "Console/screen/text.h"
-#include "TaskMan/taskman.h"
+#include "TaskMan/manager.h"
 
 namespace {
 
-// Files that are taken up before signals and the screen have their turn.
+// Files that are begun before signals and the display have their turn.
 constexpr int kMostAtOnce = 100;
-// Files that run: tasks, and those whose thread is on.
+// Files that run: those with a task and those with a helper thread.
 constexpr std::size_t kMostRunning = 3 * TASK_SLOT_COUNT;
 // Finished files that are remembered; some 40 bytes each.
 constexpr std::size_t kMostRemembered = 1'000'000;
 // For copying the rest of a list when the end is not to be held up.
 constexpr std::chrono::seconds kCopyTime{1};
+// For the manager to take a task while none runs.
+constexpr std::chrono::seconds kRefusalTime{30};
 
 std::size_t Hash(const std::string& path) {
     return std::hash<std::string>{}(path);
@@ -35,7 +36,7 @@ Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& fai
       failed_(failed),
       events_(events),
       display_(display),
-      print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json) {
+      print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json && !options.resolveOnly) {
     totals_.files = totals_.waiting = options.addresses.size();
 }
 
@@ -84,29 +85,42 @@ int Downloads::Awaits() const {
     return next_ == nullptr && HasRoom() ? list_.Descriptor() : -1;
 }
 
-// Takes the file over. False when the manager has no room after all: it keeps its turn.
+// Begins the file or reports why it cannot be begun; it is moved away then. False when the manager
+// does not take its task at present: it keeps its turn.
 bool Downloads::Start(File& file) {
-    std::optional<Outcome> end = file->Refusal();
-    if (!end && Claimed(*file)) {
-        end = {EndResult::kRefused, EXIT_STATUS_LOCAL,
-               "another URL of this command goes to " + file->View().path};
+    bool later = false;
+    std::optional<Outcome> end = Begin(*file, later);
+    if (later) {
+        const Clock::time_point now = Clock::now();
+        if (!refused_since_) refused_since_ = now;
+        // What stands in the way may never pass: with nothing else to wait for, give the file up.
+        if (!running_.empty() || now - *refused_since_ < kRefusalTime) return false;
     }
-    if (!end) end = file->Begin();
+    refused_since_.reset();
     if (end) {
-        if (end->status == EXIT_STATUS_FAILED && FreeSlotCount() == 0) return false;
         Report(std::move(file), std::move(*end));
         return true;
     }
     const FileView& view = file->View();
     const bool task = file->Now() == Fetch::Phase::kTask;
     running_[file->Id()] = std::move(file);
-    if (task) display_.Begin(view);
+    if (task) display_.Started(view);
     return true;
 }
 
-// Whether the command has finished the file, or downloads it, or uses one's name for the other's
-// part.
-bool Downloads::Claimed(const Fetch& file) const {
+// As Fetch::Begin, unless the outcome is known without it.
+std::optional<Outcome> Downloads::Begin(Fetch& file, bool& later) {
+    if (std::optional<Outcome> verdict = file.Verdict()) return verdict;
+    if (Collides(file)) {
+        return Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL,
+                       "another URL of this command goes to " + file.View().path};
+    }
+    return file.Begin(later);
+}
+
+// Whether this command already wrote this path or is writing it, or one file's final name is
+// another file's part.
+bool Downloads::Collides(const Fetch& file) const {
     const std::string& path = file.View().path;
     const std::string part = file.PartPath();
     if (part.empty()) return false;
@@ -131,13 +145,13 @@ void Downloads::Handle(const Event& event) {
     std::optional<Outcome> end;
     if (event.kind == Event::Kind::kEnd) {
         end = event.outcome;
-    } else if ((FINAL_STATE_BITS >> event.code & 1U) == 0) {
+    } else if (!IsFinalCode(event.code)) {
         file.NoteState(event);
         display_.State(file.View(), event.code, event.value);
         return;
     } else {
         end = file.NoteEnd(event, stopping_);
-        // With a remark it is the manager that ended the task.
+        // A remark means that the manager ended the task: its worker reported nothing.
         if (event.remark.empty()) display_.State(file.View(), event.code, event.value);
     }
     if (!end && file.Now() != Fetch::Phase::kIdle) return;
@@ -154,7 +168,7 @@ void Downloads::Report(File file, Outcome outcome) {
     const bool finished = outcome.result == EndResult::kFinished;
     const bool there = finished || outcome.result == EndResult::kSkipped;
     file->Release();
-    Tell(*file, std::move(outcome));
+    Count(*file, std::move(outcome));
     if (finished) {
         if (written_.size() == kMostRemembered) written_.clear();
         written_.insert(Hash(file->View().path));
@@ -163,13 +177,14 @@ void Downloads::Report(File file, Outcome outcome) {
 }
 
 void Downloads::PrintPath(const std::string& path) {
-    // Standard output may lead to the same screen.
+    // Standard output may be the same terminal.
     display_.Clear();
     std::string fault;
-    if (!Print(path + "\n", fault) && !fault.empty()) display_.Note("taskman: " + fault);
+    if (!Print(path + "\n", fault) && !fault.empty()) display_.Fault(fault);
 }
 
-void Downloads::Tell(const Fetch& file, Outcome outcome) {
+// Counts the file as ended and shows its end.
+void Downloads::Count(const Fetch& file, Outcome outcome) {
     outcome.seconds = file.Seconds();
     status_ = Combine(status_, outcome.status);
     ++totals_.ended;
@@ -188,7 +203,7 @@ void Downloads::Tell(const Fetch& file, Outcome outcome) {
             failed_.Add(file.Asked());
             break;
     }
-    display_.End(file.View(), outcome);
+    display_.Ended(file.View(), outcome);
 }
 
 std::size_t Downloads::Stop() {
@@ -199,15 +214,15 @@ std::size_t Downloads::Stop() {
     std::size_t asked = 0;
     for (auto it = running_.begin(); it != running_.end();) {
         Fetch& file = *it->second;
-        if (file.Now() == Fetch::Phase::kLooking) {
-            // The process ends by the signal, whatever the thread does then.
-            Tell(file, file.WithoutLook());
-            unseen_.push_back(std::move(it->second));
+        if (file.Now() == Fetch::Phase::kChecking) {
+            // The process ends by the signal, whatever the helper thread does then.
+            Count(file, file.UncheckedOutcome());
+            unchecked_.push_back(std::move(it->second));
             it = running_.erase(it);
             continue;
         }
         if (file.Now() == Fetch::Phase::kTask) StopTask(file.Id().c_str());
-        ++asked;  // those in their last step, too: they are waited for
+        ++asked;  // also a file that is being stored: it is waited for
         ++it;
     }
     return asked;
@@ -219,19 +234,18 @@ void Downloads::Abandon() {
     running_.clear();
     for (const File& file : resolved_) {
         file->Abandon();
-        Tell(*file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
+        Count(*file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
     }
     if (next_ != nullptr) next_->Abandon();
 }
 
 void Downloads::Finish(bool atOnce) {
-    list_.Finish();
-    // It may have its part already.
+    list_.StopWaiting();
     if (const File next = std::move(next_)) failed_.Add(next->Asked());
     CopyRest(atOnce);
-    const std::string fault = failed_.Close(!atOnce);
+    const std::string fault = failed_.Finish(!atOnce);
     if (fault.empty()) return;
-    display_.Note("taskman: " + text::Printable(fault));
+    display_.Fault(fault);
     status_ = Combine(status_, EXIT_STATUS_LOCAL);
 }
 

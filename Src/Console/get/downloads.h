@@ -1,56 +1,71 @@
-// The files of one `taskman get`: which run, which wait, and what became of the others.
+// The files of one `taskman get`: which run, which wait, and how the others ended.
 #pragma once
 
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_set>
 #include <vector>
 
 #include "Console/cli/events.h"
 #include "Console/cli/options.h"
-#include "Console/cli/session.h"
 #include "Console/get/fetch.h"
 #include "Console/get/inputlist.h"
 #include "Console/screen/display.h"
 
 // Works on the main thread. The manager runs from the first StartNext until the last task has ended
-// or Abandon was called. Files are taken up when there is room for them and forgotten when they
-// have ended, so a list may be of any length.
-class Downloads : public Work {
+// or Abandon was called. A request is read when there is room for its file, and forgotten when the
+// file has ended, so a list may be of any length.
+class Downloads : private Uncopyable {
   public:
     // The references outlive the object. `list` is read after the addresses of the options.
     Downloads(const GetOptions& options, InputList& list, FailedList& failed, EventQueue& events,
               Display& display);
 
     // Begins files in their order while fewer than the wanted number run and the manager has room.
-    bool StartNext() override;
-    int Awaits() const override;
-    void Handle(const Event& event) override;
-    std::size_t Stop() override;
+    // Returns whether it stopped before that, to let signals and the display have their turn.
+    bool StartNext();
 
-    // Removes the parts and the locks' names.
-    void Abandon() override;
+    // The descriptor of the list while a request could be begun as soon as the list has one; else
+    // -1.
+    int Awaits() const;
 
-    // Completes the list of what did not finish. `atOnce`: nothing may hold up the end.
-    void Finish(bool atOnce) override;
-    bool Done() const override;
-    ExitStatus Status() const override { return status_; }
-    const Totals& Counts() const override { return totals_; }
-    std::vector<const FileView*> Running() const override;
+    // Acts on one event from the queue.
+    void Handle(const Event& event);
+
+    // Begins nothing more and asks every running task to stop. Returns how many files are waited
+    // for.
+    std::size_t Stop();
+
+    // For an end that waits for nothing: removes the parts and the names of the tasks' locks, and
+    // reports these files as stopped. Only Finish, Status and Counts may be called afterwards.
+    void Abandon();
+
+    // Completes the list of what did not finish; also after Abandon, and when no manager could be
+    // started. `atOnce`: nothing may hold up the end.
+    void Finish(bool atOnce);
+
+    // Whether nothing runs and nothing will be begun.
+    bool Done() const;
+
+    ExitStatus Status() const { return status_; }
+    const Totals& Counts() const { return totals_; }
+    std::vector<const FileView*> Running() const;
 
   private:
     using File = std::unique_ptr<Fetch>;
 
     InputList::Taken TakeRequest(Request& request);
     bool HasRoom() const;
-    void CopyRest(bool atOnce);
     bool Start(File& file);
-    bool Claimed(const Fetch& file) const;
+    std::optional<Outcome> Begin(Fetch& file, bool& later);
+    bool Collides(const Fetch& file) const;
     void Report(File file, Outcome outcome);
     void PrintPath(const std::string& path);
-    void Tell(const Fetch& file, Outcome outcome);
+    void Count(const Fetch& file, Outcome outcome);
+    void CopyRest(bool atOnce);
 
     const GetOptions& options_;
     InputList& list_;
@@ -58,11 +73,12 @@ class Downloads : public Work {
     EventQueue& events_;
     Display& display_;
     std::size_t taken_ = 0;                      // addresses of the options
-    File next_{};                                // taken, not begun
-    std::map<std::string, File> running_{};      // by their ids; something is on
-    std::deque<File> resolved_{};                // the second task comes next
-    std::vector<File> unseen_{};                 // reported at a stop without waiting for the look
+    File next_{};                                // read, not begun
+    std::map<std::string, File> running_{};      // by their ids; a task or a helper thread runs
+    std::deque<File> resolved_{};                // pages whose file is to be downloaded next
+    std::vector<File> unchecked_{};              // reported at a stop, their checks still run
     std::unordered_set<std::size_t> written_{};  // hashes of the paths of the last finished files
+    std::optional<Clock::time_point> refused_since_{};  // the manager takes no task
     Totals totals_{};
     ExitStatus status_ = EXIT_STATUS_FINISHED;
     bool stopping_ = false;

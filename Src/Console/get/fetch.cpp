@@ -11,7 +11,7 @@
 #include "Console/page/pagetask.h"
 #include "Console/page/videopage.h"
 #include "Console/screen/text.h"
-#include "TaskMan/taskman.h"
+#include "TaskMan/manager.h"
 #include "common/fieldtext.h"
 
 namespace {
@@ -31,13 +31,13 @@ std::string BaseName(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-// A value from another process.
-double Sane(double value, double most) {
+// Clamps what another process wrote to [0, most]; NaN becomes 0.
+double Clamped(double value, double most) {
     return value >= 0 ? std::min(value, most) : 0;
 }
 
-// The path as it is to stand in a task, so that its part is found again from every directory:
-// absolute, unless the task would be refused for that.
+// The path for a task's slot: absolute, so that a sweep finds the part from any directory, unless
+// the task would be refused for that.
 std::string FindablePath(const std::string& path) {
     std::error_code error;
     std::string absolute = std::filesystem::absolute(path, error);
@@ -48,34 +48,41 @@ std::string FindablePath(const std::string& path) {
 
 }  // namespace
 
+void HelperThread::Start(EventQueue& events, const std::string& id, std::function<Outcome()> work) {
+    thread_ = std::thread([&events, id, work = std::move(work)] {
+        Event event{Event::Kind::kEnd, id};
+        event.outcome = work();
+        events.Add(std::move(event));
+    });
+}
+
+void HelperThread::Join() {
+    if (thread_.joinable()) thread_.join();
+}
+
 Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events)
     : request_(std::move(request)),
       options_(options),
       events_(events),
-      page_(options.format.Given()) {
+      page_(options.format.Given() || options.resolveOnly) {
     view_.address = request_.address;
     fault_ = request_.fault;
-    if (fault_.empty()) Plan();
+    if (fault_.empty()) ReadAddress();
     if (!fault_.empty() || page_) {
         const std::string& text = view_.address.empty() ? request_.name : view_.address;
         view_.name = text::CutMiddle(text::Printable(text), kMostOfAddress);
     } else {
-        Aim(NameFromAddress(view_.address));
+        SetPath(NameFromAddress(view_.address));
     }
 }
 
-Fetch::~Fetch() {
-    if (thread_.joinable()) thread_.join();
-}
-
-// Looks at the address.
-void Fetch::Plan() {
+void Fetch::ReadAddress() {
     fault_ = AddressFault(view_.address);
     if (fault_.empty()) fault_ = options_.proxy.For(view_.address, proxy_);
 }
 
-// Sets the path of the file, which gets `name` unless the user has named it.
-void Fetch::Aim(const std::string& name) {
+// `name` is what the address or the page makes of it; the user's own goes first.
+void Fetch::SetPath(const std::string& name) {
     const std::string& wanted = request_.name.empty() ? name : request_.name;
     target_ = std::make_unique<Target>(Join(options_.directory, wanted), options_.existing,
                                        options_.keepPart);
@@ -88,59 +95,67 @@ std::string Fetch::PartPath() const {
     return target_->PartPath();
 }
 
-std::optional<Outcome> Fetch::Refusal() const {
+std::optional<Outcome> Fetch::Verdict() const {
     if (!fault_.empty()) return Outcome{EndResult::kRefused, EXIT_STATUS_USAGE, fault_};
     if (target_ == nullptr || !target_->Skips() || !request_.sha256.empty()) return std::nullopt;
     return target_->Skip("");
 }
 
-std::optional<Outcome> Fetch::Begin() {
+std::optional<Outcome> Fetch::Begin(bool& later) {
     id_ = MakeTaskID();
     if (target_ != nullptr && !target_->IsOpen()) {
         if (target_->Skips()) {
-            without_look_ = {EndResult::kStopped, EXIT_STATUS_STOPPED};
-            Run(Phase::kLooking, [this] { return target_->Skip(request_.sha256); });
+            Check({EndResult::kStopped, EXIT_STATUS_STOPPED},
+                  [target = target_.get(), sha256 = request_.sha256] {
+                      return target->Skip(sha256);
+                  });
             return std::nullopt;
         }
         std::string fault = target_->Open();
-        if (!fault.empty()) {
-            return Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL, std::move(fault)};
-        }
+        if (!fault.empty()) return Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL, fault};
     }
     std::string reason;
-    if (!AddTaskFor(reason)) return Outcome{EndResult::kRefused, EXIT_STATUS_FAILED, reason};
+    TaskRefusal refusal{};
+    if (!AddTaskFor(reason, refusal)) {
+        later = refusal == TaskRefusal::kLater;
+        return Outcome{EndResult::kRefused, EXIT_STATUS_FAILED, reason};
+    }
     phase_ = Phase::kTask;
     view_.id = id_;
     view_.started = Clock::now();
     return std::nullopt;
 }
 
-bool Fetch::AddTaskFor(std::string& reason) {
-    if (page_) return AddPageTask(id_, view_.address, proxy_, options_.tries, events_, reason);
+bool Fetch::AddTaskFor(std::string& reason, TaskRefusal& refusal) {
     tagTaskInfo task = NewTask(id_, proxy_, options_.tries, events_);
-    SetField(task.szDownloadUrl, view_.address);
-    SetField(task.szFilePath, FindablePath(target_->PartPath()));
-    task.nCmd = TASK_CMD_DOWNLOAD;
-    task.nBlockCount = kBlocks;
-    return AddTask(task, reason) == 0;
+    if (page_) {
+        SetField(task.szOrgUrl, view_.address);
+        task.nCmd = TASK_CMD_PARSE;
+    } else {
+        SetField(task.szDownloadUrl, view_.address);
+        SetField(task.szFilePath, FindablePath(target_->PartPath()));
+        task.nCmd = TASK_CMD_DOWNLOAD;
+        task.nBlockCount = kBlocks;
+    }
+    return AddTask(task, reason, &refusal) == 0;
 }
 
 void Fetch::NoteState(const Event& event) {
     switch (event.code) {
         case DOWNLOAD_STATE_FILE_SIZE:
-            view_.size = Sane(event.value, 1e18);
+            view_.size = Clamped(event.value, 1e18);
             break;
         case DOWNLOAD_STATE_DOWNLOAD_START:
             if (view_.answered) StartOver();
             break;
         case DOWNLOAD_STATE_PROGRESS: {
-            const double percent = Sane(event.value, 100);
+            const double percent = Clamped(event.value, 100);
             if (percent < view_.percent) StartOver();
             view_.percent = percent;
             break;
         }
         case DOWNLOAD_STATE_SPEED:
-            view_.speed = Sane(event.value, 1e12);
+            view_.speed = Clamped(event.value, 1e12);
             break;
         default:
             break;
@@ -163,42 +178,69 @@ std::optional<Outcome> Fetch::NoteEnd(const Event& event, bool stopping) {
     phase_ = Phase::kIdle;
     if (event.size > 0) view_.size = event.size;
     if (event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH) {
-        view_.answered = true;
-        view_.percent = 100;
-        Run(Phase::kLast, [this, size = view_.size] {
-            Outcome outcome = target_->Store(size, request_.sha256);
-            outcome.code = DOWNLOAD_STATE_DOWNLOAD_FINISH;
-            return outcome;
-        });
+        Store();
         return std::nullopt;
     }
-    Outcome failure{EndResult::kStopped, EXIT_STATUS_STOPPED};
-    failure.code = event.code;
-    if (stopping) return failure;
+    if (stopping) {
+        Outcome stopped{EndResult::kStopped, EXIT_STATUS_STOPPED};
+        stopped.code = event.code;
+        return stopped;
+    }
     if (page_ && event.code == DOWNLOAD_STATE_PARSE_FINISH) return TakePage(event);
-    failure = page_ ? PageFailure(view_.address, event) : DownloadFailure(event);
-    // Of what the server may be the cause the codes say nothing more.
-    const bool servers =
-        page_ ? MayBeTheSites(failure)
-              : failure.result == EndResult::kFailed && failure.status == EXIT_STATUS_FAILED;
-    if (!servers) return failure;
-    Look(std::move(failure));
-    return std::nullopt;
+    return NoteFailure(event);
+}
+
+// All bytes have arrived: the helper thread checks them and renames the part.
+void Fetch::Store() {
+    view_.answered = true;
+    view_.percent = 100;
+    phase_ = Phase::kStoring;
+    const auto work = [target = target_.get(), size = view_.size, sha256 = request_.sha256] {
+        Outcome outcome = target->Store(size, sha256);
+        outcome.code = DOWNLOAD_STATE_DOWNLOAD_FINISH;
+        return outcome;
+    };
+    helper_.Start(events_, id_, work);
 }
 
 // The page gives the file its name and its address; from here on it is like any other.
 std::optional<Outcome> Fetch::TakePage(const Event& event) {
+    Outcome outcome;
+    outcome.code = event.code;
+    if (options_.resolveOnly) {
+        view_.information = event.text;
+        return outcome;
+    }
     const VideoPage page = ReadVideoPage(event.text);
     const VideoFormat* format = Choose(page, options_.format);
     if (format == nullptr) {
-        Outcome outcome{EndResult::kFailed, EXIT_STATUS_UNRESOLVED, "the page has no such format"};
-        outcome.code = event.code;
+        outcome.result = EndResult::kFailed;
+        outcome.status = EXIT_STATUS_UNRESOLVED;
+        outcome.reason = NO_SUCH_FORMAT;
         return outcome;
     }
     page_ = false;
     view_.address = format->address;
-    Plan();
-    Aim(NameFromTitle(page.title));
+    ReadAddress();
+    SetPath(NameFromTitle(page.title));
+    return std::nullopt;
+}
+
+// Returns the outcome, unless the server may be the cause: the code does not say what went wrong
+// there, so the helper thread asks it once more.
+std::optional<Outcome> Fetch::NoteFailure(const Event& event) {
+    Outcome failure = page_ ? PageFailure(view_.address, event) : DownloadFailure(event);
+    const bool servers =
+        page_ ? MayBeTheSites(failure)
+              : failure.result == EndResult::kFailed && failure.status == EXIT_STATUS_FAILED;
+    if (!servers) return failure;
+    target_.reset();  // the part can go meanwhile
+    const Wanted wanted = page_ ? Wanted::kPage : Wanted::kFile;
+    Check(failure, [failure, wanted, address = view_.address, proxy = proxy_] {
+        Outcome outcome = failure;
+        outcome.secondLook = SecondLook(address, proxy, wanted);
+        return outcome;
+    });
     return std::nullopt;
 }
 
@@ -231,29 +273,14 @@ Outcome Fetch::DownloadFailure(const Event& event) const {
     return outcome;
 }
 
-// The part can go meanwhile.
-void Fetch::Look(Outcome failure) {
-    target_.reset();
-    without_look_ = std::move(failure);
-    Run(Phase::kLooking, [this] {
-        Outcome outcome = without_look_;
-        outcome.secondLook =
-            SecondLook(view_.address, proxy_, page_ ? Wanted::kPage : Wanted::kFile);
-        return outcome;
-    });
-}
-
-void Fetch::Run(Phase phase, std::function<Outcome()> work) {
-    phase_ = phase;
-    thread_ = std::thread([this, work = std::move(work)] {
-        Event event{Event::Kind::kEnd, id_};
-        event.outcome = work();
-        events_.Add(std::move(event));
-    });
+void Fetch::Check(Outcome unchecked, std::function<Outcome()> work) {
+    phase_ = Phase::kChecking;
+    unchecked_ = std::move(unchecked);
+    helper_.Start(events_, id_, std::move(work));
 }
 
 void Fetch::Release() {
-    if (thread_.joinable()) thread_.join();
+    helper_.Join();
     target_.reset();
 }
 

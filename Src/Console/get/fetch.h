@@ -1,4 +1,4 @@
-// One file of `taskman get`, from the request to its end.
+// One file of `taskman get`, or one page of `taskman info`, from the request to its end.
 #pragma once
 
 #include <functional>
@@ -12,72 +12,89 @@
 #include "Console/get/inputlist.h"
 #include "Console/get/target.h"
 #include "Console/screen/display.h"
+#include "TaskMan/manager.h"
 
-// Works on the main thread and has one thread of its own for what may take long: the last step, the
-// check of a file that is there already, the look at an address that failed. That thread ends with
-// an event of the kind kEnd. The file of a page has two tasks, one after the other.
+// A thread for one piece of work that may take long: storing a file, comparing a digest, asking a
+// server. It ends with an event of the kind kEnd that carries the outcome. The work runs on copies;
+// of shared objects it touches one Target, of which the main thread meanwhile calls const functions
+// only.
+class HelperThread : private Uncopyable {
+  public:
+    ~HelperThread() { Join(); }
+
+    // Starts the thread; the one before has been joined. `events` outlives it.
+    void Start(EventQueue& events, const std::string& id, std::function<Outcome()> work);
+
+    // Waits for the thread, if there is one. What it shared may be changed again then.
+    void Join();
+
+  private:
+    std::thread thread_{};
+};
+
+// Works on the main thread. The file of a page has two tasks, one after the other.
 class Fetch : private Uncopyable {
   public:
     // The references outlive the object.
     Fetch(Request request, const GetOptions& options, EventQueue& events);
 
-    // Waits for the thread. Removes the part unless it was stored or is kept.
-    ~Fetch();
-
     enum class Phase {
-        kIdle,     // nothing is on
-        kTask,     // a task of the manager
-        kLast,     // the thread, on the part
-        kLooking,  // the thread, at the address or at the file that is there: no end waits for it
+        kIdle,      // nothing runs
+        kTask,      // a task of the manager
+        kStoring,   // the helper thread gives the complete file its name
+        kChecking,  // the helper thread asks the server why the download failed, or compares the
+                    // digest of an existing file; an interrupted command does not wait for it
     };
     Phase Now() const { return phase_; }
 
     const Request& Asked() const { return request_; }
     const FileView& View() const { return view_; }
 
-    // Names its events from the time when something is on; another one for every task.
+    // The id that its events carry; it changes with every task and is empty before Begin.
     const std::string& Id() const { return id_; }
 
     // What it writes, or is going to write; empty when that is nothing, or not known yet.
     std::string PartPath() const;
 
-    // The end of a file for which nothing is to be begun: refused, or skipped. Nothing when Begin
-    // may be called.
-    std::optional<Outcome> Refusal() const;
+    // The outcome of a file that needs no Begin: it is refused, or skipped.
+    std::optional<Outcome> Verdict() const;
 
-    // Begins the next task; or the check of a file that is there already and whose digest is known.
-    // Returns the end when that cannot be done; without room in the manager it can be tried again.
-    std::optional<Outcome> Begin();
+    // Begins the next task, or the comparison of an existing file with its digest. Returns the
+    // outcome when that is impossible. `later`: the manager cannot take the task at present; the
+    // same call may succeed later.
+    std::optional<Outcome> Begin(bool& later);
 
-    // Takes in what the task reported.
+    // Notes what the task reported.
     void NoteState(const Event& event);
 
-    // Takes in the end of the task. Returns the end of the file, if it is that; without one the
-    // thread is on, or else the page has been resolved: the second task is to be begun. `stopping`:
-    // the command is being stopped.
+    // Notes the final code of the task. Returns the outcome when the file has ended with it.
+    // Otherwise a helper thread runs; or, in the phase kIdle, the page has been resolved and Begin
+    // starts the download. `stopping`: the command is being stopped.
     std::optional<Outcome> NoteEnd(const Event& event, bool stopping);
 
-    // In the phase kLooking: the end without what the look finds.
-    const Outcome& WithoutLook() const { return without_look_; }
+    // Valid in kChecking: the outcome to report when the check is not waited for.
+    const Outcome& UncheckedOutcome() const { return unchecked_; }
 
-    // Seconds that its last task has taken, or takes so far.
+    // Seconds that its last task took, or has taken so far.
     double Seconds() const;
 
-    // Lets the part go. The view stays.
+    // Waits for the helper thread and closes the part, which is removed unless it was stored or is
+    // to be kept. The view stays.
     void Release();
 
-    // For an end that waits for nothing: removes the names that task and part have.
+    // For an end that waits for nothing: removes the names of its task and its part.
     void Abandon() const;
 
   private:
-    void Plan();
-    void Aim(const std::string& name);
-    bool AddTaskFor(std::string& reason);
+    void ReadAddress();
+    void SetPath(const std::string& name);
+    bool AddTaskFor(std::string& reason, TaskRefusal& refusal);
     void StartOver();
+    void Store();
     std::optional<Outcome> TakePage(const Event& event);
+    std::optional<Outcome> NoteFailure(const Event& event);
     Outcome DownloadFailure(const Event& event) const;
-    void Look(Outcome failure);
-    void Run(Phase phase, std::function<Outcome()> work);
+    void Check(Outcome unchecked, std::function<Outcome()> work);
 
     const Request request_;
     const GetOptions& options_;
@@ -89,7 +106,7 @@ class Fetch : private Uncopyable {
     std::string id_{};
     FileView view_{};
     double seconds_ = 0;
-    Outcome without_look_{};
+    Outcome unchecked_{};
     Phase phase_ = Phase::kIdle;
-    std::thread thread_{};
+    HelperThread helper_{};  // the last member: it is joined before the others are destroyed
 };

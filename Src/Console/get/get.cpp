@@ -4,21 +4,19 @@
 #include <string>
 
 #include "Console/cli/events.h"
-#include "Console/cli/session.h"
+#include "Console/cli/signals.h"
 #include "Console/get/downloads.h"
 #include "Console/get/inputlist.h"
-#include "Console/get/secondlook.h"
+#include "Console/get/session.h"
 #include "Console/screen/display.h"
-#include "Console/screen/text.h"
-#include "TaskMan/taskman.h"
+#include "TaskMan/manager.h"
 
 int RunGet(const GetOptions& options) {
-    PrepareSecondLooks();
-    const WakePipe& wake = InstallSignals();
+    const WakePipe& wake = signals::Install();
     EventQueue events(wake);
     const std::unique_ptr<Display> display = MakeDisplay(options.display);
     const auto refuse = [&display](int status, const std::string& fault) {
-        display->Note("taskman: " + text::Printable(fault));
+        display->Fault(fault);
         return status;
     };
     InputList list;

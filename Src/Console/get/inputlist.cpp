@@ -141,7 +141,7 @@ bool InputList::Read(Request& failure) {
     return false;
 }
 
-void InputList::Finish() {
+void InputList::StopWaiting() {
     struct stat status {};
     if (file_ == -1 || (fstat(file_, &status) == 0 && S_ISREG(status.st_mode))) return;
     Close();
@@ -173,7 +173,7 @@ void FailedList::Write() {
     if (!WriteAll(target_->Part(), std::exchange(lines_, {}))) written_ = false;
 }
 
-std::string FailedList::Close(bool sync) {
+std::string FailedList::Finish(bool sync) {
     if (!IsOpen()) return "";
     Write();
     const std::unique_ptr<Target> target = std::move(target_);

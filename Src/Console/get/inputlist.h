@@ -48,7 +48,7 @@ class InputList : private Uncopyable {
     int Descriptor() const { return file_; }
 
     // From now on only what needs no waiting is read: the rest of a regular file.
-    void Finish();
+    void StopWaiting();
 
   private:
     bool Read(Request& failure);
@@ -64,8 +64,8 @@ class InputList : private Uncopyable {
 };
 
 // The list of what did not finish. Its lines are written at once into "PATH.part", which goes when
-// the command is killed, like every part; the list that was there before gives way with Close only,
-// so it may be the one that is being read.
+// the command is killed, like every part; the list that was there before gives way with Finish
+// only, so it may be the one that is being read.
 class FailedList {
   public:
     // Returns the fault in one line; empty when it is done.
@@ -77,12 +77,12 @@ class FailedList {
     // once, so the line may wait for them.
     void Add(const Request& request, bool more = false);
 
-    // Some requests could not be added: Close leaves "PATH.part" and the list that was there.
+    // Some requests could not be added: Finish leaves "PATH.part" and the list that was there.
     void Break() { written_ = false; }
 
     // Completes the list; `sync`: waits until it is on the disk, which may take long. Returns the
     // fault in one line; empty when it is done or none is open.
-    std::string Close(bool sync);
+    std::string Finish(bool sync);
 
   private:
     void Write();

@@ -54,11 +54,10 @@ std::string HeaderFault(CURL* curl, Wanted wanted) {
 
 }  // namespace
 
-void PrepareSecondLooks() {
-    curl_global_init(CURL_GLOBAL_ALL);
-}
-
 std::string SecondLook(const std::string& address, const Proxy& proxy, Wanted wanted) {
+    // Not at the start of the command: it takes milliseconds, and few commands need it.
+    static const CURLcode ready = curl_global_init(CURL_GLOBAL_ALL);
+    if (ready != CURLE_OK) return "";
     const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(),
                                                                    curl_easy_cleanup);
     if (curl == nullptr) return "";

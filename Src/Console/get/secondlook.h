@@ -6,9 +6,6 @@
 
 #include "Console/cli/proxy.h"
 
-// Makes libcurl ready. To be called once, before the first look and before there are other threads.
-void PrepareSecondLooks();
-
 // What is expected at an address: only that of a file wants a length.
 enum class Wanted { kFile, kPage };
 

@@ -30,11 +30,9 @@ std::vector<OtherTask> Named(const StopOptions& options, std::string& faults) {
         if (found.size() == 1) {
             named.push_back(found.front());
         } else {
-            faults += "taskman: " +
-                      (found.empty() ? "no task " + text::Printable(id)
-                                     : text::Count(found.size(), "task") + " begin with " +
-                                           text::Printable(id)) +
-                      "\n";
+            faults +=
+                FaultLine(found.empty() ? "no task " + id
+                                        : text::Count(found.size(), "task") + " begin with " + id);
         }
     }
     return named;
@@ -49,7 +47,7 @@ int RunStop(const StopOptions& options) {
         if (StopOtherTask(task)) {
             told += "asked to stop " + task.id + "\n";
         } else if (!options.all) {
-            faults += "taskman: no task " + task.id + "\n";
+            faults += FaultLine("no task " + task.id);
         }
     }
     if (told.empty() && faults.empty()) told = "no task runs\n";

@@ -19,25 +19,25 @@ namespace {
 
 constexpr double kMostBytes = 1e18;
 
-// A value out of a slot; nothing when it is no number from `least` to `most`.
-std::optional<double> Sane(double value, double least, double most) {
+// A value that another process wrote; nothing when it is no number from `least` to `most`.
+std::optional<double> InRange(double value, double least, double most) {
     if (!(value >= least && value <= most)) return std::nullopt;
     return value;
 }
 
 std::optional<double> SizeOf(const OtherTask& task) {
-    return Sane(task.dFileSize, 1, kMostBytes);
+    return InRange(task.dFileSize, 1, kMostBytes);
 }
 
 std::optional<double> PercentOf(const OtherTask& task) {
-    return Sane(task.dProgress, 0, 100);
+    return InRange(task.dProgress, 0, 100);
 }
 
 std::optional<double> SpeedOf(const OtherTask& task) {
-    return Sane(task.dSpeed, 0, kMostBytes);
+    return InRange(task.dSpeed, 0, kMostBytes);
 }
 
-// Process id of the worker; that of a dead one is the slot's word. Below 1 while there is none.
+// Process id of the worker; of a dead one as its slot has it. Below 1 while there is none.
 pid_t PidOf(const TaskRow& row) {
     return row.worker > 0 ? row.worker : row.task.nPid;
 }
@@ -46,7 +46,7 @@ const char* CommandName(const OtherTask& task) {
     return IsDownloadCommand(task.nCmd) ? "download" : "page";
 }
 
-// The name of the file, without what its part adds; or the address.
+// The final name of the file; of a page, or without one, the address.
 std::string NameOf(const OtherTask& task) {
     constexpr std::string_view kPart = TASK_PART_ENDING;
     std::string name = task.path.substr(task.path.rfind('/') + 1);
@@ -57,17 +57,17 @@ std::string NameOf(const OtherTask& task) {
 
 using Cells = std::vector<std::string>;
 
-// The columns in their order, and those that a narrow screen does without, the first one first.
+// The columns in their order, and those that a narrow screen leaves out, the first one first.
 const Cells kTitles{"ID",     "STATE", "DONE",    "SPEED",   "AGE", "PID",
                     "WORKER", "SIZE",  "COMMAND", "MANAGER", "NAME"};
 const Cells kLeftOut{"MANAGER", "SIZE", "COMMAND", "PID", "AGE", "WORKER", "SPEED"};
-// Between two columns; the narrow one keeps more of them on a screen.
+// Blanks between two columns; a screen that is too narrow for all columns has the narrow gap.
 constexpr int kGap = 2;
 constexpr int kNarrowGap = 1;
 constexpr int kLeastOfName = 8;
 constexpr std::size_t kLeastOfId = 8;
 
-// The length at which no two ids are the same any more.
+// The shortest length at which all ids differ, but at least kLeastOfId.
 std::size_t IdLength(const TopView& view) {
     std::vector<std::string> ids;
     for (const TaskRow& row : view.rows) ids.push_back(row.task.id);
@@ -100,7 +100,7 @@ Cells CellsOf(const TaskRow& row) {
             text::Printable(NameOf(task))};
 }
 
-// What each column takes, the gap behind it included, in the columns of a screen.
+// The width of each column on the screen, with the gap behind it.
 std::vector<int> Widths(const std::vector<Cells>& table, int gap) {
     std::vector<int> widths(table.front().size(), 0);
     for (const Cells& cells : table) {
@@ -111,8 +111,8 @@ std::vector<int> Widths(const std::vector<Cells>& table, int gap) {
     return widths;
 }
 
-// Leaves columns out, then cuts the names, until the table is as wide as the screen. Returns the
-// gap that is left between columns.
+// Leaves columns out, then cuts the names, until the table fits the screen. Returns the gap between
+// columns.
 int Fit(std::vector<Cells>& table, int columns) {
     int gap = kGap;
     const auto withoutName = [&] {
@@ -167,14 +167,13 @@ std::vector<std::string> LiveLines(const TopView& view) {
 }
 
 int Missing(int manager) {
-    const std::string line = "taskman: no manager " + std::to_string(manager) + "\n";
-    WriteAll(STDERR_FILENO, line);
+    WriteAll(STDERR_FILENO, FaultLine("no manager " + std::to_string(manager)));
     return EXIT_STATUS_FAILED;
 }
 
 }  // namespace
 
-std::optional<TopView> Look(int manager) {
+std::optional<TopView> ReadTop(int manager) {
     const std::vector<int> managers = ListManagers();
     if (manager != 0 && std::count(managers.begin(), managers.end(), manager) == 0) {
         return std::nullopt;
@@ -190,7 +189,7 @@ std::optional<TopView> Look(int manager) {
             [&row](const WorkerProcess& process) { return Serves(process, row.task); });
         if (worker != workers.end()) {
             row.worker = worker->pid;
-            row.age = Sane(platform::ProcessAge(worker->pid), 0, kMostBytes);
+            row.age = InRange(platform::ProcessAge(worker->pid), 0, kMostBytes);
         }
         view.rows.push_back(std::move(row));
     }
@@ -243,13 +242,13 @@ std::string TopJson(const TopView& view) {
 }
 
 int RunTop(const TopOptions& options) {
-    std::optional<TopView> view = Look(options.manager);
+    std::optional<TopView> view = ReadTop(options.manager);
     if (!view) return Missing(options.manager);
     if (!options.once && !options.json && LiveScreen::Possible()) {
         LiveScreen screen;
         do {
             screen.Show(LiveLines(*view));
-        } while (screen.Wait() && (view = Look(options.manager)));
+        } while (screen.Wait() && (view = ReadTop(options.manager)));
         return EXIT_STATUS_FINISHED;
     }
     std::string out;

@@ -18,27 +18,30 @@ int RunTop(const TopOptions& options);
 
 // ---- What is shown, for tests too.
 
-// A task with what the system tells of its worker.
+// A task, and what the system says about its worker.
 struct TaskRow {
     OtherTask task{};
     pid_t worker = -1;            // process id of the worker while it lives; else -1
     std::optional<double> age{};  // of the worker, seconds
 };
 
-// One look at the managers; nothing when the one that was asked for does not live.
+// What all managers do at one moment.
 struct TopView {
     std::size_t managers = 0;
     std::vector<TaskRow> rows{};
 };
-std::optional<TopView> Look(int manager);
 
-// What the task does, in a word.
+// Of one manager, or with 0 of all; nothing when that one does not live.
+std::optional<TopView> ReadTop(int manager);
+
+// The state of the task in a word, as docs/json.md lists them.
 const char* StateName(const OtherTask& task);
 
-// A line with the names of the columns and one for each task, without line ends; everything in them
-// is fit for a terminal. For a screen of so many columns, ids are cut to what tells them apart,
-// names to what fits; with 0 all is shown.
+// A line with the titles of the columns and one for each task, without line ends, printable. For a
+// screen of `columns` columns some columns are left out, ids are cut to where they differ, and
+// names to what fits; 0: everything is shown. A screen too narrow for the columns that always stay
+// gets wider lines.
 std::vector<std::string> TopTable(const TopView& view, int columns);
 
-// An object for the look and one for each task, a line each.
+// A line with an object for the whole, and one for each task.
 std::string TopJson(const TopView& view);

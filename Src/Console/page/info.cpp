@@ -1,21 +1,17 @@
 #include "Console/page/info.h"
 
-#include <semaphore.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include <thread>
 
-#include "Console/cli/session.h"
 #include "Console/cli/signals.h"
+#include "Console/get/downloads.h"
 #include "Console/get/filename.h"
-#include "Console/get/secondlook.h"
-#include "Console/page/pagetask.h"
+#include "Console/get/session.h"
+#include "Console/screen/display.h"
 #include "Console/screen/jsontext.h"
-#include "Console/screen/plaindisplay.h"
 #include "Console/screen/text.h"
-#include "TaskMan/taskman.h"
 
 namespace {
 
@@ -23,18 +19,23 @@ constexpr int kColumns = 80;
 constexpr int kLabelColumns = 8;
 constexpr int kMostOfId = 30;
 
-// Tells why there is no page: people on standard error, and programs, when they are to read, by an
-// object on standard output.
-class InfoDisplay : public PlainDisplay {
+// Says why there is no page: to people on standard error, with --json also to programs by an object
+// on standard output.
+class InfoDisplay : public Display {
   public:
     // `options` outlive the object.
-    explicit InfoDisplay(const InfoOptions& options)
-        : PlainDisplay(STDERR_FILENO), options_(options) {}
+    explicit InfoDisplay(const InfoOptions& options) : options_(options) {}
 
     // Writes to standard output.
-    void Tell(const std::string& out) {
+    void Write(const std::string& out) {
         std::string fault;
-        if (!Print(out, fault) && !fault.empty()) Note("taskman: " + fault);
+        if (!Print(out, fault) && !fault.empty()) Fault(fault);
+    }
+
+    void Ended(const FileView& file, const Outcome& outcome) override {
+        information_ = file.information;
+        // After a signal nobody asks why.
+        if (outcome.result != EndResult::kFinished && signals::StopCount() == 0) Fail(outcome);
     }
 
     void Fail(const Outcome& outcome) {
@@ -43,112 +44,32 @@ class InfoDisplay : public PlainDisplay {
         second_look_ = outcome.secondLook;
     }
 
-    void Note(const std::string& line) override {
-        constexpr std::string_view kOwn = "taskman: ";  // a fault of the command itself
-        if (line.starts_with(kOwn)) reason_ = line.substr(kOwn.size());
-        PlainDisplay::Note(line);
+    void Note(const std::string& line) override { WriteAll(STDERR_FILENO, line + "\n"); }
+
+    void Fault(const std::string& fault) override {
+        reason_ = text::Printable(fault);
+        Display::Fault(fault);
     }
 
-    void Close(const Totals&, int status) override {
+    void Finish(const Totals&, int status) override {
         if (!options_.json || status == EXIT_STATUS_FINISHED) return;
         nlohmann::ordered_json end{{"v", JSON_VERSION}, {"event", "end"}};
         SetText(end, "address", options_.address);
         SetText(end, "reason", reason_);
         SetText(end, "second_look", second_look_);
         end["exit"] = status;
-        Tell(JsonLine(end));
+        Write(JsonLine(end));
     }
+
+    // What the page offers; empty when it was not resolved.
+    const std::string& Information() const { return information_; }
 
   private:
     const InfoOptions& options_;
+    std::string information_{};
     std::string reason_{};  // empty: none, or it was interrupted
     std::string second_look_{};
 };
-
-// The one task of the verb.
-class Inquiry : public Work {
-  public:
-    // The references outlive the object.
-    Inquiry(const InfoOptions& options, const Proxy& proxy, EventQueue& events,
-            InfoDisplay& display)
-        : options_(options), proxy_(proxy), events_(events), display_(display) {}
-    ~Inquiry() override {
-        if (look_.joinable()) look_.join();
-    }
-
-    bool StartNext() override;
-    void Handle(const Event& event) override;
-    std::size_t Stop() override;
-    void Abandon() override { sem_unlink(id_.c_str()); }
-    bool Done() const override { return done_; }
-    ExitStatus Status() const override { return outcome_.status; }
-    std::vector<const FileView*> Running() const override { return {}; }
-    const Totals& Counts() const override { return totals_; }
-
-    // After a finished outcome.
-    const std::string& Text() const { return text_; }
-
-  private:
-    void Look(const Outcome& failure);
-    void End(Outcome outcome);
-
-    const InfoOptions& options_;
-    const Proxy& proxy_;
-    EventQueue& events_;
-    InfoDisplay& display_;
-    std::string id_{};  // empty: no task has been added
-    std::string text_{};
-    Outcome outcome_{};
-    bool done_ = false;
-    std::thread look_{};  // a second one, at the page
-    const Totals totals_{};
-};
-
-bool Inquiry::StartNext() {
-    if (done_ || !id_.empty()) return false;
-    id_ = MakeTaskID();
-    std::string reason;
-    if (!AddPageTask(id_, options_.address, proxy_, {}, events_, reason)) {
-        End({EndResult::kRefused, EXIT_STATUS_FAILED, reason});
-    }
-    return false;
-}
-
-void Inquiry::Handle(const Event& event) {
-    if (event.id != id_ || done_) return;
-    if (event.kind == Event::Kind::kEnd) return End(event.outcome);
-    if ((FINAL_STATE_BITS >> event.code & 1U) == 0) return;
-    if (event.code == DOWNLOAD_STATE_PARSE_FINISH) {
-        text_ = event.text;
-        return End({});
-    }
-    Outcome failure = PageFailure(options_.address, event);
-    if (!MayBeTheSites(failure) || signals::StopCount() > 0) return End(std::move(failure));
-    Look(failure);
-}
-
-void Inquiry::Look(const Outcome& failure) {
-    outcome_ = failure;
-    look_ = std::thread([this, failure] {
-        Event event{Event::Kind::kEnd, id_};
-        event.outcome = failure;
-        event.outcome.secondLook = SecondLook(options_.address, proxy_, Wanted::kPage);
-        events_.Add(std::move(event));
-    });
-}
-
-std::size_t Inquiry::Stop() {
-    // The process ends by the signal, whatever a look finds then.
-    if (id_.empty() || look_.joinable()) done_ = true;
-    return !done_ && StopTask(id_.c_str()) == 0 ? 1 : 0;
-}
-
-void Inquiry::End(Outcome outcome) {
-    done_ = true;
-    outcome_ = std::move(outcome);
-    if (outcome_.result == EndResult::kFinished || signals::StopCount() > 0) return;
-    display_.Fail(outcome_);
-}
 
 std::string FrameText(const VideoFormat& format) {
     if (!format.width) return "unknown";
@@ -165,7 +86,7 @@ std::string Labelled(const std::string& label, std::string_view bytes) {
 
 int Fail(InfoDisplay& display, const Outcome& outcome) {
     display.Fail(outcome);
-    display.Close({}, outcome.status);
+    display.Finish({}, outcome.status);
     return outcome.status;
 }
 
@@ -173,8 +94,7 @@ int Fail(InfoDisplay& display, const Outcome& outcome) {
 int Write(const InfoOptions& options, const VideoPage& page, InfoDisplay& display) {
     const VideoFormat* taken = Choose(page, options.format);
     if (taken == nullptr && (options.format.Given() || options.url)) {
-        return Fail(display,
-                    {EndResult::kFailed, EXIT_STATUS_UNRESOLVED, "the page has no such format"});
+        return Fail(display, {EndResult::kFailed, EXIT_STATUS_UNRESOLVED, NO_SUCH_FORMAT});
     }
     std::string out;
     if (options.url) {
@@ -187,7 +107,7 @@ int Write(const InfoOptions& options, const VideoPage& page, InfoDisplay& displa
     } else {
         out = options.json ? PageJson(page, taken) : PageTable(page, taken);
     }
-    display.Tell(out);
+    display.Write(out);
     return EXIT_STATUS_FINISHED;
 }
 
@@ -254,15 +174,20 @@ int RunInfo(const InfoOptions& options) {
     if (!fault.empty()) {
         return Fail(display, {EndResult::kRefused, EXIT_STATUS_USAGE, std::move(fault)});
     }
-    PrepareSecondLooks();
-    const WakePipe& wake = InstallSignals();
+    GetOptions get;
+    get.addresses = {options.address};
+    get.proxy = options.proxy;
+    get.resolveOnly = true;
+    const WakePipe& wake = signals::Install();
     EventQueue events(wake);
-    Inquiry inquiry(options, proxy, events, display);
-    int status = Session(inquiry, "page", wake, events, display).Run(options.worker);
+    InputList noList;
+    FailedList noFailedList;
+    Downloads pages(get, noList, noFailedList, events, display);
+    int status = Session(pages, "page", wake, events, display).Run(options.worker);
     if (status == EXIT_STATUS_FINISHED) {
-        status = Write(options, ReadVideoPage(inquiry.Text()), display);
+        status = Write(options, ReadVideoPage(display.Information()), display);
     }
-    // Whoever was to read may be gone.
+    // Print raises SIGTERM when the reader has left.
     if (signals::StopCount() > 0) signals::EndBy(signals::StopSignal());
     return status;
 }

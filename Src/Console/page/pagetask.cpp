@@ -1,7 +1,6 @@
 #include "Console/page/pagetask.h"
 
-#include "TaskMan/taskman.h"
-#include "common/fieldtext.h"
+#include "TaskMan/manager.h"
 
 namespace {
 
@@ -15,19 +14,11 @@ tagTaskInfo NewTask(const std::string& id, const Proxy& proxy, Tries tries, Even
     task.nTaskKind = 0;
     task.nTryCount = tries.count;
     task.nTryInterval = tries.seconds;
-    SetProxy(proxy, task);
+    proxy.Fill(task);
     task.pCallbackParam = &events;
     task.pfnStateCallback = EventQueue::OnState;
     task.pfnResultCallback = EventQueue::OnResult;
     return task;
-}
-
-bool AddPageTask(const std::string& id, const std::string& page, const Proxy& proxy, Tries tries,
-                 EventQueue& events, std::string& reason) {
-    tagTaskInfo task = NewTask(id, proxy, tries, events);
-    SetField(task.szOrgUrl, page);
-    task.nCmd = TASK_CMD_PARSE;
-    return AddTask(task, reason) == 0;
 }
 
 Outcome PageFailure(const std::string& page, const Event& event) {

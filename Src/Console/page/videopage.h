@@ -37,5 +37,8 @@ std::string ParseFrameSize(const std::string& text, FormatWish& wish);
 // Reads any text, whatever is in it.
 VideoPage ReadVideoPage(const std::string& text);
 
+// Why Choose returns null.
+constexpr const char* NO_SUCH_FORMAT = "the page has no such format";
+
 // The wanted one of the page's formats that have an address; null when it has no such format.
 const VideoFormat* Choose(const VideoPage& page, const FormatWish& wish);

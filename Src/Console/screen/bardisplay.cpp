@@ -120,7 +120,7 @@ bool BarDisplay::InForeground() const {
     return front == -1 || front == getpgrp();
 }
 
-void BarDisplay::Begin(const FileView& file) {
+void BarDisplay::Started(const FileView& file) {
     if (reports_) Keep(TaskLine(file));
 }
 
@@ -128,7 +128,7 @@ void BarDisplay::State(const FileView& file, std::int32_t code, double /*value*/
     if (reports_) Keep(StateLine(file, code));
 }
 
-void BarDisplay::End(const FileView& file, const Outcome& outcome) {
+void BarDisplay::Ended(const FileView& file, const Outcome& outcome) {
     Keep(EndLine(file, outcome), outcome.result);
 }
 
@@ -166,7 +166,7 @@ void BarDisplay::ScreenChanged(bool resumed) {
     for (std::string& line : frame_) line = text::CutMiddle(line, columns_);
 }
 
-void BarDisplay::Close(const Totals& totals, int /*status*/) {
+void BarDisplay::Finish(const Totals& totals, int /*status*/) {
     if (const std::string line = SummaryLine(totals); !line.empty()) Keep(line);
     frame_.clear();
     Draw();

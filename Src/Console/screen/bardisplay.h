@@ -12,14 +12,14 @@ class BarDisplay : public Display {
     // `reports`: everything a worker reports is told, too.
     BarDisplay(int descriptor, bool colour, bool reports);
 
-    void Begin(const FileView& file) override;
+    void Started(const FileView& file) override;
     void State(const FileView& file, std::int32_t code, double value) override;
-    void End(const FileView& file, const Outcome& outcome) override;
+    void Ended(const FileView& file, const Outcome& outcome) override;
     void Note(const std::string& line) override;
     void Refresh(const std::vector<const FileView*>& running, const Totals& totals) override;
     void Clear() override;
     void ScreenChanged(bool resumed) override;
-    void Close(const Totals& totals, int status) override;
+    void Finish(const Totals& totals, int status) override;
 
   private:
     void ReadSize();

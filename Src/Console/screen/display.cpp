@@ -8,7 +8,6 @@
 #include <climits>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 
 #include "Console/cli/signals.h"
 #include "Console/screen/bardisplay.h"
@@ -18,12 +17,6 @@
 #include "TaskMan/taskcontext.h"
 
 namespace {
-
-bool TerminalCanDraw() {
-    const char* term = std::getenv("TERM");
-    return isatty(STDERR_FILENO) == 1 && term != nullptr && *term != '\0' &&
-           std::strcmp(term, "dumb") != 0;
-}
 
 bool ColourWanted(Colour wanted, bool capable) {
     if (wanted != Colour::kAuto) return wanted == Colour::kAlways;
@@ -37,10 +30,11 @@ Detail DetailOf(const DisplayOptions& options) {
     return options.progress == ProgressForm::kNone ? Detail::kEnds : Detail::kProgress;
 }
 
-// Waits until the descriptor takes bytes or has failed. False when nothing of it can be expected.
+// Waits until the descriptor takes bytes or has failed. False when the command is to end and it
+// still takes none.
 bool AwaitRoom(int descriptor) {
     constexpr int kTurn = 250;  // milliseconds
-    static int turns = 8;       // left, in all, once the command is to end
+    static int turns = 8;       // that are left, over all calls, once the command is to end
     pollfd room{descriptor, POLLOUT, 0};
     while (poll(&room, 1, kTurn) < 1) {
         const int stops = signals::StopCount();
@@ -52,7 +46,7 @@ bool AwaitRoom(int descriptor) {
 void PrintEvent(const std::string& line) {
     std::string fault;
     Print(line, fault);
-    if (!fault.empty()) WriteAll(STDERR_FILENO, "taskman: " + fault + "\n");
+    if (!fault.empty()) WriteAll(STDERR_FILENO, FaultLine(fault));
 }
 
 }  // namespace
@@ -61,7 +55,7 @@ std::unique_ptr<Display> MakeDisplay(const DisplayOptions& options) {
     if (options.json) {
         return std::make_unique<JsonDisplay>(PrintEvent);
     }
-    const bool capable = TerminalCanDraw();
+    const bool capable = CanDraw(STDERR_FILENO);
     const bool colour = ColourWanted(options.colour, capable);
     const bool bars = options.progress == ProgressForm::kBar ||
                       (options.progress == ProgressForm::kAuto && capable);
@@ -69,6 +63,18 @@ std::unique_ptr<Display> MakeDisplay(const DisplayOptions& options) {
         return std::make_unique<BarDisplay>(STDERR_FILENO, colour, options.verbose);
     }
     return std::make_unique<PlainDisplay>(STDERR_FILENO, DetailOf(options), colour);
+}
+
+bool CanDraw(int descriptor) {
+    const char* term = std::getenv("TERM");
+    return isatty(descriptor) == 1 && term != nullptr && *term != '\0' &&
+           std::string_view(term) != "dumb";
+}
+
+void Display::Fault(const std::string& fault) {
+    std::string line = FaultLine(fault);
+    line.pop_back();
+    Note(line);
 }
 
 std::string EndLine(const FileView& file, const Outcome& outcome) {
@@ -79,7 +85,7 @@ std::string EndLine(const FileView& file, const Outcome& outcome) {
         return line + " (a second look: " + text::Printable(outcome.secondLook) + ")";
     }
     line += ", 100 % of " + text::Size(outcome.bytes) + " in " + text::Duration(outcome.seconds);
-    // Ends are learned once a second: for less than a few, a speed would say nothing.
+    // The speed of a short transfer says nothing.
     if (outcome.seconds > 2) line += ", " + text::Size(outcome.bytes / outcome.seconds) + "/s";
     return line;
 }
@@ -140,7 +146,7 @@ double TimeLeft(double bytes, double speed) {
 bool WriteAll(int descriptor, std::string_view bytes) {
     while (!bytes.empty()) {
         if (!AwaitRoom(descriptor)) return false;
-        // A pipe that has room takes that many bytes without blocking.
+        // A pipe that poll() calls writable takes PIPE_BUF bytes without blocking.
         const ssize_t written =
             write(descriptor, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
         if (written == -1 && errno == EINTR) continue;
@@ -152,14 +158,18 @@ bool WriteAll(int descriptor, std::string_view bytes) {
 
 std::string OutputFault() {
     if (errno == EPIPE) return "";
-    return std::string("cannot write standard output: ") + std::strerror(errno);
+    return text::SystemFault("cannot write standard output", errno);
 }
 
-bool WriteResult(const std::string& found, std::string faults) {
-    const bool written = WriteAll(STDOUT_FILENO, found);
+std::string FaultLine(const std::string& fault) {
+    return "taskman: " + text::Printable(fault) + "\n";
+}
+
+bool WriteResult(const std::string& result, std::string faultLines) {
+    const bool written = WriteAll(STDOUT_FILENO, result);
     const std::string fault = written ? "" : OutputFault();
-    if (!fault.empty()) faults += "taskman: " + fault + "\n";
-    return WriteAll(STDERR_FILENO, faults) && written;
+    if (!fault.empty()) faultLines += FaultLine(fault);
+    return WriteAll(STDERR_FILENO, faultLines) && written;
 }
 
 bool Print(std::string_view bytes, std::string& fault) {

@@ -1,5 +1,5 @@
-// What a person sees of the downloads. The logic reports to a Display and knows nothing of its
-// form.
+// What people and programs see of the downloads. The logic reports to a Display and does not know
+// its form.
 #pragma once
 
 #include <chrono>
@@ -16,16 +16,17 @@ using Clock = std::chrono::steady_clock;
 
 // One file, as far as its worker has reported.
 struct FileView {
-    std::string name{};           // fit for a terminal
-    std::string id{};             // of its present task; empty when it never had one
-    std::string address{};        // as it was given, or as the page told it
+    std::string name{};           // printable
+    std::string id{};             // of its last task; empty when it never had one
+    std::string address{};        // as it was given, or as its page gave it
     std::string path{};           // where the file goes; empty while that is unknown
     double size = -1;             // bytes; below 0 while unknown
     double percent = 0;           // 0 to 100
     double speed = -1;            // bytes per second; below 0 while unknown
-    bool answered = false;        // bytes of the file have come
+    bool answered = false;        // bytes of the file have arrived
     int tries = 1;                // how often its worker has begun it
     Clock::time_point started{};  // of its task
+    std::string information{};    // information text of a page that was only to be resolved
 
     double Received() const { return size < 0 ? 0 : size * percent / 100; }
 };
@@ -43,36 +44,40 @@ struct Totals {
     std::size_t Failed() const { return ended - finished - skipped - stopped; }
 };
 
-// Calls come from one thread. A FileView keeps its address from Begin to End.
+// Calls come from one thread. A FileView stays at its address from Started to Ended.
 class Display : private Uncopyable {
   public:
     virtual ~Display() = default;
 
-    // A task of the file has been started; the file of a page has a second one, once its name is
-    // known.
-    virtual void Begin(const FileView& file) = 0;
+    // A task of the file has been started. The file of a page has two: the second one starts when
+    // its name is known.
+    virtual void Started(const FileView& /*file*/) {}
 
-    // The worker reported `code` with `value`; `file` holds it already.
-    virtual void State(const FileView& file, std::int32_t code, double value) = 0;
+    // The worker reported `code` with `value`, which `file` shows already.
+    virtual void State(const FileView& /*file*/, std::int32_t /*code*/, double /*value*/) {}
 
-    // The file has ended; one that was refused had no Begin.
-    virtual void End(const FileView& file, const Outcome& outcome) = 0;
+    // The file has ended. One that was refused had no Started.
+    virtual void Ended(const FileView& file, const Outcome& outcome) = 0;
 
-    // A line to be shown at once.
+    // Shows a line at once; it is printable.
     virtual void Note(const std::string& line) = 0;
 
-    // The state of things, told several times a second.
-    virtual void Refresh(const std::vector<const FileView*>& running, const Totals& totals) = 0;
+    // Shows at once what is wrong with the command as a whole. `fault` may hold any bytes.
+    virtual void Fault(const std::string& fault);
 
-    // Something else is going to be written to the screen: only what stays may stand there.
+    // The present state, several times a second.
+    virtual void Refresh(const std::vector<const FileView*>& /*running*/,
+                         const Totals& /*totals*/) {}
+
+    // Erases the transient lines: something else is about to write to the screen.
     virtual void Clear() {}
 
-    // The terminal may have another size. After the command was suspended (`resumed`), what it had
-    // drawn is no longer where it was.
-    virtual void ScreenChanged(bool resumed) = 0;
+    // The terminal may have another size. After a suspension (`resumed`) what was drawn may be
+    // anywhere.
+    virtual void ScreenChanged(bool /*resumed*/) {}
 
-    // Nothing more comes. `status` is that of the command; above 128 a signal ends it.
-    virtual void Close(const Totals& totals, int status) = 0;
+    // The last call. `status` is that of the command; above 128 a signal ends it.
+    virtual void Finish(const Totals& totals, int status) = 0;
 };
 
 enum class ProgressForm { kAuto, kBar, kPlain, kNone };
@@ -87,9 +92,12 @@ struct DisplayOptions {
     Colour colour = Colour::kAuto;
 };
 
-// Left to itself: bars on standard error when that is a terminal that can do it, else plain lines
+// By default: bars on standard error when that is a terminal that can draw them, else plain lines
 // there; colours on such a terminal, unless NO_COLOR is set.
 std::unique_ptr<Display> MakeDisplay(const DisplayOptions& options);
+
+// Whether the descriptor is a terminal that can move its cursor: TERM is set, and not "dumb".
+bool CanDraw(int descriptor);
 
 // ---- Texts that all displays share.
 
@@ -107,26 +115,29 @@ std::string StateLine(const FileView& file, std::int32_t code);
 // A file's task: "file.iso: task 1f2e3d, http://host/file.iso -> dir/file.iso"
 std::string TaskLine(const FileView& file);
 
-// The line as it is shown where colours are wanted: what went wrong is red.
+// The line in red if the result is a failure.
 std::string Coloured(const std::string& line, EndResult result);
 
-// Seconds until the rest of `bytes` has come at `speed`; below 0 when that cannot be said.
+// Seconds until `bytes` more have arrived at `speed` bytes per second; below 0 when unknown.
 double TimeLeft(double bytes, double speed);
 
 // ---- Output, for the main thread.
 
-// Writes everything to a descriptor. False when that cannot be done, or when the command is to end
-// and whoever reads takes nothing more.
+// Writes everything to a descriptor. False when that fails, with errno set, or when the command is
+// to end and the reader does not read.
 bool WriteAll(int descriptor, std::string_view bytes);
 
-// Why a write to standard output has failed just now, by errno; empty when whoever read has gone,
-// who knows.
+// Why the last write to standard output failed, by errno; empty for EPIPE: the reader left on
+// purpose.
 std::string OutputFault();
 
-// Writes what a verb has found to standard output and what is wrong to standard error. False when
-// that cannot be done, which is told as well.
-bool WriteResult(const std::string& found, std::string faults = "");
+// The line on standard error that tells a fault of the command, which may hold any bytes.
+std::string FaultLine(const std::string& fault);
 
-// Writes everything to standard output. When that fails, it ends the command as SIGTERM does,
-// nothing more is written, and the result is false; the first time `fault` is the OutputFault().
+// Writes the result of a verb to standard output and its fault lines to standard error. False when
+// one of the two fails; what is wrong with standard output is added to the fault lines.
+bool WriteResult(const std::string& result, std::string faultLines = "");
+
+// Writes everything to standard output. When that fails, the command ends as after SIGTERM, later
+// calls write nothing, and the result is false; the first time `fault` is set to OutputFault().
 bool Print(std::string_view bytes, std::string& fault);

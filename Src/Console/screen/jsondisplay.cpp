@@ -13,7 +13,7 @@ using Json = nlohmann::ordered_json;
 
 }  // namespace
 
-void JsonDisplay::Begin(const FileView& file) {
+void JsonDisplay::Started(const FileView& file) {
     Json event = NewEvent("task", file);
     SetText(event, "address", file.address);
     SetText(event, "path", file.path);
@@ -27,7 +27,7 @@ void JsonDisplay::State(const FileView& file, std::int32_t code, double value) {
     Tell(event);
 }
 
-void JsonDisplay::End(const FileView& file, const Outcome& outcome) {
+void JsonDisplay::Ended(const FileView& file, const Outcome& outcome) {
     Json event = NewEvent("end", file);
     event["result"] = ResultName(outcome.result);
     event["code"] = outcome.code < 0 ? Json() : Json(outcome.code);
@@ -45,7 +45,7 @@ void JsonDisplay::Note(const std::string& line) {
     WriteAll(STDERR_FILENO, line + "\n");
 }
 
-void JsonDisplay::Close(const Totals& totals, int status) {
+void JsonDisplay::Finish(const Totals& totals, int status) {
     Json event = NewEvent("summary");
     event["files"] = totals.files;
     event["finished"] = totals.finished;

@@ -15,14 +15,12 @@ class JsonDisplay : public Display {
     explicit JsonDisplay(std::function<void(const std::string& line)> print)
         : print_(std::move(print)) {}
 
-    void Begin(const FileView& file) override;
+    void Started(const FileView& file) override;
     void State(const FileView& file, std::int32_t code, double value) override;
-    void End(const FileView& file, const Outcome& outcome) override;
+    void Ended(const FileView& file, const Outcome& outcome) override;
     // A line for people, on standard error.
     void Note(const std::string& line) override;
-    void Refresh(const std::vector<const FileView*>&, const Totals&) override {}
-    void ScreenChanged(bool) override {}
-    void Close(const Totals& totals, int status) override;
+    void Finish(const Totals& totals, int status) override;
 
   private:
     nlohmann::ordered_json NewEvent(const char* name);

@@ -7,10 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <string_view>
 
-#include "Console/cli/session.h"
 #include "Console/cli/signals.h"
 #include "Console/screen/display.h"
 #include "Console/screen/text.h"
@@ -18,7 +15,7 @@
 namespace {
 
 constexpr std::chrono::seconds kTurn{1};
-// A signal that comes just before a wait is seen after it.
+// Longest delay until a signal that arrives just before poll() is noticed.
 constexpr std::chrono::milliseconds kStep{100};
 
 winsize ScreenSize() {
@@ -33,18 +30,16 @@ winsize ScreenSize() {
 }  // namespace
 
 bool LiveScreen::Possible() {
-    const char* term = std::getenv("TERM");
-    return isatty(STDOUT_FILENO) == 1 && term != nullptr && *term != '\0' &&
-           std::string_view(term) != "dumb";
+    return CanDraw(STDOUT_FILENO);
 }
 
 int LiveScreen::Columns() {
-    // The last one stays free: some terminals wrap there.
+    // The last column stays free: some terminals wrap as soon as it is filled.
     return std::max(ScreenSize().ws_col - 1, 2);
 }
 
 LiveScreen::LiveScreen() {
-    InstallSignals();
+    signals::Install();
     signals::CatchSuspend();
     TakeKeys();
     WriteAll(STDOUT_FILENO, "\x1b[2J");
@@ -55,7 +50,7 @@ LiveScreen::~LiveScreen() {
 }
 
 void LiveScreen::TakeKeys() {
-    // A command in the background would be suspended for touching the terminal.
+    // The kernel stops a background process that changes the terminal.
     if (isatty(STDIN_FILENO) != 1 || tcgetpgrp(STDIN_FILENO) != getpgrp()) return;
     if (!taken_ && tcgetattr(STDIN_FILENO, &before_) != 0) return;
     termios keys = before_;
@@ -73,7 +68,7 @@ void LiveScreen::GiveKeysBack() {
 void LiveScreen::Show(const std::vector<std::string>& lines) {
     const std::size_t rows = ScreenSize().ws_row;
     std::string page = "\x1b[H";
-    // The last row stays free: a line end there would scroll.
+    // The last row stays free: a newline there would scroll.
     for (std::size_t i = 0; i < lines.size() && i + 1 < rows; ++i) {
         page += text::Wrap(lines[i], Columns()).front() + "\x1b[K\n";
     }

@@ -13,20 +13,20 @@ class LiveScreen : private Uncopyable {
     // Whether standard output is a terminal that can be drawn on.
     static bool Possible();
 
-    // Columns that Show has room for.
+    // Columns of the screen that Show uses.
     static int Columns();
 
-    // Installs the handlers of signals, so there is but one object in a process. Keys are taken as
-    // they are pressed while it lives.
+    // Installs the handlers of signals, so a process makes one object at most. While it lives, keys
+    // are read as they are pressed, without echo.
     LiveScreen();
     ~LiveScreen();
 
-    // Draws the page: as many lines, and of each as much, as the screen has room for. The lines are
-    // fit for a terminal.
+    // Draws the page: as many lines, and as much of each, as fit on the screen. The lines are
+    // printable.
     void Show(const std::vector<std::string>& lines);
 
-    // Waits until the page is to be drawn anew: a second, or less when the screen has changed.
-    // False when the user has pressed q. Does not return when a signal is to end the process.
+    // Waits until the page is to be redrawn: for a second, or until the screen has changed. False
+    // when the user has pressed q. Does not return after a signal that ends the process.
     bool Wait();
 
   private:
@@ -35,5 +35,5 @@ class LiveScreen : private Uncopyable {
     bool KeyEnds() const;
 
     termios before_{};
-    bool taken_ = false;  // the keys; `before_` holds how they were
+    bool taken_ = false;  // the terminal is changed; `before_` holds its settings of before
 };

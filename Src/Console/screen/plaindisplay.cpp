@@ -3,7 +3,7 @@
 #include "Console/screen/text.h"
 #include "TaskMan/taskcontext.h"
 
-void PlainDisplay::Begin(const FileView& file) {
+void PlainDisplay::Started(const FileView& file) {
     marks_[&file] = 0;
     if (detail_ == Detail::kReports) return Note(TaskLine(file));
     if (detail_ == Detail::kProgress) Note(file.name + ": started");
@@ -23,7 +23,7 @@ void PlainDisplay::State(const FileView& file, std::int32_t code, double /*value
     Note(line);
 }
 
-void PlainDisplay::End(const FileView& file, const Outcome& outcome) {
+void PlainDisplay::Ended(const FileView& file, const Outcome& outcome) {
     marks_.erase(&file);
     const bool well =
         outcome.result == EndResult::kFinished || outcome.result == EndResult::kSkipped;
@@ -36,7 +36,7 @@ void PlainDisplay::Note(const std::string& line) {
     WriteAll(descriptor_, line + "\n");
 }
 
-void PlainDisplay::Close(const Totals& totals, int /*status*/) {
+void PlainDisplay::Finish(const Totals& totals, int /*status*/) {
     if (detail_ == Detail::kFailures) return;
     if (const std::string line = SummaryLine(totals); !line.empty()) Note(line);
 }

@@ -18,13 +18,11 @@ class PlainDisplay : public Display {
     explicit PlainDisplay(int descriptor, Detail detail = Detail::kProgress, bool colour = false)
         : descriptor_(descriptor), detail_(detail), colour_(colour) {}
 
-    void Begin(const FileView& file) override;
+    void Started(const FileView& file) override;
     void State(const FileView& file, std::int32_t code, double value) override;
-    void End(const FileView& file, const Outcome& outcome) override;
+    void Ended(const FileView& file, const Outcome& outcome) override;
     void Note(const std::string& line) override;
-    void Refresh(const std::vector<const FileView*>&, const Totals&) override {}
-    void ScreenChanged(bool) override {}
-    void Close(const Totals& totals, int status) override;
+    void Finish(const Totals& totals, int status) override;
 
   private:
     const int descriptor_;

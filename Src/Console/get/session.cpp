@@ -1,28 +1,30 @@
-#include "Console/cli/session.h"
+#include "Console/get/session.h"
 
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <filesystem>
 #include <string>
 #include <thread>
 
 #include "Console/cli/signals.h"
 #include "Console/screen/text.h"
+#include "TaskMan/manager.h"
 #include "TaskMan/openparts.h"
-#include "TaskMan/taskman.h"
 #include "common/sysutility.h"
 
 namespace {
 
-// The longest wait of the main loop: what the display shows grows no older.
+// The longest wait of the main loop: the display is at most this much out of date.
 constexpr std::chrono::milliseconds kTurn{250};
-// From the first signal to an end that waits for nothing more.
+// From the first signal to an end that waits for nothing.
 constexpr std::chrono::milliseconds kStopTime{11'000};
+// For killed workers to disappear, and how often to look.
 constexpr std::chrono::milliseconds kKillTime{500};
+constexpr std::chrono::milliseconds kKillTurn{10};
 
 bool IsProgram(const std::string& path) {
     std::error_code error;
@@ -40,12 +42,12 @@ std::string FindWorker(const std::string& given) {
 
 }  // namespace
 
-Session::Session(Work& work, const char* noun, const WakePipe& wake, EventQueue& events,
+Session::Session(Downloads& downloads, const char* noun, const WakePipe& wake, EventQueue& events,
                  Display& display)
-    : work_(work), noun_(noun), wake_(wake), events_(events), display_(display) {}
+    : downloads_(downloads), noun_(noun), wake_(wake), events_(events), display_(display) {}
 
 // Starts the manager. Returns the fault in one line; empty when it runs.
-std::string Session::Begin(const std::string& worker) {
+std::string Session::StartManager(const std::string& worker) {
     const std::string program = FindWorker(worker);
     if (!IsProgram(program)) return "no worker program at " + program;
     std::string reason;
@@ -53,32 +55,32 @@ std::string Session::Begin(const std::string& worker) {
 }
 
 int Session::Run(const std::string& worker) {
-    if (const std::string fault = Begin(worker); !fault.empty()) {
-        display_.Note("taskman: " + text::Printable(fault));
-        work_.Finish(false);
-        display_.Close(work_.Counts(), EXIT_STATUS_FAILED);
+    if (const std::string fault = StartManager(worker); !fault.empty()) {
+        display_.Fault(fault);
+        downloads_.Finish(false);
+        display_.Finish(downloads_.Counts(), EXIT_STATUS_FAILED);
         return EXIT_STATUS_FAILED;
     }
     try {
-        while (!work_.Done()) Turn();
-        Close(signals::StopCount() > 0);
+        while (!downloads_.Done()) Turn();
+        Finish(signals::StopCount() > 0);
         EndManager();
     } catch (...) {
         EndTaskManager();
         throw;
     }
     if (signals::StopCount() > 0) signals::EndBy(signals::StopSignal());
-    return work_.Status();
+    return downloads_.Status();
 }
 
 void Session::Turn() {
-    for (const Event& event : events_.Take()) work_.Handle(event);
+    for (const Event& event : events_.Take()) downloads_.Handle(event);
     LookAtSignals();
-    const bool more = work_.StartNext();
+    const bool more = downloads_.StartNext();
     const bool resumed = signals::TakeResume();
     if (signals::TakeResize() || resumed) display_.ScreenChanged(resumed);
-    display_.Refresh(work_.Running(), work_.Counts());
-    if (!more && !work_.Done()) wake_.Wait(kTurn, work_.Awaits());
+    display_.Refresh(downloads_.Running(), downloads_.Counts());
+    if (!more && !downloads_.Done()) wake_.Wait(kTurn, downloads_.Awaits());
 }
 
 void Session::LookAtSignals() {
@@ -87,18 +89,18 @@ void Session::LookAtSignals() {
     if (count == 0 || stopping_) return;
     stopping_ = true;
     stop_deadline_ = Clock::now() + kStopTime;
-    const std::size_t asked = work_.Stop();
+    const std::size_t asked = downloads_.Stop();
     if (asked > 0) {
         display_.Note("stopping " + text::Count(asked, noun_) + " (again: end now)");
     }
 }
 
-void Session::Close(bool atOnce) {
-    if (closed_) return;
-    closed_ = true;
-    work_.Finish(atOnce);
+void Session::Finish(bool atOnce) {
+    if (finished_) return;
+    finished_ = true;
+    downloads_.Finish(atOnce);
     const int signal = signals::StopSignal();
-    display_.Close(work_.Counts(), signal == 0 ? work_.Status() : 128 + signal);
+    display_.Finish(downloads_.Counts(), signal == 0 ? downloads_.Status() : 128 + signal);
 }
 
 // The manager waits for its workers; meanwhile a signal can still cut everything short.
@@ -116,29 +118,15 @@ void Session::EndManager() {
     ender.join();
 }
 
-// Ends without waiting for anybody: the workers are killed and all names removed.
+// Ends without waiting for tasks: the workers are killed and reaped, and all names removed.
 void Session::EndNow() {
+    KillWorkers();
     const Clock::time_point deadline = Clock::now() + kKillTime;
-    bool alive = true;
-    while (alive && Clock::now() < deadline) {
-        alive = false;
-        for (const std::atomic<pid_t>& worker : g_WorkerPid) {
-            const pid_t pid = worker;
-            if (pid > 0 && kill(pid, SIGKILL) == 0) alive = true;
-        }
-        if (alive) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    work_.Abandon();
-    const std::string section =
-        std::string(SHARE_MEM_NAME) + "_" + std::to_string(sysutility::GetCurrentPid());
-    shm_unlink(section.c_str());
-    Close(true);
+    // The process has no other children.
+    while (waitpid(-1, nullptr, WNOHANG) != -1 && Clock::now() < deadline) wake_.Wait(kKillTurn);
+    downloads_.Abandon();
+    shm_unlink(SectionName(sysutility::GetCurrentPid()).c_str());
+    Finish(true);
     ForgetParts();
     signals::EndBy(signals::StopSignal());
-}
-
-const WakePipe& InstallSignals() {
-    static const WakePipe wake;
-    signals::Install(wake);
-    return wake;
 }
