@@ -1,10 +1,10 @@
-// Downloads one file and tells how that ended: fetch URL FILE
+// Downloads one file and prints how that ended: fetch URL FILE
 #include <csignal>
 #include <cstdio>
 #include <future>
 #include <string>
 
-#include "TaskMan/taskman.h"
+#include "TaskMan/manager.h"
 #include "common/fieldtext.h"
 
 namespace {
@@ -13,7 +13,7 @@ std::promise<int> g_end;  // every task gets exactly one final code
 
 void OnState(void*, const char*, std::int32_t nCode, double dValue, std::int32_t) {
     if (nCode == DOWNLOAD_STATE_PROGRESS) std::printf("%.0f %%\n", dValue);
-    if ((FINAL_STATE_BITS >> nCode & 1) != 0) g_end.set_value(nCode);
+    if (IsFinalCode(nCode)) g_end.set_value(nCode);
 }
 
 int Fail(const std::string& reason) {

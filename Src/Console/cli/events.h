@@ -1,4 +1,4 @@
-// How news reaches the main loop: from the manager's scanner thread, from helper threads and from
+// How events reach the main loop: from the manager's scanner thread, from helper threads and from
 // signal handlers.
 #pragma once
 
@@ -17,7 +17,7 @@ class WakePipe : private Uncopyable {
     WakePipe();  // throws std::system_error when no pipe can be made
     ~WakePipe();
 
-    // Ends the wait that is on, or the next one. Any thread and any signal handler may call.
+    // Ends the present wait, or the next one. Any thread and any signal handler may call.
     void Wake() const;
 
     // Returns when woken, when a signal was handled, when `descriptor` can be read (-1: none), or
@@ -32,31 +32,33 @@ class WakePipe : private Uncopyable {
 struct Event {
     enum class Kind {
         kState,  // the manager called back: `code`, `value`
-        kEnd,    // a helper thread is done with the file: `outcome`
+        kEnd,    // a helper thread has finished its work: `outcome`
     };
     Kind kind;
     std::string id;  // of the task
     std::int32_t code = 0;
     double value = 0;
-    std::string remark{};  // with a final code: what the manager knows beyond it
-    double size = 0;       // with a final code: bytes the worker announced; 0 when it did not
-    std::string text{};    // with code 1: the information text
+    std::string
+        remark{};        // with a final code: TaskRemark(), empty unless the manager ended the task
+    double size = 0;     // with a final code: size of the file in bytes; 0 when unknown
+    std::string text{};  // with code 1: the information text
     Outcome outcome{};
 };
 
-// Carries events to the main loop, in the order in which they were added. Any thread may add.
+// Carries events to the main loop, in the order in which they were added.
 class EventQueue : private Uncopyable {
   public:
     // Wakes through `wake`, which outlives the queue.
     explicit EventQueue(const WakePipe& wake) : wake_(wake) {}
 
+    // Any thread may call.
     void Add(Event event);
 
     // Everything that was added since the last call.
     std::vector<Event> Take();
 
-    // The callbacks for tasks whose callback parameter is an EventQueue. Both add events of states:
-    // a task that ends with code 1 calls the second one only.
+    // The callbacks for tasks whose callback parameter is an EventQueue. Both add events of the
+    // kind kState; a task that ends with code 1 calls the second one only.
     static void OnState(void* queue, const char* szTaskID, std::int32_t nCode, double dValue,
                         std::int32_t nTaskKind);
     static void OnResult(void* queue, const char* szTaskID, std::int32_t nCode, const char* szText,

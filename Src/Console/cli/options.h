@@ -18,17 +18,17 @@
 // `taskman get`
 struct GetOptions {
     std::vector<std::string> addresses{};
-    std::string input{};      // list of more addresses, "-" is standard input; empty: none
-    std::string output{};     // name of the only file; empty: from the address
-    std::string sha256{};     // digest of the only file; empty: not known
+    std::string input{};      // list of more addresses; "-": standard input; empty: none
+    std::string output{};     // name of the only file; empty: taken from the address
+    std::string sha256{};     // digest of the only file; empty: unknown
     std::string directory{};  // where files go; empty: the working directory
-    std::string failed{};     // list to be written of what did not finish; empty: none
+    std::string failed{};     // list of what did not finish, to be written; empty: none
     int jobs = 4;             // files at once, 1 to 8
     Existing existing = Existing::kRefuse;
     bool keepPart = false;  // keep the part of a file that did not finish
     Tries tries{};
-    std::int32_t timeout = 30;  // seconds until a server has told the size; 0: for ever
-    std::string worker{};       // program of the workers; empty: looked for
+    std::int32_t timeout = 30;  // seconds for a server to announce the size; 0: for ever
+    std::string worker{};       // program of the workers; empty: the installed one
     ProxyRules proxy{};
     FormatWish format{};       // when given, the addresses are those of pages
     bool resolveOnly = false;  // the addresses are those of pages, of which no file is downloaded
@@ -56,7 +56,6 @@ struct Command {
     CleanOptions clean{};
 };
 
-// Reads the arguments of the program. When there is nothing to run, because help was asked for or
-// the arguments are wrong, it has said so on standard output or standard error and returns the exit
-// status.
+// Reads the arguments of the program into `command`. Returns nothing when the verb is to be run;
+// else the exit status: help has been written to standard output, or a fault to standard error.
 std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& command);

@@ -9,7 +9,7 @@ enum ExitStatus : int {
     EXIT_STATUS_FINISHED = 0,
     EXIT_STATUS_FAILED = 1,      // a download failed, or its worker died
     EXIT_STATUS_USAGE = 2,       // wrong arguments, or an address that cannot be used
-    EXIT_STATUS_LOCAL = 3,       // the local file: exists, cannot be made, no space, no rename
+    EXIT_STATUS_LOCAL = 3,       // the local file: exists, cannot be created, no space, no rename
     EXIT_STATUS_UNRESOLVED = 4,  // the page was not resolved, or has no such format
     EXIT_STATUS_MISMATCH = 5,    // the file is not the one that was announced
     EXIT_STATUS_STOPPED = 6,     // stopped on request
@@ -27,12 +27,12 @@ enum class EndResult { kFinished, kFailed, kDied, kStopped, kMismatch, kRefused,
 struct Outcome {
     EndResult result = EndResult::kFinished;
     ExitStatus status = EXIT_STATUS_FINISHED;
-    std::string reason{};  // one line, as it came: not yet fit for a terminal; empty when finished
-    double bytes = 0;      // size of the finished file
-    double seconds = 0;    // from its start to its end
-    std::int32_t code = -1;    // final code of its task; -1 when it had none
-    std::string secondLook{};  // what the command itself saw at the address of a failed file, in
-                               // one line as it came; empty when it did not look
+    std::string reason{};      // one line, which may hold any bytes; empty when finished
+    double bytes = 0;          // size of the finished or skipped file
+    double seconds = 0;        // that its last task took
+    std::int32_t code = -1;    // final code of its last task; -1 when it had none
+    std::string secondLook{};  // of a failed file: what the command itself was answered at the
+                               // address, in one line of any bytes; empty when it did not ask
 };
 
 // The word for a result: "finished", "failed" and so on.

@@ -9,19 +9,12 @@
 #include <memory>
 #include <vector>
 
+#include "Console/screen/utf8.h"
+
 namespace {
 
 constexpr std::size_t kDigits = 64;
 constexpr std::size_t kBlock = 256 * 1024;
-
-std::string Hex(const unsigned char* bytes, unsigned count) {
-    constexpr const char* kHexDigits = "0123456789abcdef";
-    std::string hex;
-    for (unsigned i = 0; i < count; ++i) {
-        hex += {kHexDigits[bytes[i] >> 4], kHexDigits[bytes[i] & 15]};
-    }
-    return hex;
-}
 
 }  // namespace
 
@@ -50,7 +43,7 @@ std::string FileDigest(int file) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned length = 0;
     EVP_DigestFinal_ex(context.get(), digest, &length);
-    return Hex(digest, length);
+    return utf8::Hex({reinterpret_cast<const char*>(digest), length});
 }
 
 bool SameDigest(std::string_view one, std::string_view other) {

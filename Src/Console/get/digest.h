@@ -7,8 +7,8 @@
 // Whether the text is a digest: 64 hexadecimal digits of either case.
 bool IsDigest(std::string_view text);
 
-// The digest of all that the file behind a descriptor holds, in lower case; the descriptor's
-// position is neither used nor moved. Empty, with errno set, when it cannot be read.
+// The digest of a whole open file, in lower case; the position of the descriptor is neither used
+// nor moved. Empty, with errno set, when it cannot be read.
 std::string FileDigest(int file);
 
 // Whether the two digests are the same, whatever their case.

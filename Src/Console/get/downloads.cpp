@@ -16,7 +16,7 @@ namespace {
 constexpr int kMostAtOnce = 100;
 // Files that run: those with a task and those with a helper thread.
 constexpr std::size_t kMostRunning = 3 * TASK_SLOT_COUNT;
-// Finished files that are remembered; some 40 bytes each.
+// Finished files that are remembered, at some 40 bytes each; then all are forgotten.
 constexpr std::size_t kMostRemembered = 1'000'000;
 // For copying the rest of a list when the end is not to be held up.
 constexpr std::chrono::seconds kCopyTime{1};

@@ -42,7 +42,7 @@ std::string_view LastPart(std::string_view address) {
     return path == std::string_view::npos ? std::string_view() : AfterLast(rest, '/');
 }
 
-// The text as a name of at most `limit` bytes. Empty when nothing of it can be in a name.
+// The text as a name of at most `limit` bytes; empty when a name can hold nothing of it.
 std::string SafeName(std::string_view text, std::size_t limit) {
     std::string name;
     while (!text.empty()) {
@@ -82,7 +82,7 @@ std::string NameFault(std::string_view name) {
 
 std::string NameFromAddress(std::string_view address) {
     const std::string decoded = utf8::PercentDecode(LastPart(address));
-    // An encoded "/" separates like any other: "dir%2Ffile" names "file".
+    // An encoded "/" separates, too: "dir%2Ffile" gives "file".
     const std::string name = SafeName(AfterLast(decoded, '/'), kLongestName);
     return strutil::trim(name).empty() ? kNoName : name;
 }

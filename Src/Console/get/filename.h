@@ -1,4 +1,4 @@
-// Addresses of files, and the names their files get.
+// Addresses that can be downloaded, and the names of their files.
 #pragma once
 
 #include <string>
@@ -8,8 +8,8 @@
 // https, name a host, hold no blank or control byte and fit its field in the task's slot.
 std::string AddressFault(std::string_view address);
 
-// Why a name that the user gives a file cannot be used, in one line; empty when it can be tried. It
-// may lead to another directory.
+// Why the name that a user gives a file cannot be used, in one line; empty when it can be tried. It
+// may be a path.
 std::string NameFault(std::string_view name);
 
 // The file name for an address: the last part of its path, percent-decoded. Whatever the address
@@ -17,6 +17,6 @@ std::string NameFault(std::string_view name);
 // empty ("download" then), and together with ".part" stays below 255 bytes.
 std::string NameFromAddress(std::string_view address);
 
-// The file name for a video of that title, safe in the same way: what cannot be in a name is left
-// out, ".flv" is at the end, and something stands before it ("download" when nothing is left).
+// The file name for a video of that title, safe in the same way: what a name cannot hold is left
+// out, and ".flv" is added ("download.flv" when nothing is left).
 std::string NameFromTitle(const std::string& title);

@@ -10,13 +10,13 @@ namespace {
 constexpr long kMilliseconds = 5000;
 constexpr long kRedirects = 30;
 
-// Takes no byte: at the first one the headers are complete, and the transfer is broken off.
+// At the first byte of the body the headers are complete: breaks the transfer off.
 std::size_t BreakOff(char* /*bytes*/, std::size_t /*size*/, std::size_t /*count*/, void* begun) {
     *static_cast<bool*>(begun) = true;
     return 0;
 }
 
-// Whatever the environment says, the proxy is the one of the command or none.
+// The proxy of the command or none: libcurl does not read the environment.
 void SetProxy(CURL* curl, const Proxy& proxy) {
     curl_easy_setopt(curl, CURLOPT_PROXY, proxy.host.c_str());
     curl_easy_setopt(curl, CURLOPT_NOPROXY, "");
@@ -32,7 +32,7 @@ void SetLimits(CURL* curl) {
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, kMilliseconds);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
 #if LIBCURL_VERSION_NUM >= 0x075700
-    // A name server that does not answer would hold up the end of the handle.
+    // Else the cleanup of the handle waits for a name server that does not answer.
     curl_easy_setopt(curl, CURLOPT_QUICK_EXIT, 1L);
 #endif
     curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -40,7 +40,7 @@ void SetLimits(CURL* curl) {
     curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kRedirects);
 }
 
-// What speaks against a file or page whose headers have come.
+// What is wrong with a file or page, by its headers.
 std::string HeaderFault(CURL* curl, Wanted wanted) {
     long code = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code);

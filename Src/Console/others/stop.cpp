@@ -20,7 +20,7 @@ std::vector<OtherTask> WithId(const std::vector<OtherTask>& tasks, const std::st
     return take([&id](const OtherTask& task) { return task.id.starts_with(id); });
 }
 
-// The tasks that the options name; what is wrong with a name is added to `faults`, a line each.
+// The tasks that the options name. Adds a fault line for each id that names none or several.
 std::vector<OtherTask> Named(const StopOptions& options, std::string& faults) {
     const std::vector<OtherTask> tasks = ListTasks();
     if (options.all) return tasks;

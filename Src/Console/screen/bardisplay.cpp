@@ -12,7 +12,7 @@ namespace {
 constexpr std::chrono::milliseconds kBetweenDraws{250};
 constexpr const char* kToLineEnd = "\x1b[K";
 constexpr const char* kToScreenEnd = "\x1b[J";
-// Should a character be wider than thought, the line is cut instead of taking a second row.
+// If a character is wider than wcwidth() says, the line is cut instead of wrapped.
 constexpr const char* kWrapOff = "\x1b[?7l";
 constexpr const char* kWrapOn = "\x1b[?7h";
 
@@ -27,7 +27,7 @@ double SecondsSince(Clock::time_point start, Clock::time_point now) {
     return std::chrono::duration<double>(now - start).count();
 }
 
-// The name, and which try it is, in exactly `columns` columns.
+// The name, and the number of the try, in exactly `columns` columns.
 std::string NameField(const FileView& file, int columns) {
     std::string again = file.tries > 1 ? " (try " + std::to_string(file.tries) + ")" : "";
     if (columns < text::Width(again) + kLeastOfName) again = "";
@@ -109,12 +109,12 @@ BarDisplay::BarDisplay(int descriptor, bool colour, bool reports)
 void BarDisplay::ReadSize() {
     winsize size{};
     if (ioctl(descriptor_, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return;
-    // The last column stays free: some terminals go to the next row as soon as it is filled.
+    // The last column stays free: some terminals wrap as soon as it is filled.
     columns_ = std::max(size.ws_col - 1, 2);
     rows_ = size.ws_row == 0 ? 24 : size.ws_row;
 }
 
-// A command that was sent to the background leaves the screen to the one in front.
+// A command in the background leaves the screen to the one in the foreground.
 bool BarDisplay::InForeground() const {
     const pid_t front = tcgetpgrp(descriptor_);
     return front == -1 || front == getpgrp();
@@ -179,8 +179,8 @@ void BarDisplay::Draw() {
     if (!front && kept_.empty()) return;
     std::string out = kWrapOff;
     out += '\r';
-    // Some terminals break the lines of the frame anew when they get narrower, others do not. Going
-    // up by too little leaves a trace of the frame; by too much it would erase lines that stay.
+    // Some terminals rewrap lines when they become narrower, others do not. Going up too few rows
+    // leaves a trace of the frame; too many would erase lines that stay.
     if (drawn_ > 1) out += "\x1b[" + std::to_string(drawn_ - 1) + "A";
     for (const std::string& line : kept_) out += line + kToLineEnd + "\n";
     kept_.clear();

@@ -1,5 +1,5 @@
-// Bars, for a terminal: a line per running file and one for all at the bottom, redrawn in place;
-// what has ended scrolls up above them and stays.
+// Bars, for a terminal: a line per running file and one for all at the bottom, redrawn in place.
+// The lines of files that have ended stay above them and scroll up.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 
 class BarDisplay : public Display {
   public:
-    // `reports`: everything a worker reports is told, too.
+    // `reports`: also shows everything that the workers report.
     BarDisplay(int descriptor, bool colour, bool reports);
 
     void Started(const FileView& file) override;
@@ -30,22 +30,22 @@ class BarDisplay : public Display {
     const int descriptor_;
     const bool colour_;
     const bool reports_;
-    int columns_ = 80;  // that may be written to
+    int columns_ = 80;  // of the screen that are used
     int rows_ = 24;
-    std::vector<std::string> kept_;   // lines that are to stay, not yet written
-    std::vector<std::string> frame_;  // lines that come and go
+    std::vector<std::string> kept_;   // lines that stay, not yet written
+    std::vector<std::string> frame_;  // transient lines, which the next draw replaces
     int drawn_ = 0;                   // lines of the frame on the screen
     Clock::time_point last_draw_{};
 };
 
-// ---- Its lines; at most `columns` columns wide.
+// ---- Its lines; at most `columns` columns wide, 2 or more.
 
-// A running file: name, bar, percent, size, speed, time left; from the right, what finds no room is
-// left out. A file that starts over says so behind its name. Before the first byte: name and how
-// long the server has been waited for.
+// A running file: name, bar, percent, size, speed, time left; what does not fit is left out from
+// the right. From the second try on its number stands behind the name. Before the first byte: the
+// name, and for how long the server has not answered.
 std::string FileLine(const FileView& file, int columns, Clock::time_point now);
 
-// All files: how many are done and how many failed, bytes, speed and, once no file waits, time
-// left.
+// All files: how many are done and how many failed, bytes, speed and, when no file waits to be
+// begun, the time left.
 std::string TotalLine(const std::vector<const FileView*>& running, const Totals& totals,
                       int columns);

@@ -1,5 +1,4 @@
-// Events for programs: one JSON object a line, of nothing but ASCII. docs/json.md tells their
-// fields.
+// Events for programs: one JSON object a line, in ASCII. docs/json.md lists their fields.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +10,7 @@
 
 class JsonDisplay : public Display {
   public:
-    // `print` gets each line, with its end, at once.
+    // `print` gets each line at once, with its newline.
     explicit JsonDisplay(std::function<void(const std::string& line)> print)
         : print_(std::move(print)) {}
 
@@ -30,5 +29,5 @@ class JsonDisplay : public Display {
     const std::function<void(const std::string& line)> print_;
     bool begun_ = false;
     std::map<const FileView*, std::size_t> numbers_{};  // of the files that have not ended
-    std::size_t files_ = 0;                             // numbers given
+    std::size_t files_ = 0;                             // last number given
 };

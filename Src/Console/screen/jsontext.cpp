@@ -16,21 +16,11 @@ bool IsUtf8(std::string_view bytes) {
     return true;
 }
 
-std::string Hex(std::string_view bytes) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    std::string hex;
-    for (const char byte : bytes) {
-        const auto code = static_cast<unsigned char>(byte);
-        hex += {kDigits[code >> 4], kDigits[code & 15]};
-    }
-    return hex;
-}
-
 }  // namespace
 
 void SetText(nlohmann::ordered_json& event, const std::string& key, const std::string& bytes) {
     event[key] = bytes.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(bytes);
-    if (!IsUtf8(bytes)) event[key + "_hex"] = Hex(bytes);
+    if (!IsUtf8(bytes)) event[key + "_hex"] = utf8::Hex(bytes);
 }
 
 nlohmann::ordered_json Number(double value) {

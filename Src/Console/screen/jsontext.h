@@ -1,4 +1,4 @@
-// How the verbs write for programs: one JSON object a line, of nothing but ASCII.
+// How the verbs write for programs: one JSON object a line, in ASCII.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -7,12 +7,12 @@
 // Value of "v" in the first line of each output.
 constexpr int JSON_VERSION = 1;
 
-// Sets a text that may be missing. What is not UTF-8 in it is replaced in the line; a second field
-// holds the bytes then.
+// Sets a text field; an empty text becomes null. When it is not UTF-8, JsonLine replaces the
+// invalid bytes, and a second field, KEY_hex, holds all of them in hexadecimal digits.
 void SetText(nlohmann::ordered_json& event, const std::string& key, const std::string& bytes);
 
-// Whole numbers without a fraction.
+// The number; without a fraction when it is a whole one.
 nlohmann::ordered_json Number(double value);
 
-// The object as a line, with its end.
+// The object as a line, with its newline.
 std::string JsonLine(const nlohmann::ordered_json& event);

@@ -13,10 +13,10 @@ void PlainDisplay::State(const FileView& file, std::int32_t code, double /*value
     if (detail_ == Detail::kReports) return Note(StateLine(file, code));
     if (detail_ < Detail::kProgress || code != DOWNLOAD_STATE_PROGRESS) return;
     const int quarters = static_cast<int>(file.percent) / 25;
-    int& told = marks_[&file];
-    // The end tells the last quarter.
-    if (quarters <= told || quarters > 3) return;
-    told = quarters;
+    int& shown = marks_[&file];
+    // The final line covers the last quarter.
+    if (quarters <= shown || quarters > 3) return;
+    shown = quarters;
     std::string line = file.name + ": " + std::to_string(quarters * 25) + " %";
     if (file.size >= 0) line += " of " + text::Size(file.size);
     if (file.speed >= 0) line += ", " + text::Size(file.speed) + "/s";

@@ -1,11 +1,11 @@
-// Plain lines, for logs and for what is no terminal.
+// Plain lines, for logs and whatever is no terminal.
 #pragma once
 
 #include <map>
 
 #include "Console/screen/display.h"
 
-// What is told; each includes the ones before.
+// What is shown; each includes the ones before.
 enum class Detail {
     kFailures,  // files that did not finish
     kEnds,      // all files, and how many there were
@@ -28,5 +28,5 @@ class PlainDisplay : public Display {
     const int descriptor_;
     const Detail detail_;
     const bool colour_;
-    std::map<const FileView*, int> marks_;  // quarters that were told
+    std::map<const FileView*, int> marks_;  // quarters that were shown, 0 to 3
 };

@@ -62,4 +62,14 @@ std::string PercentDecode(std::string_view text) {
     return decoded;
 }
 
+std::string Hex(std::string_view bytes) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    std::string hex;
+    for (const char byte : bytes) {
+        const auto code = static_cast<unsigned char>(byte);
+        hex += {kDigits[code >> 4], kDigits[code & 15]};
+    }
+    return hex;
+}
+
 }  // namespace utf8

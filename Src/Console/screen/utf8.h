@@ -17,13 +17,16 @@ struct Character {
 // beyond U+10FFFF are no characters.
 Character First(std::string_view bytes);
 
-// Whether the character steers a terminal or the direction of writing instead of showing anything.
+// Whether the character controls a terminal or the direction of writing instead of being visible.
 bool IsControl(char32_t code);
 
-// The longest start of `bytes` of at most `limit` bytes that does not cut a character in two.
+// The first `limit` bytes, or fewer, so that no character is cut in two.
 std::string_view Head(std::string_view bytes, std::size_t limit);
 
 // Replaces every %XX by the byte; anything else stays as it is.
 std::string PercentDecode(std::string_view text);
+
+// Two hexadecimal digits in lower case for each byte.
+std::string Hex(std::string_view bytes);
 
 }  // namespace utf8
