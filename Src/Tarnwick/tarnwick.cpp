@@ -15,16 +15,40 @@
 #include "common/AutoLock.h"
 #include "common/assertion.h"
 #include "common/fieldtext.h"
+#include "common/platform.h"
 #include "common/sysutility.h"
 
 namespace {
+
+// The job thread signals its end here. These two are never destroyed, since it may still be
+// leaving the mutex while the main thread is on its way out of the process.
+pthread_mutex_t g_end_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t g_end = PTHREAD_COND_INITIALIZER;
+
+// The job thread's last step: after it the main thread deletes the lock and releases libcurl.
+void EndJob() {
+    pthread_mutex_lock(&g_end_mutex);
+    g_exit_download = true;
+    g_Exit = true;
+    pthread_cond_signal(&g_end);
+    pthread_mutex_unlock(&g_end_mutex);
+}
+
+// Waits for the job's end. Looks at the flag once a second as well: whoever else sets it does not
+// signal.
+void WaitForJob() {
+    constexpr int kLookMilliseconds = 1000;
+    pthread_mutex_lock(&g_end_mutex);
+    while (!g_exit_download) platform::WaitCondition(&g_end, &g_end_mutex, kLookMilliseconds);
+    pthread_mutex_unlock(&g_end_mutex);
+}
 
 void RequireInParseTask(bool holds, const char* expression, int line) {
     assertion::Require(holds, "ParseTask", kWorkerSource, expression, line);
 }
 
-// Attaches the manager's section. True when there was none: this process has made an empty one
-// then, which nobody else knows of.
+// Attaches the manager's section. True when there was none and this process has created an empty
+// one, which nobody else uses.
 bool AttachSection() {
     if (g_VideoInfoSection.hPrt != nullptr) return false;
     const int made = shm_open(g_ShareName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
@@ -34,7 +58,7 @@ bool AttachSection() {
     return made != -1;
 }
 
-// Takes the snapshot of the common area and of all slots, without a lock.
+// Copies the common area and all slots, without a lock.
 void ReadSection() {
     g_TaskCommData = g_VideoInfoSection.pCommDataPrt;
     g_DownloadConfigPath.assign(g_TaskCommData, strnlen(g_TaskCommData, TASK_COMMDATA_SIZE));
@@ -51,7 +75,7 @@ bool SomeSlotCarries(std::string_view id) {
     return false;
 }
 
-// Everything of the request but nTaskKind, which the job reads from its copy of the slot.
+// Copies the request, except nTaskKind, which the job reads from its copy of the slot.
 void FillTaskInfo(tagTaskNode& info, const tagTaskContext& slot) {
     SetField(info.szTaskID, FieldView(slot.szTaskID));
     SetField(info.szOrgUrl, FieldView(slot.szOrgUrl));
@@ -67,7 +91,7 @@ void FillTaskInfo(tagTaskNode& info, const tagTaskContext& slot) {
     info.nTryInterval = ClampTries(slot.nTryInterval);
 }
 
-// Writes this process's id into the slot; from here on the slot is this worker's.
+// Claims the slot by writing this process's id into it.
 void ClaimSlot(tagTaskContext& live, tagTaskContext& copy, Threading::Mutex* lock) {
     Threading::AutoLock hold(lock);
     CopySlot(&copy, &live);
@@ -83,7 +107,7 @@ void StartJobThread() {
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     const int error = pthread_create(&g_pid, &attributes, ParseYoutube, &g_TaskConData);
     pthread_attr_destroy(&attributes);
-    // Nobody would set the flag that the main thread waits for.
+    // Without a job thread nobody sets the flag that the main thread waits for.
     if (error != 0) g_exit_download = g_Exit = true;
 }
 
@@ -117,8 +141,7 @@ int ParseTask(const char* szTaskID) {
     ClaimSlot(*live, copy, g_TaskInfo.mutexLock);
     CopySlot(&g_TaskConData, &copy);
     StartJobThread();
-    while (!g_exit_download) sleep(1);
-
+    WaitForJob();
     delete g_TaskInfo.mutexLock;
     g_TaskInfo.mutexLock = nullptr;
     return 0;
@@ -132,8 +155,6 @@ void* ParseYoutube(void* data) {
     } else {
         curl_global_cleanup();
     }
-    // The main thread deletes the lock and leaves as soon as it sees the first flag.
-    g_exit_download = true;
-    g_Exit = true;
+    EndJob();
     return nullptr;
 }
