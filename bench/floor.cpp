@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr std::size_t kBuffer = 192 * 1024;  // kReceiveBuffer of Src/Tarnwick/download.cpp
+constexpr std::size_t kBuffer = 512 * 1024;  // kReceiveBuffer of Src/Tarnwick/download.cpp
 
 bool Connect(int fd, int port) {
     sockaddr_in address{};
