@@ -1,15 +1,19 @@
-// The operations of common: locks, files and their names, texts, codecs.
+// What the manager and its workers share: locks, files, texts, codecs, the section.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cctype>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
+#include <new>
 #include <stdexcept>
 #include <thread>
-#include <type_traits>
 
+#include "TaskMan/taskcontext.h"
 #include "common/AutoLock.h"
 #include "common/httputility.h"
 #include "common/stringutility.h"
@@ -18,12 +22,8 @@
 
 using namespace sysutility;
 using namespace test_support;
-using strutil::Tokenizer;
-using Strings = std::vector<std::string>;
 using Threading::AutoLock;
 using Threading::Mutex;
-
-static_assert(!std::is_polymorphic_v<Tokenizer>);
 
 namespace {
 
@@ -116,36 +116,6 @@ TEST(Files, AreToldApartAndMade) {
     EXPECT_TRUE(sysutility::FileExists(GetCurrentPath(true) + "common_test"));
 }
 
-TEST(FileNames, AreCheckedMadeAndCut) {
-    const struct {
-        std::string name;
-        bool usable;
-        std::string made;
-    } names[] = {
-        {"  clip.mp4 ", true, "clip.mp4"},        {".hidden", false, ".hidden"},
-        {"a\\/:*?\"<>|b", false, "ab"},           {"a|b", false, "ab"},
-        {"a.b..\xE9\x01", true, "a.b..\xE9\x01"}, {" \t\r\n", false, ""},
-    };
-    for (const auto& [name, usable, made] : names) {
-        EXPECT_EQ(CheckFileName(name), usable) << name;
-        EXPECT_EQ(MakeFileName(name), made) << name;
-    }
-    const struct {
-        std::string text, with, without, last;
-    } paths[] = {
-        {"/tmp", "/tmp/", "/tmp", "tmp"},
-        {"/tmp//", "/tmp//", "/tmp/", ""},
-        {"", "/", "", ""},
-        {"abc", "abc/", "abc", ""},
-        {"http://h/a/v?x=1#y ", "http://h/a/v?x=1#y /", "http://h/a/v?x=1#y ", "v?x=1#y"},
-    };
-    for (const auto& [text, with, without, last] : paths) {
-        EXPECT_EQ(IncludeTrailingPathDelimiter(text), with);
-        EXPECT_EQ(ExcludeTrailingPathDelimiter(text), without);
-        EXPECT_EQ(GetFileNameForUrl(text), last) << text;
-    }
-}
-
 TEST(Texts, AreBounded) {
     char buffer[9] = "########";
     EXPECT_EQ(memcopy(buffer, "abcdefghij", 8, 7), buffer);
@@ -153,27 +123,77 @@ TEST(Texts, AreBounded) {
     EXPECT_EQ(std::string(buffer, 9), std::string("xy\0defg\0\0", 9));
     EXPECT_EQ(strutil::vsnpf(buffer, 8, "%s", "abcdefghij"), 10);
     EXPECT_EQ(std::string(buffer, 9), std::string("abcdef\0\0\0", 9));
-    const auto line = [](const char* function, const char* expression) {
-        return AssertionLine(expression, function, "common/sysutility");
+    const auto line = [](const char* expression) {
+        return AssertionLine(expression, "memcopy", "common/sysutility");
     };
-    EXPECT_DEATH(memcopy(nullptr, "x", 8, 1), line("memcopy", "NULL != Dest"));
-    EXPECT_DEATH(memcopy(buffer, nullptr, 8, 1), line("memcopy", "NULL != Src"));
-    EXPECT_DEATH(memcopy(buffer, "12345678", 8, 8), line("memcopy", "false"));
-    EXPECT_DEATH(sysutility::FileExists(""), line("FileExists", "0 < strFile.size()"));
+    EXPECT_DEATH(memcopy(nullptr, "x", 8, 1), line("NULL != Dest"));
+    EXPECT_DEATH(memcopy(buffer, nullptr, 8, 1), line("NULL != Src"));
+    EXPECT_DEATH(memcopy(buffer, "12345678", 8, 8), line("false"));
 }
 
-TEST(Texts, AreTrimmedCutAndNumbers) {
+// Each text behind a "|".
+std::string Joined(const std::vector<std::string>& texts) {
+    std::string all;
+    for (const std::string& text : texts) all += '|' + text;
+    return all;
+}
+
+// The result and what was added to a list that held "old".
+std::string Split(const std::string& input, const std::string& delimiter, bool includeEmpties) {
+    std::vector<std::string> results{"old"};
+    const int count = strutil::SplitString(input, delimiter, results, includeEmpties);
+    return std::to_string(count) + Joined(results);
+}
+
+std::string Replaced(std::string text, const std::string& from, const std::string& to) {
+    const std::string result = strutil::string_replace(text, from, to);
+    return result == text ? text : "another text";
+}
+
+TEST(Texts, AreWhatTheTableSays) {
     const std::pair<std::string, std::string> rows[] = {
+        {MakeFileName("  clip.mp4 "), "clip.mp4"},
+        {MakeFileName("a\\/:*?\"<>|b"), "ab"},
+        {MakeFileName("a.b..\xE9\x01"), "a.b..\xE9\x01"},
+        {MakeFileName(" \t\r\n"), ""},
+        {IncludeTrailingPathDelimiter("/tmp") + IncludeTrailingPathDelimiter(""), "/tmp//"},
+        {IncludeTrailingPathDelimiter("/tmp/"), "/tmp/"},
+        {ExcludeTrailingPathDelimiter("/tmp//") + ExcludeTrailingPathDelimiter("a"), "/tmp/a"},
+        {GetFileNameForUrl("http://h/a/v?x=1#y "), "v?x=1#y"},
+        {GetFileNameForUrl("/tmp/") + GetFileNameForUrl("abc"), ""},
         {strutil::trimLeft("\t a b \r\n"), "a b \r\n"},
         {strutil::trimRight("\t a b \r\n"), "\t a b"},
         {strutil::trim(" \v\xA0 x \f "), "\v\xA0 x \f"},
         {strutil::trimLeft(" ") + strutil::trimRight(" "), ""},
         {strutil::getContent("title=Hello", "title="), "Hello"},
-        {strutil::getContent("a=1&b=2&b=3", "b="), "2&b=3"},
-        {strutil::getContent("abc", "x"), ""},
+        {strutil::getContent("a=1&b=2&b=3", "b=") + strutil::getContent("abc", "x"), "2&b=3"},
         {strutil::toString(true) + strutil::toString(false), "truefalse"},
+        {Joined(strutil::split(",a;b\xE9;", ",;\xE9")), "|a|b"},
+        {Split("a,,b,", ",", true), "4|a||b|"},
+        {Split("a,,b,", ",", false), "2|a|b"},
+        {Split("<>a<>>b", "<>", true), "3||a|>b"},
+        {Split("abc", ",", true) + Split("abc", "", true), "0|old0|old"},
+        {Replaced("aaaa", "aa", "a"), "aa"},
+        {Replaced("aaaa", "a", "aa"), "aaaaaaaa"},
+        {Replaced("aaaa", "", "x"), "aaaa"},
+        {Replaced("-a--b-c", "-", "<->"), "<->a<-><->b<->c"},
+        {HttpUtility::HtmlDecode("a+b%20c%2Fd%E9%e9%00%2541"), "a b c/d\xE9\xE9%41"},
+        {HttpUtility::UrlDecode("%zz%g1%1g%%4%4"), "\x01\x10\x04"},
+        {HttpUtility::HtmlEncode("a b-c\n.\xE9"), "a%20b%2dc%0a%2e%e9"},
+        {HttpUtility::UrlEncode("/"), "%2f"},
+        {HttpUtility::HtmlEntityDecode("b&#39;a&#x27;&amp;4&&&lt;7&apos;A&quot;D&gt;G"),
+         "b'a'&4&&<7'A\"D>G"},
+        {HttpUtility::HtmlEntityDecode("&amp;lt;&#38;gt;&AMP;&#233;"), "&lt;&gt;&AMP;\xE9"},
+        {HttpUtility::HtmlEntityDecode("&#65&#x41&amp"), "&#65&#x41&amp"},
+        {HttpUtility::HtmlEntityDecode("&# +65x;&#x;&#;&#X41;"), std::string("A\0\0\0", 4)},
     };
     for (const auto& [actual, expected] : rows) EXPECT_EQ(actual, expected);
+}
+
+TEST(Texts, AreRecognised) {
+    for (const char* name : {".hidden", "a|b", " \t\r\n"})
+        EXPECT_FALSE(CheckFileName(name)) << name;
+    EXPECT_TRUE(CheckFileName("  clip.mp4 ") && CheckFileName("a.b..\xE9\x01"));
     EXPECT_TRUE(strutil::endsWith("abcbc", "bc") && !strutil::endsWith("bca", "bc"));
     EXPECT_TRUE(strutil::IsNum("007", false) && strutil::IsNum("1.5", true));
     EXPECT_FALSE(strutil::IsNum("1.5", false));
@@ -181,60 +201,17 @@ TEST(Texts, AreTrimmedCutAndNumbers) {
         EXPECT_FALSE(strutil::IsNum(text, true)) << text;
     }
     EXPECT_THROW(strutil::IsNum("", true), std::invalid_argument);
-}
-
-TEST(Texts, AreTakenApart) {
-    Tokenizer tokens("  a\t b,c \r\n");
-    EXPECT_TRUE(tokens.nextToken() && tokens.getToken() == "a");
-    EXPECT_EQ(tokens.m_offset, 3u);
+    strutil::Tokenizer tokens("  a\t b,c \r\n");
+    EXPECT_TRUE(tokens.nextToken() && tokens.getToken() == "a" && tokens.m_offset == 3);
     EXPECT_TRUE(tokens.nextToken(",") && tokens.getToken() == "\t b");
     EXPECT_TRUE(tokens.nextToken() && tokens.getToken() == ",c");
     EXPECT_TRUE(!tokens.nextToken() && tokens.getToken() == ",c");
     EXPECT_EQ(tokens.m_offset, tokens.m_string.size());
     tokens.reset();
     EXPECT_TRUE(tokens.nextToken() && tokens.getToken() == "a");
-    EXPECT_EQ(strutil::split(",a;b\xE9;", ",;\xE9"), (Strings{"a", "b"}));
-
-    const Strings old{"kept", "longer than a string holds in itself,b,,c,"};
-    const auto split = [&old](const char* input, const char* delimiter, bool includeEmpties) {
-        Strings results = old;
-        const int count = strutil::SplitString(input, delimiter, results, includeEmpties);
-        EXPECT_EQ(count, results == old ? 0 : std::ssize(results));
-        return results;
-    };
-    EXPECT_EQ(split("a,,b,", ",", true), (Strings{"a", "", "b", ""}));
-    EXPECT_EQ(split("a,,b,", ",", false), (Strings{"a", "b"}));
-    EXPECT_EQ(split("<>a<>>b", "<>", true), (Strings{"", "a", ">b"}));
-    EXPECT_EQ(split("abc", ",", true), old);
-    EXPECT_EQ(split("abc", "", true), old);
-    Strings results = old;
-    EXPECT_EQ(strutil::SplitString(results[1], ",", results, false), 3);
-    EXPECT_EQ(results, (Strings{"longer than a string holds in itself", "b", "c"}));
-
-    std::string text = "aaaa";
-    EXPECT_EQ(strutil::string_replace(text, "aa", "a"), "aa");
-    EXPECT_EQ(strutil::string_replace(text, "a", "aa"), "aaaa");
-    EXPECT_EQ(strutil::string_replace(text, "", "x"), "aaaa");
-    text = "-a--b-c";
-    EXPECT_EQ(strutil::string_replace(text, "-", "<->"), "<->a<-><->b<->c");
 }
 
-TEST(Codecs, Texts) {
-    EXPECT_EQ(HttpUtility::HtmlDecode("a+b%20c%2Fd%E9%e9%00%2541"), "a b c/d\xE9\xE9%41");
-    EXPECT_EQ(HttpUtility::UrlDecode("%zz%g1%1g%%4%4"), "\x01\x10\x04");
-    EXPECT_EQ(HttpUtility::HtmlEncode("a b-c\n.\xE9"), "a%20b%2dc%0a%2e%e9");
-    EXPECT_EQ(HttpUtility::UrlEncode("/"), "%2f");
-    const std::pair<const char*, std::string> entities[] = {
-        {"bbb&#39;aaa&#x27;123&amp;456&&&lt;789&apos;ABC&quot;DEF&gt;GHI",
-         "bbb'aaa'123&456&&<789'ABC\"DEF>GHI"},
-        {"&amp;lt;&#38;gt;&AMP;", "&lt;&gt;&AMP;"},
-        {"&#65&#x41&amp", "&#65&#x41&amp"},
-        {"&#233;&#8217;&#x2019;", "\xE9\x19\x19"},
-        {"&# +65x;&#x;&#;&#X41;", std::string("A\0\0\0", 4)},
-    };
-    for (const auto& [text, decoded] : entities) {
-        EXPECT_EQ(HttpUtility::HtmlEntityDecode(text), decoded) << text;
-    }
+TEST(Texts, HaveDigits) {
     std::string ordinary;
     for (int byte = 0; byte < 256; ++byte) {
         const auto c = static_cast<char>(byte);
@@ -247,9 +224,85 @@ TEST(Codecs, Texts) {
         EXPECT_EQ(HttpUtility::getAsDec(buffer), digit == '\xE9' ? 0xE9 : std::tolower(digit));
         EXPECT_STREQ(buffer, stored);
     }
-    EXPECT_EQ(HttpUtility::convertToDec(""), 0);
-    EXPECT_EQ(HttpUtility::convertToDec("1zfF"), 0x10FF);
+    EXPECT_EQ(HttpUtility::convertToDec("1zfF") + HttpUtility::convertToDec(""), 0x10FF);
     EXPECT_EQ(HttpUtility::convertToDec("123456789abcdef0"), static_cast<int>(0x9abcdef0));
+}
+
+// ---- The section and its records, to the byte.
+
+template <class Value>
+void Put(std::string& bytes, Value value, std::initializer_list<std::size_t> offsets) {
+    for (const std::size_t offset : offsets) std::memcpy(&bytes[offset], &value, sizeof value);
+}
+
+// Makes a record with `id` in memory full of rubbish, overwrites it and ends its life.
+template <class Record, class... Arguments>
+void ExpectDefaults(const std::string& defaults, const std::string& id, Arguments... arguments) {
+    alignas(Record) static char place[sizeof(Record)];
+    std::memset(place, 0x5a, sizeof place);
+    auto* record = new (place) Record(arguments...);
+    EXPECT_EQ(std::string(std::launder(place), sizeof place), id + defaults.substr(id.size()));
+    std::memset(static_cast<void*>(record), 'x', sizeof place);
+    record->~Record();
+    EXPECT_EQ(std::string(std::launder(place), sizeof place), defaults);
+}
+
+TEST(Records, AreBornAndDieWithTheirDefaults) {
+    std::string slot(TASK_SLOT_SIZE, '\0');
+    Put(slot, -1, {4160, 4164, 4168, 4172, 4652, 4688, 4692, 4696});
+    Put(slot, 3, {4572, 4576, 4580});
+    Put(slot, -1.0, {4672, 4680});
+    ExpectDefaults<tagTaskContext>(slot, "");
+    std::string info(sizeof(tagTaskInfo), '\0');
+    Put(info, -1, {2112, 2116, 2120, 2124, 3552, 3556});
+    const std::string id(64, 'i');
+    ExpectDefaults<tagTaskInfo>(info, id.substr(1), id.c_str());
+    const std::string name = UniqueName();
+    auto* node = new tagTaskNode(name.c_str());
+    EXPECT_EQ(node->nTaskIndex, -1);
+    node->mutexLock = new Threading::Mutex(name.c_str());
+    delete node;
+    EXPECT_EQ(SemaphoreValue(name), -1) << "a node owns its lock";
+}
+
+// The name under which the section was opened.
+std::string NameOf(const tagVideoInfoSection& section) {
+    const std::string link = "/proc/self/fd/" + std::to_string(section.hShm);
+    return std::filesystem::read_symlink(link).filename();
+}
+
+TEST(Section, IsMadeOnceAndLosesItsNameAtTheEnd) {
+    std::string name = UniqueName();
+    name.resize(80, 'n');
+    const mode_t mask = umask(0);
+    tagVideoInfoSection first{};
+    ASSERT_EQ(InitShareMem(&first, name.c_str()), 0);
+    umask(mask);
+    struct stat status {};
+    fstat(first.hShm, &status);
+    EXPECT_EQ(status.st_mode & 0777, 0644u);
+    EXPECT_EQ(status.st_size, 198657);
+    EXPECT_EQ(NameOf(first), name.substr(0, 61));
+    EXPECT_EQ(first.pCommDataPrt, first.hPrt + 197632);
+    EXPECT_EQ(std::string(first.hPrt, SHARE_MEM_SIZE), std::string(SHARE_MEM_SIZE, '\0'));
+    std::memset(first.hPrt, 'k', SHARE_MEM_SIZE);
+    tagVideoInfoSection second{};
+    ASSERT_EQ(InitShareMem(&second, name.c_str()), 0);
+    EXPECT_EQ(std::string(second.hPrt, SHARE_MEM_SIZE), std::string(SHARE_MEM_SIZE, 'k'));
+    char* const mapping = second.hPrt;
+    EXPECT_EQ(reinterpret_cast<char*>(SlotAt(second, 7)), mapping + 172928);
+    for (int outside : {-1, 8}) EXPECT_EQ(SlotAt(second, outside), nullptr);
+    EXPECT_EQ(UnInitShareMem(&second, name.c_str()), 0);
+    EXPECT_TRUE(second.pCommDataPrt == nullptr && second.hPrt == mapping);
+    EXPECT_EQ(msync(mapping, SHARE_MEM_SIZE, MS_ASYNC), -1) << "still mapped";
+    EXPECT_EQ(NameOf(second), name.substr(0, 61) + " (deleted)") << "or the descriptor closed";
+    UnInitShareMem(&first, name.c_str());
+    EXPECT_EQ(SlotAt(tagVideoInfoSection{}, 1), nullptr);
+    char mark;
+    tagVideoInfoSection none{7, &mark, &mark};
+    EXPECT_EQ(InitShareMem(&none, "/"), -1);
+    EXPECT_TRUE(none.hShm == -1 && none.hPrt == &mark && none.pCommDataPrt == &mark);
+    for (const auto& section : {first, second}) close(section.hShm);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Runs a fuzz target over the files of the directory that is the only argument, and over inputs
-// made from them, always the same: 1000, or as many as TASKMAN_RANDOM_INPUTS says. In the place of
-// libFuzzer's main function.
+// In the place of libFuzzer's main function: runs a fuzz target over the files of a directory, and
+// over inputs made from them, always the same: 1000, or as many as TASKMAN_RANDOM_INPUTS says.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>

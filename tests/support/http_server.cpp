@@ -36,32 +36,18 @@ bool SendAll(int connection, const std::string& bytes, std::size_t bytesPerSecon
 
 }  // namespace
 
-Reply Reply::Status(int code, const std::string& body, const std::string& headers) {
-    return Reply().Send("HTTP/1.1 " + std::to_string(code) +
-                        " Scripted\r\nContent-Length: " + std::to_string(body.size()) +
-                        "\r\nConnection: close\r\n" + headers + "\r\n" + body);
-}
-
-Reply Reply::Redirect(const std::string& location) {
-    return Status(302, "elsewhere", "Location: " + location + "\r\n");
-}
-
-Reply Reply::Head(const std::string& length, const std::string& body) {
+Reply Reply::Head(const std::string& length, const std::string& body, int code) {
     const std::string line = length.empty() ? "" : "Content-Length: " + length + "\r\n";
-    return Reply().Send("HTTP/1.1 200 OK\r\n" + line + "Connection: close\r\n\r\n" + body);
-}
-
-Reply& Reply::Add(Step step) {
-    steps_.push_back(std::move(step));
-    return *this;
+    return Reply().Send("HTTP/1.1 " + std::to_string(code) + " Scripted\r\n" + line +
+                        "Connection: close\r\n\r\n" + body);
 }
 
 Reply& Reply::Send(const std::string& bytes, std::size_t bytesPerSecond) {
-    return Add([=](int connection) { return SendAll(connection, bytes, bytesPerSecond); });
+    return Do([=](int connection) { return SendAll(connection, bytes, bytesPerSecond); });
 }
 
 Reply& Reply::Stream(std::size_t bytesPerSecond, const std::string& piece) {
-    return Add([=](int connection) {
+    return Do([=](int connection) {
         while (SendAll(connection, piece, bytesPerSecond)) {
         }
         return false;
@@ -69,11 +55,11 @@ Reply& Reply::Stream(std::size_t bytesPerSecond, const std::string& piece) {
 }
 
 Reply& Reply::Pause(std::chrono::milliseconds time) {
-    return Add([=](int connection) { return ClientStays(connection, time.count()); });
+    return Do([=](int connection) { return ClientStays(connection, time.count()); });
 }
 
 Reply& Reply::Reset() {
-    return Add([](int connection) {
+    return Do([](int connection) {
         const linger atOnce{1, 0};
         setsockopt(connection, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
         return false;

@@ -17,13 +17,16 @@ namespace test_support {
 // calls, until the client goes; then it closes the connection in good order.
 class Reply {
   public:
-    // The usual replies: a head with the length of `body` and "Connection: close", and the body.
+    // A head that announces `length`, any text or "" for none; and in one piece with it the
+    // beginning of a body, or all of it.
+    static Reply Head(const std::string& length, const std::string& body = "", int code = 200);
+    static Reply Status(int code, const std::string& body) {
+        return Head(std::to_string(body.size()), body, code);
+    }
     static Reply Ok(const std::string& body) { return Status(200, body); }
-    static Reply Status(int code, const std::string& body, const std::string& headers = "");
-    static Reply Redirect(const std::string& location);
-    // A head of code 200 that announces `length`, any text or "" for none; and in one piece with it
-    // the beginning of a body.
-    static Reply Head(const std::string& length, const std::string& body = "");
+    static Reply Redirect(const std::string& location) {
+        return Head("0\r\nLocation: " + location, "", 302);
+    }
 
     // Sends `bytes` at once, or at about that many bytes per second.
     Reply& Send(const std::string& bytes, std::size_t bytesPerSecond = 0);
@@ -39,7 +42,7 @@ class Reply {
     friend class HttpServer;
     // Does one thing on a connection; false when the connection is of no more use.
     using Step = std::function<bool(int connection)>;
-    Reply& Add(Step step);
+    Reply& Do(Step step) { return steps_.push_back(std::move(step)), *this; }
     std::vector<Step> steps_;
 };
 

@@ -1,6 +1,8 @@
-// Servers that lie: what becomes of a task whose server does anything but serve. Each lie is told
-// to a size probe, to a download whose probe heard the truth, and to a page.
+// Servers that lie and disks that are full. Each lie is told to a size probe, to a download whose
+// probe heard the truth, and to a page.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -157,6 +159,62 @@ TEST(LyingServers, AStopEndsWhatHasNoEnd) {
         run.EndWell();
         EXPECT_EQ(run.Slot().nStateBits & FINAL_STATE_BITS, 1U << DOWNLOAD_STATE_STOPPED);
     });
+}
+
+// ---- Disks that are full before the file is there: it never counts as finished.
+
+// Calls `start`; the files of what it starts grow to `size` bytes at most.
+void Limited(rlim_t size, const std::function<void()>& start) {
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit limit{size, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    start();
+    setrlimit(RLIMIT_FSIZE, &before);
+}
+
+// Has a worker fetch `size` bytes into `path`. Where some of them fit, it may try for ever.
+void Fetch(std::size_t size, const std::string& path, rlim_t limit = RLIM_INFINITY) {
+    SCOPED_TRACE(path + ", bytes: " + std::to_string(size));
+    HttpServer server({Reply::Ok(TestBytes(size))});
+    WorkerRun run;
+    run.Request(server.Url());
+    SetField(run.Slot().szFilePath, path);
+    Limited(limit, [&] { run.Start(); });
+    WaitUntil([&] { return run.Wait({}) || server.RequestCount() > 5; });
+    run.Stop();
+    run.Wait();
+    EXPECT_EQ(run.End(), limit == RLIM_INFINITY ? "exit 0" : "signal 25");
+    EXPECT_EQ(run.Slot().nStateBits >> DOWNLOAD_STATE_DOWNLOAD_FINISH & 1, 0u);
+    EXPECT_LT(path == "/dev/full" ? 0 : ReadFile(path).size(), size);
+}
+
+// Has `taskman get` do the same; neither the file nor a part of it may be left.
+void Get(std::size_t size, const TempDir& at, const char* says, rlim_t limit = RLIM_INFINITY) {
+    HttpServer server({Reply::Ok(TestBytes(size))});
+    CommandRun get;
+    Limited(limit, [&] { get.Start({"-d", at.Path(), server.Url()}); });
+    EXPECT_EQ(get.End(), "exit 3");
+    EXPECT_TRUE(Has(get.Err(), says)) << get.Err();
+    EXPECT_FALSE(FileExists(at.Path("file")) || FileExists(at.Path("file.part")));
+}
+
+TEST(FullDisk, OfAFewPages) {
+    if (!TakeOwnMounts()) GTEST_SKIP() << "nothing can be mounted";
+    const TempDir disk;
+    ASSERT_EQ(mount("none", disk.Path().c_str(), "tmpfs", 0, "size=64k"), 0);
+    WriteFile(disk.Path("other"), std::string(61'440, 'x'));
+    Fetch(8192, disk.Path("file.part"));
+    Get(8192, disk, "file: failed: no space left");
+    umount2(disk.Path().c_str(), MNT_DETACH);
+}
+
+TEST(FullDisk, OrADeviceOrALimit) {
+    const TempDir directory;
+    Fetch(8192, "/dev/full");
+    Fetch(8192, directory.Path("file.part"), 8191);
+    // The limit is more than the section needs.
+    Get(200'000, directory, "may not grow beyond 199000 bytes", 199'000);
 }
 
 }  // namespace

@@ -1,0 +1,342 @@
+// The worker's operations inside the test program: reports and progress, download info files and
+// ranges, the information text.
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+
+#include "Tarnwick/download.h"
+#include "Tarnwick/downloadinfo.h"
+#include "Tarnwick/progress.h"
+#include "Tarnwick/statereport.h"
+#include "Tarnwick/transfer.h"
+#include "Tarnwick/videoinfo.h"
+#include "Tarnwick/youtubeutility.h"
+#include "common/stringutility.h"
+#include "support/http_server.h"
+#include "support/job.h"
+
+using namespace test_support;
+
+// What the progress function remembers lasts as long as its process, and the clock is the tests'.
+static std::int64_t g_clock = 0;  // milliseconds
+
+extern "C" int gettimeofday(timeval* now, void*) noexcept {
+    now->tv_sec = g_clock / 1000;
+    now->tv_usec = g_clock % 1000 * 1000;
+    return 0;
+}
+
+namespace {
+
+TEST(Reports, AreBitsOfTheWord) {
+    Job job;
+    EXPECT_EQ(SendStateMSG(DOWNLOAD_STATE_DOWNLOAD_START), 0);
+    SendStateMSG(static_cast<tagDownloadStateCode>(31));
+    EXPECT_EQ(job.Slot().bStateChanged, 1);
+    EXPECT_THROW(SendStateMSG(static_cast<tagDownloadStateCode>(32)), std::out_of_range);
+    EXPECT_EQ(job.Slot().nStateBits, 1U << 2 | 1U << 31);
+    EXPECT_EQ(SemaphoreValue(job.id), 1);
+}
+
+TEST(ReportsDeath, ASlotOfAnotherTaskEndsTheProcessWithTheLockFree) {
+    Job job;
+    job.Slot().szTaskID[job.id.size() - 1] ^= 1;
+    EXPECT_DEATH(SendStateMSG(DOWNLOAD_STATE_SPEED),
+                 "^Assertion failed: \\(false\\), function SendStateMSG, file "
+                 "Src/Tarnwick/tarnwick, line 990\\.\n$");
+    EXPECT_EQ(SemaphoreValue(job.id), 1);
+    EXPECT_EQ(job.Slot().nStateBits, 0u);
+}
+
+constexpr std::uint32_t kFirst = 1U << 2, kPercent = 1U << 4, kSpeed = 1U << 5;
+
+// A call of the progress function and what it leaves; `bits` are those set by this call.
+struct Call {
+    std::int64_t time;
+    double total, received;
+    int result;
+    std::uint32_t bits;
+    double progress, speed;
+    int tries = 2;  // left of two failed ones
+};
+
+void Play(std::int32_t nCmd, std::int32_t nControl, const std::vector<Call>& calls) {
+    InChild([&] {
+        Job job(nCmd);
+        tagTaskContext& slot = job.Slot();
+        slot.dProgress = slot.dSpeed = -1.0;
+        slot.nControl = nControl;
+        for (const Call& call : calls) {
+            SCOPED_TRACE("command " + std::to_string(nCmd) + ", " + std::to_string(call.time));
+            g_clock = call.time;
+            slot.nStateBits = 0;
+            g_TryCount = 2;
+            EXPECT_EQ(progress_callback(nullptr, call.total, call.received, 0, 0), call.result);
+            EXPECT_EQ(slot.nStateBits, call.bits);
+            EXPECT_EQ(slot.dProgress, call.progress);
+            EXPECT_EQ(slot.dSpeed, call.speed);
+            EXPECT_EQ(g_TryCount, call.tries);
+        }
+    });
+}
+
+TEST(Progress, TellsPercentageAndSpeed) {
+    Play(3, -1,
+         {{1050, 1e7, 1e7, 0, 0, -1, -1},
+          {1100, 1e7, 1000, 0, kFirst, -1, -1},
+          {1200, 1e7, 2000, 0, 0, -1, -1, 0},
+          {2300, 1e7, 2.5e6, 0, kPercent, 25, -1, 0},
+          {2900, 1e7, 2.6e6, 0, 0, 25, -1, 0},
+          {4300, 1e7, 3.55e6, 0, kPercent | kSpeed, 35, 525000, 0},
+          {6300, 1e7, 4.6e6, 0, kPercent, 46, 525000, 0},
+          // Another try, which starts over and then learns of another length.
+          {8300, 1e7, 1.0e6, 0, 0, 46, 525000, 0},
+          {8310, 2e7, 9.0e6, 0, 0, 46, 525000},
+          {9400, 2e7, 1.5775e6, 0, kSpeed, 46, 525000, 0},
+          {10500, 2e7, 9.2e6, 0, kSpeed, 46, 6929545, 0},
+          {12700, 2e7, 2e7, 0, kPercent | kSpeed, 100, 4909090, 0}});
+    // No length is announced: no percentage.
+    Play(1, -1,
+         {{1000, 0, 10, 0, kFirst, -1, -1},
+          {2000, 0, 20, 0, 0, -1, -1, 0},
+          {4000, 0, 40, 0, kSpeed, -1, 10, 0}});
+    // A page: neither.
+    Play(0, -1, {{1000, 900, 1, 0, 0, -1, -1}, {3000, 900, 2, 0, 0, -1, -1, 0}});
+}
+
+TEST(Progress, BreaksOffOnAStopAndAfter20SecondsWithoutBytes) {
+    Play(1, TASK_CONTROL_STOP, {{1000, 0, 0, -1, 0, -1, -1}});
+    Play(1, -1,
+         {{1000, 100, 0, 0, 0, -1, -1},
+          {20999, 100, 0, 0, 0, -1, -1},
+          {21000, 100, 0, -1, 0, -1, -1},
+          {21000, 100, 0, 0, 0, -1, -1},
+          {30000, 100, 7, 0, kFirst, -1, -1},
+          {41000, 100, 8, 0, kPercent, 8, -1, 0},
+          {60999, 100, 8, 0, 0, 8, -1},
+          {80999, 100, 8, -1, 0, 8, -1},
+          {81000, 100, 8, 0, 0, 8, -1},
+          {101500, 100, 8, 0, 0, 8, -1}});
+}
+
+TEST(Download, BlocksAreWrittenBeforeAStopIsHeeded) {
+    Job job;
+    const TempDir directory;
+    for (const bool exit : {true, false}) {
+        g_Exit = exit;
+        job.Slot().nControl = exit ? -1 : TASK_CONTROL_STOP;
+        FILE* file = std::fopen(directory.Path("file").c_str(), "wb+");
+        char block[] = "block";
+        EXPECT_EQ(process_data(block, 1, 5, file), SIZE_MAX);
+        EXPECT_EQ(ReadFile(directory.Path("file")), "block");
+        std::fclose(file);
+    }
+}
+
+TEST(Download, EveryTryStartsAfresh) {
+    double before = 0.0;
+    HttpServer server([&before](const std::string&, std::size_t) {
+        before += std::exchange(g_Progress, 50.0);
+        return Reply();
+    });
+    const TempDir directory;
+    Job job;
+    SetField(g_TaskConData.szDownloadUrl, server.Url());
+    SetField(g_TaskConData.szFilePath, directory.Path("output"));
+    g_TaskConData.nTryInterval = 0;
+    CURL* curl = curl_easy_init();
+    EXPECT_EQ(DownloadVideo(curl, &g_TaskConData), 0);
+    curl_easy_cleanup(curl);
+    EXPECT_EQ(server.RequestCount(), 3u);
+    EXPECT_EQ(before, 0.0);
+    EXPECT_TRUE(g_Exit);
+    EXPECT_EQ(ClampTries(4) + ClampTries(-1) + ClampTries(0), 6);
+    EXPECT_TRUE(ToLength(1.9) == 1 && ToLength(0x1p64) == UINT64_MAX && ToLength(NAN) == 0);
+}
+
+// A field of the record: a text, or numbers of 32 bits, with zeros behind.
+std::string Field(std::string text, std::size_t width) {
+    text.resize(width);
+    return text;
+}
+
+std::string Numbers(const std::vector<std::uint32_t>& numbers, std::size_t width) {
+    const auto* bytes = reinterpret_cast<const char*>(numbers.data());
+    return Field({bytes, 4 * numbers.size()}, width);
+}
+
+TEST(InfoFile, IsMadeKeptAndBroughtUpToDate) {
+    const Job job;
+    const TempDir directory;
+    const std::string name = directory.Path(job.id + ".config");
+    g_DownloadConfigPath = directory.Path();
+    HttpServer server({Reply::Head("10000000", "x")});
+    tagTaskContext task;
+    SetField(task.szTaskID, job.id);
+    SetField(task.szOrgUrl, "http://page");
+    SetField(task.szDownloadUrl, server.Url("/a-rather-long-name"));
+    SetField(task.szFilePath, "/out/file");
+    task.nDownloadInfoTag = 77;
+    const auto make = [&](const std::string& path) {
+        return Field(job.id, 64) + Numbers({3, 10'000'000, 0, 77}, 16) +
+               Field("http://page", 1024) + Field(server.Url(path), 1024) +
+               Field("/out/file", 512) + Numbers({0, 3'333'334, 6'666'668}, 40) +
+               Numbers({4294967295, 3'333'333, 6'666'667}, 40) +
+               Numbers({3'333'333, 6'666'667, 9'999'999}, 40);
+    };
+    const auto read = [&task] {
+        const std::unique_ptr<tagDownloadInfo> info(GetDownloadMapInfoFormDownloadInfoFile(&task));
+        return info ? std::string(reinterpret_cast<char*>(info.get()), sizeof *info) : "none";
+    };
+    const std::string record = make("/a-rather-long-name");
+    EXPECT_EQ(read(), "none");
+    EXPECT_TRUE(InitDownloadInfofile(&task));
+    EXPECT_EQ(read(), record);
+
+    // The same address: all stays, without a request, but what stood behind the record.
+    g_FileSize = 0;
+    WriteFile(name, record + "junk");
+    EXPECT_TRUE(InitDownloadInfofile(&task));
+    EXPECT_EQ(ReadFile(name), record);
+    EXPECT_EQ(g_FileSize, 10'000'000u);
+    EXPECT_EQ(server.RequestCount(), 1u);
+
+    // Another, shorter address: texts without an end and missing blocks do no harm, a missing or
+    // another path does, except with command 3.
+    SetField(task.szOrgUrl, "http://page");
+    SetField(task.szDownloadUrl, server.Url("/short"));
+    const auto update = [&](const std::string& stored) {
+        WriteFile(name, stored);
+        const bool updated = InitDownloadInfofile(&task);
+        EXPECT_EQ(ReadFile(name), updated ? make("/short") : stored);
+        return updated;
+    };
+    EXPECT_TRUE(update(make("").replace(80, 1024, 1024, 'u').substr(0, 2640)));
+    EXPECT_FALSE(update(record.substr(0, 2639)));
+    EXPECT_FALSE(update(std::string(record).replace(0, 1, "x")));
+    task.nBlockCount = 11;
+    EXPECT_FALSE(update(record));
+    task.nBlockCount = 3;
+    std::string others = record.substr(0, 2640) + std::string(120, '7');
+    EXPECT_TRUE(update(others));
+    EXPECT_FALSE(update(others.replace(2128, 512, 512, 'p')));
+    EXPECT_EQ(read(), "none");
+    task.nCmd = TASK_CMD_DOWNLOAD_SECOND;
+    EXPECT_TRUE(update(others));
+}
+
+TEST(Range, OneHeaderPerHandle) {
+    HttpServer server({Reply::Ok("")});
+    const auto line = [&](CURL* curl) {
+        curl_easy_setopt(curl, CURLOPT_URL, server.Url().c_str());
+        EXPECT_EQ(curl_easy_perform(curl), CURLE_OK);
+        const std::string request = server.Requests().back();
+        const std::size_t begin = std::min(request.find("Range:"), request.size());
+        return request.substr(begin, request.find("\r\n", begin) - begin);
+    };
+    CURL* one = curl_easy_init();
+    CURL* other = curl_easy_init();
+    EXPECT_EQ(Curl_SetHttpHead_Range(nullptr, 1, 1), -1);
+    EXPECT_EQ(Curl_SetHttpHead_Range(one, 1000, 499), 0);
+    EXPECT_EQ(Curl_SetHttpHead_Range(other, 0, 2147483647), 0);
+    EXPECT_EQ(line(one) + line(other), "Range: bytes=1000-1499Range: bytes=0-2147483647");
+    for (const auto& [start, count] : {std::pair(2147483648UL, 0UL), {2147483647, 1}, {1, ~0UL}}) {
+        EXPECT_EQ(Curl_SetHttpHead_Range(other, 1, 1), 0);
+        EXPECT_EQ(Curl_SetHttpHead_Range(other, start, count), -1);
+        EXPECT_EQ(line(other), "") << start << " + " << count;
+    }
+    Curl_ReleaseHttpHead_Range(one);
+    EXPECT_EQ(line(one), "");
+    curl_easy_cleanup(one);
+    curl_easy_cleanup(other);
+}
+
+// In the texts of the rest "|" ends a line, and ";" stands for "|".
+std::string Scrape(const std::string& page) {
+    g_DefaultTitle = "abc";
+    g_DefaultThumbnail = "default.jpg";
+    std::string text = ParseYoutubeInfo(page);
+    return strutil::string_replace(text, "\r\n", "|");
+}
+
+TEST(Page, IsScraped) {
+    const std::string tag = "<meta property=\"og:title\" content=\"";
+    const std::string nothing = "status=ok|abc|default.jpg|default.jpg|";
+    EXPECT_EQ(Scrape(tag + "Rock + Roll &amp; &amp;lt;%26lt; 100% pure\">"),
+              "status=ok|title=Rock   Roll & &lt;< 100ure|default.jpg|");
+    EXPECT_EQ(Scrape(tag + "x"), nothing);
+    EXPECT_EQ(Scrape("title=\"no\"><span id=\"eow-title\" class=\"x\" title=\"My+video\">"),
+              "status=ok|title=My video|default.jpg|default.jpg|");
+    EXPECT_EQ(Scrape("<meta property=\"og:image\" content=\"http://h/a&amp;b+%41\">"),
+              "status=ok|abc|default.jpg|thumbnail_url=http://h/a&amp;b+%41|");
+    EXPECT_EQ(Scrape("&amp;timestamp=9&amp;length_seconds=8&amp;fmt_list=5/3x2&amp;fmt_url_map="
+                     "&amp;url_encoded_fmt_stream_map=s+&amp;fmt_list=late&amp;fmt_map=5"),
+              nothing + "url_encoded_fmt_stream_map=s+|fmt_list=5/3x2|length_seconds=8|" +
+                  "timestamp=9|");
+}
+
+TEST(Format, IsTheClosestToASize) {
+    const struct {
+        int width, height;
+        const char *list, *id;
+    } rows[] = {
+        {480, 300, "34/640x360,5/320x240", "5"},
+        {640, 360, "18/640x360,34/640x360", "18"},
+        {-1, -1, "34/640x360/9 ,\t5/320x240\n,", "5"},
+        {1, 1, "1,2/,/3x3,,6/7x,8/x2,9/640x360", "9"},
+        {1, 1, "7/640x360,8/axb", "8"},
+        {1, 1, "5/wx240", "5"},
+        // Areas have 32 bits: 50000 * 50000 is -1794967296.
+        {50000, 50000, "1/50000x40000,2/1x1", "2"},
+    };
+    for (const auto& [width, height, list, id] : rows) {
+        EXPECT_EQ(GetYoutubeVideoMapIDForSize(width, height, list), id) << list;
+    }
+}
+
+// The file name and the address that are found; "-" is what stood there before.
+std::string Read(std::string text, bool last = false) {
+    strutil::string_replace(text, "|", "\r\n");
+    strutil::string_replace(text, ";", "|");
+    std::string name = "-";
+    std::string address = "-";
+    const std::string result = ParseYoutubeVideoInfo(text, last, name, address);
+    EXPECT_EQ(result.empty() ? "-" : result, address);
+    return name + " " + address;
+}
+
+TEST(Format, AddressAndFileName) {
+    const std::string map = "|fmt_url_map=35;http://a/1,34;http://a/2,5;http://a/3|";
+    const std::string info = "status=ok|title=My: video?|fmt_list=35/9x9,34/9x9,5/9x9" + map;
+    EXPECT_EQ(Read(info), "My video.flv http://a/1");
+    EXPECT_EQ(Read(info, true), "My video.flv http://a/3");
+    EXPECT_EQ(Read(info + " status=fail "), "- -");
+    EXPECT_EQ(Read(map), "- http://a/1");
+    EXPECT_EQ(Read("fmt_list=45/1,18|fmt_url_map=45;a,18;b"), "- b");
+    EXPECT_EQ(Read("fmt_list= 22/1, 5/1, 18/1 " + map), "- http://a/3");
+    EXPECT_EQ(Read("fmt_list=|fmt_map=34|fmt_list=35" + map), "- http://a/2");
+    EXPECT_EQ(Read("fmt_list=3|fmt_url_map=3, 35;a;b,3;c"), "- a");
+    EXPECT_EQ(Read("title=a| title= b |title=|fmt_url_map=1; x|fmt_url_map=1"), "b.flv  x");
+    EXPECT_EQ(Read("title=<>|fmt_list=34|fmt_url_map=5;x"), ".flv -");
+}
+
+TEST(FormatDeath, BrokenPreconditions) {
+    const auto line = [](const char* expression, const char* function) {
+        return AssertionLine(expression, function, "Src/Tarnwick/youtubeutility");
+    };
+    for (const auto& [list, expression] : {std::pair("", "0 < strfmtmap.length()"),
+                                           {",,", "0 < vecfmtmap.size()"},
+                                           {"34,5/x", "0 < strfmtID.length()"}}) {
+        EXPECT_DEATH(GetYoutubeVideoMapIDForSize(1, 1, list),
+                     line(expression, "GetYoutubeVideoMapIDForSize"));
+    }
+    EXPECT_DEATH(Read("|"), line("0", "ParseYoutubeVideoInfo"));
+}
+
+}  // namespace
