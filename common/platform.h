@@ -17,8 +17,19 @@ namespace platform {
 // bytes needed and the buffer is as it was.
 int ExecutablePath(char* buffer, std::uint32_t* size);
 
-// Sees to it that no descriptor above standard error survives the next exec. For a child between
-// fork and exec: it takes no lock and allocates nothing.
+// Starts a child process and has it run `child(argument)`, which has to end in exec or _exit.
+// Returns its process id, in the child's parent only; or -1 when none could be started.
+//
+// Where the system offers that, the child shares this process's memory until it executes, and the
+// calling thread stands still for as long: a start takes the same time in a small and in a large
+// process. So `child` may do only what a signal handler may do, and write nothing but its own
+// stack. No handler of atfork runs. The caller blocks all signals around the call, so that no
+// signal handler runs in the child. What the child does to its descriptors, signal actions and
+// signal mask is its own.
+pid_t StartChild(void (*child)(const void* argument), const void* argument);
+
+// Sees to it that no descriptor above standard error survives the next exec. For a child before its
+// exec: takes no lock and allocates nothing.
 void CloseDescriptorsOnExec();
 
 // Reserves the memory behind the first `size` bytes of a shared-memory object, so that a later
@@ -111,17 +122,18 @@ class Waker {
 void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
                 int milliseconds);
 
-// A process of this user: its id and its arguments, argv[0] first.
+// A process: its id and its arguments, argv[0] first.
 struct Process {
     pid_t pid = -1;
     std::vector<std::string> arguments{};
 };
 
-// All processes of this user whose arguments take less than 4096 bytes; none where the system does
-// not tell.
+// All processes of this user in the process id namespace of this process. Those of other
+// namespaces, a container's for example, may be visible, too, but their arguments name ids that
+// mean other processes here. Each with its ProcessArguments. Empty where the system does not tell.
 std::vector<Process> OwnProcesses();
 
-// The arguments of a process; empty when it is gone, has none, or has longer ones than above.
+// The arguments of a process; empty when it is gone, has none, or has 4096 bytes of them and more.
 std::vector<std::string> ProcessArguments(pid_t pid);
 
 // Seconds since the process was started; below 0 when it is gone or the system does not tell.
@@ -138,9 +150,5 @@ std::vector<std::string> OwnSemaphoreNames();
 // Copies bytes out of a shared-memory object, also out of one that has lost them meanwhile: false
 // then, and when it never had them.
 bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset);
-
-// Copies bytes into a shared-memory object, which grows as far as it has to. False when there is no
-// room, and where such objects do not grow.
-bool WriteSharedMemory(int descriptor, const void* buffer, std::size_t size, off_t offset);
 
 }  // namespace platform

@@ -21,6 +21,7 @@
 #include <string_view>
 #include <utility>
 
+#include "common/file.h"
 #include "common/platform.h"
 
 namespace platform {
@@ -30,8 +31,12 @@ std::string ProcessFile(pid_t pid, const char* name) {
     return "/proc/" + std::to_string(pid) + "/" + name;
 }
 
-bool SameFile(const struct stat& one, const struct stat& other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+// Whether both paths lead to the same file.
+bool SameFile(const std::string& one, const std::string& other) {
+    struct stat first {};
+    struct stat second {};
+    return stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 &&
+           ::SameFile(first, second);
 }
 
 // The first descriptor of the process that is of this file; -1 when there is none.
@@ -43,7 +48,7 @@ int FindDescriptor(pid_t pid, const struct stat& file) {
     while (const dirent* entry = readdir(directory)) {
         struct stat status {};
         if (*entry->d_name == '.' || fstatat(dirfd(directory), entry->d_name, &status, 0) != 0 ||
-            !SameFile(status, file)) {
+            !::SameFile(status, file)) {
             continue;
         }
         found = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
@@ -80,6 +85,13 @@ int ExecutablePath(char* buffer, std::uint32_t* size) {
     }
     std::memcpy(buffer, path, needed);
     return 0;
+}
+
+pid_t StartChild(void (*child)(const void*), const void* argument) {
+    // Not clone: the sanitizers know vfork and make it safe for themselves (ThreadSanitizer forks).
+    const pid_t pid = vfork();
+    if (pid == 0) child(argument);  // NOLINT(clang-analyzer-unix.Vfork): it ends in exec or _exit
+    return pid;
 }
 
 void CloseDescriptorsOnExec() {
@@ -127,7 +139,7 @@ OpenFile LookAtOpenFile(pid_t pid, const std::string& path, int nDescriptor) {
     struct stat open {};
     const auto look = [&](int descriptor) {
         const std::string link = ProcessFile(pid, "fd/") + std::to_string(descriptor);
-        return stat(link.c_str(), &open) == 0 && SameFile(open, file);
+        return stat(link.c_str(), &open) == 0 && ::SameFile(open, file);
     };
     if (stat(path.c_str(), &file) != 0 || !S_ISREG(file.st_mode)) return {};
     if (nDescriptor == -1 || !look(nDescriptor)) {
@@ -249,11 +261,16 @@ std::vector<std::string> ProcessArguments(pid_t pid) {
 
 std::vector<Process> OwnProcesses() {
     std::vector<Process> processes;
+    // A /proc that belongs to another namespace has other ids.
+    if (!SameFile("/proc/self", ProcessFile(getpid(), ""))) return processes;
     DIR* directory = opendir("/proc");
     if (directory == nullptr) return processes;
     while (const dirent* entry = readdir(directory)) {
         const auto pid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
-        if (pid < 1 || !IsMine(ProcessFile(pid, ""))) continue;
+        if (pid < 1 || !IsMine(ProcessFile(pid, "")) ||
+            !SameFile(ProcessFile(pid, "ns/pid"), "/proc/self/ns/pid")) {
+            continue;
+        }
         processes.push_back({pid, ProcessArguments(pid)});
     }
     closedir(directory);
@@ -299,10 +316,6 @@ std::vector<std::string> OwnSemaphoreNames() {
 bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset) {
     // A mapping would end the process with SIGBUS when the bytes are not there.
     return pread(descriptor, buffer, size, offset) == static_cast<ssize_t>(size);
-}
-
-bool WriteSharedMemory(int descriptor, const void* buffer, std::size_t size, off_t offset) {
-    return pwrite(descriptor, buffer, size, offset) == static_cast<ssize_t>(size);
 }
 
 }  // namespace platform

@@ -21,6 +21,13 @@ int ExecutablePath(char* buffer, std::uint32_t* size) {
     return _NSGetExecutablePath(buffer, size);
 }
 
+pid_t StartChild(void (*child)(const void*), const void* argument) {
+    // The system advises against vfork, and its posix_spawn has no child that a failed exec ends.
+    const pid_t pid = fork();
+    if (pid == 0) child(argument);
+    return pid;
+}
+
 void CloseDescriptorsOnExec() {
     const int limit = getdtablesize();
     for (int fd = 3; fd < limit; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
@@ -161,10 +168,6 @@ bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offs
     std::memcpy(buffer, static_cast<const char*>(mapping) + offset, size);
     munmap(mapping, static_cast<std::size_t>(end));
     return true;
-}
-
-bool WriteSharedMemory(int, const void*, std::size_t, off_t) {
-    return false;  // the size of such an object is set once
 }
 
 }  // namespace platform

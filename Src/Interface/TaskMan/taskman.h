@@ -86,15 +86,19 @@ struct tagStartParam {
 };
 
 // Thread function: starts one worker. `param` is a tagStartParam made with new, which it frees. The
-// thread ends with pthread_exit; its result is null, or -1 when the process could not be forked.
-// The worker inherits no descriptor but the standard three, and no blocked signal but SIGINT: the
-// terminal's Ctrl-C is for the manager, which stops its workers in order.
+// thread ends with pthread_exit; its result is null, or -1 when no process could be started. A
+// program that cannot be executed is a process that exits with status 0. The thread may wait for
+// the file system of the program.
+//
+// The worker inherits no descriptor but standard error; its standard input and output are
+// /dev/null. No signal is blocked but SIGINT: the terminal's Ctrl-C is for the manager, which stops
+// its workers in order. What the manager ignores stays ignored, but for SIGTERM.
 void* StartProgram(void* param);
 
-// Per slot, what the fork of its last StartProgram returned: the worker's process id, -1 when the
-// fork failed; 0 while none was made, and again within half a second after the worker's end. The
-// only process ids that may be signalled, when they are above 0: the one in a slot is another
-// process's word.
+// Per slot, what its last StartProgram has started: the worker's process id, -1 when no process
+// could be started; 0 before the first, and again within half a second after the worker's end.
+// StartProgram touches none when szTaskIndex is no number from 0 to 7. Only these process ids, when
+// above 0, may be signalled: the one in a slot is another process's word.
 extern std::atomic<pid_t> g_WorkerPid[TASK_SLOT_COUNT];
 
 // Thread function that ends its thread at once.

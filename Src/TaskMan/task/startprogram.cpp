@@ -1,4 +1,5 @@
 // The start of worker processes.
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,9 +26,21 @@ void ResetSignals() {
     }
 }
 
-// The child of StartProgram. Between fork and exec of a process with threads only what is safe in a
-// signal handler may be called: nothing here allocates or takes a lock.
-[[noreturn]] void ExecWorker(const tagStartParam& start) {
+// Gives the worker /dev/null for its standard input and output, which it does not use: whoever
+// reads the manager's output would wait for the end of the last worker, too. Without /dev/null,
+// they stay.
+void LeaveStandardStreams() {
+    const int null = open("/dev/null", O_RDWR);
+    if (null == -1) return;
+    dup2(null, STDIN_FILENO);
+    dup2(null, STDOUT_FILENO);
+}
+
+// What the child of StartProgram does. It may share the memory of its parent, which has other
+// threads: nothing here allocates, takes a lock, or writes anything but its own stack.
+void ExecWorker(const void* param) {
+    const auto& start = *static_cast<const tagStartParam*>(param);
+    LeaveStandardStreams();
     platform::CloseDescriptorsOnExec();
     ResetSignals();
     sigset_t mask;
@@ -40,15 +53,12 @@ void ResetSignals() {
     _exit(0);
 }
 
-// Forks and executes. While it forks, no signal reaches this thread: a handler of the application
-// must not run in the child.
-pid_t ForkWorker(const tagStartParam& start) {
+pid_t StartWorkerProcess(const tagStartParam& start) {
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    const pid_t pid = fork();
-    if (pid == 0) ExecWorker(start);
+    const pid_t pid = platform::StartChild(ExecWorker, &start);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return pid;
 }
@@ -70,7 +80,7 @@ void* StartProgram(void* param) {
     pid_t pid = -1;
     {
         const std::unique_ptr<tagStartParam> start(static_cast<tagStartParam*>(param));
-        pid = ForkWorker(*start);
+        pid = StartWorkerProcess(*start);
         if (std::atomic<pid_t>* kept = WorkerPidOf(FieldView(start->szTaskIndex))) *kept = pid;
     }
     pthread_exit(reinterpret_cast<void*>(static_cast<std::intptr_t>(pid == -1 ? -1 : 0)));
