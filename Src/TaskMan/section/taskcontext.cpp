@@ -82,7 +82,7 @@ tagTaskNode::~tagTaskNode() {
 }
 
 std::string SectionName(int nManagerPid) {
-    char name[64];
+    char name[64]{};
     strutil::vsnpf(name, kNameLimit, "%s_%d", SHARE_MEM_NAME, nManagerPid);
     return name;
 }
@@ -128,11 +128,11 @@ void SetStateBit(tagTaskContext& slot, tagDownloadStateCode code) {
     slot.nStateBits |= 1U << code;
 }
 
+// The compiler's own operations: the C++ library of macOS has no std::atomic_ref.
 std::int32_t LoadControl(const tagTaskContext& slot) {
-    return std::atomic_ref(const_cast<std::int32_t&>(slot.nControl))
-        .load(std::memory_order_acquire);
+    return __atomic_load_n(&slot.nControl, __ATOMIC_ACQUIRE);
 }
 
 void StoreControl(tagTaskContext& slot, std::int32_t nControl) {
-    std::atomic_ref(slot.nControl).store(nControl, std::memory_order_release);
+    __atomic_store_n(&slot.nControl, nControl, __ATOMIC_RELEASE);
 }
