@@ -123,8 +123,7 @@ std::vector<std::string> CommandRun::SharedNames() const {
     std::snprintf(digits, sizeof digits, "%06x", static_cast<unsigned>(Pid()));
     std::vector<std::string> names = platform::SharedMemoryNames();
     std::erase_if(names, [&](const std::string& name) {
-        return name != SectionName(Pid()) && !name.starts_with(std::string("sem.") + digits) &&
-               !name.starts_with(std::string("taskman-parts_") + digits);
+        return name != SectionName(Pid()) && !name.starts_with(std::string("sem.") + digits);
     });
     return names;
 }

@@ -80,17 +80,13 @@ Request ReadListLine(std::string_view line) {
     return request;
 }
 
-InputList::~InputList() {
-    Close();
-}
-
 std::string InputList::Open(const std::string& path) {
     path_ = path;
     // Not blocking: a named pipe may have no writer yet.
-    file_ = path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
-                        : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    file_ = ::Descriptor(path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                                     : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
-    if (file_ == -1 || fstat(file_, &status) != 0) {
+    if (!file_.IsOpen() || fstat(file_.Get(), &status) != 0) {
         return "cannot read " + path + ": " + std::strerror(errno);
     }
     return S_ISDIR(status.st_mode) ? path + " is a directory" : "";
@@ -99,12 +95,12 @@ std::string InputList::Open(const std::string& path) {
 InputList::Taken InputList::Take(Request& request) {
     for (int reads = 0;;) {
         std::size_t end = rest_.find('\n', searched_);
-        const bool whole = end != std::string::npos || file_ == -1;
+        const bool whole = end != std::string::npos || !file_.IsOpen();
         if (end == std::string::npos) end = rest_.size();
         const std::size_t length = end - begin_;
         if (!whole && length <= kLongestLine) {
             searched_ = end;
-            if (!CanBeRead(file_)) return Taken::kNothing;
+            if (!CanBeRead(file_.Get())) return Taken::kNothing;
             if (reads++ == kMostReads) return Taken::kMore;
             if (!Read(request)) return Taken::kRequest;
             continue;
@@ -131,11 +127,11 @@ bool InputList::Read(Request& failure) {
     searched_ = rest_.size();
     const std::size_t held = rest_.size();
     rest_.resize(held + kBlock);
-    const ssize_t count = read(file_, &rest_[held], kBlock);
+    const ssize_t count = read(file_.Get(), &rest_[held], kBlock);
     const int error = errno;
     rest_.resize(held + (count > 0 ? static_cast<std::size_t>(count) : 0));
     if (count > 0 || (count == -1 && (error == EINTR || error == EAGAIN))) return true;
-    Close();
+    file_.Close();
     if (count == 0) return true;
     failure = {"", path_, "", std::string("cannot read the list: ") + std::strerror(error)};
     return false;
@@ -143,16 +139,12 @@ bool InputList::Read(Request& failure) {
 
 void InputList::StopWaiting() {
     struct stat status {};
-    if (file_ == -1 || (fstat(file_, &status) == 0 && S_ISREG(status.st_mode))) return;
-    Close();
+    if (!file_.IsOpen() || (fstat(file_.Get(), &status) == 0 && S_ISREG(status.st_mode))) return;
+    file_.Close();
     // The begin of a line is another address than the whole.
     const std::size_t end = rest_.rfind('\n');
     rest_.resize(std::max(begin_, end == std::string::npos ? 0 : end + 1));
     searched_ = begin_;
-}
-
-void InputList::Close() {
-    if (file_ != -1) close(std::exchange(file_, -1));
 }
 
 std::string FailedList::Open(const std::string& path) {

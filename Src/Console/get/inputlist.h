@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "Console/get/target.h"
+#include "common/file.h"
 #include "common/uncopyable.h"
 
 // One file that is asked for.
@@ -24,9 +25,6 @@ struct Request {
 // no more than one block and one line of it.
 class InputList : private Uncopyable {
   public:
-    InputList() = default;
-    ~InputList();
-
     // Opens the list; "-" is standard input. Returns the fault in one line; empty when it is done.
     std::string Open(const std::string& path);
 
@@ -42,19 +40,18 @@ class InputList : private Uncopyable {
     Taken Take(Request& request);
 
     // Whether all requests have been taken. So it is with a list that was not opened.
-    bool Ended() const { return file_ == -1 && begin_ == rest_.size(); }
+    bool Ended() const { return !file_.IsOpen() && begin_ == rest_.size(); }
 
     // What can be read, or is at its end, when there may be more to take; -1 when the list is read.
-    int Descriptor() const { return file_; }
+    int Descriptor() const { return file_.Get(); }
 
     // From now on only what needs no waiting is read: the rest of a regular file.
     void StopWaiting();
 
   private:
     bool Read(Request& failure);
-    void Close();
 
-    int file_ = -1;
+    ::Descriptor file_{};
     std::string path_{};
     std::string rest_{};  // what was read last; taken up to begin_
     std::size_t begin_ = 0;

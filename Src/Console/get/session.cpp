@@ -13,7 +13,6 @@
 #include "Console/cli/signals.h"
 #include "Console/screen/text.h"
 #include "TaskMan/manager.h"
-#include "TaskMan/openparts.h"
 #include "common/sysutility.h"
 
 namespace {
@@ -127,6 +126,5 @@ void Session::EndNow() {
     downloads_.Abandon();
     shm_unlink(SectionName(sysutility::GetCurrentPid()).c_str());
     Finish(true);
-    ForgetParts();
     signals::EndBy(signals::StopSignal());
 }

@@ -1,30 +1,27 @@
 #include "Console/get/target.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <thread>
 #include <utility>
 
 #include "Console/get/digest.h"
-#include "TaskMan/openparts.h"
 #include "TaskMan/othermanagers.h"
 #include "TaskMan/taskcontext.h"
+#include "common/file.h"
 #include "common/platform.h"
 
 namespace {
 
 constexpr std::size_t kLongestPath = sizeof(tagTaskInfo::szFilePath) - 1;
-constexpr int kLockTries = 5;
-constexpr std::chrono::milliseconds kLockPause{2};
+// A sweep that looks whether a part is somebody's locks it for moments.
+constexpr std::chrono::milliseconds kLockPatience{10};
 
 std::string Fault(const char* what, const std::string& path, int error) {
     return std::string(what) + " " + path + ": " + std::strerror(error);
@@ -40,13 +37,12 @@ std::string Followed(const std::string& path) {
     struct stat named {};
     struct stat file {};
     if (lstat(path.c_str(), &named) != 0 || !S_ISLNK(named.st_mode)) return path;
-    // The system may refuse to follow a link that another user has put into a directory for all:
-    // what counts is where it leads the system.
+    // In a sticky directory the kernel may refuse other users' links (protected_symlinks): trust
+    // stat, not readlink.
     if (stat(path.c_str(), &file) != 0 || !S_ISREG(file.st_mode)) return path;
     std::error_code error;
     std::string real = std::filesystem::canonical(path, error);
-    const bool same = !error && lstat(real.c_str(), &named) == 0 && named.st_dev == file.st_dev &&
-                      named.st_ino == file.st_ino;
+    const bool same = !error && lstat(real.c_str(), &named) == 0 && SameFile(named, file);
     return same ? real : path;
 }
 
@@ -57,16 +53,6 @@ Outcome DigestFault(int file, const std::string& path, const std::string& sha256
     if (digest.empty()) return Local(Fault("cannot read", path, errno));
     if (SameDigest(digest, sha256)) return {};
     return {EndResult::kMismatch, EXIT_STATUS_MISMATCH, path + " has the SHA-256 digest " + digest};
-}
-
-// Locks the file for this process. A sweep that looks whether a part is somebody's locks it for
-// moments, too.
-bool Lock(int file) {
-    for (int tries = 0; flock(file, LOCK_EX | LOCK_NB) != 0; ++tries) {
-        if (errno != EWOULDBLOCK || tries == kLockTries) return false;
-        std::this_thread::sleep_for(kLockPause);
-    }
-    return true;
 }
 
 // Gives the file its second name in the place of the first, unless the second is in use. Whatever
@@ -92,11 +78,7 @@ Target::Target(const std::string& path, Existing existing, bool keep)
     : path_(Followed(path)), part_(path_ + TASK_PART_ENDING), existing_(existing), keep_(keep) {}
 
 Target::~Target() {
-    if (IsOpen()) {
-        if (!stored_) RemovePart();
-        close(file_);
-    }
-    ForgetPart(note_);
+    if (!stored_) RemovePart();
 }
 
 bool Target::Skips() const {
@@ -111,10 +93,9 @@ Outcome Target::Skip(const std::string& sha256) const {
     struct stat status {};
     if (stat(path_.c_str(), &status) == 0) skipped.bytes = static_cast<double>(status.st_size);
     if (sha256.empty()) return skipped;
-    const int file = open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (file == -1) return Local(Fault("cannot read", path_, errno));
-    Outcome differs = DigestFault(file, path_, sha256);
-    close(file);
+    const Descriptor file(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file.IsOpen()) return Local(Fault("cannot read", path_, errno));
+    Outcome differs = DigestFault(file.Get(), path_, sha256);
     return differs.result == EndResult::kFinished ? skipped : differs;
 }
 
@@ -130,9 +111,7 @@ std::string Target::Open() {
         if (existing_ == Existing::kRefuse) return path_ + " exists already (--force replaces it)";
         if (existing_ == Existing::kSkip) return path_ + " appeared meanwhile";
     }
-    note_ = NotePart(part_);
-    // Whoever held the part may have renamed or removed it between its opening and its locking
-    // here.
+    // The previous owner may rename or unlink the part between our open and our flock: retry.
     for (int tries = 0; tries < 10; ++tries) {
         std::string fault = OpenOnce();
         if (!fault.empty() || IsOpen()) return fault;
@@ -144,48 +123,44 @@ std::string Target::Open() {
 // one, which is removed.
 std::string Target::OpenOnce() {
     constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-    int file = open(part_.c_str(), flags | O_CREAT | O_EXCL, 0666);
-    const bool found = file == -1 && errno == EEXIST;
-    if (found) file = open(part_.c_str(), flags);
-    if (file == -1) return Fault("cannot create", part_, errno);
+    Descriptor file(open(part_.c_str(), flags | O_CREAT | O_EXCL, 0666));
+    const bool found = !file.IsOpen() && errno == EEXIST;
+    if (found) file = Descriptor(open(part_.c_str(), flags));
+    if (!file.IsOpen()) return Fault("cannot create", part_, errno);
     std::string fault;
     struct stat status {};
-    if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         fault = part_ + " is not a regular file";
-    } else if (!Lock(file)) {
-        fault = errno == EWOULDBLOCK ? "another download writes " + part_
-                                     : Fault("cannot lock", part_, errno);
+    } else if (const int error = TryLock(file.Get(), kLockPatience); error != 0) {
+        fault = error == EWOULDBLOCK ? "another download writes " + part_
+                                     : Fault("cannot lock", part_, error);
     }
-    file_ = file;
-    if (fault.empty() && StillNamed()) {
-        if (!found) return "";
-        // Nobody's, but a worker whose command was killed may still write into it.
+    if (!fault.empty() || !IsNamed(file.Get(), part_)) return fault;
+    if (found) {
+        // No download owns it, but a worker whose command was killed may still write into it.
         unlink(part_.c_str());
+    } else {
+        file_ = std::move(file);
     }
-    file_ = -1;
-    close(file);
-    return fault;
+    return "";
 }
 
 bool Target::StillNamed() const {
-    struct stat mine {};
-    struct stat named {};
-    return fstat(file_, &mine) == 0 && lstat(part_.c_str(), &named) == 0 &&
-           mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
+    return IsNamed(Part(), part_);
 }
 
 Outcome Target::Store(double size, const std::string& sha256, bool sync) {
     struct stat status {};
-    if (fstat(file_, &status) != 0 || !StillNamed()) return Local(part_ + " was taken away");
+    if (fstat(Part(), &status) != 0 || !StillNamed()) return Local(part_ + " was taken away");
     const auto bytes = static_cast<double>(status.st_size);
     if (size >= 0 && bytes != size) {
         return {EndResult::kMismatch, EXIT_STATUS_MISMATCH,
                 std::to_string(status.st_size) + " bytes arrived, the server announced " +
                     std::to_string(static_cast<long long>(size))};
     }
-    Outcome differs = DigestFault(file_, part_, sha256);
+    Outcome differs = DigestFault(Part(), part_, sha256);
     if (differs.result != EndResult::kFinished) return differs;
-    if (sync && fsync(file_) != 0) return Local(Fault("cannot write", part_, errno));
+    if (sync && fsync(Part()) != 0) return Local(Fault("cannot write", part_, errno));
     std::string fault = Rename();
     if (!fault.empty()) return Local(std::move(fault));
     stored_ = true;
@@ -203,24 +178,19 @@ std::string Target::Rename() const {
 
 Outcome Target::LocalFault(double size) const {
     if (!StillNamed()) return Local(part_ + " was taken away");
-    struct stat status {};
-    struct statvfs space {};
-    if (fstat(file_, &status) != 0 || fstatvfs(file_, &space) != 0) return {};
     rlimit limit{};
     if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
         static_cast<double>(limit.rlim_cur) < size) {
         return Local(part_ + " may not grow beyond " + std::to_string(limit.rlim_cur) +
                      " bytes (the limit of this process)");
     }
-    const double held = static_cast<double>(status.st_blocks) * 512;
-    const double free = static_cast<double>(space.f_bavail) * static_cast<double>(space.f_frsize);
-    if (held + free < size) return Local("no space left for " + part_);
+    if (LacksSpace(part_, size)) return Local("no space left for " + part_);
     return {};
 }
 
 void Target::RemovePart() const {
     struct stat status {};
     if (!IsOpen() || !StillNamed()) return;
-    if (keep_ && fstat(file_, &status) == 0 && status.st_size > 0) return;
+    if (keep_ && fstat(Part(), &status) == 0 && status.st_size > 0) return;
     unlink(part_.c_str());
 }

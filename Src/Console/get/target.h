@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Console/cli/outcome.h"
+#include "common/file.h"
 #include "common/uncopyable.h"
 
 // What becomes of a file that has the final name already.
@@ -37,10 +38,10 @@ class Target : private Uncopyable {
     // file, is a fault, whatever is to become of an existing file. Returns the fault in one line;
     // empty when it is done.
     std::string Open();
-    bool IsOpen() const { return file_ != -1; }
+    bool IsOpen() const { return file_.IsOpen(); }
 
     // The open part, which the object owns; -1 before.
-    int Part() const { return file_; }
+    int Part() const { return file_.Get(); }
 
     // The final step: checks that the part holds `size` bytes (below 0: any) and has the digest
     // (empty: any), renames it, with `sync` not before it is on the disk. May take long; one other
@@ -68,7 +69,6 @@ class Target : private Uncopyable {
     const std::string part_;
     const Existing existing_;
     const bool keep_;
-    int note_ = -1;  // of the part, for the case that the process is killed
-    int file_ = -1;
+    Descriptor file_{};
     bool stored_ = false;
 };

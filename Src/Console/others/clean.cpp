@@ -5,7 +5,7 @@
 #include "Console/cli/outcome.h"
 #include "Console/screen/display.h"
 #include "Console/screen/text.h"
-#include "TaskMan/othermanagers.h"
+#include "TaskMan/deadmanagers.h"
 
 int RunClean(const CleanOptions& options) {
     const Remains remains = SweepDeadManagers(options.lookOnly);
@@ -18,7 +18,6 @@ int RunClean(const CleanOptions& options) {
     for (const std::string& name : remains.locks) tell("lock", name);
     for (const WorkerProcess& worker : remains.workers) tell("worker", std::to_string(worker.pid));
     for (const std::string& path : remains.parts) tell("part", path);
-    for (const std::string& name : remains.lists) tell("list", name);
     std::string faults;
     for (const std::string& path : remains.stuck) {
         faults += "taskman: cannot remove " + text::Printable(path) + "\n";

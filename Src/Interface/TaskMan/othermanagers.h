@@ -1,13 +1,11 @@
-// The managers of this user's other processes, and what managers that died have left behind.
+// The living managers of this user's processes, this one's among them, and their tasks.
 //
-// A manager shows that it lives by the lock (flock) it holds on its section, and by having it
-// mapped. One that was killed leaves its section, the locks of its tasks, half a file for each
-// download, the list of those it had noted (TaskMan/openparts.h), and workers that go on for
-// nobody.
+// A manager shows that it lives by the lock (flock) it holds on its section, or by having it
+// mapped. What dead ones have left is the subject of TaskMan/deadmanagers.h.
 //
-// Any thread of any process may call. Nothing here creates a name or waits long for a lock. What
-// stands in a section is another process's word: ids and paths are checked, process ids never acted
-// on.
+// Any thread of any process may call, also one without a manager. Nothing here creates a name or
+// takes a lock for longer than a moment. What stands in a section is another process's word: ids
+// are checked, process ids are never acted on.
 #pragma once
 
 #include <sys/types.h>
@@ -28,50 +26,44 @@ struct OtherTask {
     std::int32_t nPid = -1;  // -1: no worker has claimed the task
     std::int32_t nControl = -1;
     std::uint32_t nStateBits = 0;  // those the manager has not taken yet
-    double dFileSize = 0;
-    double dProgress = -1;
-    double dSpeed = -1;
+    double dFileSize = 0;          // bytes
+    double dProgress = -1;         // percent; -1: none reported
+    double dSpeed = -1;            // bytes a second; -1: none reported
 };
 
-// Process ids of all living managers of this user, in ascending order.
+// An output path that ends so is a part: a partial file, which its owner keeps locked (flock).
+constexpr const char* TASK_PART_ENDING = ".part";
+
+// Process ids of all living managers of this user, in ascending order. Empty where the system
+// cannot list shared memory.
 std::vector<int> ListManagers();
 
 // Their tasks, in the order of managers and slots.
 std::vector<OtherTask> ListTasks();
 
-// Asks the task to stop, by the word in its slot, under its lock if that can be had within two
-// seconds. False when the slot does not carry its id any more; the task has ended then.
+// Asks the task to stop, by the word in its slot, and waits 10 milliseconds to store the word again
+// if the task is still there: a worker that claims its task at this moment writes the whole slot
+// back, with the word as it was. True when the slot carried the id; how the task ends is its
+// manager's business. False when it did not: the task has ended.
+//
+// No lock is taken, so a caller that is stopped or killed at any moment holds up nobody. If it dies
+// before the second store, the request may be lost, nothing else. A caller that is held up between
+// its look at the id and the store, until the slot has its next task, asks that one to stop.
 bool StopOtherTask(const OtherTask& task);
 
 // A process of this user that was started like a worker: with a task id, a slot and a process id.
 struct WorkerProcess {
-    pid_t pid = -1;
+    pid_t pid = -1;    // -1: no such process
     std::string id{};  // of the task
     int nTaskIndex = -1;
     int nManagerPid = -1;
 };
 
+// All of them in this process's process id namespace, whether or not their managers live.
 std::vector<WorkerProcess> ListWorkers();
+
+// The worker with this process id; one with the pid -1 when that process is none.
+WorkerProcess WorkerOf(pid_t pid);
 
 // Whether the process was started for this task.
 bool Serves(const WorkerProcess& worker, const OtherTask& task);
-
-// An output path that ends so is a part: half a file, which whoever works on it has locked (flock).
-constexpr const char* TASK_PART_ENDING = ".part";
-
-// What dead managers have left; nothing is told twice.
-struct Remains {
-    std::vector<std::string> sections{};  // names
-    std::vector<std::string> locks{};     // names of semaphores
-    std::vector<WorkerProcess> workers{};
-    std::vector<std::string> parts{};  // paths
-    std::vector<std::string> stuck{};  // paths of parts that could not be removed
-    std::vector<std::string> lists{};  // names of the lists of open parts
-};
-
-// Looks for what managers of this user that are dead have left, and removes it: sections, locks,
-// lists of open parts, and parts of this user that nobody has locked. Their workers are asked to
-// stop and killed at once: one that still asks its server for the size of the file would open its
-// output path afterwards, whoever writes there by then. Waits for their end, at most a second. With
-// `bLookOnly` nothing is changed. What a living manager uses is left alone, also under the same id.
-Remains SweepDeadManagers(bool bLookOnly);

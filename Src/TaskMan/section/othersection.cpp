@@ -1,7 +1,6 @@
 #include "TaskMan/section/othersection.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +11,6 @@
 #include <chrono>
 #include <ctime>
 #include <memory>
-#include <thread>
 
 #include "TaskMan/section/ownsection.h"
 #include "TaskMan/task/request.h"
@@ -25,8 +23,7 @@ namespace {
 // A manager maps and locks its section within moments after making it.
 constexpr std::time_t kYoungSeconds = 10;
 // Others that look whether the manager lives hold the lock for moments.
-constexpr int kLockTries = 5;
-constexpr std::chrono::milliseconds kLockPause{2};
+constexpr std::chrono::milliseconds kLockPatience{10};
 // Above every process id.
 constexpr int kNumberLimit = 1 << 24;
 
@@ -37,10 +34,6 @@ int NumberOf(const std::string& name) {
     int number = -1;
     std::from_chars(name.data() + prefix.size(), name.data() + name.size(), number);
     return number > 0 && number < kNumberLimit && name == SectionName(number) ? number : -1;
-}
-
-bool IsMine(const struct stat& status) {
-    return S_ISREG(status.st_mode) && status.st_uid == geteuid();
 }
 
 OtherTask TaskIn(const tagTaskContext& slot) {
@@ -64,35 +57,25 @@ OtherTask TaskIn(const tagTaskContext& slot) {
 OtherSection::OtherSection(int nManagerPid, int access)
     : pid_(nManagerPid),
       name_(SectionName(nManagerPid)),
-      descriptor_(shm_open(name_.c_str(), access, 0)) {
+      file_(shm_open(name_.c_str(), access, 0)) {
     struct stat status {};
-    if (descriptor_ == -1 || (fstat(descriptor_, &status) == 0 && IsMine(status))) return;
-    close(descriptor_);
-    descriptor_ = -1;
-}
-
-OtherSection::~OtherSection() {
-    if (descriptor_ != -1) close(descriptor_);
+    if (fstat(file_.Get(), &status) != 0 || !IsOwnRegular(status)) file_.Close();
 }
 
 bool OtherSection::Lives() const {
     const bool own = pid_ == getpid();
     if (own && g_section_opens) return true;
     if (platform::MapsSharedMemory(pid_, name_)) return true;
-    // A process that has the number need not be the manager: numbers are used again. In this very
-    // process none runs that has not mapped its section.
+    // A process with the manager's id need not be the manager: ids are reused. In this very process
+    // no manager runs that has not mapped its section.
     const bool exists = !own && !platform::ProcessWatch(pid_).Gone();
     struct stat status {};
-    if (exists && fstat(descriptor_, &status) == 0 &&
+    if (exists && fstat(file_.Get(), &status) == 0 &&
         std::time(nullptr) - status.st_mtime < kYoungSeconds) {
         return true;
     }
-    for (int tries = 0; tries < kLockTries; ++tries) {
-        if (tries > 0) std::this_thread::sleep_for(kLockPause);
-        if (flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return false;
-        if (errno != EWOULDBLOCK) return exists;
-    }
-    return true;
+    const int error = TryLock(file_.Get(), kLockPatience);
+    return error == EWOULDBLOCK || (error != 0 && exists);
 }
 
 std::vector<OtherTask> OtherSection::Tasks() const {
@@ -100,7 +83,7 @@ std::vector<OtherTask> OtherSection::Tasks() const {
     const auto slot = std::make_unique<tagTaskContext>();
     for (int i = 0; i < TASK_SLOT_COUNT; ++i) {
         const auto offset = static_cast<off_t>(TASK_SLOT_SIZE) * i;
-        if (!platform::ReadSharedMemory(descriptor_, slot.get(), TASK_SLOT_SIZE, offset)) break;
+        if (!platform::ReadSharedMemory(file_.Get(), slot.get(), TASK_SLOT_SIZE, offset)) break;
         if (!IsTaskID(FieldView(slot->szTaskID))) continue;
         tasks.push_back(TaskIn(*slot));
         tasks.back().nManagerPid = pid_;
@@ -111,14 +94,14 @@ std::vector<OtherTask> OtherSection::Tasks() const {
 
 bool OtherSection::StoreStop(int nTaskIndex, const std::string& id) const {
     struct stat status {};
-    if (fstat(descriptor_, &status) != 0 || status.st_size < off_t{SHARE_MEM_SIZE} ||
-        platform::ReserveSharedMemory(descriptor_, SHARE_MEM_SIZE) != 0) {
+    if (fstat(file_.Get(), &status) != 0 || status.st_size < off_t{SHARE_MEM_SIZE} ||
+        platform::ReserveSharedMemory(file_.Get(), SHARE_MEM_SIZE) != 0) {
         return false;
     }
     void* mapping =
-        mmap(nullptr, SHARE_MEM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_, 0);
+        mmap(nullptr, SHARE_MEM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, file_.Get(), 0);
     if (mapping == MAP_FAILED) return false;
-    tagVideoInfoSection section{descriptor_, static_cast<char*>(mapping), nullptr};
+    tagVideoInfoSection section{file_.Get(), static_cast<char*>(mapping), nullptr};
     tagTaskContext& slot = *SlotAt(section, nTaskIndex);
     bool stored = FieldView(slot.szTaskID) == id;
     if (stored) {
@@ -133,8 +116,8 @@ void OtherSection::Remove() const {
     const OtherSection named(pid_, O_RDONLY);
     struct stat mine {};
     struct stat other {};
-    if (named.IsOpen() && fstat(descriptor_, &mine) == 0 && fstat(named.descriptor_, &other) == 0 &&
-        mine.st_dev == other.st_dev && mine.st_ino == other.st_ino) {
+    if (fstat(file_.Get(), &mine) == 0 && fstat(named.file_.Get(), &other) == 0 &&
+        SameFile(mine, other)) {
         shm_unlink(name_.c_str());
     }
 }

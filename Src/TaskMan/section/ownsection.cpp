@@ -2,16 +2,15 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "TaskMan/taskman.h"
+#include "common/file.h"
 #include "common/platform.h"
 
 std::atomic<bool> g_section_opens{false};
@@ -19,8 +18,7 @@ std::atomic<bool> g_section_opens{false};
 namespace {
 
 constexpr mode_t kPrivate = 0600;
-constexpr int kLockTries = 40;
-constexpr std::chrono::milliseconds kLockPause{50};
+constexpr std::chrono::seconds kLockPatience{2};
 
 // Holds the section's lock, which shows others that this manager lives. Not the descriptor that is
 // mapped: a mapping keeps the lock, too.
@@ -30,25 +28,19 @@ void CloseLock() {
     if (const int descriptor = g_lock_descriptor.exchange(-1); descriptor != -1) close(descriptor);
 }
 
-// A child that is forked and executes nothing would keep the lock beyond the manager's death, and
-// with it the look of a living manager.
+// A forked child that executes nothing would keep the lock beyond the manager's death, and make it
+// look alive.
 void GiveChildrenNoLock() {
     static const int registered = pthread_atfork(nullptr, nullptr, CloseLock);
     static_cast<void>(registered);
 }
 
-// Whether somebody has the section of that name locked and does not let go of it. A sweep does,
-// soon.
+// Whether somebody keeps the section of that name locked. A sweep has it for moments.
 bool IsTaken(const std::string& name) {
-    for (int tries = 0; tries < kLockTries; ++tries) {
-        if (tries > 0) std::this_thread::sleep_for(kLockPause);
-        const int descriptor = shm_open(name.c_str(), O_RDONLY, 0);
-        if (descriptor == -1) return false;
-        const bool taken = flock(descriptor, LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK;
-        close(descriptor);
-        if (!taken) return false;
-    }
-    return true;
+    return !PollUntil(kLockPatience, [&] {
+        const Descriptor section(shm_open(name.c_str(), O_RDONLY, 0));
+        return !section.IsOpen() || TryLock(section.Get()) != EWOULDBLOCK;
+    });
 }
 
 // Creates the section anew, private to this user, locked, with its memory reserved: on a full
@@ -59,8 +51,8 @@ int CreateSection(const std::string& name) {
     if (descriptor == -1) return errno;
     g_lock_descriptor = descriptor;
     GiveChildrenNoLock();
-    // Systems that lock no such objects do without.
-    static_cast<void>(flock(descriptor, LOCK_EX | LOCK_NB));
+    // Where the system cannot lock shared memory, the mapping alone shows that the manager lives.
+    static_cast<void>(TryLock(descriptor));
     int error = ftruncate(descriptor, SHARE_MEM_SIZE) == 0 ? 0 : errno;
     if (error == 0) error = platform::ReserveSharedMemory(descriptor, SHARE_MEM_SIZE);
     if (error != 0) {

@@ -1,11 +1,14 @@
-// The sweep of dead managers at the start of the manager of this process.
+// The sweeps of the manager of this process: what dead managers have left is removed when it
+// starts, and once more a little later.
 #pragma once
 
 #include <chrono>
 
-// Sweeps; to be called before the section of this process is made.
+// The first sweep, to be called before the section of this process is made. May wait for the file
+// systems of the dead managers' parts.
 void BeginSweep(std::chrono::steady_clock::time_point now);
 
-// Sweeps once more three seconds later: a worker may have been between fork and exec at the first
-// time, unknown as such. For the disk watch, which may wait for a file system.
-void EndOrphans(std::chrono::steady_clock::time_point now);
+// The second sweep, once three seconds have passed since the first; until then, and afterwards,
+// does nothing. At the first one a worker may have been between fork and exec, not to be recognised
+// as one. For a thread that may wait for file systems.
+void SweepAgain(std::chrono::steady_clock::time_point now);

@@ -1,15 +1,12 @@
 #include "TaskMan/task/diskwatch.h"
 
-#include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
-
 #include <thread>
 #include <utility>
 
 #include "TaskMan/sweep/sweep.h"
 #include "TaskMan/task/watch.h"
 #include "common/AutoLock.h"
+#include "common/file.h"
 #include "common/thread.h"
 
 namespace {
@@ -18,7 +15,6 @@ using namespace std::chrono_literals;
 
 constexpr auto kTick = 250ms;
 constexpr auto kEndPatience = 2s;
-constexpr double kBlock = 512;  // unit of st_blocks
 
 // Guards both: a thread that decides to end must not meet a start that counts on it.
 Threading::Mutex g_disk_watch_mutex;
@@ -92,7 +88,7 @@ void* RunDiskWatch(void* /*argument*/) {
             Perform(look);
             Finish(look);
         }
-        EndOrphans(Clock::now());
+        SweepAgain(Clock::now());
         std::this_thread::sleep_for(kTick);
     }
     return nullptr;
@@ -112,20 +108,6 @@ bool NoteFile(FileAdvance& advance, const platform::OpenFile& now) {
     if (now.nPosition == last.nPosition && !written) return false;
     ++advance.nStartsOver;
     return true;
-}
-
-bool LacksSpace(const std::string& path, double size) {
-    struct stat file {};
-    double room = 0.0;
-    if (stat(path.c_str(), &file) == 0) {
-        if (!S_ISREG(file.st_mode)) return false;
-        room = static_cast<double>(file.st_blocks) * kBlock;
-    }
-    struct statvfs disk {};
-    const std::string directory = path.substr(0, path.rfind('/') + 1);
-    if (statvfs(directory.c_str(), &disk) != 0 || disk.f_blocks == 0) return false;
-    const auto blocks = geteuid() == 0 ? disk.f_bfree : disk.f_bavail;
-    return room + static_cast<double>(blocks) * static_cast<double>(disk.f_frsize) < size;
 }
 
 int StartDiskWatch() {

@@ -24,10 +24,6 @@ struct FileAdvance {
 // without the position having grown.
 bool NoteFile(FileAdvance& advance, const platform::OpenFile& now);
 
-// Whether the file system of `path` has too little room for a file of `size` bytes there, of which
-// some may be there already. False when that cannot be said.
-bool LacksSpace(const std::string& path, double size);
-
 // Starts and ends the thread. It looks four times a second and asks tasks to stop that lack space
 // or start over too often. EndDiskWatch waits for its end, at most two seconds: false when a file
 // system still holds it; it ends once that answers.

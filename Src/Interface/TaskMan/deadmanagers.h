@@ -1,0 +1,33 @@
+// What managers of this user that were killed have left: their sections, the locks of their tasks,
+// partial files, and workers that run for nobody.
+//
+// Every manager removes it when it starts. Any thread of any process may call. Paths and process
+// ids in a section are another process's word: a file is removed only if it is a part that nobody
+// has locked, and a process is killed only if it was started as a worker for a task of a dead
+// manager.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "TaskMan/othermanagers.h"
+
+// What dead managers have left. Nothing is listed twice.
+struct Remains {
+    std::vector<std::string> sections{};  // names
+    std::vector<std::string> locks{};     // names of semaphores
+    std::vector<WorkerProcess> workers{};
+    std::vector<std::string> parts{};  // absolute paths, from the slots of the dead
+    std::vector<std::string> stuck{};  // paths of parts that could not be removed
+};
+
+// Looks for what dead managers have left and removes it; with `bLookOnly` nothing is changed. Parts
+// are removed if they are regular files of this user that nobody has locked. Workers are asked to
+// stop, and killed at once: one that still asks its server for the size of the file would open its
+// output path later, whoever writes there by then. Waits for their end, at most a second. What a
+// living manager uses stays, also under the same id.
+//
+// While it runs, it holds the locks of the dead sections, so that two sweeps never meet; a manager
+// that starts with the process id of a dead one waits for that. If the caller dies, the next sweep
+// finds what is left.
+Remains SweepDeadManagers(bool bLookOnly);
