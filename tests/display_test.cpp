@@ -3,10 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "Console/others/top.h"
@@ -128,38 +127,29 @@ TEST(DisplayJson, AProgramReadsEvents) {
     run.Start({"--json", "-j1", "--tries=1", "-ilist"});
     EXPECT_EQ(run.End(), "exit 1");
     EXPECT_EQ(run.Err(), "");
-    std::vector<nlohmann::json> events;
+    const std::regex changing("\"(seconds|id)\":[^,]*,"), server_s(server.Url(""));
+    std::set<std::string> events;
     std::istringstream lines(run.Out());
     for (std::string line; std::getline(lines, line);) {
-        EXPECT_EQ(line.starts_with("{\"v\":1,"), events.empty());
-        EXPECT_TRUE(
-            std::all_of(line.begin(), line.end(), [](char c) { return c >= ' ' && c < 0x7F; }));
-        auto event = nlohmann::json::parse(line);
-        if (event["event"] == "state") continue;
-        event.erase("seconds");
-        event.erase("id");
-        events.push_back(event);
+        if (Has(line, "\"state\"")) continue;
+        events.insert(std::regex_replace(std::regex_replace(line, changing, ""), server_s, "$"));
     }
-    std::stable_sort(events.begin(), events.end(), [](const auto& a, const auto& b) {
-        return a.value("file", 9) < b.value("file", 9);
-    });
-    const std::string expected = R"([
-        {"event": "task", "v": 1, "file": 1, "address": "$/file", "path": "a\ufffd\"ä",
-         "path_hex": "61ff22c3a4"},
-        {"event": "end", "file": 1, "result": "finished", "code": 3, "address": "$/file",
-         "path": "a\ufffd\"ä", "path_hex": "61ff22c3a4", "bytes": 5, "reason": null,
-         "second_look": null},
-        {"event": "end", "file": 2, "result": "refused", "code": null,
-         "address": "\ufffd", "address_hex": "ff", "path": null, "bytes": 0,
-         "reason": "not an http or https address", "second_look": null},
-        {"event": "task", "file": 3, "address": "$/404", "path": "404"},
-        {"event": "end", "file": 3, "result": "failed", "code": 7, "address": "$/404",
-         "path": "404", "bytes": 0, "reason": "the server offered no file of known size",
-         "second_look": "HTTP 404"},
-        {"event": "summary", "files": 3, "finished": 1, "skipped": 0, "failed": 2,
-         "stopped": 0, "not_begun": 0, "bytes": 5, "exit": 1}])";
-    EXPECT_EQ(nlohmann::json(events), nlohmann::json::parse(std::regex_replace(
-                                          expected, std::regex("\\$"), server.Url(""))));
+    const std::set<std::string> expected{
+        R"({"v":1,"event":"task","file":1,"address":"$/file","path":"a\ufffd\"\u00e4",)"
+        R"("path_hex":"61ff22c3a4"})",
+        R"({"event":"end","file":1,"result":"finished","code":3,"address":"$/file",)"
+        R"("path":"a\ufffd\"\u00e4","path_hex":"61ff22c3a4","bytes":5,"reason":null,)"
+        R"("second_look":null})",
+        R"({"event":"end","file":2,"result":"refused","code":null,"address":"\ufffd",)"
+        R"("address_hex":"ff","path":null,"bytes":0,"reason":"not an http or https address",)"
+        R"("second_look":null})",
+        R"({"event":"task","file":3,"address":"$/404","path":"404"})",
+        R"({"event":"end","file":3,"result":"failed","code":7,"address":"$/404","path":"404",)"
+        R"("bytes":0,"reason":"the server offered no file of known size",)"
+        R"("second_look":"HTTP 404"})",
+        R"({"event":"summary","files":3,"finished":1,"skipped":0,"failed":2,"stopped":0,)"
+        R"("not_begun":0,"bytes":5,"exit":1})"};
+    EXPECT_EQ(events, expected);
 }
 
 bool Matches(const std::string& text, const char* pattern) {

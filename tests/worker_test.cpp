@@ -44,7 +44,8 @@ TEST(Intake, TouchesNothingWithoutATask) {
         if (!row.section) shm_unlink(run.Section().c_str());
         run.arguments = {row.id, row.index, run.arguments[2]};
         run.arguments.resize(row.count);
-        EXPECT_EQ(run.Run(), row.errors.empty() ? "exit 0" : "signal 6");
+        run.Start();
+        EXPECT_EQ(run.End(), row.errors.empty() ? "exit 0" : "signal 6");
         EXPECT_EQ(run.Err(), row.errors);
         EXPECT_TRUE(run.ChangedBy([](Slot&) {}));
         EXPECT_EQ(SemaphoreValue(id), 1);
@@ -143,7 +144,8 @@ const std::string kInfoText = "status=ok\r\ntitle=A & B\r\nfmt_url_map=34|http";
 
 // Runs to the end and returns the codes and the text of the slot.
 std::string Outcome(WorkerRun& run) {
-    if (run.Run() != "exit 0") return run.End() + run.Err();
+    run.Start();
+    if (run.End() != "exit 0") return run.End() + run.Err();
     std::string outcome;
     for (int code = 0; code < 32; ++code) {
         if ((run.Slot().nStateBits >> code & 1U) != 0) outcome += std::to_string(code) + " ";

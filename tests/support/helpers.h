@@ -19,16 +19,13 @@ bool WaitUntil(const std::function<bool()>& condition,
 void InParallel(std::size_t count, const std::function<void(std::size_t)>& run,
                 std::size_t width = 16);
 
-// Runs `body` in a forked child of a program that has one thread. What fails in the child is
-// printed there and fails the calling test, as does a child that does not end normally.
+// Runs `body` in a forked child of a program that has one thread. What fails there fails the test.
 void InChild(const std::function<void()>& body);
 
-// Gives this program, before it has a second thread, mounts that nobody else sees. False when the
-// kernel lets this user mount nothing.
+// Gives this program, before it has a second thread, mounts of its own; false when it may not.
 bool TakeOwnMounts();
 
-// A name that nothing else on the machine has: letters, digits and "-", at most 11 more than
-// `stem`.
+// A name that nothing else on the machine has: letters, digits and "-".
 std::string UniqueName(const std::string& stem = "test");
 
 // Value of the named semaphore; -1 when there is none.

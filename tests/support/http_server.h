@@ -13,8 +13,8 @@
 
 namespace test_support {
 
-// What the server does on one connection once the request is there: the steps in the order of the
-// calls, until the client goes; then it closes the connection in good order.
+// What the server does on one connection once the request is there: the steps in their order, until
+// the client goes.
 class Reply {
   public:
     // A head that announces `length`, any text or "" for none; and in one piece with it the
@@ -34,13 +34,11 @@ class Reply {
     Reply& Stream(std::size_t bytesPerSecond, const std::string& piece = std::string(1000, ' '));
     Reply& Pause(std::chrono::milliseconds time);
     Reply& Silence() { return Pause(std::chrono::milliseconds(-1)); }
-    // Breaks the connection with a reset. What was sent just before may be lost with it: pause
-    // first.
+    // What was sent just before may be lost with it: pause first.
     Reply& Reset();
 
   private:
     friend class HttpServer;
-    // Does one thing on a connection; false when the connection is of no more use.
     using Step = std::function<bool(int connection)>;
     Reply& Do(Step step) { return steps_.push_back(std::move(step)), *this; }
     std::vector<Step> steps_;

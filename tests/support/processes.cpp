@@ -26,12 +26,6 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
     return pointers;
 }
 
-// A number for each run, above every process id, so that several sections can live side by side.
-std::string ManagerNumber() {
-    static std::atomic<int> number{(1 << 30) + (getpid() & 0xfffff) * 1024};
-    return std::to_string(number++);
-}
-
 }  // namespace
 
 ChildProcess::~ChildProcess() {
@@ -140,8 +134,10 @@ pid_t CommandRun::Worker() const {
 }
 
 WorkerRun::WorkerRun(int index, const std::string& id) : index_(index), id_(id) {
+    // Above every process id, so that several sections can live side by side.
+    static std::atomic<int> number{(1 << 30) + (getpid() & 0xfffff) * 1024};
     environment.clear();
-    arguments = {id, std::to_string(index), ManagerNumber()};
+    arguments = {id, std::to_string(index), std::to_string(number++)};
     section_ = SHARE_MEM_NAME + ("_" + arguments[2]);
     const int section = shm_open(section_.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
     lock_ = sem_open(id.c_str(), O_CREAT | O_EXCL, 0600, 1);
@@ -191,11 +187,6 @@ void WorkerRun::Start() {
     ChildProcess::Start(std::move(command));
 }
 
-std::string WorkerRun::Run() {
-    Start();
-    return End();
-}
-
 void WorkerRun::EndWell() {
     if (Pid() == -1) Start();
     EXPECT_EQ(End(), "exit 0");
@@ -208,9 +199,7 @@ void WorkerRun::EndWell() {
 }
 
 void WorkerRun::UnderLock(const Step& step) const {
-    if (!WaitUntil([this] { return sem_trywait(lock_) == 0; })) {
-        throw std::runtime_error("the lock stays taken");
-    }
+    EXPECT_TRUE(WaitUntil([this] { return sem_trywait(lock_) == 0; }));
     step(Slot());
     sem_post(lock_);
 }

@@ -27,7 +27,7 @@ class ChildProcess {
 
     int input = -1;   // descriptor of standard input; -1 is that of the test
     int output = -1;  // of standard output; -1 is a file
-    // Settings, each "NAME=value", that come before those of the test; its proxies are left out.
+    // Settings, each "NAME=value", before those of the test, whose proxies are left out.
     std::vector<std::string> environment{"TERM=xterm", "LC_ALL=C"};
 
     // `command`: the program's path and its arguments.
@@ -83,15 +83,13 @@ class WorkerRun : public ChildProcess {
     explicit WorkerRun(int index = 2, const std::string& id = UniqueName("task"));
     ~WorkerRun();
 
-    // The live slot: to be filled before the start, and looked at afterwards.
+    // The live slots, the task's and others.
     tagTaskContext& Slot(int index) const { return *SlotAt({0, mapping_, nullptr}, index); }
     tagTaskContext& Slot() const { return Slot(index_); }
     // Fills the slot with a download (command 1) of `url`: 3 tries without pauses into Output().
     void Request(const std::string& url);
-    // Fills the slot with the resolution (command 0) of `page`, with 3 tries without pauses. The
-    // site is asked through a proxy on 127.0.0.1.
+    // The same with the resolution (command 0) of `page`, through a proxy on 127.0.0.1.
     void RequestPage(int port, const std::string& page = "http://www.youtube.com/watch?v=ID");
-    // Has the task go through a proxy on 127.0.0.1.
     void UseProxy(int port, const std::string& user = "", const std::string& password = "");
     std::string Output() const { return Path("output"); }
     const std::string& Section() const { return section_; }
@@ -100,17 +98,13 @@ class WorkerRun : public ChildProcess {
     std::vector<std::string> arguments;
 
     void Start();
-    // Start(), and End().
-    std::string Run();
-    // Start(), if that has not been; expects an end in good order: status 0, no message, the lock
-    // free and its name gone, and nothing changed beside the slot.
+    // Starts the worker, unless it runs, and expects an end in good order: status 0, no message,
+    // the lock free and its name gone, and nothing changed beside the slot.
     void EndWell();
 
     using Step = std::function<void(tagTaskContext&)>;
-    // Calls `step` with the live slot while holding the task's lock. Throws when the lock cannot be
-    // had by the deadline.
+    // Calls `step` with the live slot while holding the task's lock.
     void UnderLock(const Step& step) const;
-    // Asks the worker to stop.
     void Stop() const;
     // Whether the section has the bytes of Start(), but for what `change` does to the slot.
     bool ChangedBy(const Step& change) const;
