@@ -22,6 +22,8 @@ constexpr std::size_t kMostRemembered = 1'000'000;
 constexpr std::chrono::seconds kCopyTime{1};
 // For the manager to take a task while none runs.
 constexpr std::chrono::seconds kRefusalTime{30};
+// From the final code of a task to the end of its worker, usually.
+constexpr std::chrono::seconds kSlotTime{2};
 
 std::size_t Hash(const std::string& path) {
     return std::hash<std::string>{}(path);
@@ -72,13 +74,27 @@ InputList::Taken Downloads::TakeRequest(Request& request) {
     return taken;
 }
 
-bool Downloads::HasRoom() const {
+// Whether one more file may run, as far as the command is concerned.
+bool Downloads::MayRun() const {
     const auto tasks = std::count_if(running_.begin(), running_.end(), [](const auto& r) {
         return r.second->Now() == Fetch::Phase::kTask;
     });
-    return !stopping_ && running_.size() < kMostRunning && FreeSlotCount() > 0 &&
+    return !stopping_ && running_.size() < kMostRunning &&
            resolved_.size() + static_cast<std::size_t>(tasks) <
                static_cast<std::size_t>(options_.jobs);
+}
+
+bool Downloads::HasRoom() const {
+    return MayRun() && FreeSlotCount() > 0;
+}
+
+bool Downloads::MoreToBegin() const {
+    return next_ != nullptr || taken_ < options_.addresses.size() || !list_.Ended();
+}
+
+bool Downloads::SlotIsDue() const {
+    const bool wanted = !resolved_.empty() || (MayRun() && MoreToBegin());
+    return wanted && FreeSlotCount() == 0 && Clock::now() - last_end_ < kSlotTime;
 }
 
 int Downloads::Awaits() const {
@@ -151,6 +167,7 @@ void Downloads::Handle(const Event& event) {
         return;
     } else {
         end = file.NoteEnd(event, stopping_);
+        last_end_ = Clock::now();
         // A remark means that the manager ended the task: its worker reported nothing.
         if (event.remark.empty()) display_.State(file.View(), event.code, event.value);
     }
@@ -263,8 +280,7 @@ void Downloads::CopyRest(bool atOnce) {
 }
 
 bool Downloads::Done() const {
-    const bool begun = next_ == nullptr && taken_ == options_.addresses.size() && list_.Ended();
-    return running_.empty() && resolved_.empty() && (stopping_ || begun);
+    return running_.empty() && resolved_.empty() && (stopping_ || !MoreToBegin());
 }
 
 std::vector<const FileView*> Downloads::Running() const {

@@ -19,6 +19,8 @@ namespace {
 
 // The longest wait of the main loop: the display is at most this much out of date.
 constexpr std::chrono::milliseconds kTurn{250};
+// How often to look for a slot that is about to be free.
+constexpr std::chrono::milliseconds kSlotTurn{2};
 // From the first signal to an end that waits for nothing.
 constexpr std::chrono::milliseconds kStopTime{11'000};
 // For killed workers to disappear, and how often to look.
@@ -79,7 +81,8 @@ void Session::Turn() {
     const bool resumed = signals::TakeResume();
     if (signals::TakeResize() || resumed) display_.ScreenChanged(resumed);
     display_.Refresh(downloads_.Running(), downloads_.Counts());
-    if (!more && !downloads_.Done()) wake_.Wait(kTurn, downloads_.Awaits());
+    if (more || downloads_.Done()) return;
+    wake_.Wait(downloads_.SlotIsDue() ? kSlotTurn : kTurn, downloads_.Awaits());
 }
 
 void Session::LookAtSignals() {
