@@ -98,7 +98,7 @@ bool Downloads::SlotIsDue() const {
 }
 
 int Downloads::Awaits() const {
-    return next_ == nullptr && HasRoom() ? list_.Descriptor() : -1;
+    return next_ == nullptr && HasRoom() ? list_.Source() : -1;
 }
 
 // Begins the file or reports why it cannot be begun; it is moved away then. False when the manager

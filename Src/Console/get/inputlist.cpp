@@ -7,12 +7,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "Console/get/digest.h"
 #include "Console/get/filename.h"
 #include "Console/screen/display.h"
+#include "Console/screen/text.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ constexpr std::size_t kBlock = 64 * 1024;
 constexpr std::size_t kLongestLine = 8 * 1024;
 constexpr int kMostReads = 16;  // blocks that one Take may read
 constexpr std::string_view kBlanks = " \t";
-constexpr std::string_view kMark = "\xEF\xBB\xBF";  // that some editors begin a UTF-8 file with
+constexpr std::string_view kMark = "\xEF\xBB\xBF";  // with which some editors begin a UTF-8 file
 
 // Cuts the text at the first TAB and returns what stands before it.
 std::string TakeColumn(std::string_view& text) {
@@ -41,11 +41,11 @@ bool CanBeRead(int file) {
     return poll(&news, 1, 0) == 1;
 }
 
-// The line that makes the request again; empty when the form cannot express it.
+// The line that gives this request when it is read; empty when the format cannot express it.
 std::string ListLine(const Request& request) {
     if (!request.line.empty()) return request.line;
     std::string line = request.address;
-    // A column more is written only when it says something.
+    // Trailing empty columns are left out.
     if (!request.name.empty() || !request.sha256.empty()) line += "\t" + request.name;
     if (!request.sha256.empty()) line += "\t" + request.sha256;
     const Request back = ReadListLine(line);
@@ -82,12 +82,12 @@ Request ReadListLine(std::string_view line) {
 
 std::string InputList::Open(const std::string& path) {
     path_ = path;
-    // Not blocking: a named pipe may have no writer yet.
-    file_ = ::Descriptor(path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
-                                     : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    // O_NONBLOCK: a named pipe may have no writer yet.
+    file_ = Descriptor(path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                                   : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     if (!file_.IsOpen() || fstat(file_.Get(), &status) != 0) {
-        return "cannot read " + path + ": " + std::strerror(errno);
+        return text::SystemFault("cannot read " + path, errno);
     }
     return S_ISDIR(status.st_mode) ? path + " is a directory" : "";
 }
@@ -114,14 +114,14 @@ InputList::Taken InputList::Take(Request& request) {
         request = ReadListLine(line.substr(0, kLongestLine));
         if (length > kLongestLine) {
             request.fault = "the line is longer than " + std::to_string(kLongestLine) + " bytes";
-            request.line = line.substr(0, kLongestLine + 1);  // is too long again
+            request.line = line.substr(0, kLongestLine + 1);  // still too long
         }
         begin_ = searched_ = std::min(end + 1, rest_.size());
         if (!goesOn && !request.address.empty()) return Taken::kRequest;
     }
 }
 
-// Reads one block. False, with the request that says so, when that fails.
+// Reads one block. On an error returns false with a request that says so.
 bool InputList::Read(Request& failure) {
     rest_.erase(0, std::exchange(begin_, 0));
     searched_ = rest_.size();
@@ -133,7 +133,7 @@ bool InputList::Read(Request& failure) {
     if (count > 0 || (count == -1 && (error == EINTR || error == EAGAIN))) return true;
     file_.Close();
     if (count == 0) return true;
-    failure = {"", path_, "", std::string("cannot read the list: ") + std::strerror(error)};
+    failure = {"", path_, "", text::SystemFault("cannot read the list", error)};
     return false;
 }
 
@@ -141,7 +141,7 @@ void InputList::StopWaiting() {
     struct stat status {};
     if (!file_.IsOpen() || (fstat(file_.Get(), &status) == 0 && S_ISREG(status.st_mode))) return;
     file_.Close();
-    // The begin of a line is another address than the whole.
+    // Drop an incomplete last line: its beginning would be taken for a different address.
     const std::size_t end = rest_.rfind('\n');
     rest_.resize(std::max(begin_, end == std::string::npos ? 0 : end + 1));
     searched_ = begin_;

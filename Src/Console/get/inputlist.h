@@ -1,7 +1,6 @@
-// Lists of files that are asked for: one that is read, and one that is written of those that did
-// not finish. One form serves both: a line has an address and, each behind a TAB, the name and the
-// SHA-256 digest of its file, which may be missing or empty; lines that begin with "#" and empty
-// ones say nothing.
+// Lists of requested files: one to read, and one to write of those that did not finish. Both have
+// the same format: a line has an address and, each after a TAB, the name and the SHA-256 digest of
+// the file, which may be missing or empty. Blank lines and lines that begin with "#" are skipped.
 #pragma once
 
 #include <memory>
@@ -12,20 +11,20 @@
 #include "common/file.h"
 #include "common/uncopyable.h"
 
-// One file that is asked for.
+// One requested file.
 struct Request {
     std::string address{};  // empty: reading the list failed
     std::string name{};     // of the file; empty: taken from the address
     std::string sha256{};   // digest; empty: not known
-    std::string fault{};    // why the line is no request, in one line; empty: it is one
-    std::string line{};     // with a fault: as it stands in the list
+    std::string fault{};    // what is wrong with the line, in one line; empty: nothing
+    std::string line{};     // with a fault: the line itself
 };
 
-// Reads a list as its lines are wanted and never waits, so a pipe or a terminal may be one. Holds
-// no more than one block and one line of it.
+// Reads a list on demand and never blocks, so a pipe or a terminal may be one. Holds at most a
+// block and a line of it in memory.
 class InputList : private Uncopyable {
   public:
-    // Opens the list; "-" is standard input. Returns the fault in one line; empty when it is done.
+    // Opens the list; "-" is standard input. Returns the fault in one line; empty when it is open.
     std::string Open(const std::string& path);
 
     enum class Taken {
@@ -39,39 +38,39 @@ class InputList : private Uncopyable {
     // address.
     Taken Take(Request& request);
 
-    // Whether all requests have been taken. So it is with a list that was not opened.
+    // Whether all requests have been taken; true for a list that was not opened.
     bool Ended() const { return !file_.IsOpen() && begin_ == rest_.size(); }
 
-    // What can be read, or is at its end, when there may be more to take; -1 when the list is read.
-    int Descriptor() const { return file_.Get(); }
+    // The descriptor that becomes readable when there may be more to take; -1: all is read.
+    int Source() const { return file_.Get(); }
 
-    // From now on only what needs no waiting is read: the rest of a regular file.
+    // From now on only a regular file is read further; of anything else what was not read is
+    // dropped.
     void StopWaiting();
 
   private:
     bool Read(Request& failure);
 
-    ::Descriptor file_{};
+    Descriptor file_{};
     std::string path_{};
-    std::string rest_{};  // what was read last; taken up to begin_
+    std::string rest_{};  // the last bytes read, of which those before begin_ have been taken
     std::size_t begin_ = 0;
-    std::size_t searched_ = 0;  // from begin_ to here there is no line end
+    std::size_t searched_ = 0;  // there is no newline between begin_ and this
     bool at_begin_ = true;      // no line has been taken
-    bool skipping_ = false;     // up to the end of a line that was too long
+    bool skipping_ = false;     // the rest of an overlong line
 };
 
-// The list of what did not finish. Its lines are written at once into "PATH.part", which goes when
-// the command is killed, like every part; the list that was there before gives way with Finish
-// only, so it may be the one that is being read.
+// The list of what did not finish. Lines are written at once to "PATH.part"; only Finish replaces
+// the list that was there before, so it may be the one that is being read.
 class FailedList {
   public:
-    // Returns the fault in one line; empty when it is done.
+    // Creates "PATH.part". Returns the fault in one line; empty when the list is open.
     std::string Open(const std::string& path);
     bool IsOpen() const { return target_ != nullptr; }
 
-    // Adds what the form can express; a line that was refused as it stood, so that it is again; one
-    // that was too long is cut. Does nothing while no list is open. `more`: others follow at
-    // once, so the line may wait for them.
+    // Appends the request. A line with a fault is written back as it was, so that it has the fault
+    // again; an overlong one is truncated; what the format cannot express is dropped. Does nothing
+    // while no list is open. `more`: others follow at once, so the line may wait for them.
     void Add(const Request& request, bool more = false);
 
     // Some requests could not be added: Finish leaves "PATH.part" and the list that was there.
@@ -86,8 +85,8 @@ class FailedList {
 
     std::unique_ptr<Target> target_{};
     std::string lines_{};  // not written yet
-    bool written_ = true;  // all others
+    bool written_ = true;  // everything else is written
 };
 
-// The request of one line; one without an address and a fault for lines that say nothing.
+// The request of one line; without an address and a fault when the line is to be skipped.
 Request ReadListLine(std::string_view line);

@@ -13,6 +13,7 @@
 #include "Console/cli/signals.h"
 #include "Console/screen/text.h"
 #include "TaskMan/manager.h"
+#include "common/file.h"
 #include "common/sysutility.h"
 
 namespace {
@@ -23,9 +24,8 @@ constexpr std::chrono::milliseconds kTurn{250};
 constexpr std::chrono::milliseconds kSlotTurn{2};
 // From the first signal to an end that waits for nothing.
 constexpr std::chrono::milliseconds kStopTime{11'000};
-// For killed workers to disappear, and how often to look.
+// For killed workers to end.
 constexpr std::chrono::milliseconds kKillTime{500};
-constexpr std::chrono::milliseconds kKillTurn{10};
 
 bool IsProgram(const std::string& path) {
     std::error_code error;
@@ -123,9 +123,8 @@ void Session::EndManager() {
 // Ends without waiting for tasks: the workers are killed and reaped, and all names removed.
 void Session::EndNow() {
     KillWorkers();
-    const Clock::time_point deadline = Clock::now() + kKillTime;
     // The process has no other children.
-    while (waitpid(-1, nullptr, WNOHANG) != -1 && Clock::now() < deadline) wake_.Wait(kKillTurn);
+    PollUntil(kKillTime, [] { return waitpid(-1, nullptr, WNOHANG) == -1; });
     downloads_.Abandon();
     shm_unlink(SectionName(sysutility::GetCurrentPid()).c_str());
     Finish(true);

@@ -7,11 +7,11 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <utility>
 
 #include "Console/get/digest.h"
+#include "Console/screen/text.h"
 #include "TaskMan/othermanagers.h"
 #include "TaskMan/taskcontext.h"
 #include "common/file.h"
@@ -20,19 +20,18 @@
 namespace {
 
 constexpr std::size_t kLongestPath = sizeof(tagTaskInfo::szFilePath) - 1;
-// A sweep that looks whether a part is somebody's locks it for moments.
+// A sweep locks a part for moments, to see whether it is in use.
 constexpr std::chrono::milliseconds kLockPatience{10};
 
 std::string Fault(const char* what, const std::string& path, int error) {
-    return std::string(what) + " " + path + ": " + std::strerror(error);
+    return text::SystemFault(what + (" " + path), error);
 }
 
 Outcome Local(std::string reason) {
     return {EndResult::kFailed, EXIT_STATUS_LOCAL, std::move(reason)};
 }
 
-// The regular file that a link leads to; the path itself when it names no link, or one that leads
-// to nothing of that kind.
+// The path of the regular file that a link leads to; the path itself when it is no such link.
 std::string Followed(const std::string& path) {
     struct stat named {};
     struct stat file {};
@@ -55,9 +54,8 @@ Outcome DigestFault(int file, const std::string& path, const std::string& sha256
     return {EndResult::kMismatch, EXIT_STATUS_MISMATCH, path + " has the SHA-256 digest " + digest};
 }
 
-// Gives the file its second name in the place of the first, unless the second is in use. Whatever
-// kills the process meanwhile, an incomplete file never has the second one. Returns 0 or an error
-// number.
+// Renames without replacing, atomically where the file system can. Returns 0 or an error number,
+// EEXIST when `to` exists.
 int RenameToNew(const char* from, const char* to) {
     const int error = platform::RenameToNew(from, to);
     if (error != EINVAL && error != ENOSYS && error != ENOTSUP) return error;
@@ -66,7 +64,7 @@ int RenameToNew(const char* from, const char* to) {
         return 0;
     }
     if (errno == EEXIST || errno == ENOENT || errno == ENOSPC || errno == EDQUOT) return errno;
-    // File systems without links: nothing better than to look first.
+    // Without hard links, too, only a check that another process may overtake is left.
     struct stat status {};
     if (lstat(to, &status) == 0) return EEXIST;
     return rename(from, to) == 0 ? 0 : errno;
@@ -119,8 +117,8 @@ std::string Target::Open() {
     return part_ + " keeps changing";
 }
 
-// Leaves the target closed, without a fault, when the part lost its name meanwhile or was an old
-// one, which is removed.
+// One try. Leaves the part closed, without a fault, when it lost its name meanwhile, or was a stale
+// one that is removed now.
 std::string Target::OpenOnce() {
     constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
     Descriptor file(open(part_.c_str(), flags | O_CREAT | O_EXCL, 0666));

@@ -20,7 +20,7 @@ int RunClean(const CleanOptions& options) {
     for (const std::string& path : remains.parts) tell("part", path);
     std::string faults;
     for (const std::string& path : remains.stuck) {
-        faults += "taskman: cannot remove " + text::Printable(path) + "\n";
+        faults += FaultLine("cannot remove " + path);
     }
     if (told.empty() && faults.empty()) told = "nothing was left behind\n";
     const bool written = WriteResult(told, faults);

@@ -1,8 +1,8 @@
-// `taskman clean`: what dead managers left behind is removed.
+// `taskman clean`: removes what dead managers left behind.
 #pragma once
 
 struct CleanOptions {
-    bool lookOnly = false;  // tell what is there, change nothing
+    bool lookOnly = false;  // list what would be removed, change nothing
 };
 
 // Returns the exit status: EXIT_STATUS_LOCAL when a part cannot be removed.
