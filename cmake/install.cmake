@@ -12,6 +12,7 @@ install(DIRECTORY Src/Interface/TaskMan DESTINATION ${headers})
 install(
   FILES
     common/fieldtext.h
+    common/file.h
     common/mutex.h
     common/platform.h
     common/threadsafety.h

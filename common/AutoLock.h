@@ -6,8 +6,8 @@
 
 namespace Threading {
 
-// Works on a mutex of somebody else, who keeps it alive. A null mutex is allowed: nothing is taken
-// then and nothing is released.
+// Does not own the mutex, which has to outlive it. A null mutex is allowed: nothing is locked then
+// and nothing released.
 class TS_SCOPED_CAPABILITY AutoLock : private Uncopyable {
   public:
     explicit AutoLock(Mutex* mutex) TS_ACQUIRE(mutex);
@@ -15,11 +15,11 @@ class TS_SCOPED_CAPABILITY AutoLock : private Uncopyable {
     // Releases the mutex if it is still held, also when an exception leaves the scope.
     virtual ~AutoLock() TS_RELEASE();
 
-    // Neither looks whether the mutex is held: each is for its turn.
+    // Neither checks whether this holder has the mutex: they are to be called in turns.
     void Lock() TS_ACQUIRE();
     void UnLock() TS_RELEASE();
 
-    // Forgets that the mutex is held: it stays taken beyond this holder.
+    // Forgets that the mutex is held: the destructor leaves it locked.
     void SetUnlock();
 
     // Whether this holder has the mutex.

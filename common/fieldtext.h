@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-// The text itself; it changes and dies with the field.
+// The text itself, valid as long as the field is unchanged.
 template <std::size_t Width>
 std::string_view FieldView(const char (&field)[Width]) {
     return std::string_view(field, strnlen(field, Width));
@@ -27,8 +27,8 @@ bool FieldEmpty(const char (&field)[Width]) {
     return field[0] == '\0';
 }
 
-// Zero-fills the field, then stores as much of `text`, which lies elsewhere, as leaves room for a
-// terminator.
+// Zero-fills the field, then stores as much of `text` as leaves room for a terminator. The two do
+// not overlap.
 template <std::size_t Width>
 void SetField(char (&field)[Width], std::string_view text) {
     std::memset(field, 0, Width);

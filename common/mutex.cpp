@@ -45,8 +45,8 @@ bool Mutex::Lock() TS_NO_ANALYSIS {
         return true;
     }
     assertion::Require(m_NamedLock != nullptr, "Lock", kSource, kHasSemaphore, 105);
-    // Going on after an interruption would later post a lock that was never taken, and the
-    // semaphore would admit two holders from then on.
+    // Returning after an interruption would lead to a post without a wait, and the semaphore would
+    // admit two holders from then on.
     while (sem_wait(m_NamedLock) != 0 && errno == EINTR) {
     }
     return true;

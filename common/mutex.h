@@ -23,17 +23,17 @@ class TS_CAPABILITY("mutex") Mutex {
     // opened ends the process with the standard assertion.
     explicit Mutex(const char* name);
 
-    // The named form over a semaphore of that name that is open already; it is this object's from
-    // now on. Nothing can fail.
+    // The named form over a semaphore of that name that is already open; takes ownership of it.
+    // Cannot fail.
     Mutex(const char* name, sem_t* opened);
 
-    // Closes the semaphore and removes its name; a process that still has it open goes on using it.
+    // Closes the semaphore and removes its name; a process that still has it open keeps using it.
     virtual ~Mutex();
 
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    // Blocks until the lock is had; interruptions by signals are waited out. Always true.
+    // Blocks until the lock is acquired, also across interruptions by signals. Always true.
     bool Lock() TS_ACQUIRE();
 
     // Releases the lock. Always true.

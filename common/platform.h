@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "common/file.h"
+
 namespace platform {
 
 // Stores the path of the running executable, as it was given to exec, with its terminator in
@@ -28,24 +30,23 @@ int ExecutablePath(char* buffer, std::uint32_t* size);
 // signal mask is its own.
 pid_t StartChild(void (*child)(const void* argument), const void* argument);
 
-// Sees to it that no descriptor above standard error survives the next exec. For a child before its
-// exec: takes no lock and allocates nothing.
+// Has the next exec close every descriptor above standard error. Safe in a signal handler.
 void CloseDescriptorsOnExec();
 
 // Reserves the memory behind the first `size` bytes of a shared-memory object, so that a later
 // write cannot fail. Returns 0 or an error number (ENOSPC when there is no room).
 int ReserveSharedMemory(int descriptor, off_t size);
 
-// Waits on a condition, whose mutex the caller holds, for at most `milliseconds` of a clock that is
-// never set. Returns 0 when woken, else an error number.
+// Waits on a condition, whose mutex the caller holds, for at most `milliseconds` of a
+// monotonic clock. Returns 0 when woken, else an error number.
 int WaitCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, int milliseconds);
 
 // Names of all shared-memory objects of the system, without a leading "/"; empty where the system
 // cannot list them.
 std::vector<std::string> SharedMemoryNames();
 
-// Renames a file in one step, unless `to` is in use. Returns 0 or an error number: EEXIST when it
-// is in use; EINVAL, ENOSYS or ENOTSUP where the system or the file system has no such step.
+// Renames a file in one atomic step, unless `to` exists. Returns 0 or an error number: EEXIST when
+// it does; EINVAL, ENOSYS or ENOTSUP where the system or the file system has no such step.
 int RenameToNew(const char* from, const char* to);
 
 // A regular file as another process has it open.
@@ -57,22 +58,22 @@ struct OpenFile {
     std::int64_t nModifiedAfter = 0;   // before and after the position was
 };
 
-// Looks at the file `path` of process `pid`; `nDescriptor` is the descriptor it had at the last
-// look, or -1. May wait for the file system.
+// Looks at the regular file `path` as process `pid` has it open. `nDescriptor` is what the last
+// look found, which saves the search for it, or -1. May wait for the file system.
 OpenFile LookAtOpenFile(pid_t pid, const std::string& path, int nDescriptor);
 
-// Follows one child process from its start on. Where the system allows it, the watch stays exact
-// when the id of the ended child is given to another process.
+// Refers to one process. On Linux from 5.3 on it never means another process that reuses the pid of
+// an ended one; elsewhere it may. A watch that was moved from may only be assigned or destroyed.
+// One thread at a time, but for the const operations.
 class ProcessWatch {
   public:
     ProcessWatch() : ProcessWatch(-1) {}
-    // `pid` is what fork returned; a value below 1 is a process that was never there.
+    // `pid`: a value below 1, which a failed start gives, is a process that is gone. A child that
+    // was not reaped yet cannot be mistaken for another process.
     explicit ProcessWatch(pid_t pid);
-    ~ProcessWatch();
-    ProcessWatch(ProcessWatch&& other) noexcept;
-    ProcessWatch& operator=(ProcessWatch&& other) noexcept;
 
-    // Whether the process has ended (reaped or not) or never was.
+    // Whether the process has ended or never was. Where the watch is not exact (above), a child
+    // that has ended counts as gone only when it is reaped.
     bool Gone() const;
 
     // Sends a signal; does nothing when the process is gone.
@@ -89,18 +90,15 @@ class ProcessWatch {
     friend void WaitForEnd(const std::vector<const ProcessWatch*>&, const class Waker&, int);
 
     pid_t pid_;
-    int descriptor_;  // of the process where the system has such a thing; else -1
+    Descriptor file_{};  // of the process, where the system has such a thing
 };
 
 // Wakes a thread that waits in WaitForEnd. A Wake() that comes before the wait ends it at once; any
 // number of them end one wait. One thread at a time waits with a Waker.
 class Waker {
   public:
-    // Has two descriptors at most, closed on exec. Where none is to be had, waits end early.
+    // Opens a descriptor or two, which exec closes. When the system has none, waits end early.
     Waker();
-    ~Waker();
-    Waker(const Waker&) = delete;
-    Waker& operator=(const Waker&) = delete;
 
     // Any thread may call, and any signal handler; errno is as before.
     void Wake() const;
@@ -110,8 +108,8 @@ class Waker {
 
     void Forget() const;  // all calls of Wake() until now
 
-    int reader_;
-    int writer_;  // may be the same descriptor
+    Descriptor reader_{};
+    Descriptor writer_{};  // where it is not the same
 };
 
 // Waits in the kernel until one of the processes has ended (at once when one is gone already),

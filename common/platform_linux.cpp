@@ -19,9 +19,7 @@
 #include <fstream>
 #include <sstream>
 #include <string_view>
-#include <utility>
 
-#include "common/file.h"
 #include "common/platform.h"
 
 namespace platform {
@@ -154,39 +152,26 @@ OpenFile LookAtOpenFile(pid_t pid, const std::string& path, int nDescriptor) {
     return found;
 }
 
-ProcessWatch::ProcessWatch(pid_t pid) : pid_(pid), descriptor_(-1) {
+ProcessWatch::ProcessWatch(pid_t pid) : pid_(pid) {
     if (pid < 1) return;
-    descriptor_ = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-    // A child that ended and was reaped before the watch began has left nothing to follow.
-    if (descriptor_ == -1 && errno == ESRCH) pid_ = -1;
-}
-
-ProcessWatch::~ProcessWatch() {
-    if (descriptor_ != -1) close(descriptor_);
-}
-
-ProcessWatch::ProcessWatch(ProcessWatch&& other) noexcept
-    : pid_(std::exchange(other.pid_, -1)), descriptor_(std::exchange(other.descriptor_, -1)) {}
-
-ProcessWatch& ProcessWatch::operator=(ProcessWatch&& other) noexcept {
-    std::swap(pid_, other.pid_);
-    std::swap(descriptor_, other.descriptor_);
-    return *this;
+    file_ = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    // Reaped before the watch began: the pid may be another process's later.
+    if (!file_.IsOpen() && errno == ESRCH) pid_ = -1;
 }
 
 bool ProcessWatch::Gone() const {
     if (pid_ < 1) return true;
-    if (descriptor_ == -1) return kill(pid_, 0) == -1 && errno == ESRCH;
-    pollfd ended{descriptor_, POLLIN, 0};
+    if (!file_.IsOpen()) return kill(pid_, 0) == -1 && errno == ESRCH;
+    pollfd ended{file_.Get(), POLLIN, 0};
     return poll(&ended, 1, 0) == 1;
 }
 
 void ProcessWatch::Signal(int number) const {
     if (pid_ < 1) return;
-    if (descriptor_ == -1) {
+    if (!file_.IsOpen()) {
         kill(pid_, number);
     } else {
-        syscall(SYS_pidfd_send_signal, descriptor_, number, nullptr, 0);
+        syscall(SYS_pidfd_send_signal, file_.Get(), number, nullptr, 0);
     }
 }
 
@@ -194,38 +179,34 @@ void ProcessWatch::Reap() const {
     constexpr auto kByDescriptor = static_cast<idtype_t>(3);  // P_PIDFD
     siginfo_t ended{};
     // Kernels before 5.4 know the descriptor, but do not reap by it.
-    if (descriptor_ != -1 &&
-        (waitid(kByDescriptor, static_cast<id_t>(descriptor_), &ended, WEXITED | WNOHANG) == 0 ||
+    if (file_.IsOpen() &&
+        (waitid(kByDescriptor, static_cast<id_t>(file_.Get()), &ended, WEXITED | WNOHANG) == 0 ||
          errno != EINVAL)) {
         return;
     }
     if (pid_ > 0) waitpid(pid_, nullptr, WNOHANG);
 }
 
-Waker::Waker() : reader_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), writer_(reader_) {}
-
-Waker::~Waker() {
-    if (reader_ != -1) close(reader_);
-}
+Waker::Waker() : reader_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 void Waker::Wake() const {
     const int kept = errno;
-    eventfd_write(writer_, 1);
+    eventfd_write(reader_.Get(), 1);
     errno = kept;
 }
 
 void Waker::Forget() const {
     eventfd_t count = 0;
-    eventfd_read(reader_, &count);
+    eventfd_read(reader_.Get(), &count);
 }
 
 void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
                 int milliseconds) {
     constexpr int kPoll = 20;
-    std::vector<pollfd> waits{{waker.reader_, POLLIN, 0}};
+    std::vector<pollfd> waits{{waker.reader_.Get(), POLLIN, 0}};
     for (const ProcessWatch* process : processes) {
         if (process->pid_ < 1) milliseconds = 0;
-        waits.push_back({process->descriptor_, POLLIN, 0});
+        waits.push_back({process->file_.Get(), POLLIN, 0});
     }
     for (const pollfd& wait : waits) {
         if (wait.fd == -1) milliseconds = std::min(milliseconds, kPoll);

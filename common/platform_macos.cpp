@@ -11,7 +11,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 #include "common/platform.h"
 
@@ -54,17 +53,7 @@ OpenFile LookAtOpenFile(pid_t, const std::string&, int) {
     return {};
 }
 
-ProcessWatch::ProcessWatch(pid_t pid) : pid_(pid), descriptor_(-1) {}
-
-ProcessWatch::~ProcessWatch() = default;
-
-ProcessWatch::ProcessWatch(ProcessWatch&& other) noexcept
-    : pid_(std::exchange(other.pid_, -1)), descriptor_(-1) {}
-
-ProcessWatch& ProcessWatch::operator=(ProcessWatch&& other) noexcept {
-    std::swap(pid_, other.pid_);
-    return *this;
-}
+ProcessWatch::ProcessWatch(pid_t pid) : pid_(pid) {}
 
 bool ProcessWatch::Gone() const {
     return pid_ < 1 || (kill(pid_, 0) == -1 && errno == ESRCH);
@@ -78,48 +67,42 @@ void ProcessWatch::Reap() const {
     if (pid_ > 0) waitpid(pid_, nullptr, WNOHANG);
 }
 
-Waker::Waker() : reader_(-1), writer_(-1) {
+Waker::Waker() {
     int ends[2];
     if (pipe(ends) != 0) return;
     for (const int end : ends) {
         fcntl(end, F_SETFD, FD_CLOEXEC);
         fcntl(end, F_SETFL, O_NONBLOCK);
     }
-    reader_ = ends[0];
-    writer_ = ends[1];
-}
-
-Waker::~Waker() {
-    if (reader_ == -1) return;
-    close(reader_);
-    close(writer_);
+    reader_ = Descriptor(ends[0]);
+    writer_ = Descriptor(ends[1]);
 }
 
 void Waker::Wake() const {
     const int kept = errno;
     // A full pipe wakes as well.
-    static_cast<void>(write(writer_, "", 1));
+    static_cast<void>(write(writer_.Get(), "", 1));
     errno = kept;
 }
 
 void Waker::Forget() const {
     char bytes[64];
-    while (read(reader_, bytes, sizeof bytes) > 0) {
+    while (read(reader_.Get(), bytes, sizeof bytes) > 0) {
     }
 }
 
 void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
                 int milliseconds) {
     constexpr int kPoll = 20;
-    const int queue = kqueue();
-    bool complete = queue != -1;
+    const Descriptor queue(kqueue());
+    bool complete = queue.IsOpen();
     const auto add = [&](int identifier, short filter, unsigned note) {
         struct kevent event {};
         EV_SET(&event, static_cast<uintptr_t>(identifier), filter, EV_ADD | EV_ONESHOT, note, 0,
                nullptr);
-        if (kevent(queue, &event, 1, nullptr, 0, nullptr) != 0) complete = false;
+        if (kevent(queue.Get(), &event, 1, nullptr, 0, nullptr) != 0) complete = false;
     };
-    add(waker.reader_, EVFILT_READ, 0);
+    add(waker.reader_.Get(), EVFILT_READ, 0);
     // A zombie cannot be added: Gone() does not tell it from a living process until it is reaped.
     for (const ProcessWatch* process : processes) {
         if (process->Gone()) milliseconds = 0;
@@ -128,11 +111,10 @@ void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& 
     if (!complete) milliseconds = std::min(milliseconds, kPoll);
     const timespec time{milliseconds / 1000, milliseconds % 1000 * 1'000'000L};
     struct kevent event {};
-    if (queue == -1) {
-        nanosleep(&time, nullptr);
+    if (queue.IsOpen()) {
+        kevent(queue.Get(), nullptr, 0, &event, 1, &time);
     } else {
-        kevent(queue, nullptr, 0, &event, 1, &time);
-        close(queue);
+        nanosleep(&time, nullptr);
     }
     waker.Forget();
 }

@@ -20,7 +20,7 @@ std::string trimLeft(const std::string& str);
 std::string trimRight(const std::string& str);
 std::string trim(const std::string& str);
 
-// What stands behind the first occurrence of `key`; empty when it does not occur.
+// The text after the first occurrence of `key`; empty when it does not occur.
 std::string getContent(const std::string& str, std::string key);
 
 // Whether `str` ends with `suffix`; every text ends with the empty one.
@@ -58,7 +58,7 @@ class Tokenizer {
     explicit Tokenizer(const std::string& str);
     Tokenizer(const std::string& str, const std::string& delimiters);
 
-    // Goes to the next token. False when there is none; the last one then stays in m_token.
+    // Advances to the next token. False when there is none; the last one then stays in m_token.
     bool nextToken();
 
     // The same with the set `delimiters`, for this call only.

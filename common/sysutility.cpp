@@ -25,7 +25,7 @@ mode_t EntryKind(const std::string& path) {
     return stat(path.c_str(), &status) == 0 ? status.st_mode & S_IFMT : 0;
 }
 
-// Path of the running executable, as the system was given it; empty when it does not tell.
+// Path of the running executable, as it was given to exec; empty when the system does not know it.
 std::string GivenPath() {
     std::vector<char> buffer(1024);
     auto size = static_cast<std::uint32_t>(buffer.size());

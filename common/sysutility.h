@@ -1,4 +1,4 @@
-// Process identity, clock, files and file names. Paths are byte strings; "/" parts their names.
+// Process identity, clock, files and file names. Paths are byte strings; "/" separates their names.
 //
 // Nothing here keeps state; any thread may call.
 #pragma once
@@ -27,8 +27,8 @@ std::string GetProgramDirectory();
 
 // ---- Files.
 
-// Whether a regular file of that path exists; false also when the system does not tell. The empty
-// path ends the process with the standard assertion.
+// Whether a regular file of that path exists; false also after any error. The empty path ends the
+// process with the standard assertion.
 bool FileExists(std::string strFile);
 
 // Whether a directory of that path exists. One trailing "/" is ignored; "/" alone, empty then, is
@@ -46,7 +46,7 @@ bool CreateNewFileWithSize(std::string strPath, std::uint64_t FileSize);
 
 // ---- Memory.
 
-// Copies `Count` bytes and stores a zero behind them. DestSize is the size of `Dest`, more than
+// Copies `Count` bytes and appends a zero byte. DestSize is the size of `Dest`, more than
 // Count; the two do not overlap. Returns `Dest`. A null pointer, or a Count that leaves no room for
 // the zero, ends the process with the standard assertion.
 void* memcopy(void* Dest, const void* Src, std::size_t DestSize, std::size_t Count);
@@ -69,7 +69,7 @@ std::string IncludeTrailingPathDelimiter(std::string strPath);
 // The path without one "/" at its end, if it has any.
 std::string ExcludeTrailingPathDelimiter(std::string strPath);
 
-// What stands behind the last "/" of the address, trimmed, query included; empty without a "/".
+// The text after the last "/" of the trimmed address, query included; empty without a "/".
 std::string GetFileNameForUrl(std::string strUrl);
 
 }  // namespace sysutility

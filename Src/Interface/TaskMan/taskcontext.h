@@ -29,7 +29,7 @@ constexpr std::size_t SHARE_MEM_SIZE = TASK_COMMDATA_OFFSET + TASK_COMMDATA_SIZE
 // First part of every section's name; an underscore and the manager's process id follow.
 constexpr const char* SHARE_MEM_NAME = "ZentuTaskmanShareMem";
 
-// What a task is to do: tagTaskContext::nCmd. Any other value is worked on like a page.
+// What a task is to do: tagTaskContext::nCmd. Any other value is handled like a page.
 constexpr std::int32_t TASK_CMD_PARSE = 0;
 constexpr std::int32_t TASK_CMD_DOWNLOAD = 1;
 constexpr std::int32_t TASK_CMD_DOWNLOAD_SECOND = 3;
@@ -195,8 +195,8 @@ struct tagVideoInfoSection {
 
 // Attaches the section `name` (null: SHARE_MEM_NAME), creating it with mode 0644 when there is
 // none; an existing one keeps its contents. Names are cut to 61 bytes. Returns 0, or -1 when the
-// section cannot be opened (hShm is -1 then) or its memory not be had or mapped at its full size
-// (hShm is open then and the caller's); the pointers stay as they were.
+// section cannot be opened (hShm is -1 then), or its full size cannot be reserved or mapped (hShm
+// is open then and the caller's); the pointers stay as they were.
 int InitShareMem(tagVideoInfoSection* section, const char* name);
 
 // Detaches and removes the name. The descriptor stays open and hPrt keeps its value, which must not

@@ -22,7 +22,7 @@ namespace {
 
 // A manager maps and locks its section within moments after making it.
 constexpr std::time_t kYoungSeconds = 10;
-// Others that look whether the manager lives hold the lock for moments.
+// Other processes hold the lock for moments while they check whether the manager lives.
 constexpr std::chrono::milliseconds kLockPatience{10};
 // Above every process id.
 constexpr int kNumberLimit = 1 << 24;

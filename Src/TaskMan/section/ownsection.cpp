@@ -20,8 +20,8 @@ namespace {
 constexpr mode_t kPrivate = 0600;
 constexpr std::chrono::seconds kLockPatience{2};
 
-// Holds the section's lock, which shows others that this manager lives. Not the descriptor that is
-// mapped: a mapping keeps the lock, too.
+// Holds the section's lock, which shows others that this manager lives. It is not the descriptor
+// that is mapped: a mapping, which forked children inherit, would keep the lock as well.
 std::atomic<int> g_lock_descriptor{-1};
 
 void CloseLock() {
@@ -64,7 +64,7 @@ int CreateSection(const std::string& name) {
 
 int MakeSection(const std::string& directory, std::string& strReason) {
     const std::string name = SectionName(g_mainpid);
-    // Process ids of other namespaces, which share the memory of this one, may be the same.
+    // A manager in another process id namespace that shares this /dev/shm may have the same id.
     if (IsTaken(name)) {
         strReason = "another manager has the task section of this process id";
         return -1;

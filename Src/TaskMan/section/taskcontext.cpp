@@ -92,8 +92,8 @@ int InitShareMem(tagVideoInfoSection* section, const char* name) {
     if (section->hShm == -1) return -1;
     // An existing section has its size already, and some systems refuse to set it again.
     static_cast<void>(ftruncate(section->hShm, SHARE_MEM_SIZE) == 0);
-    // A mapping beyond the end of the section, or of memory that the system does not have, succeeds
-    // and kills the process at its first use.
+    // Mapping more than the section has, or than the system has memory for, succeeds; the first use
+    // kills the process with SIGBUS.
     struct stat status {};
     if (fstat(section->hShm, &status) != 0 || status.st_size < off_t{SHARE_MEM_SIZE}) return -1;
     if (platform::ReserveSharedMemory(section->hShm, SHARE_MEM_SIZE) != 0) return -1;
