@@ -53,7 +53,10 @@ TEST(Locks, AreWaitedForInSpiteOfSignals) {
     Mutex lock(UniqueName().c_str());
     lock.Lock();
     std::atomic<bool> had{false};
-    std::thread waiter([&] { had = lock.Lock(); });
+    std::thread waiter([&] {
+        had = lock.Lock();
+        lock.UnLock();
+    });
     for (int sent = 1; sent <= 20; ++sent) {
         pthread_kill(waiter.native_handle(), SIGUSR1);
         EXPECT_TRUE(WaitUntil([sent] { return signals == sent; }));
