@@ -31,8 +31,8 @@ namespace {
 
 constexpr int kLastShutdownPass = 3;
 
-void Invariant(bool holds, const char* expression) {
-    assertion::Require(holds, "StartScanData", "Src/TaskMan/taskcontext", expression);
+void Invariant(bool holds, const char* expression, int line = __builtin_LINE()) {
+    assertion::Require(holds, "StartScanData", "Src/TaskMan/taskcontext", expression, line);
 }
 
 // What a state code means to the scanner.
