@@ -25,13 +25,12 @@ void SetUpProbe(CURL* curl, const tagTaskContext& task) {
     SetTimeouts(curl);
 }
 
-// Runs the tries. Afterwards g_FileSize is not 0, or the job's end has been reported as far as it
-// is to be.
+// Runs the tries. Afterwards g_FileSize is set, or the failure has been reported where one is due.
 void Probe(CURL* curl, const tagTaskContext& task) {
     g_FileSize = 0;
     while (g_FileSize == 0 && g_TryCount < task.nTryCount) {
-        // A probe that learned the size was broken off, which libcurl reports as an error: the size
-        // alone tells.
+        // A probe that has learned the size aborts the transfer, which libcurl reports as an error:
+        // only the size decides.
         curl_easy_perform(curl);
         if (g_FileSize != 0) return;
         const TryStep step = AfterFailedTry(task);

@@ -1,8 +1,9 @@
 // The state of the worker process: what it was started with, its task, and its transfers.
 //
 // A worker carries out one job. The main thread fills the first two groups before it starts the job
-// thread, on which libcurl's callbacks run too; until that one sets g_exit_download, its last step,
-// only the job thread touches the task and the transfers. Either thread may read the flag any time.
+// thread, on which libcurl's callbacks run as well. From then on only the job thread touches the
+// task and the transfers, until its last step, which sets g_exit_download. Any thread may read or
+// set that flag at any time.
 #pragma once
 
 #include <pthread.h>
@@ -33,8 +34,8 @@ extern std::string g_DownloadConfigPath;      // directory of the download info 
 extern tagTaskNode g_TaskInfo;                // the task; owns its named lock
 extern tagTaskContext g_TaskConData;          // private copy of the slot; the job's argument
 extern tagTaskContext* g_CurTaskContext_prt;  // the live slot; null before the claim
-extern pthread_t g_pid;                       // the job thread
-extern std::atomic<bool> g_exit_download;     // the job is over; set by the job thread, last
+extern pthread_t g_pid;                       // the job thread, detached
+extern std::atomic<bool> g_exit_download;     // the job has ended: the process may exit
 
 // ---- The transfers.
 

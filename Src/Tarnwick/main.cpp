@@ -1,5 +1,5 @@
-// tarnwick: carries out one task of a task manager and exits with status 0, whatever became of the
-// task: that is told in the task's slot.
+// tarnwick: carries out one task of a task manager and exits with status 0 whatever the outcome,
+// which it reports in the task's slot.
 //
 //   tarnwick TASK_ID SLOT_INDEX MANAGER_PID
 #include <cstdlib>

@@ -39,8 +39,8 @@ std::size_t OnPageData(char* data, std::size_t size, std::size_t count, void* bu
     });
 }
 
-// The video id in a page address: what stands behind the first "=", up to the next "&". Empty when
-// there is none or when it is too long.
+// The video id in a page address: the text behind the first "=", up to the next "&". Empty when
+// there is none or it is too long.
 std::string VideoIdOf(std::string_view address) {
     const std::size_t key = address.find('=');
     if (key == std::string_view::npos) return {};
@@ -56,8 +56,8 @@ void SetDefaults(const std::string& videoId) {
     g_DefaultTitle = videoId;
 }
 
-// The one header entry ends in a line end of its own, which cuts off whatever stands behind it: it
-// must stay the last.
+// The entry ends in a line end of its own, and libcurl adds another, which ends the request's head:
+// nothing behind it would count as a header.
 HeaderList MakeHeaders() {
     char entry[256];
     strutil::vsnpf(entry, sizeof entry, "%s\r\n", kUserAgent);
@@ -91,7 +91,8 @@ bool EndedAtBound(CURLcode result, const std::string& response) {
 // One stage's tries. kDone means that the answer, of code 200, is in `response`.
 TryStep Fetch(CURL* curl, const tagTaskContext& task, const std::string& address,
               std::string& response) {
-    // Answers other than 200 are bounded over both stages; tries that receive bytes are not.
+    // Response codes other than 200 are counted over both stages. g_TryCount is not: every try that
+    // receives bytes sets it to 0.
     static int httpErrorCnt = 0;
     curl_easy_setopt(curl, CURLOPT_URL, address.c_str());
     g_TryCount = 0;
@@ -122,10 +123,10 @@ std::string TextOfPage(CURL* curl, const std::string& response) {
     return ParseYoutubeInfo(std::string(page.get(), static_cast<std::size_t>(length)));
 }
 
-// Whether the text has lines and none of them tells of a failure.
+// Whether the text has lines and none of them says status=fail.
 bool IsGood(const std::string& text) {
     bool hasLines = false;
-    // One line at a time: a long answer may have many millions.
+    // One line at a time: a long answer may have millions.
     strutil::Tokenizer lines(text, kLineEnd);
     while (lines.nextToken()) {
         hasLines = true;
@@ -142,8 +143,8 @@ bool HoldsFormatMap(const std::string& text) {
            text.find(YOTUBE_FMT_URL_MAP_PREFIX) != std::string::npos;
 }
 
-// Fetches the information and, when the service does not give it, the page. The text made last is
-// in `text`; kDone means that it is good, kUsedUp that it is not or could not be had.
+// Fetches the information and, when the service does not provide it, the page. The text made last
+// is in `text`; kDone means that it is good, kUsedUp that it is not or that a fetch failed.
 TryStep Resolve(CURL* curl, const tagTaskContext& task, const std::string& videoId,
                 std::string& response, std::string& text) {
     std::string address(kSite);
@@ -160,7 +161,7 @@ TryStep Resolve(CURL* curl, const tagTaskContext& task, const std::string& video
     return IsGood(text) ? TryStep::kDone : TryStep::kUsedUp;
 }
 
-// Reports what came of the resolution. Returns the text when it was published.
+// Reports the outcome of the resolution. Returns the text if it was published, else an empty one.
 std::string Finish(TryStep outcome, const tagTaskContext& task, const std::string& text) {
     if (g_Exit) return {};
     if (outcome == TryStep::kStopped) {

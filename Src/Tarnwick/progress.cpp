@@ -32,7 +32,7 @@ std::uint64_t Now() {
     return static_cast<std::uint64_t>(sysutility::GetTickCounts());
 }
 
-// Whole seconds since `then`. Unsigned: a clock that is set back makes a very long time of it.
+// Whole seconds since `then`, unsigned: a clock that is set back makes it a very long time.
 std::uint64_t SecondsSince(std::uint64_t then, std::uint64_t now) {
     return (now - then) / 1000;
 }
@@ -49,8 +49,8 @@ void NoteFirstBytes(std::uint64_t received) {
     if (IsDownloadCommand(g_TaskConData.nCmd)) SendStateMSG(DOWNLOAD_STATE_DOWNLOAD_START);
 }
 
-// Runs the stall timer while no bytes come. True when it has run out; it starts afresh then, and so
-// does the count of received bytes.
+// Runs the stall timer while no bytes arrive. True when it has expired: timer and received count
+// are reset then.
 bool Stalled() {
     const std::uint64_t now = Now();
     if (!g_memory.bStartCheckNetState) {
@@ -67,7 +67,7 @@ bool Stalled() {
 
 enum class Arrival { kFirst, kMore, kStalled, kNothing };
 
-// What the received count says compared with the call before.
+// Compares the received count with that of the previous call.
 Arrival TrackReceived(std::uint64_t received) {
     if (g_memory.uPrevRecvSize == 0 && received != 0) {
         g_memory.uPrevRecvSize = received;
@@ -84,7 +84,7 @@ Arrival TrackReceived(std::uint64_t received) {
 }
 
 // Reports the percentage, at most once a second and only when it grows. False for the first call,
-// which only takes the time.
+// which only notes the time.
 bool StepPercentage(std::uint64_t received) {
     const std::uint64_t now = Now();
     if (g_memory.uLastProgressTime == 0) {
@@ -107,7 +107,7 @@ std::uint32_t BytesPerSecond(std::uint64_t bytes, std::uint64_t milliseconds) {
     return static_cast<std::uint32_t>(std::clamp(speed, 0.0, kMost));
 }
 
-// Reports the speed over the time since the last computation, a second or more, when it changed.
+// Reports the speed since the last computation, a second or more ago, if it has changed.
 void StepSpeed(std::uint64_t received) {
     const std::uint64_t now = Now();
     if (g_LastCalcTime == 0 || received < g_LastDownloadSize) {
@@ -137,8 +137,8 @@ int progress_callback(void* /*clientp*/, double dltotal, double dlnow, double /*
         g_memory.uTotal = total;
         return kGoOn;
     }
-    // Before the return below: a server that accepts and stays silent shows 0 of 0 until it
-    // answers.
+    // Checked before the return below: while a server that has accepted is silent, the counts are 0
+    // of 0.
     if (StopRequested() || g_Exit) return kStopTransfer;
     if (received == total && g_Progress == 0.0) return kGoOn;
     NoteFirstBytes(received);

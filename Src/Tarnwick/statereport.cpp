@@ -14,8 +14,7 @@ tagTaskContext& LiveSlot() {
     return *SlotAt(g_VideoInfoSection, g_TaskIndex);
 }
 
-// Stores something in the slot and sets the bit of `code`: the step that all reports of values
-// share.
+// Stores into the slot and sets the bit of `code`, under the lock.
 template <class Store>
 void LockedUpdate(tagDownloadStateCode code, Store store) {
     Threading::AutoLock hold(g_TaskInfo.mutexLock);
@@ -32,7 +31,7 @@ bool OwnsSlot() {
 int SendStateMSG(tagDownloadStateCode code) {
     Threading::AutoLock hold(g_TaskInfo.mutexLock);
     if (!OwnsSlot()) {
-        // A semaphore that its holder takes to the grave would block the manager.
+        // A semaphore whose holder has died would block the manager.
         hold.UnLock();
         assertion::Fail("SendStateMSG", kWorkerSource, "false", 990);
     }

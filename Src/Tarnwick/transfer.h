@@ -1,5 +1,5 @@
-// What every transfer of the worker shares: libcurl itself, the proxy, the bound on tries, and what
-// happens after a try that failed. The first three are for the main thread, ClampTries of a number
+// What all transfers of the worker share: libcurl itself, options, the limits on tries, and what
+// follows a failed try. The first three operations are for the main thread, ClampTries of a number
 // for any, the rest for the job thread.
 #pragma once
 
@@ -10,10 +10,11 @@
 
 #include "TaskMan/taskcontext.h"
 
-// Prepares libcurl for the process. Returns 0, or -1 after a message on standard error.
+// Initialises libcurl for the process (curl_global_init). Returns 0, or -1 after a message on
+// standard error; curl_easy_init fails then, too.
 int LoadCurlLib();
 
-// Releases libcurl. Returns 0.
+// Releases libcurl (curl_global_cleanup). Always 0.
 int UnLoadCurlLib();
 
 // Removes from the environment what would configure a transfer past the slot: every variable that
@@ -22,7 +23,8 @@ int UnLoadCurlLib();
 // LoadCurlLib, and before other threads exist.
 void IgnoreEnvironment();
 
-// Sets the task's proxy on the handle when it uses one.
+// Sets the task's proxy on the handle when it uses one. nProxyType is libcurl's own value
+// (CURLOPT_PROXYTYPE); "HOST:PORT" and "USER:PASSWORD" are cut to 255 bytes.
 void SetProxy(CURL* curl, const tagTaskContext& task);
 
 // Sets the timeouts of every transfer: 5 seconds to connect (CURLOPT_CONNECTTIMEOUT), and a
@@ -41,11 +43,12 @@ std::int32_t ClampTries(std::int32_t number);
 // Clamps nTryCount and nTryInterval of the task.
 void ClampTries(tagTaskContext& task);
 
-// The length that libcurl reports as a double, without a fraction; 0 for a negative one or none,
-// the largest number for one beyond it.
+// A length in bytes as libcurl reports it, truncated to a whole number; 0 for a negative number or
+// NaN, the largest integer for a number beyond it.
 std::uint64_t ToLength(double length);
 
-// Whether the manager has asked the task to stop. False before the slot is claimed.
+// Whether the manager has requested a stop (nControl of the live slot, read without the lock).
+// False before the slot is claimed.
 bool StopRequested();
 
 // The code of a task that failed: 6 for command 0, else 7.
@@ -54,30 +57,30 @@ tagDownloadStateCode FailureCode(const tagTaskContext& task);
 // What follows a try.
 enum class TryStep {
     kDone,     // the try succeeded
-    kEnded,    // the process is ending: report nothing
-    kStopped,  // a stop was asked: code 8
-    kUsedUp,   // no tries are left: the failure code
+    kEnded,    // g_Exit is set: report nothing
+    kStopped,  // a stop was requested: report code 8
+    kUsedUp,   // no tries are left: report the failure code
     kAgain,    // try again
 };
 
-// After a failed try: whether the process ends or a stop was asked; else kAgain.
+// After a failed try: kEnded or kStopped; else kAgain.
 TryStep EndedOrStopped();
 
 // Counts a failed try in g_TryCount; kUsedUp when that was the last one of `task`, else kAgain
 // after the pause between tries.
 TryStep CountFailedTry(const tagTaskContext& task);
 
-// Both, one after the other.
+// EndedOrStopped(), and if that says kAgain, CountFailedTry().
 TryStep AfterFailedTry(const tagTaskContext& task);
 
 // Reports code 8 or the failure code for an outcome that ends the job, and sets g_Exit.
 void ReportEnd(TryStep outcome, const tagTaskContext& task);
 
-// Write callbacks of this process return this to break a transfer off.
+// What write callbacks return to abort a transfer (CURLOPT_WRITEFUNCTION).
 constexpr std::size_t kBreakOff = static_cast<std::size_t>(-1);
 
-// Calls `step` from a function that libcurl calls: an exception, which must not pass through
-// libcurl, becomes `failed`.
+// Calls `step` and returns its result, or `failed` after an exception: none may pass through
+// libcurl, which calls the caller.
 template <class Result, class Step>
 Result KeepExceptions(Result failed, Step step) noexcept {
     try {

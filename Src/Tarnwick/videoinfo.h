@@ -1,6 +1,6 @@
 // The video information text, and how it is scraped from a video page.
 //
-// The text is lines of the form key=value, each ended by CR LF. It is what a parse task hands over.
+// The text is lines of the form key=value, each ended by CR LF: the result of a parse task.
 #pragma once
 
 #include <string>
@@ -25,7 +25,7 @@ inline const std::string YOTUBE_KEY_TITLE1 = R"(id="eow-title")";
 inline const std::string YOTUBE_KEY_TITLE2 = R"(title=")";
 inline const std::string YOTUBE_KEY_TITLE3 = R"(">)";
 
-// ... and the rest among the parameters of the player, each ended by the begin of the next.
+// ... and the rest among the parameters of the player, each ended by the beginning of the next.
 inline const std::string YOTUBE_KEY_AMP = "&amp;";
 inline const std::string YOTUBE_KEY_FMT_STREAM_MAP = "&amp;url_encoded_fmt_stream_map=";
 inline const std::string YOTUBE_KEY_FMT_MAP = "&amp;fmt_map=";
@@ -37,14 +37,14 @@ inline const std::string YOTUBE_KEY_TIMESTAMP = "&amp;timestamp=";
 // Address of the thumbnail of a video: a format with one %s for the id of the video.
 extern const std::string YOTUBE_DEFAULT_THUMBNAIL;
 
-// What stands in for a title or a thumbnail that the page does not have: the id of the video, and
-// YOTUBE_DEFAULT_THUMBNAIL with that id. Set before ParseYoutubeInfo, on the same thread.
+// Used where a page has no title or thumbnail: the id of the video, and YOTUBE_DEFAULT_THUMBNAIL
+// with that id. Set before ParseYoutubeInfo is called, on the same thread.
 extern std::string g_DefaultTitle;
 extern std::string g_DefaultThumbnail;
 
-// The information text of a video page, `page`, whose percent escapes are decoded already. In this
-// order: the line "status=ok"; the title, decoded to plain text; when the page has no title tag,
-// g_DefaultThumbnail; the thumbnail; then, each only when the page has it, the maps and lists of
-// formats, the length and the timestamp, as found. A default stands bare, without a key. There is
-// no failure: a page of something else gives the defaults.
+// Makes the information text of a video page, whose percent escapes are decoded already. In this
+// order: the line "status=ok"; the title, decoded to plain text; if the page has no title tag,
+// g_DefaultThumbnail; the thumbnail; then, each only if the page has it, the maps and lists of
+// formats, the length in seconds and the timestamp, as found. A default has no key in front. There
+// is no failure: any other page gives the defaults.
 std::string ParseYoutubeInfo(std::string page);

@@ -18,7 +18,7 @@ struct VideoPage {
     std::optional<std::uint64_t> length{};  // seconds
     std::string thumbnail{};                // address of the picture; may be empty
     std::vector<VideoFormat> formats{};     // the listed ones, then those that only have an address
-    std::string usual{};  // address that is taken when no format is asked for; empty: none
+    std::string usual{};                    // address used when no format is requested; empty: none
 };
 
 // Which format is wanted: the one with the id; without an id the one whose frame comes closest to
