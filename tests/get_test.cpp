@@ -69,6 +69,7 @@ std::ptrdiff_t Asked(const std::string& path) {
 // One server for all, and the proxy of all other hosts: the address says how it behaves.
 std::atomic<bool> g_hold{true};
 HttpServer& Server() {
+    Site("");  // its texts are made before the server, whose threads use them to the last
     static HttpServer server([](const std::string& request, std::size_t) {
         const std::string address = request.substr(4, request.find(' ', 4) - 4);
         const auto is = [&](const char* what) { return Has(address, what); };
