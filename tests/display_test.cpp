@@ -156,6 +156,15 @@ bool Matches(const std::string& text, const char* pattern) {
     return std::regex_search(text, std::regex(pattern));
 }
 
+TEST(DisplayForm, ACommandInTheBackgroundDrawsNoBars) {
+    HttpServer server(Answer);
+    ChildProcess shell;
+    shell.Start({"/bin/sh", "-mc", TASKMAN_PATH " get " + server.Url() + " & wait"}, 80);
+    EXPECT_EQ(shell.End(), "exit 0");
+    EXPECT_TRUE(Has(shell.Err(), "file: finished"));
+    EXPECT_FALSE(Has(shell.Err(), "files done"));
+}
+
 TEST(DisplayForm, IsTheOneThatIsWanted) {
     HttpServer server(Answer);
     const struct {

@@ -393,6 +393,20 @@ TEST(Get, NeitherAListWithoutALineNorABlockedSignalDelaysTheEnd) {
     EXPECT_EQ(run.End(), "signal 15");
 }
 
+TEST(Get, ADiskThatNeverAnswersDelaysTheEndByElevenSeconds) {
+    ChildProcess run;
+    std::string list;
+    for (int i = 10; i < 50; ++i) list += Filled("$/stuck\t") + std::to_string(i) + "\n";
+    WriteFile(run.Path("list"), list);
+    run.Start({STUCK_TASKMAN_PATH, "get", "--json", "-j8", "-i", "list"});
+    // A thread for each of 24 files waits for the disk.
+    EXPECT_TRUE(WaitUntil([] { return Asked("/stuck") == 48; }));
+    run.Signal(SIGTERM);
+    EXPECT_EQ(run.End(), "signal 15");
+    EXPECT_TRUE(Has(run.Out(), "\"files\":24,\"finished\":0,")) << run.Out();
+    EXPECT_EQ(run.Files(), "list");
+}
+
 TEST(Get, ABrokenOutputEndsLikeSigterm) {
     Pipe output;
     close(std::exchange(output.ends[0], -1));

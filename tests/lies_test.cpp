@@ -1,5 +1,6 @@
 // Servers that lie and disks that are full. Each lie is told to a size probe, to a download whose
 // probe heard the truth, and to a page.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -159,6 +160,24 @@ TEST(LyingServers, AStopEndsWhatHasNoEnd) {
         run.EndWell();
         EXPECT_EQ(run.Slot().nStateBits & FINAL_STATE_BITS, 1U << DOWNLOAD_STATE_STOPPED);
     });
+}
+
+TEST(LyingServers, AConnectionTakesFiveSecondsAtMost) {
+    // A server that accepts nothing, whose queue is full.
+    const int listener = socket(AF_INET, SOCK_STREAM, 0), queued = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    ASSERT_TRUE(bind(listener, generic, size) == 0 && listen(listener, 0) == 0 &&
+                getsockname(listener, generic, &size) == 0 && connect(queued, generic, size) == 0);
+    WorkerRun run;
+    run.Request("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+    run.Slot().nTryCount = 1;
+    run.EndWell();
+    EXPECT_EQ(run.Slot().nStateBits, 1U << DOWNLOAD_STATE_DOWNLOAD_FAIL);
+    for (const int end : {listener, queued}) close(end);
 }
 
 // ---- Disks that are full before the file is there: it never counts as finished.

@@ -5,6 +5,9 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <filesystem>
+
 #include "support/campaign.h"
 #include "support/http_server.h"
 
@@ -30,7 +33,8 @@ TEST(Manager, RefusesWhatItCannotAccept) {
     Campaign campaign;
     HttpServer silent({Reply().Silence()});
     Course& live = campaign.Add(silent.Url());
-    const std::string used = "the task id is in use";
+    const std::string used = "the task id is in use", link = campaign.Output(live) + "-link";
+    std::filesystem::create_symlink(campaign.Output(live), link);  // where nothing is yet
     using Task = tagTaskInfo;
     const std::pair<std::string, std::function<void(Task&)>> rows[] = {
         {"the task id is empty", [](Task& t) { SetField(t.szTaskID, ""); }},
@@ -52,6 +56,7 @@ TEST(Manager, RefusesWhatItCannotAccept) {
         {"more than 10 blocks are asked for", [](Task& t) { t.nBlockCount = -1; }},
         {"another task writes this file",
          [&](Task& t) { SetField(t.szFilePath, campaign.Output(live) + "/.././" + live.id); }},
+        {"another task writes this file", [&](Task& t) { SetField(t.szFilePath, link); }},
     };
     for (const auto& [reason, change] : rows) {
         tagTaskInfo task = campaign.Task(silent.Url());
@@ -181,17 +186,24 @@ TEST(Manager, HandsOverArgumentsAndNothingElse) {
     signal(SIGTERM, SIG_DFL);
 }
 
-TEST(Manager, LeavesNoLockToAForkedChild) {
+TEST(Manager, IsItsProcessesAlone) {
     Campaign campaign;
-    const int section = shm_open(SectionName(getpid()).c_str(), O_RDONLY, 0);
-    const pid_t child = fork();
-    ASSERT_NE(-1, child);
-    if (child == 0) _exit(static_cast<int>(sleep(30)));
+    const std::string name = SectionName(getpid());
+    const int section = shm_open(name.c_str(), O_RDONLY, 0);
+    const pid_t leaves = fork();
+    if (leaves == 0) std::exit(0);
+    EXPECT_TRUE(WaitUntil([&] { return kill(leaves, 0) == -1; }));
+    EXPECT_TRUE(FileExists("/dev/shm/" + name));
+    const pid_t stays = fork();
+    if (stays == 0) _exit(static_cast<int>(sleep(30)));
     campaign.End();
     EXPECT_EQ(0, flock(section, LOCK_EX | LOCK_NB));
-    kill(child, SIGKILL);
-    EXPECT_TRUE(WaitUntil([&] { return kill(child, 0) == -1; }));
+    for (const pid_t child : {leaves, stays}) kill(child, SIGKILL);
+    EXPECT_TRUE(WaitUntil([&] { return kill(stays, 0) == -1; }));
     close(section);
+    errno = EPERM;
+    proc_child(SIGCHLD);
+    EXPECT_EQ(EPERM, errno);
 }
 
 // In a child: a test program cannot be stopped, nor leave.

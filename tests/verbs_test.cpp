@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "TaskMan/sweep/sweep.h"
 #include "TaskMan/taskcontext.h"
 #include "common/fieldtext.h"
 #include "support/http_server.h"
@@ -131,7 +132,9 @@ TEST(Clean, TakesWhatAKilledCommandLeft) {
 
 TEST(Clean, BelievesNoSection) {
     TempDir directory;
-    Section dead(DeadManager()), reused(getppid()), living(getpid());
+    const pid_t child = fork();
+    if (child == 0) _exit(pause());
+    Section dead(DeadManager()), reused(getppid()), living(getpid()), young(child);
     int index = 0;
     const char* const files[]{"left.part", "locked.part", "used.part",
                               "other",     "link.part",   "folder.part"};
@@ -158,15 +161,51 @@ TEST(Clean, BelievesNoSection) {
     for (const char* file : files) {
         EXPECT_EQ(FileExists(directory.Path(file)), file != files[0]) << file;
     }
-    // The living one by its mapping alone.
-    for (const std::string& name : {dead.name, reused.name, living.name, empty.substr(9)}) {
-        EXPECT_EQ(FileExists("/dev/shm/" + name), name == living.name) << name;
+    // The living one by its mapping alone; the manager of a young one may be about to map it.
+    for (const auto& [name, stays] : {std::pair(dead.name, false),
+                                      {reused.name, false},
+                                      {living.name, true},
+                                      {young.name, true},
+                                      {empty.substr(9), false}}) {
+        EXPECT_EQ(FileExists("/dev/shm/" + name), stays) << name;
     }
     for (const char* id : ids) {
         EXPECT_EQ(SemaphoreValue(id), id == ids[0] ? -1 : 1) << id;
         sem_unlink(id);
     }
     close(locked);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
+TEST(Clean, IsDoneAgainThreeSecondsAfterTheStartOfAManager) {
+    const auto start = std::chrono::steady_clock::now();
+    BeginSweep(start);
+    const Section late(DeadManager());
+    for (const int seconds : {2, 4}) {
+        SweepAgain(start + std::chrono::seconds(seconds));
+        EXPECT_EQ(FileExists("/dev/shm/" + late.name), seconds == 2);
+    }
+}
+
+// Whether the process is stopped.
+bool IsStopped(pid_t pid) {
+    return Has(ReadFile("/proc/" + std::to_string(pid) + "/stat"), ") T ");
+}
+
+TEST(Top, GivesTheTerminalBackBeforeItIsSuspended) {
+    CommandRun top("top");
+    top.output = STDERR_FILENO;
+    top.Start({}, 40);
+    EXPECT_TRUE(top.Says("\x1b[2J"));
+    EXPECT_FALSE(top.Echoes());
+    top.Type('\x1a');
+    EXPECT_TRUE(WaitUntil([&] { return IsStopped(top.Pid()); }));
+    EXPECT_TRUE(top.Echoes());
+    top.Signal(SIGCONT);
+    EXPECT_TRUE(WaitUntil([&] { return !top.Echoes(); }));
+    top.Type('q');
+    EXPECT_EQ(top.End(), "exit 0");
 }
 
 TEST(Top, ShowsHostileSlotsHarmlessly) {

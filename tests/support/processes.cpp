@@ -5,6 +5,7 @@
 #include <pty.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -87,6 +88,12 @@ bool ChildProcess::Ended() {
 
 void ChildProcess::Type(char key) const {
     EXPECT_EQ(write(terminal_, &key, 1), 1);
+}
+
+bool ChildProcess::Echoes() const {
+    termios settings{};
+    EXPECT_EQ(tcgetattr(terminal_, &settings), 0);
+    return (settings.c_lflag & ECHO) != 0;
 }
 
 std::string ChildProcess::Err() {

@@ -47,6 +47,7 @@ class ChildProcess {
     // Waits until `text` stands in Err(); false when it never does.
     bool Says(const std::string& text);
     void Type(char key) const;  // on the terminal
+    bool Echoes() const;        // whether the terminal shows what is typed
 
   private:
     bool Ended();

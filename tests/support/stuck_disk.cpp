@@ -1,0 +1,6 @@
+// Linked into the command: a disk that never answers.
+#include <unistd.h>
+
+extern "C" int fsync(int) {
+    for (;;) pause();
+}
