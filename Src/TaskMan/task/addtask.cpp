@@ -195,7 +195,7 @@ Refused Admit(const tagTaskInfo& taskinfo) {
     if (std::string reason = RefusalOf(taskinfo); !reason.empty()) return Never(std::move(reason));
     Watch* watch = nullptr;
     Refused refused = TakeSlot(taskinfo, OutputPath(taskinfo), watch);
-    if (refused.kind != TaskRefusal::kNone) return refused;
+    if (refused.kind != TaskRefusal::kNone || watch == nullptr) return refused;
     const int error = EnterTask(*watch, taskinfo);
     std::string program;
     {
