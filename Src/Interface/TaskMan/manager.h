@@ -64,7 +64,7 @@ int StopTask(const char* szTaskID);
 // try that has received bytes gives the worker all its tries back.
 struct tagTaskLimits {
     std::int32_t nAnswerSeconds = 30;  // a download, to its code 10 or 2; 0: for ever
-    std::int32_t nPageSeconds = 60;    // a page, to its final code; 0: for ever
+    std::int32_t nPageSeconds = 90;    // a page, to its final code; 0: for ever
     std::int32_t nStartsOver = 10;     // 0: for ever
 };
 

@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "TaskMan/section/othersection.h"
-#include "TaskMan/task/request.h"
+#include "TaskMan/task/taskid.h"
 #include "TaskMan/taskcontext.h"
 #include "common/file.h"
 #include "common/platform.h"

@@ -10,13 +10,16 @@
 #include <string>
 
 #include "TaskMan/section/ownsection.h"
-#include "TaskMan/task/request.h"
-#include "TaskMan/task/tally.h"
+#include "TaskMan/task/admission.h"
+#include "TaskMan/task/counts.h"
+#include "TaskMan/task/taskid.h"
 #include "TaskMan/task/watch.h"
 #include "TaskMan/taskman.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
 #include "common/thread.h"
+
+Threading::Mutex g_start_tarnwick_mutex;
 
 namespace {
 

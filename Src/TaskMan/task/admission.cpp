@@ -1,12 +1,13 @@
-// The checks on tasks, the recount of the jobs, and the listing of the tasks.
+#include "TaskMan/task/admission.h"
+
+#include <algorithm>
 #include <array>
 #include <cstdio>
-#include <string>
-#include <utility>
+#include <filesystem>
+#include <string_view>
 
-#include "TaskMan/task/tally.h"
+#include "TaskMan/task/taskid.h"
 #include "TaskMan/taskman.h"
-#include "common/AutoLock.h"
 #include "common/assertion.h"
 #include "common/fieldtext.h"
 #include "common/stringutility.h"
@@ -15,16 +16,56 @@ namespace {
 
 constexpr const char* kSource = "Src/TaskMan/taskcontext";
 constexpr std::int32_t kMostBlocks = 10;
+constexpr int kMostLinks = 40;  // that systems follow, too
 
-const char* CommandName(std::int32_t nCmd) {
-    switch (nCmd) {
-        case TASK_CMD_PARSE:
-            return "Parse";
-        case TASK_CMD_DOWNLOAD:
-            return "Download";
-        default:
-            return "Other";
+template <std::size_t Width>
+bool FillsField(const char (&field)[Width]) {
+    return FieldView(field).size() == Width;
+}
+
+bool BeginsWithScheme(std::string_view address, std::string_view scheme) {
+    return address.size() > scheme.size() &&
+           std::equal(scheme.begin(), scheme.end(), address.begin(), [](char want, char have) {
+               return want == (have >= 'A' && have <= 'Z' ? have - 'A' + 'a' : have);
+           });
+}
+
+bool IsHttp(std::string_view address) {
+    return BeginsWithScheme(address, "http://") || BeginsWithScheme(address, "https://");
+}
+
+std::string RefusalOfId(const tagTaskInfo& taskinfo) {
+    const std::string_view id = FieldView(taskinfo.szTaskID);
+    if (id.empty()) return "the task id is empty";
+    if (FillsField(taskinfo.szTaskID)) return "the task id is longer than 63 bytes";
+    if (!IsTaskID(id)) {
+        return "the task id holds something else than letters, digits, \"_\" and \"-\"";
     }
+    return {};
+}
+
+std::string RefusalOfAddress(const tagTaskInfo& taskinfo) {
+    if (FillsField(taskinfo.szDownloadUrl) || FillsField(taskinfo.szOrgUrl)) {
+        return "the address is longer than 1023 bytes";
+    }
+    const std::string_view address = IsDownloadCommand(taskinfo.nCmd)
+                                         ? FieldView(taskinfo.szDownloadUrl)
+                                         : FieldView(taskinfo.szOrgUrl);
+    return IsHttp(address) ? "" : "the address is neither http nor https";
+}
+
+std::string RefusalOfProxy(const tagTaskInfo& taskinfo) {
+    const bool tooLong = FillsField(taskinfo.szProxyHost) || FillsField(taskinfo.szProxyUser) ||
+                         FillsField(taskinfo.szProxyPassword);
+    return tooLong ? "the proxy's host, user or password is longer than 127 bytes" : "";
+}
+
+std::string RefusalOfPath(const tagTaskInfo& taskinfo) {
+    if (FillsField(taskinfo.szFilePath)) return "the path is longer than 1023 bytes";
+    tagTaskInfo checked = taskinfo;
+    if (CheckTaskParam(&checked, "AddTask")) return {};
+    return checked.nBlockCount == taskinfo.nBlockCount ? "the path holds a backslash"
+                                                       : "more than 10 blocks are asked for";
 }
 
 }  // namespace
@@ -57,44 +98,46 @@ bool CheckPath(std::string strFilePath, std::string strFuncName) {
     return false;
 }
 
-bool CheckAndCalcTaskCount() {
-    std::int32_t parse = 0;
-    std::int32_t download = 0;
-    std::int32_t all = 0;
-    Threading::AutoLock tally(&g_tally_mutex);
-    {
-        Threading::AutoLock hold(&g_access_taskmap_mutex);
-        for (const auto& [id, node] : g_TaskInfo_map) {
-            assertion::Require(node != nullptr, "CheckAndCalcTaskCount", kSource, "NULL != Node");
-            const bool isParse = IsParseJob(node->nCmd, node->nTaskKind);
-            assertion::Require(isParse || IsDownloadJob(node->nCmd, node->nTaskKind),
-                               "CheckAndCalcTaskCount", kSource, "false");
-            ++(isParse ? parse : download);
-        }
-        all = static_cast<std::int32_t>(g_TaskInfo_map.size());
+std::string RefusalOf(const tagTaskInfo& taskinfo) {
+    if (std::string reason = RefusalOfId(taskinfo); !reason.empty()) return reason;
+    if (!IsParseJob(taskinfo.nCmd, taskinfo.nTaskKind) &&
+        !IsDownloadJob(taskinfo.nCmd, taskinfo.nTaskKind)) {
+        return "the task is neither a parse job nor a download job";
     }
-    Threading::AutoLock hold(&g_access_taskcount_mutex);
-    g_ParseCount = parse;
-    g_DownloadCount = download;
-    g_TaskCount = all;
-    return true;
+    if (std::string reason = RefusalOfAddress(taskinfo); !reason.empty()) return reason;
+    if (std::string reason = RefusalOfProxy(taskinfo); !reason.empty()) return reason;
+    return RefusalOfPath(taskinfo);
 }
 
-void PrintTaskMapInfo(tagTaskInfo* NewTaskinfo) {
-    assertion::Require(NewTaskinfo != nullptr, "PrintTaskMapInfo", kSource, "NewTaskinfo");
-    std::string listing;
-    for (const auto& [key, node] : g_TaskInfo_map) {
-        assertion::Require(node != nullptr, "PrintTaskMapInfo", kSource, "NULL != Node");
-        const std::string id = FieldText(node->szTaskID);
-        if (strutil::trim(id).empty()) continue;
-        std::string command = CommandName(node->nCmd);
-        if (id.size() > 32) command += "  Pic";
-        std::array<char, 512> entry{};
-        strutil::vsnpf(entry.data(), entry.size(),
-                       "DEBUG PrintTaskMapInfo Taskid: %s(%d), CMD: %d, %s, OrgUrl: %s \r\n\r\n",
-                       id.c_str(), static_cast<int>(id.size()), node->nCmd, command.c_str(),
-                       FieldText(node->szOrgUrl).c_str());
-        listing += entry.data();
+std::string OutputPath(const tagTaskInfo& taskinfo) {
+    const std::string path = FieldText(taskinfo.szFilePath);
+    if (path.empty() || !IsDownloadCommand(taskinfo.nCmd)) return {};
+    namespace fs = std::filesystem;
+    std::error_code error;
+    // What does not exist has no canonical form: it would stay relative, or the link that leads to
+    // it.
+    fs::path real = fs::absolute(path, error);
+    for (int links = 0; links < kMostLinks && fs::is_symlink(real, error); ++links) {
+        real = real.parent_path() / fs::read_symlink(real, error);
     }
-    std::fwrite(listing.data(), 1, listing.size(), stderr);
+    real = fs::weakly_canonical(real, error);
+    return error ? path : real.string();
+}
+
+tagTaskContext SlotOf(const tagTaskInfo& taskinfo) {
+    tagTaskContext slot;
+    SetField(slot.szTaskID, FieldView(taskinfo.szTaskID));
+    SetField(slot.szOrgUrl, FieldView(taskinfo.szOrgUrl));
+    SetField(slot.szDownloadUrl, FieldView(taskinfo.szDownloadUrl));
+    SetField(slot.szFilePath, FieldView(taskinfo.szFilePath));
+    slot.nCmd = taskinfo.nCmd;
+    slot.nTaskKind = taskinfo.nTaskKind;
+    slot.nReserved1 = taskinfo.nReserved1;
+    slot.nReserved2 = taskinfo.nReserved2;
+    CopyProxy(slot, taskinfo);
+    slot.bUseProxy = taskinfo.bUseProxy;
+    slot.nBlockCount = taskinfo.nBlockCount;
+    slot.nTryCount = taskinfo.nTryCount;
+    slot.nTryInterval = taskinfo.nTryInterval;
+    return slot;
 }

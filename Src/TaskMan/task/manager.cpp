@@ -161,7 +161,9 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory,
     }
     Threading::AutoLock hold(&g_watch_mutex);
     if (g_phase != ManagerPhase::kIdle) {
-        strReason = "the task manager is running already";
+        strReason = g_phase == ManagerPhase::kStuck
+                        ? "an earlier task manager waits for a callback that does not return"
+                        : "the task manager is running already";
         return -1;
     }
     BeginSweep(Clock::now());

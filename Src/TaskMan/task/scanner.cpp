@@ -6,24 +6,18 @@
 #include <map>
 #include <string>
 
-#include "TaskMan/task/tally.h"
+#include "TaskMan/task/counts.h"
 #include "TaskMan/taskman.h"
 #include "common/AutoLock.h"
 #include "common/assertion.h"
 #include "common/fieldtext.h"
 #include "common/stringutility.h"
 
-Threading::Mutex g_access_taskmap_mutex;
-std::map<std::string, tagTaskNode*> g_TaskInfo_map;
-Threading::Mutex g_access_taskcount_mutex;
-std::int32_t g_ParseCount = 0;
-std::int32_t g_DownloadCount = 0;
-std::int32_t g_TaskCount = 0;
-Threading::Mutex g_tally_mutex;
-
 pthread_mutex_t g_ScanThradIsExit_Lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_ScanThradIsExit_Cond = PTHREAD_COND_INITIALIZER;
 bool g_ScanThradIsExit = true;
+Threading::Mutex g_ScanThradIsExit_Mutex;
+pthread_t g_ScanDataPid{};
 std::atomic<double> g_TaskFileSize[TASK_SLOT_COUNT];
 std::atomic<bool> g_TaskEndTaken[TASK_SLOT_COUNT];
 

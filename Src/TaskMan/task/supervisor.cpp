@@ -19,10 +19,6 @@ Watch g_Watches[TASK_SLOT_COUNT];
 Clock::time_point g_refuse_until;
 std::atomic<bool> g_supervisor_ends{false};
 
-pthread_t g_ScanDataPid{};
-Threading::Mutex g_start_tarnwick_mutex;
-Threading::Mutex g_ScanThradIsExit_Mutex;
-
 namespace {
 
 using namespace std::chrono_literals;

@@ -1,4 +1,5 @@
-// Keeps the map of the tasks and the counts of it together.
+// The map of the tasks and the counts of it, which change together. taskman.h declares both, with
+// CheckAndCalcTaskCount and PrintTaskMapInfo, which are implemented here, too.
 #pragma once
 
 #include "common/mutex.h"
