@@ -153,55 +153,48 @@ TEST(Tasks, ComeStopAndEndAtOnce) {
     g_pause = milliseconds(1000);
 }
 
-// Workers of the manager with that process id, which is their last argument.
-int Orphans(pid_t manager) {
+// Whether a worker of that manager, whose process id is its last argument, still runs.
+bool HasWorker(pid_t manager) {
     const std::string end = '\0' + std::to_string(manager) + '\0';
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const std::filesystem::directory_iterator all("/proc");
+    return std::any_of(begin(all), std::filesystem::end(all), [&](const auto& entry) {
         const std::string line = ReadFile(entry.path() / "cmdline");
-        if (Has(line, "tarnwick") && line.ends_with(end)) ++count;
-    }
-    return count;
+        return Has(line, "tarnwick") && line.ends_with(end);
+    });
 }
 
+// The next manager is offered other files of the same names.
 TEST(Managers, LeaveNothingBehindTheNextOne) {
-    const std::string body = TestBytes(200000);
-    const std::string later(body.rbegin(), body.rend());
+    const std::string body = TestBytes(200000), later(body.rbegin(), body.rend());
     const std::string size = std::to_string(body.size());
     const std::string files[] = {"late", "quick", "slow", "slow2", "stalled"};
     const auto killOne = [&](std::size_t round) {
         std::minstd_rand random = Random(round);
-        // The next manager is offered other files of the same names.
         std::atomic<bool> dies{true};
         const milliseconds pause(random() % 4000);
         HttpServer server([&](const std::string& request, std::size_t) {
             if (!dies) return Reply::Ok(later);
-            if (Has(request, "/late")) {
-                return Reply().Pause(pause).Send("HTTP/1.1 200 OK\r\nContent-Length: " + size +
-                                                 "\r\n\r\n" + body);
-            }
+            if (Has(request, "/late")) return Reply().Pause(pause).Then(Reply::Ok(body));
             if (Has(request, "/stalled")) return Reply::Head(size, body.substr(0, 60000)).Silence();
             return Reply::Head(size).Send(body, Has(request, "/slow") ? 150000 : 0);
         });
-        CommandRun dead;
+        CommandRun dead, next;
         std::vector<std::string> arguments{"-j5", "-d", dead.Path()};
         for (const std::string& file : files) arguments.push_back(server.Url("/" + file));
         dead.Start(arguments);
         SleepUpTo(random, milliseconds(3000));
-        dead.Signal(SIGKILL);
-        EXPECT_EQ("signal 9", dead.End());
+        dead.Kill();
         dies = false;
         const std::string finished = dead.Files() + ' ';
-        CommandRun next;
         next.Start(arguments);
-        EXPECT_TRUE(WaitUntil([&] { return Orphans(dead.Pid()) == 0; },
+        EXPECT_TRUE(WaitUntil([&] { return !HasWorker(dead.Pid()); },
                               milliseconds(5000 * Setting("PATIENCE", 5))));
         next.End();
         EXPECT_EQ(std::vector<std::string>(), dead.SharedNames());
         EXPECT_EQ("late quick slow slow2 stalled", dead.Files());
         for (const std::string& file : files) {
-            const bool was = Has(finished, file + ' ');
-            EXPECT_TRUE((was ? body : later) == ReadFile(dead.Path(file))) << file << next.Err();
+            const std::string& expected = Has(finished, file + ' ') ? body : later;
+            EXPECT_TRUE(expected == ReadFile(dead.Path(file))) << file << next.Err();
         }
     };
     InParallel(Setting("KILLS", 10), killOne, 5);

@@ -36,10 +36,7 @@ TEST(Locks, AreSemaphores) {
     EXPECT_EQ(stat(("/dev/shm/sem." + name).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0644u);
     EXPECT_TRUE(lock.Lock());
-    {
-        const Mutex second(name.c_str());
-        EXPECT_EQ(SemaphoreValue(name), 0) << "the value found is kept";
-    }
+    { const Mutex second(name.c_str()); }
     EXPECT_EQ(SemaphoreValue(name), -1) << "any of them removes the name";
     EXPECT_TRUE(lock.UnLock());
     EXPECT_DEATH(Mutex(""), AssertionLine("NULL != m_NamedLock", "Mutex", "common/mutex"));
@@ -124,12 +121,8 @@ TEST(Texts, AreBounded) {
     EXPECT_EQ(std::string(buffer, 9), std::string("xy\0defg\0\0", 9));
     EXPECT_EQ(strutil::vsnpf(buffer, 8, "%s", "abcdefghij"), 10);
     EXPECT_EQ(std::string(buffer, 9), std::string("abcdef\0\0\0", 9));
-    const auto line = [](const char* expression) {
-        return AssertionLine(expression, "memcopy", "common/sysutility");
-    };
-    EXPECT_DEATH(memcopy(nullptr, "x", 8, 1), line("NULL != Dest"));
-    EXPECT_DEATH(memcopy(buffer, nullptr, 8, 1), line("NULL != Src"));
-    EXPECT_DEATH(memcopy(buffer, "12345678", 8, 8), line("false"));
+    EXPECT_DEATH(memcopy(buffer, "12345678", 8, 8),
+                 AssertionLine("false", "memcopy", "common/sysutility"));
 }
 
 // Each text behind a "|".

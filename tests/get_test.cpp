@@ -360,6 +360,9 @@ TEST(Get, InterruptedItLeavesNothingButTheList) {
         Begin(run, get ? "--json -j2 -i - --failed list" : address);
         const pid_t worker = run.Worker();
         ASSERT_GT(worker, 0);
+        // Whoever reads the command's output does not wait for its worker.
+        const std::string output = "/proc/" + std::to_string(worker) + "/fd/1";
+        EXPECT_EQ(std::filesystem::read_symlink(output), "/dev/null");
         EXPECT_TRUE(!get || WaitUntil([&] { return Has(run.Out(), "\"file\":2"); }));
         run.Signal(signal);
         ASSERT_TRUE(run.Says(get ? "stopping 2 downloads (again: end now)\n" : "end now)\n"));

@@ -182,58 +182,54 @@ TEST(LyingServers, AConnectionTakesFiveSecondsAtMost) {
 
 // ---- Disks that are full before the file is there: it never counts as finished.
 
-// Calls `start`; the files of what it starts grow to `size` bytes at most.
-void Limited(rlim_t size, const std::function<void()>& start) {
+// Starts a worker or a command, whose files grow to `limit` bytes at most.
+template <class Run, class... Arguments>
+void StartLimited(Run& run, rlim_t limit, const Arguments&... arguments) {
     rlimit before{};
     getrlimit(RLIMIT_FSIZE, &before);
-    const rlimit limit{size, before.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    start();
+    const rlimit least{limit, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &least);
+    run.Start(arguments...);
     setrlimit(RLIMIT_FSIZE, &before);
 }
 
-// Has a worker fetch `size` bytes into `path`. Where some of them fit, it may try for ever.
-void Fetch(std::size_t size, const std::string& path, rlim_t limit = RLIM_INFINITY) {
-    SCOPED_TRACE(path + ", bytes: " + std::to_string(size));
-    HttpServer server({Reply::Ok(TestBytes(size))});
+// Has a worker fetch 8192 bytes into `path`. Where some of them fit, it may try for ever.
+void FetchInto(const std::string& path, rlim_t limit = RLIM_INFINITY) {
+    SCOPED_TRACE(path);
+    HttpServer server({Reply::Ok(TestBytes(8192))});
     WorkerRun run;
     run.Request(server.Url());
     SetField(run.Slot().szFilePath, path);
-    Limited(limit, [&] { run.Start(); });
+    StartLimited(run, limit);
     WaitUntil([&] { return run.Wait({}) || server.RequestCount() > 5; });
     run.Stop();
-    run.Wait();
     EXPECT_EQ(run.End(), limit == RLIM_INFINITY ? "exit 0" : "signal 25");
     EXPECT_EQ(run.Slot().nStateBits >> DOWNLOAD_STATE_DOWNLOAD_FINISH & 1, 0u);
-    EXPECT_LT(path == "/dev/full" ? 0 : ReadFile(path).size(), size);
+    EXPECT_LT(path == "/dev/full" ? 0 : ReadFile(path).size(), 8192);
 }
 
 // Has `taskman get` do the same; neither the file nor a part of it may be left.
 void Get(std::size_t size, const TempDir& at, const char* says, rlim_t limit = RLIM_INFINITY) {
     HttpServer server({Reply::Ok(TestBytes(size))});
     CommandRun get;
-    Limited(limit, [&] { get.Start({"-d", at.Path(), server.Url()}); });
+    StartLimited(get, limit, std::vector<std::string>{"-d", at.Path(), server.Url()});
     EXPECT_EQ(get.End(), "exit 3");
     EXPECT_TRUE(Has(get.Err(), says)) << get.Err();
     EXPECT_FALSE(FileExists(at.Path("file")) || FileExists(at.Path("file.part")));
 }
 
-TEST(FullDisk, OfAFewPages) {
-    if (!TakeOwnMounts()) GTEST_SKIP() << "nothing can be mounted";
-    const TempDir disk;
-    ASSERT_EQ(mount("none", disk.Path().c_str(), "tmpfs", 0, "size=64k"), 0);
-    WriteFile(disk.Path("other"), std::string(61'440, 'x'));
-    Fetch(8192, disk.Path("file.part"));
-    Get(8192, disk, "file: failed: no space left");
-    umount2(disk.Path().c_str(), MNT_DETACH);
-}
-
-TEST(FullDisk, OrADeviceOrALimit) {
-    const TempDir directory;
-    Fetch(8192, "/dev/full");
-    Fetch(8192, directory.Path("file.part"), 8191);
+TEST(FullDisk, IsOneOfAFewPagesADeviceOrALimit) {
+    const TempDir disk, directory;
+    FetchInto("/dev/full");
+    FetchInto(directory.Path("file.part"), 8191);
     // The limit is more than the section needs.
     Get(200'000, directory, "may not grow beyond 199000 bytes", 199'000);
+    if (!TakeOwnMounts()) GTEST_SKIP() << "nothing can be mounted";
+    ASSERT_EQ(mount("none", disk.Path().c_str(), "tmpfs", 0, "size=64k"), 0);
+    WriteFile(disk.Path("other"), std::string(61'440, 'x'));
+    FetchInto(disk.Path("file.part"));
+    Get(8192, disk, "file: failed: no space left");
+    umount2(disk.Path().c_str(), MNT_DETACH);
 }
 
 }  // namespace

@@ -91,7 +91,7 @@ TEST(Manager, GivesUpWhatDoesNotAnswer) {
     Campaign campaign;
     HttpServer silent({Reply().Silence()});
     HttpServer slow({Reply::Head("70000").Send(std::string(70000, 's'), 10000)});
-    SetTaskLimits({5, 1});
+    SetTaskLimits({5, 3});
     Course& started = campaign.Add(slow.Url());
     Course& unanswered = campaign.Add(silent.Url());
     Course& unclaimed = campaign.Add("stop");

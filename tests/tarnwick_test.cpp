@@ -232,30 +232,28 @@ TEST(InfoFile, IsMadeKeptAndBroughtUpToDate) {
     EXPECT_TRUE(update(others));
 }
 
-TEST(Range, OneHeaderPerHandle) {
+TEST(Range, IsAHeaderOfItsHandle) {
     HttpServer server({Reply::Ok("")});
-    const auto line = [&](CURL* curl) {
-        curl_easy_setopt(curl, CURLOPT_URL, server.Url().c_str());
-        EXPECT_EQ(curl_easy_perform(curl), CURLE_OK);
+    CURL* handles[2] = {curl_easy_init(), curl_easy_init()};
+    EXPECT_EQ(Curl_SetHttpHead_Range(handles[0], 1000, 499), 0);
+    EXPECT_EQ(Curl_SetHttpHead_Range(handles[1], 0, 2147483647), 0);
+    const auto expect = [&](int handle, const char* line) {
+        curl_easy_setopt(handles[handle], CURLOPT_URL, server.Url().c_str());
+        EXPECT_EQ(curl_easy_perform(handles[handle]), CURLE_OK);
         const std::string request = server.Requests().back();
-        const std::size_t begin = std::min(request.find("Range:"), request.size());
-        return request.substr(begin, request.find("\r\n", begin) - begin);
+        EXPECT_EQ(Has(request, "Range"), *line != '\0') << request;
+        EXPECT_TRUE(Has(request, line)) << request;
     };
-    CURL* one = curl_easy_init();
-    CURL* other = curl_easy_init();
-    EXPECT_EQ(Curl_SetHttpHead_Range(nullptr, 1, 1), -1);
-    EXPECT_EQ(Curl_SetHttpHead_Range(one, 1000, 499), 0);
-    EXPECT_EQ(Curl_SetHttpHead_Range(other, 0, 2147483647), 0);
-    EXPECT_EQ(line(one) + line(other), "Range: bytes=1000-1499Range: bytes=0-2147483647");
+    expect(0, "Range: bytes=1000-1499\r\n");
+    expect(1, "Range: bytes=0-2147483647\r\n");
     for (const auto& [start, count] : {std::pair(2147483648UL, 0UL), {2147483647, 1}, {1, ~0UL}}) {
-        EXPECT_EQ(Curl_SetHttpHead_Range(other, 1, 1), 0);
-        EXPECT_EQ(Curl_SetHttpHead_Range(other, start, count), -1);
-        EXPECT_EQ(line(other), "") << start << " + " << count;
+        EXPECT_EQ(Curl_SetHttpHead_Range(handles[1], 1, 1), 0);
+        EXPECT_EQ(Curl_SetHttpHead_Range(handles[1], start, count), -1) << start << " + " << count;
+        expect(1, "");
     }
-    Curl_ReleaseHttpHead_Range(one);
-    EXPECT_EQ(line(one), "");
-    curl_easy_cleanup(one);
-    curl_easy_cleanup(other);
+    Curl_ReleaseHttpHead_Range(handles[0]);
+    expect(0, "");
+    for (CURL* handle : handles) curl_easy_cleanup(handle);
 }
 
 // In the texts of the rest "|" ends a line, and ";" stands for "|".
@@ -328,16 +326,13 @@ TEST(Format, AddressAndFileName) {
 }
 
 TEST(FormatDeath, BrokenPreconditions) {
-    const auto line = [](const char* expression, const char* function) {
-        return AssertionLine(expression, function, "Src/Tarnwick/youtubeutility");
-    };
     for (const auto& [list, expression] : {std::pair("", "0 < strfmtmap.length()"),
                                            {",,", "0 < vecfmtmap.size()"},
                                            {"34,5/x", "0 < strfmtID.length()"}}) {
         EXPECT_DEATH(GetYoutubeVideoMapIDForSize(1, 1, list),
-                     line(expression, "GetYoutubeVideoMapIDForSize"));
+                     AssertionLine(expression, "GetYoutubeVideoMapIDForSize",
+                                   "Src/Tarnwick/youtubeutility"));
     }
-    EXPECT_DEATH(Read("|"), line("0", "ParseYoutubeVideoInfo"));
 }
 
 }  // namespace

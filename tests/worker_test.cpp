@@ -223,17 +223,4 @@ TEST(Page, EndsWithTheRightCodeForEveryAnswer) {
     });
 }
 
-TEST(Page, OnlyEndsWhenTheSlotIsAnothersByThen) {
-    WorkerRun run;
-    HttpServer server([&](const std::string&, std::size_t) {
-        run.UnderLock([](tagTaskContext& slot) {
-            SetField(slot.szTaskID, "another");
-            slot.nStateBits = 0;
-        });
-        return Reply::Ok("fmt_url_map=x");
-    });
-    run.RequestPage(server.Port());
-    EXPECT_EQ("", Outcome(run));
-}
-
 }  // namespace

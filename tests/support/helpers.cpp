@@ -20,12 +20,11 @@
 
 namespace test_support {
 
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds deadline,
-               std::chrono::milliseconds pause) {
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds deadline) {
     const auto end = std::chrono::steady_clock::now() + deadline;
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= end) return condition();
-        std::this_thread::sleep_for(pause);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
 }

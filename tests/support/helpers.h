@@ -12,8 +12,7 @@ namespace test_support {
 // Looks at `condition` again and again until it holds; false when it does not by the deadline,
 // which is far beyond what it takes: only a hang meets it.
 bool WaitUntil(const std::function<bool()>& condition,
-               std::chrono::milliseconds deadline = std::chrono::minutes(1),
-               std::chrono::milliseconds pause = std::chrono::milliseconds(5));
+               std::chrono::milliseconds deadline = std::chrono::minutes(1));
 
 // Calls run(0) to run(count - 1) on at most `width` threads at once and waits for all.
 void InParallel(std::size_t count, const std::function<void(std::size_t)>& run,

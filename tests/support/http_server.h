@@ -36,6 +36,10 @@ class Reply {
     Reply& Silence() { return Pause(std::chrono::milliseconds(-1)); }
     // What was sent just before may be lost with it: pause first.
     Reply& Reset();
+    Reply& Then(const Reply& other) {
+        steps_.insert(steps_.end(), other.steps_.begin(), other.steps_.end());
+        return *this;
+    }
 
   private:
     friend class HttpServer;
