@@ -5,9 +5,9 @@
 // task's callbacks. Whatever happens to a worker, each task that was added gets exactly one final
 // callback (codes 1, 3, 6, 7, 8 and 16).
 //
-// The application installs proc_child as its handler for SIGCHLD, with SA_RESTART and
-// SA_NOCLDSTOP, before it adds the first task. That handler reaps every child of the process: an
-// application cannot wait for children of its own (system, popen) while tasks run.
+// The manager reaps its workers itself. An application may install proc_child as its handler for
+// SIGCHLD all the same, with SA_RESTART and SA_NOCLDSTOP; that handler reaps every child of the
+// process, so that one that waits for children of its own (system, popen) does better without.
 //
 // Any thread may call; a callback may call everything but EndTaskManager, and not exit either,
 // which ends the manager. No text is null.
@@ -82,14 +82,26 @@ constexpr const char* TASK_REMARK_NO_ANSWER = "the server did not answer in time
 std::string TaskRemark(const char* szTaskID);
 
 // Size in bytes of the file of a task, as its worker has announced it with code 10; 0 while it is
-// unknown. To be called no later than from the final callback: a task that ends within the second
-// in which its size became known reports its final code only, and the size is told here alone.
+// unknown. To be called no later than from the final callback: a task that ends before the scanner
+// has looked at it again reports its final code only, and the size is told here alone.
 double TaskFileSize(const char* szTaskID);
 
 // Number of further tasks that AddTask has room for now, 0 to 8; 0 while no manager runs, and while
 // all tasks are refused because workers end at once. A slot is free again when its task's final
 // callback has returned and its worker process is gone.
 int FreeSlotCount();
+
+// Called when a slot may have become free for AddTask: a task's final callback has returned and its
+// worker is gone, or tasks are accepted again after workers that ended at once. It comes from a
+// thread of the manager, with no lock held and signals blocked, must return soon, and is best used
+// to wake the thread that adds tasks: FreeSlotCount tells how many slots there are. It must not
+// call EndTaskManager or SetSlotFreedCallback.
+using SlotFreedCallback = void (*)(void* param);
+
+// Sets the function to be called, with `param`; null for none. May be called while no manager runs
+// and keeps its value from one manager to the next. When it returns, the earlier function is not
+// running and is not called any more.
+void SetSlotFreedCallback(SlotFreedCallback callback, void* param);
 
 // Ends the manager: refuses new tasks, stops all, waits for their ends (at most 12 seconds, then
 // for its threads and workers, at most 13), removes every name it made and closes the section.

@@ -44,10 +44,11 @@ extern Threading::Mutex g_ScanThradIsExit_Mutex;
 extern std::atomic<double> g_TaskFileSize[TASK_SLOT_COUNT];
 extern std::atomic<bool> g_TaskEndTaken[TASK_SLOT_COUNT];
 
-// The scanner: a thread function, started while tasks are in the map and none runs. Once a second
-// it takes the state bits of every task and calls the tasks back; a final code empties the slot and
-// deletes the node first. It ends, with pthread_exit, when the map is empty, or with the fourth
-// pass that finds g_Exit set. `arg` is not used.
+// The scanner: a thread function, started while tasks are in the map and none runs. Once a second,
+// and as soon as a worker of this manager has ended, it takes the state bits of every task and
+// calls the tasks back; a final code empties the slot and deletes the node first. It ends, with
+// pthread_exit, when the map is empty, or with the fourth pass that finds g_Exit set. `arg` is not
+// used.
 void* StartScanData(void* arg);
 
 // Whether the task counts as a parse job (command 0, or kind 1) or as a download job (command 1 or
@@ -96,9 +97,10 @@ struct tagStartParam {
 void* StartProgram(void* param);
 
 // Per slot, what its last StartProgram has started: the worker's process id, -1 when no process
-// could be started; 0 before the first, and again within half a second after the worker's end.
-// StartProgram touches none when szTaskIndex is no number from 0 to 7. Only these process ids, when
-// above 0, may be signalled: the one in a slot is another process's word.
+// could be started; 0 before the first, and again from the moment in which the supervisor has
+// noticed the worker's end. StartProgram touches none when szTaskIndex is no number from 0 to 7.
+// Only these process ids, when above 0, may be signalled: the one in a slot is another process's
+// word.
 extern std::atomic<pid_t> g_WorkerPid[TASK_SLOT_COUNT];
 
 // Thread function that ends its thread at once.

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <bit>
 #include <cerrno>
 #include <memory>
 #include <string>
@@ -12,8 +11,11 @@
 #include "TaskMan/section/ownsection.h"
 #include "TaskMan/task/admission.h"
 #include "TaskMan/task/counts.h"
+#include "TaskMan/task/delivery.h"
+#include "TaskMan/task/scanner.h"
+#include "TaskMan/task/supervisor.h"
 #include "TaskMan/task/taskid.h"
-#include "TaskMan/task/watch.h"
+#include "TaskMan/task/throttle.h"
 #include "TaskMan/taskman.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
@@ -52,46 +54,6 @@ bool SectionHasName() {
     return true;
 }
 
-void MarkAnswered(Watch& watch) {
-    Threading::AutoLock hold(&g_watch_mutex);
-    watch.bAnswered = true;
-}
-
-// A task that finished all the same has nothing remarkable about its end.
-void MarkFinished(Watch& watch) {
-    Threading::AutoLock hold(&g_watch_mutex);
-    watch.remark.clear();
-}
-
-void MarkDelivered(Watch& watch) {
-    Threading::AutoLock hold(&g_watch_mutex);
-    watch.bDelivered = true;
-}
-
-// The scanner's callbacks for every task: they hand on to the application, then note the end.
-void OnState(void* param, const char* szTaskID, std::int32_t nCode, double dValue,
-             std::int32_t nTaskKind) {
-    Watch& watch = *static_cast<Watch*>(param);
-    if (nCode == DOWNLOAD_STATE_FILE_SIZE || nCode == DOWNLOAD_STATE_DOWNLOAD_START) {
-        MarkAnswered(watch);
-    }
-    if (nCode == DOWNLOAD_STATE_DOWNLOAD_FINISH) MarkFinished(watch);
-    if (watch.pfnStateCallback != nullptr) {
-        watch.pfnStateCallback(watch.pCallbackParam, szTaskID, nCode, dValue, nTaskKind);
-    }
-    if (IsFinalCode(nCode)) MarkDelivered(watch);
-}
-
-void OnResult(void* param, const char* szTaskID, std::int32_t nCode, const char* szText,
-              std::uint32_t nLength) {
-    Watch& watch = *static_cast<Watch*>(param);
-    MarkFinished(watch);
-    if (watch.pfnResultCallback != nullptr) {
-        watch.pfnResultCallback(watch.pCallbackParam, szTaskID, nCode, szText, nLength);
-    }
-    MarkDelivered(watch);
-}
-
 // Takes a free slot for the task, unless something is in its way.
 Refused TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, Watch*& taken) {
     Threading::AutoLock hold(&g_watch_mutex);
@@ -102,7 +64,7 @@ Refused TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, Watch*& t
     taken = nullptr;
     for (int i = 0; i < TASK_SLOT_COUNT; ++i) {
         Watch& watch = g_Watches[i];
-        if (!watch.bUsed) {
+        if (watch.stage.state == Stage::kFree) {
             if (taken != nullptr) continue;
             taken = &watch;
             watch.nTaskIndex = i;
@@ -115,7 +77,7 @@ Refused TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, Watch*& t
     if (taken == nullptr) return Later("all slots are taken");
     g_TaskFileSize[taken->nTaskIndex] = 0.0;
     g_TaskEndTaken[taken->nTaskIndex] = false;
-    taken->bUsed = true;
+    taken->stage.Advance(Stage::kEntered, Clock::now());
     taken->id = id;
     taken->path = path;
     taken->nCmd = taskinfo.nCmd;
@@ -186,11 +148,17 @@ void StartWorker(Watch& watch, const std::string& program) {
             pthread_join(thread, nullptr);
         }
     }
-    Threading::AutoLock hold(&g_watch_mutex);
-    watch.process = platform::ProcessWatch(pid);
-    watch.bStarted = true;
-    // One that stands still before its claim has no more time than the others.
-    watch.claimedAt = Clock::now();
+    {
+        Threading::AutoLock hold(&g_watch_mutex);
+        const Clock::time_point now = Clock::now();
+        watch.process = platform::ProcessWatch(pid);
+        watch.worker.Advance(Worker::kAlive, now);
+        watch.lookAt = now;
+        // A worker that hangs before it claims has the same time as one after, from its start on.
+        if (watch.stage.state == Stage::kEntered) watch.stage.since = now;
+    }
+    g_end_event.Set();
+    WakeSupervisor();
 }
 
 // Takes the task in; its worker is started then.
@@ -205,6 +173,7 @@ Refused Admit(const tagTaskInfo& taskinfo) {
         Threading::AutoLock hold(&g_watch_mutex);
         if (error != 0) {
             FreeWatch(*watch);
+            WakeSupervisor();
             refused = Later(SystemReason("cannot create the task's lock", error));
             if (!PassesByItself(error)) refused.kind = TaskRefusal::kNever;
             return refused;
@@ -217,21 +186,6 @@ Refused Admit(const tagTaskInfo& taskinfo) {
 }
 
 }  // namespace
-
-void DeliverLast(Watch& watch) {
-    const tagTaskContext& slot = *SlotAt(g_VideoInfoSection, watch.nTaskIndex);
-    const bool own = FieldView(slot.szTaskID) == watch.id;
-    const std::uint32_t finals = own ? slot.nStateBits & FINAL_STATE_BITS : 0;
-    const int code = finals == 0 ? DOWNLOAD_STATE_STOPPED : std::countr_zero(finals);
-    if (code == DOWNLOAD_STATE_PARSE_FINISH) {
-        const std::string text = FieldText(slot.szVideoInfo) + std::string(2, '\0');
-        OnResult(&watch, watch.id.c_str(), code, text.data(),
-                 static_cast<std::uint32_t>(text.size() - 2));
-        return;
-    }
-    const bool marked = code == DOWNLOAD_STATE_DOWNLOAD_FINISH && watch.nTaskKind == 1;
-    OnState(&watch, watch.id.c_str(), code, marked ? -1.0 : 0.0, watch.nTaskKind);
-}
 
 int AddTask(const tagTaskInfo& taskinfo, std::string& strReason, TaskRefusal* refusal) {
     Refused refused = Admit(taskinfo);

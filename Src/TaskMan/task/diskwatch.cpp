@@ -1,25 +1,24 @@
 #include "TaskMan/task/diskwatch.h"
 
-#include <thread>
 #include <utility>
 
 #include "TaskMan/sweep/sweep.h"
-#include "TaskMan/task/watch.h"
+#include "TaskMan/task/managerevent.h"
+#include "TaskMan/task/supervisor.h"
+#include "TaskMan/taskman.h"
+#include "TaskMan/timing.h"
 #include "common/AutoLock.h"
 #include "common/file.h"
 #include "common/thread.h"
 
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr auto kTick = 250ms;
-constexpr auto kEndPatience = 2s;
-
 // Guards both: a thread that decides to end must not meet a start that counts on it.
 Threading::Mutex g_disk_watch_mutex;
 bool g_disk_watch_ends TS_GUARDED_BY(g_disk_watch_mutex) = false;
 bool g_disk_watch_runs TS_GUARDED_BY(g_disk_watch_mutex) = false;
+ManagerEvent g_wake_event;   // to the thread: it is to end
+ManagerEvent g_ended_event;  // from the thread
 
 // One look at one task; a copy, because no lock is held during it.
 struct Look {
@@ -35,7 +34,10 @@ struct Look {
 bool Begin(int slot, Look& look) {
     Threading::AutoLock hold(&g_watch_mutex);
     const Watch& watch = g_Watches[slot];
-    if (!watch.bClaimed || watch.bGone || watch.bEnded || watch.bStopAsked || watch.path.empty()) {
+    const bool working =
+        watch.stage.state == Stage::kClaimed || watch.stage.state == Stage::kAnswered;
+    if (!working || watch.worker.state == Worker::kGone || watch.stop.state != Stop::kNo ||
+        watch.path.empty()) {
         return false;
     }
     look = {watch.id, watch.path, watch.process.Pid(), g_TaskFileSize[slot], watch.advance, false};
@@ -53,7 +55,9 @@ void Perform(Look& look) {
 void Finish(const Look& look) {
     Threading::AutoLock hold(&g_watch_mutex);
     Watch* watch = FindWatch(look.id);
-    if (watch == nullptr || watch->bEnded || watch->bStopAsked) return;
+    if (watch == nullptr || watch->stage.state >= Stage::kEnded || watch->stop.state != Stop::kNo) {
+        return;
+    }
     // A look that took long may find the next task of the same id.
     if (watch->process.Pid() != look.pid) return;
     watch->advance = look.advance;
@@ -89,8 +93,9 @@ void* RunDiskWatch(void* /*argument*/) {
             Finish(look);
         }
         SweepAgain(Clock::now());
-        std::this_thread::sleep_for(kTick);
+        g_wake_event.Wait(Clock::now() + timing::kDiskLook);
     }
+    g_ended_event.Set();
     return nullptr;
 }
 
@@ -113,7 +118,7 @@ bool NoteFile(FileAdvance& advance, const platform::OpenFile& now) {
 int StartDiskWatch() {
     Threading::AutoLock hold(&g_disk_watch_mutex);
     g_disk_watch_ends = false;
-    // One that a file system has held since the last end goes on.
+    // A thread of the previous manager may still be blocked in a file system: it serves this one.
     if (g_disk_watch_runs) return 0;
     pthread_t thread{};
     const int error = StartThread(&thread, RunDiskWatch, nullptr, true);
@@ -126,7 +131,6 @@ bool EndDiskWatch() {
         Threading::AutoLock hold(&g_disk_watch_mutex);
         g_disk_watch_ends = true;
     }
-    const Clock::time_point deadline = Clock::now() + kEndPatience;
-    while (Runs() && Clock::now() < deadline) std::this_thread::sleep_for(10ms);
-    return !Runs();
+    g_wake_event.Set();
+    return g_ended_event.WaitUntil(Clock::now() + timing::kDiskWatchEnd, [] { return !Runs(); });
 }

@@ -5,109 +5,91 @@
 #include <csignal>
 #include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "TaskMan/section/ownsection.h"
 #include "TaskMan/sweep/sweep.h"
-#include "TaskMan/task/watch.h"
+#include "TaskMan/task/delivery.h"
+#include "TaskMan/task/diskwatch.h"
+#include "TaskMan/task/managerevent.h"
+#include "TaskMan/task/scanner.h"
+#include "TaskMan/task/supervisor.h"
+#include "TaskMan/task/throttle.h"
 #include "TaskMan/taskman.h"
+#include "TaskMan/timing.h"
 #include "common/AutoLock.h"
-#include "common/thread.h"
 
 std::int32_t g_mainpid = -1;
 std::string g_AppDataPath;
 
-ManagerPhase g_phase = ManagerPhase::kIdle;
-std::string g_worker_path;
-tagTaskLimits g_limits;
-
 namespace {
-
-using namespace std::chrono_literals;
-
-constexpr auto kTasksPatience = 12s;    // for all tasks to end, kills included
-constexpr auto kScannerPatience = 3s;   // for a scanner without tasks to end by itself
-constexpr auto kShutdownPatience = 5s;  // for one that was told to: four passes
-constexpr auto kWorkerPatience = 2s;    // for killed workers to be gone
-constexpr auto kExitPatience = 30s;     // for an end that another thread is at: all of the above
-constexpr auto kPoll = 20ms;
-
-pthread_t g_supervisor{};
 
 // The process that has started the manager: a child that is forked later has its memory, too.
 std::atomic<pid_t> g_owner{-1};
 
-// Polls until `condition` holds or `patience` has passed; returns whether it holds.
-template <class Condition>
-bool WaitFor(Clock::duration patience, Condition condition) {
-    const Clock::time_point deadline = Clock::now() + patience;
-    while (!condition()) {
-        if (Clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(kPoll);
-    }
-    return true;
-}
+// Set when an end of the manager is over.
+ManagerEvent g_ending_over_event;
 
-bool NoTaskLeft() {
-    // Delivered tasks are out of the map. Its lock is not taken: who has it may wait for a task's.
-    // A task may be delivered before its AddTask has returned, which uses the watch to its end.
+bool EveryWatch(bool (*condition)(const Watch& watch)) {
     Threading::AutoLock hold(&g_watch_mutex);
-    return std::all_of(std::begin(g_Watches), std::end(g_Watches), [](const Watch& watch) {
-        return !watch.bUsed || (watch.bDelivered && watch.bStarted);
+    return std::all_of(std::begin(g_Watches), std::end(g_Watches), condition);
+}
+
+// Delivered tasks are out of the map. Its lock is not taken: who has it may wait for a task's. A
+// task may be delivered before its AddTask has returned, which uses the watch to its end.
+bool NoTaskLeft() {
+    return EveryWatch([](const Watch& watch) {
+        return watch.stage.state == Stage::kFree || (watch.stage.state == Stage::kDelivered &&
+                                                     watch.worker.state != Worker::kNotStarted);
     });
 }
 
-// Waits for the scanner's end; whether it has ended.
-bool ScannerEnded(std::chrono::milliseconds patience) {
-    const Clock::time_point deadline = Clock::now() + patience;
-    pthread_mutex_lock(&g_ScanThradIsExit_Lock);
-    while (!g_ScanThradIsExit && Clock::now() < deadline) {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        platform::WaitCondition(&g_ScanThradIsExit_Cond, &g_ScanThradIsExit_Lock,
-                                static_cast<int>(std::max<std::int64_t>(left, 1)));
-    }
-    const bool ended = g_ScanThradIsExit;
-    pthread_mutex_unlock(&g_ScanThradIsExit_Lock);
-    return ended;
+bool IsQuiet() {
+    return !ScannerRuns() &&
+           EveryWatch([](const Watch& watch) { return watch.stage.state == Stage::kFree; });
 }
 
-// Ends the scanner, by itself or because it is told to, and the supervisor, which would start one
-// anew. Whether the scanner has ended.
+// Ends the threads. The supervisor is the first: it would start the scanner anew. Returns whether
+// the scanner has ended.
 bool EndThreads() {
-    ScannerEnded(kScannerPatience);
     g_Exit = true;
-    g_supervisor_ends = true;
-    pthread_join(g_supervisor, nullptr);
+    EndSupervisor();
     EndDiskWatch();
-    return ScannerEnded(kShutdownPatience);
-}
-
-// Kills the workers that are still there and waits until they are gone.
-void EndWorkers() {
-    KillWorkers();
-    WaitFor(kWorkerPatience, [] {
-        Threading::AutoLock hold(&g_watch_mutex);
-        return std::all_of(std::begin(g_Watches), std::end(g_Watches),
-                           [](const Watch& watch) { return !watch.bUsed || watch.process.Gone(); });
-    });
+    return g_end_event.WaitUntil(Clock::now() + timing::kScannerEnd, [] { return !ScannerRuns(); });
 }
 
 std::vector<Watch*> UsedWatches() {
     Threading::AutoLock hold(&g_watch_mutex);
     std::vector<Watch*> used;
     for (Watch& watch : g_Watches) {
-        if (watch.bUsed) used.push_back(&watch);
+        if (watch.stage.state != Stage::kFree) used.push_back(&watch);
     }
     return used;
+}
+
+// Kills and reaps the workers that are still there. The supervisor has ended: nobody else changes
+// the watches.
+void EndWorkers() {
+    KillWorkers();
+    const platform::Waker nobody;
+    const Clock::time_point deadline = Clock::now() + timing::kWorkersEnd;
+    for (;;) {
+        std::vector<const platform::ProcessWatch*> left;
+        for (const Watch* watch : UsedWatches()) {
+            if (!watch->process.Gone()) left.push_back(&watch->process);
+            watch->process.Reap();
+        }
+        const auto wait = std::chrono::ceil<timing::Milliseconds>(deadline - Clock::now());
+        if (left.empty() || wait.count() <= 0) return;
+        platform::WaitForEnd(left, nobody, static_cast<int>(wait.count()));
+    }
 }
 
 // Ends the tasks that did not end in time, and frees what all have left. No other thread of the
 // manager runs any more.
 void ForgetTasks() {
     for (Watch* watch : UsedWatches()) {
-        if (!watch->bDelivered) DeliverLast(*watch);
+        if (watch->stage.state != Stage::kDelivered) DeliverLast(*watch);
     }
     {
         Threading::AutoLock hold(&g_access_taskmap_mutex);
@@ -117,15 +99,14 @@ void ForgetTasks() {
     CheckAndCalcTaskCount();
     Threading::AutoLock hold(&g_watch_mutex);
     for (Watch& watch : g_Watches) {
-        if (watch.bUsed) FreeWatch(watch);
+        if (watch.stage.state != Stage::kFree) FreeWatch(watch);
     }
 }
 
 // Starts the disk watch and the supervisor, both or none. Returns an error number.
 int StartThreads() {
     if (const int error = StartDiskWatch(); error != 0) return error;
-    g_supervisor_ends = false;
-    const int error = StartThread(&g_supervisor, RunSupervisor, nullptr, false);
+    const int error = StartSupervisor();
     if (error != 0) EndDiskWatch();
     return error;
 }
@@ -135,12 +116,13 @@ bool IsEnding() {
     return g_phase == ManagerPhase::kEnding;
 }
 
-// The threads of a manager that nobody ended must not run on while statics are destroyed, nor may
-// the process leave while another thread is at the end.
+// On exit() without EndTaskManager, ends the manager before static objects are destroyed; when
+// another thread is ending it, waits for that.
 void EndBeforeExit() {
     static const int registered = std::atexit([] {
         if (g_owner != getpid() || EndTaskManager() == 0) return;
-        WaitFor(kExitPatience, [] { return !IsEnding(); });
+        g_ending_over_event.WaitUntil(Clock::now() + timing::kExitOfProcess,
+                                      [] { return !IsEnding(); });
     });
     static_cast<void>(registered);
 }
@@ -191,7 +173,7 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory,
 int StopTask(const char* szTaskID) {
     Threading::AutoLock hold(&g_watch_mutex);
     Watch* watch = FindWatch(szTaskID);
-    if (watch == nullptr || watch->bDelivered) return -1;
+    if (watch == nullptr || watch->stage.state == Stage::kDelivered) return -1;
     AskToStop(*watch);
     return 0;
 }
@@ -199,6 +181,7 @@ int StopTask(const char* szTaskID) {
 void SetTaskLimits(const tagTaskLimits& limits) {
     Threading::AutoLock hold(&g_watch_mutex);
     g_limits = limits;
+    WakeSupervisor();
 }
 
 std::string TaskRemark(const char* szTaskID) {
@@ -216,14 +199,13 @@ double TaskFileSize(const char* szTaskID) {
 int FreeSlotCount() {
     Threading::AutoLock hold(&g_watch_mutex);
     if (g_phase != ManagerPhase::kRunning || Clock::now() < g_refuse_until) return 0;
-    return static_cast<int>(std::count_if(std::begin(g_Watches), std::end(g_Watches),
-                                          [](const Watch& watch) { return !watch.bUsed; }));
+    return TASK_SLOT_COUNT - UsedWatchCount();
 }
 
 void KillWorkers() {
     Threading::AutoLock hold(&g_watch_mutex);
     for (const Watch& watch : g_Watches) {
-        if (watch.bUsed) watch.process.Signal(SIGKILL);
+        if (watch.worker.state != Worker::kNotStarted) watch.process.Signal(SIGKILL);
     }
 }
 
@@ -233,10 +215,13 @@ int EndTaskManager() {
         if (g_phase != ManagerPhase::kRunning) return -1;
         g_phase = ManagerPhase::kEnding;
         for (Watch& watch : g_Watches) {
-            if (watch.bUsed && !watch.bDelivered) AskToStop(watch);
+            if (watch.stage.state != Stage::kFree) AskToStop(watch);
         }
     }
-    WaitFor(kTasksPatience, NoTaskLeft);
+    g_end_event.WaitUntil(Clock::now() + timing::kTasksEnd, NoTaskLeft);
+    // Without tasks the scanner ends by itself, and workers that have reported exit.
+    EndScannerPause();
+    g_end_event.WaitUntil(Clock::now() + timing::kQuietEnd, IsQuiet);
     const bool scannerEnded = EndThreads();
     EndWorkers();
     if (!scannerEnded) {
@@ -250,7 +235,10 @@ int EndTaskManager() {
         g_Exit = false;
         g_mainpid = -1;
     }
-    Threading::AutoLock hold(&g_watch_mutex);
-    g_phase = scannerEnded ? ManagerPhase::kIdle : ManagerPhase::kStuck;
+    {
+        Threading::AutoLock hold(&g_watch_mutex);
+        g_phase = scannerEnded ? ManagerPhase::kIdle : ManagerPhase::kStuck;
+    }
+    g_ending_over_event.Set();
     return scannerEnded ? 0 : -1;
 }

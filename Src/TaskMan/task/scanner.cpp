@@ -1,17 +1,22 @@
-// The scanner: once a second it takes what the workers have reported and calls the tasks back.
+#include "TaskMan/task/scanner.h"
+
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <map>
 #include <string>
+#include <thread>
 
 #include "TaskMan/task/counts.h"
+#include "TaskMan/task/supervisor.h"
 #include "TaskMan/taskman.h"
+#include "TaskMan/timing.h"
 #include "common/AutoLock.h"
 #include "common/assertion.h"
 #include "common/fieldtext.h"
 #include "common/stringutility.h"
+#include "common/thread.h"
 
 pthread_mutex_t g_ScanThradIsExit_Lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_ScanThradIsExit_Cond = PTHREAD_COND_INITIALIZER;
@@ -23,7 +28,19 @@ std::atomic<bool> g_TaskEndTaken[TASK_SLOT_COUNT];
 
 namespace {
 
-constexpr int kLastShutdownPass = 3;
+// Set when the pause is to end early; a Set during a pass ends the pause behind it.
+ManagerEvent g_pause_event;
+
+// Where nobody ends the pause, and where workers are to have their time, it is a second.
+void Pause() {
+    if (!g_supervisor_runs || g_Exit) {
+        sleep(1);
+        return;
+    }
+    const Clock::time_point begin = Clock::now();
+    std::this_thread::sleep_for(timing::kPassFloor);
+    g_pause_event.Wait(begin + timing::kPassPause);
+}
 
 void Invariant(bool holds, const char* expression, int line = __builtin_LINE()) {
     assertion::Require(holds, "StartScanData", "Src/TaskMan/taskcontext", expression, line);
@@ -68,7 +85,7 @@ class Scanner {
   public:
     // Works passes until the scanner is to end.
     void Run() {
-        while (Pass()) sleep(1);
+        while (Pass()) Pause();
     }
 
   private:
@@ -84,7 +101,7 @@ class Scanner {
     bool Pass() {
         Invariant(g_VideoInfoSection.hPrt != nullptr, "0");
         if (ClearedEmptySection()) return false;
-        if (g_Exit && ++shutdown_passes_ > kLastShutdownPass) return false;
+        if (g_Exit && ++shutdown_passes_ > timing::kShutdownPasses) return false;
         for (const auto& [id, node] : SnapshotMap()) VisitTask(id, *node);
         return EndOfPass();
     }
@@ -92,7 +109,7 @@ class Scanner {
     bool EndOfPass() {
         if (!g_Exit) {
             shutdown_passes_ = 0;
-        } else if (shutdown_passes_ > kLastShutdownPass) {
+        } else if (shutdown_passes_ > timing::kShutdownPasses) {
             return false;
         }
         Threading::AutoLock hold(&g_access_taskcount_mutex);
@@ -237,7 +254,29 @@ void* StartScanData(void* /*arg*/) {
     }
     pthread_mutex_lock(&g_ScanThradIsExit_Lock);
     g_ScanThradIsExit = true;
+    // Under the lock: whoever waits for the end may let the process exit behind it.
+    g_end_event.Set();
+    WakeSupervisor();
     pthread_mutex_unlock(&g_ScanThradIsExit_Lock);
     pthread_cond_broadcast(&g_ScanThradIsExit_Cond);
     pthread_exit(nullptr);
+}
+
+void StartScanner() {
+    pthread_mutex_lock(&g_ScanThradIsExit_Lock);
+    if (g_ScanThradIsExit) {
+        g_ScanThradIsExit = StartThread(&g_ScanDataPid, StartScanData, nullptr, true) != 0;
+    }
+    pthread_mutex_unlock(&g_ScanThradIsExit_Lock);
+}
+
+void EndScannerPause() {
+    g_pause_event.Set();
+}
+
+bool ScannerRuns() {
+    pthread_mutex_lock(&g_ScanThradIsExit_Lock);
+    const bool runs = !g_ScanThradIsExit;
+    pthread_mutex_unlock(&g_ScanThradIsExit_Lock);
+    return runs;
 }

@@ -9,47 +9,82 @@
 #include <semaphore.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 
+#include "TaskMan/manager.h"
 #include "TaskMan/task/diskwatch.h"
-#include "TaskMan/taskman.h"
+#include "TaskMan/task/managerevent.h"
 #include "common/mutex.h"
 #include "common/platform.h"
 #include "common/threadsafety.h"
 
 using Clock = std::chrono::steady_clock;
 
+// How far a task is. The scanner's callbacks and the supervisor both move it on.
+enum class Stage {
+    kFree,       // the slot is free
+    kEntered,    // AddTask has taken the slot; the worker has claimed nothing
+    kClaimed,    // the worker has claimed the task
+    kAnswered,   // the server has answered a download
+    kEnded,      // a final code has been set, by the worker or for it
+    kDelivered,  // the final callback has returned
+};
+
+// What became of the worker process. A quick one ends, and its task is delivered, before AddTask
+// comes to look at it: so this is no part of the stage.
+enum class Worker {
+    kNotStarted,  // AddTask has not followed it yet; the supervisor passes over the watch
+    kAlive,
+    kKilled,  // by the supervisor
+    kDead,    // killed, and held by the kernel: it runs no code any more
+    kGone,    // ended, or never started
+};
+
+enum class Stop {
+    kNo,
+    kAsked,   // by the application or the disk watch
+    kStored,  // the stop word is in the slot
+};
+
+// A state that only goes forward, and since when it is what it is.
+template <class State>
+struct StateSince {
+    State state{};
+    Clock::time_point since{};
+
+    // Goes on to `next`. Whether that is forward; nothing changes otherwise.
+    bool Advance(State next, Clock::time_point now) {
+        if (next <= state) return false;
+        state = next;
+        since = now;
+        return true;
+    }
+};
+
 struct Watch {
-    bool bUsed = false;     // the slot is taken
-    bool bStarted = false;  // the worker's start has been tried: `process` is valid
+    StateSince<Stage> stage;  // kEntered counts from the start of the worker
+    StateSince<Worker> worker;
+    StateSince<Stop> stop;  // `since` the request, also when the word is stored later
+    // Since when no attempt has got the lock; begins afresh with the worker's death.
+    std::optional<Clock::time_point> lockBusySince;
+
+    // When the supervisor is to look at the task next.
+    Clock::time_point lookAt = Clock::time_point::max();
+
     std::string id;
     std::string path;     // output path without links; empty for none
     int nTaskIndex = -1;  // slot
     std::int32_t nTaskKind = -1;
-    std::int32_t nCmd = -1;  // command of the task
-    sem_t* lock = nullptr;   // the task's semaphore
-    platform::ProcessWatch process;
+    std::int32_t nCmd = -1;          // command of the task
+    sem_t* lock = nullptr;           // the task's semaphore
+    platform::ProcessWatch process;  // once the worker was started, the supervisor's to change
 
     // The application's callbacks; set before the node enters the map, then only read.
     void* pCallbackParam = nullptr;
     TaskResultCallback pfnResultCallback = nullptr;
     TaskStateCallback pfnStateCallback = nullptr;
 
-    bool bClaimed = false;        // the worker has taken the task
-    bool bAnswered = false;       // the server has answered a download
-    bool bStopAsked = false;      // the application wants the task to stop
-    bool bStopStored = false;     // the stop word is in the slot
-    bool bEnded = false;          // a final code has been set, by the worker or for it
-    bool bDelivered = false;      // the final callback has returned
-    bool bKilled = false;         // the supervisor has killed the worker
-    bool bDead = false;           // it is gone, or killed and runs no code any more
-    bool bGone = false;           // the worker process has ended
-    int nMissed = 0;              // ticks in a row in which the lock was not to be had; begins
-                                  // afresh with the worker's death
-    Clock::time_point claimedAt;  // until it has: when the worker was started
-    Clock::time_point stopAskedAt;
-    Clock::time_point endedAt;
-    Clock::time_point killedAt;
     FileAdvance advance;     // of its output file
     std::string killReason;  // why the worker was killed, if it was
     std::string remark;      // TaskRemark
@@ -68,41 +103,18 @@ extern ManagerPhase g_phase TS_GUARDED_BY(g_watch_mutex);
 extern std::string g_worker_path TS_GUARDED_BY(g_watch_mutex);
 extern tagTaskLimits g_limits TS_GUARDED_BY(g_watch_mutex);
 
-// Until when no task is accepted, because workers end before they take their task; and what is said
-// then.
-extern Clock::time_point g_refuse_until TS_GUARDED_BY(g_watch_mutex);
-constexpr const char* REFUSED_FOR_NOW =
-    "three workers ended before they took their task; no new one for ten seconds";
+// Set when a watch was delivered, started or freed, or the scanner has ended: the manager's end
+// waits for these.
+extern ManagerEvent g_end_event;
 
-// Has AddTask accept tasks, whatever became of earlier ones.
-void ForgetFailedStarts() TS_REQUIRES(g_watch_mutex);
+// Whether a slot has become free that SetSlotFreedCallback's function has not heard of.
+extern bool g_slot_freed TS_GUARDED_BY(g_watch_mutex);
 
 // The watch in use for `id`, or null.
 Watch* FindWatch(const std::string& id) TS_REQUIRES(g_watch_mutex);
 
-// Notes that the task is to stop and stores the stop word if the lock can be had at once; otherwise
-// the supervisor stores it at one of its next ticks.
-void AskToStop(Watch& watch) TS_REQUIRES(g_watch_mutex);
-
-// Calls the application back in the scanner's place, with the final code that its worker has left
-// in the slot, else with code 8. For when neither scanner nor worker runs any more.
-void DeliverLast(Watch& watch);
+// The watches in use.
+int UsedWatchCount() TS_REQUIRES(g_watch_mutex);
 
 // Closes and removes the task's semaphore and frees the slot.
 void FreeWatch(Watch& watch) TS_REQUIRES(g_watch_mutex);
-
-// Looks after one task: restores a lock that its holder took to the grave, gives a final code to a
-// task whose worker is gone, kills a worker that hangs, frees the slot in the end. Never waits.
-void Supervise(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex);
-
-// Moves the times of all watches on when the tick at `now` comes long after the one at `last`:
-// while this process was stopped, a terminal's Ctrl-Z for example, nobody was silent towards it.
-void MakeUpForPause(Clock::time_point last, Clock::time_point now) TS_REQUIRES(g_watch_mutex);
-
-// Starts a scanner when none runs. It does not look at the map: the supervisor must not wait for
-// the map's lock, whose holder may wait for a task's lock that only the supervisor can restore.
-void StartScanner();
-
-// Thread function of the supervisor: a tick every 250 ms until `g_supervisor_ends` is set.
-void* RunSupervisor(void* argument);
-extern std::atomic<bool> g_supervisor_ends;
