@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <limits>
 #include <regex>
 #include <set>
 #include <sstream>
 
 #include "Console/others/top.h"
 #include "Console/screen/bardisplay.h"
-#include "Console/screen/jsondisplay.h"
 #include "Console/screen/plaindisplay.h"
 #include "Console/screen/text.h"
 #include "TaskMan/taskcontext.h"
@@ -82,19 +80,6 @@ TEST(DisplayPlain, TellsTheQuarters) {
                  "f: failed: why\\x0a (a second look: HTTP 404)\n"
                  "1 of 5 files finished, 1 skipped, 1 failed, 1 stopped, 1 not begun\n");
     for (const int end : ends) close(end);
-}
-
-TEST(DisplayJson, ValuesAreNumbersOrNull) {
-    std::string told;
-    JsonDisplay display([&told](const std::string& line) { told += line; });
-    const FileView file{.id = "1f"};
-    for (const double value : {50.0, 0.5, std::numeric_limits<double>::infinity()}) {
-        display.State(file, DOWNLOAD_STATE_SPEED, value);
-    }
-    EXPECT_EQ(told,
-              "{\"v\":1,\"event\":\"state\",\"file\":1,\"id\":\"1f\",\"code\":5,\"value\":50}\n"
-              "{\"event\":\"state\",\"file\":1,\"id\":\"1f\",\"code\":5,\"value\":0.5}\n"
-              "{\"event\":\"state\",\"file\":1,\"id\":\"1f\",\"code\":5,\"value\":null}\n");
 }
 
 TEST(DisplayTop, AScreenOf80ColumnsShowsAllThatMatters) {

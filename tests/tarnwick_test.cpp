@@ -325,14 +325,4 @@ TEST(Format, AddressAndFileName) {
     EXPECT_EQ(Read("title=<>|fmt_list=34|fmt_url_map=5;x"), ".flv -");
 }
 
-TEST(FormatDeath, BrokenPreconditions) {
-    for (const auto& [list, expression] : {std::pair("", "0 < strfmtmap.length()"),
-                                           {",,", "0 < vecfmtmap.size()"},
-                                           {"34,5/x", "0 < strfmtID.length()"}}) {
-        EXPECT_DEATH(GetYoutubeVideoMapIDForSize(1, 1, list),
-                     AssertionLine(expression, "GetYoutubeVideoMapIDForSize",
-                                   "Src/Tarnwick/youtubeutility"));
-    }
-}
-
 }  // namespace

@@ -33,7 +33,6 @@ TEST(Intake, TouchesNothingWithoutATask) {
         {"", "2", 3, empty},
         {"unknown", "2", 3, ""},
         {std::string(500, 'i'), "2", 3, ""},
-        {id, "-1", 3, ""},
         {id, "8", 3, ""},
         {id, "2", 3, "", false},
     };

@@ -1,6 +1,7 @@
 // Scraping the information text out of a page, and reading it.
 #include "Tarnwick/videoinfo.h"
 #include "Tarnwick/youtubeutility.h"
+#include "common/httputility.h"
 #include "fuzz.h"
 
 void Fuzz(Input input) {
@@ -17,6 +18,8 @@ void Fuzz(Input input) {
         Expect(ParseYoutubeVideoInfo(text + "\nstatus=fail", false, name, address).empty(),
                "nothing is taken from a page that failed");
     }
-    Expect(GetYoutubeVideoMapIDForSize(50000, 40000, "2/50000x40001,3/50000x40000," + page) == "3",
-           "the first of the closest frames is chosen");
+    const std::string decoded = HttpUtility::HtmlDecode(page);
+    Expect(HttpUtility::UrlDecode("+%2B%00%aF" + page) == " +\xAF" + decoded,
+           "escapes are decoded");
+    Expect(HttpUtility::HtmlEntityDecode(decoded).size() <= page.size(), "no text gets longer");
 }

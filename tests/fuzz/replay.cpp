@@ -19,9 +19,8 @@ std::string MakeInput(const std::vector<std::string>& kept, unsigned seed) {
     std::minstd_rand random(seed);
     const auto below = [&random](std::size_t limit) { return (random() >> 4) % limit; };
     std::string input = kept[below(kept.size())];
-    const std::string& other = kept[below(kept.size())];
     input.resize(below(2 * input.size() + 2));
-    input += other.substr(below(other.size() + 1));
+    input += kept[below(kept.size())];
     for (std::size_t i = below(32); i > 0 && !input.empty(); --i) {
         input[below(input.size())] = static_cast<char>(random() >> 8);
     }
