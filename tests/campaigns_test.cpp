@@ -1,7 +1,6 @@
 // Workers and managers that die at any moment, and tasks that come, stop and end all at once: the
 // short forms. The long ones take their numbers from the environment (docs/reliability.md).
 #include <cstdio>
-#include <filesystem>
 #include <map>
 
 #include "support/campaign.h"

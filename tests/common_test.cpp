@@ -1,17 +1,12 @@
 // What the manager and its workers share: locks, files, texts, codecs, the section.
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cctype>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <new>
 #include <stdexcept>
-#include <thread>
 
 #include "TaskMan/taskcontext.h"
 #include "common/AutoLock.h"

@@ -1,17 +1,11 @@
 // What `taskman get` shows: its texts and lines, events for programs, the screen.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <regex>
-#include <set>
-#include <sstream>
 
 #include "Console/others/top.h"
 #include "Console/screen/bardisplay.h"
 #include "Console/screen/plaindisplay.h"
 #include "Console/screen/text.h"
-#include "TaskMan/taskcontext.h"
 #include "support/http_server.h"
 #include "support/processes.h"
 

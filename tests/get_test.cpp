@@ -1,17 +1,9 @@
 // The commands `taskman get` and `taskman info`: the real programs against scripted servers.
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <csignal>
-#include <filesystem>
 #include <map>
 #include <regex>
-#include <set>
-#include <sstream>
 
 #include "Console/get/filename.h"
 #include "Console/screen/text.h"

@@ -1,14 +1,8 @@
 // Servers that lie and disks that are full. Each lie is told to a size probe, to a download whose
 // probe heard the truth, and to a page.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-
-#include "common/fieldtext.h"
 #include "support/http_server.h"
 #include "support/processes.h"
 
@@ -164,16 +158,13 @@ TEST(LyingServers, AStopEndsWhatHasNoEnd) {
 
 TEST(LyingServers, AConnectionTakesFiveSecondsAtMost) {
     // A server that accepts nothing, whose queue is full.
-    const int listener = socket(AF_INET, SOCK_STREAM, 0), queued = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    socklen_t size = sizeof address;
-    ASSERT_TRUE(bind(listener, generic, size) == 0 && listen(listener, 0) == 0 &&
-                getsockname(listener, generic, &size) == 0 && connect(queued, generic, size) == 0);
+    int port = 0;
+    const int listener = Listen(port, 0), queued = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{
+        AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(connect(queued, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     WorkerRun run;
-    run.Request("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+    run.Request("http://127.0.0.1:" + std::to_string(port));
     run.Slot().nTryCount = 1;
     run.EndWell();
     EXPECT_EQ(run.Slot().nStateBits, 1U << DOWNLOAD_STATE_DOWNLOAD_FAIL);

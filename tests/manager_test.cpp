@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <filesystem>
 
 #include "support/campaign.h"
 #include "support/http_server.h"

@@ -1,11 +1,7 @@
 // The proxy of an address: what the option and the environment make of it.
 #include "Console/cli/proxy.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
-#include <sstream>
-#include <string>
 
 #include "support/helpers.h"
 

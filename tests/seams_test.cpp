@@ -1,10 +1,8 @@
 // What happens too rarely to wait for: functions of the system that the tests replace.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cmath>

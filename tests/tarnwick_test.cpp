@@ -1,7 +1,6 @@
 // The worker's operations inside the test program: reports and progress, download info files and
 // ranges, the information text.
 #include <curl/curl.h>
-#include <gtest/gtest.h>
 #include <sys/time.h>
 
 #include <algorithm>
@@ -20,7 +19,6 @@
 #include "Tarnwick/youtubeutility.h"
 #include "common/fieldtext.h"
 #include "common/stringutility.h"
-#include "support/helpers.h"
 #include "support/http_server.h"
 
 using namespace test_support;

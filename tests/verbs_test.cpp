@@ -1,24 +1,12 @@
 // The verbs that look after managers: top, stop and clean; and what they may meet in a section.
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/capability.h>
-#include <semaphore.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
-#include <csignal>
-#include <filesystem>
-#include <sstream>
 
-#include "TaskMan/othermanagers.h"
 #include "TaskMan/sweep/sweep.h"
-#include "TaskMan/taskcontext.h"
-#include "common/fieldtext.h"
 #include "support/http_server.h"
 #include "support/processes.h"
 

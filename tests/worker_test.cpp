@@ -1,11 +1,7 @@
 // The real worker: the claim of its slot, what it asks a server for, and pages.
-#include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <algorithm>
-#include <cstring>
 
-#include "common/fieldtext.h"
 #include "support/http_server.h"
 #include "support/processes.h"
 

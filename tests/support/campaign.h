@@ -1,16 +1,9 @@
 // A manager under many tasks at once, and what became of each of them.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <semaphore.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <list>
 #include <mutex>
-#include <random>
-#include <thread>
 
 #include "TaskMan/taskman.h"
 #include "common/AutoLock.h"
