@@ -194,7 +194,7 @@ TEST(Manager, IsItsProcessesAlone) {
     const pid_t stays = fork();
     if (stays == 0) _exit(static_cast<int>(sleep(30)));
     campaign.End();
-    EXPECT_EQ(0, flock(section, LOCK_EX | LOCK_NB));
+    EXPECT_TRUE(WaitUntil([&] { return flock(section, LOCK_EX | LOCK_NB) == 0; }));
     for (const pid_t child : {leaves, stays}) kill(child, SIGKILL);
     EXPECT_TRUE(WaitUntil([&] { return kill(stays, 0) == -1; }));
     close(section);

@@ -5,14 +5,17 @@
  * of its steps, also with the lock. Every d_step is one step of the code, which others see done or
  * not done; under a lock there are several, so that a write without the lock is seen.
  *
- * Ticks and passes that find nothing to do change nothing and are left out. So every run is finite
- * (./run shows that there is no cycle), and a task that never ends is a run that stops where it
- * must not.
+ * Looks that find nothing to do change nothing and are left out. So every run is finite (./run shows
+ * that there is no cycle), and a task that never ends is a run that stops where it must not.
+ *
+ * A final code is taken by early passes alone, which the supervisor causes: if one of them could be
+ * lost, a run would stop there. The pass of each second, which would make that good, takes no more
+ * than a value.
  */
 /* Faults in the code, and assumptions that do not hold. ./run sets FAULT to each; spin has to find
  * it. */
-#define POST_AT_ONCE 1         /* the first missed tick already posts */
-#define POST_FOR_THE_LIVING 2  /* missed ticks count while the worker lives */
+#define POST_AT_ONCE 1         /* the first look that meets a busy lock already posts */
+#define POST_FOR_THE_LIVING 2  /* such looks count while the worker lives */
 #define NO_POST 3              /* a lock that its holder took to the grave stays taken */
 #define WRITE_UNLOCKED 4       /* the supervisor writes without the lock */
 #define STOP_UNLOCKED 5        /* the stop word is stored without the lock */
@@ -21,8 +24,9 @@
 #define FREE_UNDELIVERED 8     /* the slot is freed before the final callback has returned */
 #define NO_RESTART 9           /* nobody starts a scanner that ended when a task came */
 #define STOP_BY_ID 10          /* the disk watch knows the task that it looked at by its id alone */
-#define SLOW_HOLDER 11         /* a living thread has the lock for longer than a tick */
+#define SLOW_HOLDER 11         /* a living thread has the lock for longer than a look */
 #define NOBODY_STOPS 12        /* the application leaves alone what hangs where no rule ends it */
+#define FORGET_LATE 13         /* the scanner forgets, behind a pass, who woke it during the pass */
 
 mtype = { NOBODY, WORKER, SCANNER, SUPERVISOR, APPLICATION };
 
@@ -34,6 +38,7 @@ bool alive[3], hung[3];      /* the worker process of each task */
 byte owner;                  /* task that has the slot and its watch; 0: both are free */
 bool started, gone, answered, delivered, stopAsked, stopStored; byte missed;  /* the watch */
 bool endTaken;               /* g_TaskEndTaken */
+bool early;                  /* the scanner's pause ends early */
 byte node;                   /* task in the map; 0: the map is empty */
 bool watchMutex, mapMutex, noScanner = true;  /* the last: g_ScanThradIsExit */
 bool wish;                   /* the task will be stopped at some time */
@@ -84,7 +89,8 @@ end: do
     :: !noScanner ->
         do
         :: d_step { !mapMutex && node == 0 -> CLEAR } -> break
-        :: d_step { !mapMutex && node != 0 && (slotInfo || slotFinal) -> t = node };
+        :: d_step { !mapMutex && node != 0 && (early || (slotInfo && !slotFinal)) -> t = node;
+                    if :: FAULT == FORGET_LATE :: else -> early = false fi };
             LOCK(t, SCANNER);
             d_step { assert(slotId); info = slotInfo; final = slotFinal };
             d_step { WRITES(t, SCANNER); slotInfo = false; slotFinal = false };
@@ -101,7 +107,8 @@ end: do
                 d_step { !watchMutex -> assert(owner == t); delivered = true }
             :: !final && info -> d_step { !watchMutex -> assert(owner == t); answered = true }
             :: else fi;
-            d_step { t = 0; info = false; final = false }
+            d_step { t = 0; info = false; final = false;
+                     if :: FAULT == FORGET_LATE -> early = false :: else fi }
         od;
         noScanner = true
     od
@@ -111,8 +118,8 @@ end: do
 #define SPEAKS (gone && OWN_SLOT && !slotFinal)
 #define STORES (!gone && OWN_SLOT && !slotFinal && slotId && stopAsked && !stopStored)
 #define FREES ((gone || FAULT == FREE_WITH_WORKER) && (delivered || FAULT == FREE_UNDELIVERED))
-/* A tick that follows a missed one does not meet a living holder again: those have the lock for the
- * copy of one slot. The code counts to five; with this assumption two are as good. */
+/* A look that follows a missed one does not meet a living holder again: those have the lock for the
+ * copy of one slot. The code tries for over a second; with this assumption two looks are as good. */
 #define ABANDONED (FAULT == POST_AT_ONCE -> 1 : 2)
 #define MISSES (sem[owner] == 0 && FAULT != NO_POST && (gone || FAULT == POST_FOR_THE_LIVING) && \
                 (missed == 0 || holder[owner] == WORKER || FAULT == SLOW_HOLDER))
@@ -120,23 +127,28 @@ end: do
 #define OVERDUE (holder[owner] == WORKER || slotFinal || endTaken || stopAsked || \
                  !answered)
 
-/* The lock as who holds the watches' mutex takes it: tried only. */
-inline Take(who, fault) { if :: FAULT == fault :: else -> sem[owner]--; holder[owner] = who fi }
-inline Give(fault) { if :: FAULT == fault :: else -> UNLOCK(owner) fi }
+/* The lock as the supervisor takes it: tried only. */
+inline Take() { if :: FAULT == WRITE_UNLOCKED :: else -> sem[owner]--; holder[owner] = SUPERVISOR fi }
+inline Give() { if :: FAULT == WRITE_UNLOCKED :: else -> UNLOCK(owner) fi }
 
-/* Each alternative is a tick or a part of one. */
+/* Each alternative is a look or a part of one. */
 proctype Supervisor() {
 end: do
-    :: d_step { !watchMutex && started && !gone && !alive[owner] -> gone = true; missed = 0 }
+    :: d_step { !watchMutex && started && !gone && !alive[owner] ->
+                gone = true; missed = 0; early = true }
     :: d_step { !watchMutex && started && FREES -> FREE }
     :: d_step { !watchMutex && started && !FREES && sem[owner] > 0 &&
                 (SPEAKS || STORES || missed > 0) ->
-                watchMutex = true; missed = 0; Take(SUPERVISOR, WRITE_UNLOCKED) };
+                watchMutex = true; missed = 0; Take() };
         if
-        :: SPEAKS -> d_step { WRITES(owner, SUPERVISOR); slotId = true; slotFinal = true }
+        :: SPEAKS -> d_step { WRITES(owner, SUPERVISOR); slotId = true; slotFinal = true;
+                            early = true }
         :: STORES -> d_step { WRITES(owner, SUPERVISOR); slotStop = true; stopStored = true }
         :: else fi;
-        Give(WRITE_UNLOCKED); watchMutex = false
+        Give(); watchMutex = false
+#if FAULT == STOP_UNLOCKED
+    :: d_step { !watchMutex && started && STORES -> slotStop = true; stopStored = true }
+#endif
     :: d_step { !watchMutex && started && !FREES && MISSES -> watchMutex = true; missed++ };
         if :: missed >= ABANDONED -> missed = 0; UNLOCK(owner) :: else fi;
         watchMutex = false
@@ -157,19 +169,7 @@ end: do
         if
         :: d_step { !watchMutex && !stopAsked &&
                     (owner == look || (owner != 0 && FAULT == STOP_BY_ID)) ->
-                    assert(owner == look); watchMutex = true; stopAsked = true };
-            if
-            :: d_step { (started && sem[owner] > 0) || FAULT == STOP_UNLOCKED ->
-                        Take(APPLICATION, STOP_UNLOCKED) };
-                if
-                :: OWN_SLOT && slotId -> d_step {
-                    if :: FAULT == STOP_UNLOCKED :: else -> WRITES(owner, APPLICATION) fi;
-                    slotStop = true; stopStored = true }
-                :: else fi;
-                Give(STOP_UNLOCKED)
-            :: (!started || sem[owner] == 0) && FAULT != STOP_UNLOCKED
-            fi;
-            watchMutex = false
+                    assert(owner == look); stopAsked = true }
         :: owner != look || stopAsked
         fi;
         look = 0
