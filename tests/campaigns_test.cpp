@@ -11,19 +11,6 @@ using namespace test_support;
 
 namespace {
 
-// Between two passes the scanner waits for so long.
-std::atomic<milliseconds> g_pause{milliseconds(1000)};
-
-}  // namespace
-
-// Takes the place of the C library's in this program.
-extern "C" unsigned sleep(unsigned) {
-    std::this_thread::sleep_for(g_pause.load());
-    return 0;
-}
-
-namespace {
-
 constexpr const char* kQuick = "claim,lock,finish,unlock,exit";
 constexpr const char* kDied = "the worker died";
 constexpr const char* kNotTaken = "the worker ended before it took the task";
@@ -90,7 +77,7 @@ void ExpectInTime(const std::vector<std::pair<const Fault*, const Course*>>& fat
 }
 
 TEST(Workers, EndTheirOwnTaskOnlyWhateverKillsThem) {
-    std::vector<std::pair<const Fault*, const Course*>> fates(Setting("TASKS", 40));
+    std::vector<std::pair<const Fault*, const Course*>> fates(Setting("TASKS", 20));
     const std::string body = TestBytes(20000);
     Campaign campaign;
     SetTaskLimits({12, 60});
@@ -125,7 +112,6 @@ TEST(Workers, EndTheirOwnTaskOnlyWhateverKillsThem) {
 
 // Worth most with a race detector. A task may come just when the scanner ends.
 TEST(Tasks, ComeStopAndEndAtOnce) {
-    g_pause = milliseconds(2);
     std::atomic<int> added{0};
     const Clock::time_point end = Clock::now() + std::chrono::seconds(Setting("SECONDS", 5));
     Campaign campaign;
@@ -149,7 +135,6 @@ TEST(Tasks, ComeStopAndEndAtOnce) {
     };
     InParallel(TASK_SLOT_COUNT, work);
     std::printf("%d tasks\n", added.load());
-    g_pause = milliseconds(1000);
 }
 
 // Whether a worker of that manager, whose process id is its last argument, still runs.

@@ -10,6 +10,11 @@
 
 #include "Console/get/fetch.h"
 #include "Console/get/target.h"
+#include "TaskMan/task/delivery.h"
+#include "TaskMan/task/supervisor.h"
+#include "TaskMan/task/throttle.h"
+#include "TaskMan/taskman.h"
+#include "common/fieldtext.h"
 #include "common/file.h"
 #include "common/platform.h"
 #include "support/helpers.h"
@@ -98,6 +103,125 @@ TEST(Fetch, BelievesNoNumber) {
     EXPECT_EQ(note(DOWNLOAD_STATE_FILE_SIZE, std::nan("")).size, 0);
     EXPECT_EQ(note(DOWNLOAD_STATE_PROGRESS, 1000).percent, 100);
     EXPECT_EQ(note(DOWNLOAD_STATE_PROGRESS, -1).tries, 2) << "less is another try";
+}
+
+// A task in slot 0, looked at when the test says. Its worker is this process, out of reach of all
+// signals.
+class Supervised : public testing::Test {
+  protected:
+    Supervised() {
+        g_refused = SYS_pidfd_send_signal;
+        g_VideoInfoSection.hPrt = section_.data();
+        Renew(Stage::kEntered);
+    }
+    ~Supervised() override {
+        FreeWatch(watch_);
+        g_refused = -1;
+    }
+    void Renew(Stage stage) {
+        if (watch_.lock != nullptr) FreeWatch(watch_);
+        watch_.id = id_;
+        watch_.nTaskIndex = 0;
+        watch_.nCmd = TASK_CMD_DOWNLOAD;
+        watch_.stage = {stage, start_};
+        watch_.worker = {Worker::kAlive, start_};
+        watch_.process = platform::ProcessWatch(getpid());
+        watch_.lock = sem_open(id_.c_str(), O_CREAT, 0600, 1);
+        slot_ = tagTaskContext();
+        SetField(slot_.szTaskID, id_);
+    }
+    void Look(double seconds) {
+        Supervise(watch_, start_ + std::chrono::milliseconds(std::lround(seconds * 1000)));
+    }
+
+    const std::string id_ = UniqueName();
+    std::string section_ = std::string(SHARE_MEM_SIZE, '\0');
+    tagTaskContext& slot_ = reinterpret_cast<tagTaskContext&>(section_[0]);
+    Watch& watch_ = g_Watches[0];
+    const Clock::time_point start_ = Clock::now();
+};
+
+TEST_F(Supervised, WorkersHaveTheirTimes) {
+    const struct {
+        Stage stage;
+        std::int32_t nCmd;
+        Stop stop;
+        double limit;
+        const char* reason;
+    } rows[] = {
+        {Stage::kEntered, 1, Stop::kNo, 30, "the worker did not take the task"},
+        {Stage::kClaimed, 3, Stop::kNo, 30, TASK_REMARK_NO_ANSWER},
+        {Stage::kClaimed, 0, Stop::kNo, 90, TASK_REMARK_NO_ANSWER},
+        {Stage::kClaimed, 0, Stop::kAsked, 10, "the worker did not stop by itself"},
+        {Stage::kAnswered, 1, Stop::kStored, 10, "the worker did not stop by itself"},
+        {Stage::kEnded, 1, Stop::kStored, 10, ""},
+    };
+    for (const auto& [stage, nCmd, stop, limit, reason] : rows) {
+        Renew(stage);
+        watch_.nCmd = nCmd;
+        watch_.stop = {stop, start_};
+        Look(limit - 0.001);
+        EXPECT_EQ(watch_.worker.state, Worker::kAlive) << reason;
+        Look(limit);
+        EXPECT_EQ(watch_.worker.state, Worker::kKilled) << reason;
+        EXPECT_EQ(watch_.killReason, reason);
+    }
+    // A process that was stopped meanwhile counts none of that.
+    Renew(Stage::kClaimed);
+    watch_.lookAt = start_ + std::chrono::seconds(1);
+    MakeUpForPause(start_ + std::chrono::seconds(100));
+    Look(128);
+    EXPECT_EQ(watch_.worker.state, Worker::kAlive);
+}
+
+TEST_F(Supervised, AWorkerThatTheKernelHoldsIsDeadInTheEnd) {
+    Look(30);
+    Look(31.9);
+    EXPECT_EQ(slot_.nStateBits, 0U);
+    Look(32);
+    EXPECT_EQ(slot_.nStateBits, 1U << DOWNLOAD_STATE_DOWNLOAD_FAIL);
+    EXPECT_EQ(watch_.remark, "the worker did not take the task");
+}
+
+TEST_F(Supervised, ADeadHoldersLockIsReleasedAfterItsDeath) {
+    slot_.nPid = getpid();
+    sem_trywait(watch_.lock);
+    for (const double seconds : {0, 4}) Look(seconds);
+    watch_.process = platform::ProcessWatch();
+    Look(4.1);
+    Look(5.3);
+    EXPECT_EQ(SemaphoreValue(id_), 0);
+    Look(5.4);
+    EXPECT_EQ(SemaphoreValue(id_), 1);
+    Look(5.5);
+    EXPECT_EQ(slot_.nStateBits, 1U << DOWNLOAD_STATE_DOWNLOAD_FAIL);
+    EXPECT_EQ(watch_.remark, "the worker died");
+}
+
+TEST_F(Supervised, WhatAWorkerHasLeftIsDeliveredByTheEnd) {
+    for (const auto& [bits, remark] : {std::pair(0U, "why"), {1U << 3, ""}}) {
+        int told = -1;
+        Renew(Stage::kEnded);
+        slot_.nStateBits = bits;
+        watch_.remark = "why";
+        watch_.pCallbackParam = &told;
+        watch_.pfnStateCallback = [](void* code, const char*, int nCode, double, int) {
+            *static_cast<int*>(code) = nCode;
+        };
+        DeliverLast(watch_);
+        EXPECT_EQ(told, bits == 0 ? DOWNLOAD_STATE_STOPPED : DOWNLOAD_STATE_DOWNLOAD_FINISH);
+        EXPECT_EQ(watch_.remark, remark);
+    }
+}
+
+TEST(Throttle, ThreeFailuresWithinTenSecondsCloseTheManager) {
+    const Clock::time_point start = Clock::now();
+    for (const int seconds : {0, 6, 11, 15}) {
+        EXPECT_EQ(g_refuse_until, Clock::time_point{}) << seconds;
+        NoteFailedStart(start + std::chrono::seconds(seconds));
+    }
+    EXPECT_EQ(g_refuse_until, start + std::chrono::seconds(25));
+    ForgetFailedStarts();
 }
 
 }  // namespace
