@@ -23,7 +23,7 @@ int ExecutablePath(char* buffer, std::uint32_t* size);
 // Returns its process id, in the child's parent only; or -1 when none could be started.
 //
 // Where the system offers that, the child shares this process's memory until it executes, and the
-// calling thread stands still for as long: a start takes the same time in a small and in a large
+// calling thread is suspended for as long: a start takes the same time in a small and in a large
 // process. So `child` may do only what a signal handler may do, and write nothing but its own
 // stack. No handler of atfork runs. The caller blocks all signals around the call, so that no
 // signal handler runs in the child. What the child does to its descriptors, signal actions and

@@ -1,7 +1,8 @@
 // Reports into the worker's live slot.
 //
 // Every report is made under the task's lock, into a slot that still carries the task's id:
-// SendStateMSG checks that under the lock; whoever reports a value checks it right before. Job
+// SendStateMSG checks that under the lock; a caller that reports a
+// value asks OwnsSlot right before. Job
 // thread only.
 #pragma once
 

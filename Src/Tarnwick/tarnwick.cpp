@@ -34,8 +34,8 @@ void EndJob() {
     pthread_mutex_unlock(&g_end_mutex);
 }
 
-// Waits for the job's end. Looks at the flag once a second as well: whoever else sets it does not
-// signal.
+// Waits for the job's end. Looks at the flag once a second as well: another thread may set it
+// without a signal.
 void WaitForJob() {
     constexpr int kLookMilliseconds = 1000;
     pthread_mutex_lock(&g_end_mutex);

@@ -36,8 +36,8 @@ void IgnoreEnvironment() {
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string_view text = *entry;
         const std::string_view name = text.substr(0, text.find('='));
-        if (name.size() >= kSuffix.size() &&
-            strncasecmp(name.end() - kSuffix.size(), kSuffix.data(), kSuffix.size()) == 0) {
+        if (name.size() >= kSuffix.size() && strncasecmp(name.data() + name.size() - kSuffix.size(),
+                                                         kSuffix.data(), kSuffix.size()) == 0) {
             names.emplace_back(name);
         }
     }

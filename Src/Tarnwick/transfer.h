@@ -24,7 +24,7 @@ int UnLoadCurlLib();
 void IgnoreEnvironment();
 
 // Sets the task's proxy on the handle when it uses one. nProxyType is libcurl's own value
-// (CURLOPT_PROXYTYPE); "HOST:PORT" and "USER:PASSWORD" are cut to 255 bytes.
+// (CURLOPT_PROXYTYPE); "HOST:PORT" and "USER:PASSWORD" are cut to 254 bytes.
 void SetProxy(CURL* curl, const tagTaskContext& task);
 
 // Sets the timeouts of every transfer: 5 seconds to connect (CURLOPT_CONNECTTIMEOUT), and a

@@ -41,7 +41,7 @@ bool Ignored(int signal) {
     return sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_IGN;
 }
 
-// Whoever started the command may have left the signal blocked.
+// Also unblocks the signal: the parent of the command may have left it blocked.
 void Handle(int signal, void (*handler)(int), int flags) {
     struct sigaction action {};
     action.sa_handler = handler;
@@ -66,7 +66,7 @@ const WakePipe& Install() {
     Handle(SIGXFSZ, SIG_IGN, 0);
     Handle(SIGWINCH, OnScreen, SA_RESTART);
     Handle(SIGCONT, OnScreen, SA_RESTART);
-    // Without SA_RESTART: a write to a pipe that nobody reads must not keep the command.
+    // Without SA_RESTART: a stop has to interrupt a write to a pipe that nobody reads.
     Handle(SIGTERM, OnStop, 0);
     for (const int signal : {SIGINT, SIGHUP}) {
         if (!Ignored(signal)) Handle(signal, OnStop, 0);

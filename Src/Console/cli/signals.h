@@ -1,5 +1,5 @@
 // The signals of the command. Handlers only count and wake the main loop; the functions below, for
-// the main thread, say what has come.
+// the main thread, report what has arrived.
 #pragma once
 
 #include "Console/cli/events.h"

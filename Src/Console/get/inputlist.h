@@ -44,8 +44,8 @@ class InputList : private Uncopyable {
     // The descriptor that becomes readable when there may be more to take; -1: all is read.
     int Source() const { return file_.Get(); }
 
-    // From now on only a regular file is read further; of anything else what was not read is
-    // dropped.
+    // Closes the list unless it is a regular file: what a pipe or a terminal has not delivered
+    // yet is not waited for.
     void StopWaiting();
 
   private:

@@ -110,9 +110,9 @@ std::string StateLine(const FileView& file, std::int32_t code) {
             case DOWNLOAD_STATE_PARSE_START:
                 return "work on the page has begun";
             case DOWNLOAD_STATE_DOWNLOAD_START:
-                return "the first bytes have come";
+                return "the first bytes have arrived";
             case DOWNLOAD_STATE_DOWNLOAD_FINISH:
-                return "all bytes have come";
+                return "all bytes have arrived";
             case DOWNLOAD_STATE_PROGRESS:
                 return std::to_string(static_cast<int>(file.percent)) + " %";
             case DOWNLOAD_STATE_SPEED:

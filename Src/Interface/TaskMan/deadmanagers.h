@@ -1,10 +1,10 @@
 // What managers of this user that were killed have left: their sections, the locks of their tasks,
-// partial files, and workers that run for nobody.
+// partial files, and workers that still run.
 //
 // Every manager removes it when it starts. Any thread of any process may call. Paths and process
-// ids in a section are another process's word: a file is removed only if it is a part that nobody
-// has locked, and a process is killed only if it was started as a worker for a task of a dead
-// manager.
+// ids in a section come from another process and are not trusted: a file is removed only if it is a
+// part that nobody has locked, and a process is killed only if it was started as a worker for a
+// task of a dead manager.
 #pragma once
 
 #include <string>
@@ -24,8 +24,8 @@ struct Remains {
 // Looks for what dead managers have left and removes it; with `bLookOnly` nothing is changed. Parts
 // are removed if they are regular files of this user that nobody has locked. Workers are asked to
 // stop, and killed at once: one that still asks its server for the size of the file would open its
-// output path later, whoever writes there by then. Waits for their end, at most a second. What a
-// living manager uses stays, also under the same id.
+// output path later, when another download may already write there. Waits for their end, at most a
+// second. What a living manager uses stays, also under the same id.
 //
 // While it runs, it holds the locks of the dead sections, so that two sweeps never meet; a manager
 // that starts with the process id of a dead one waits for that. If the caller dies, the next sweep

@@ -4,8 +4,8 @@
 // mapped. What dead ones have left is the subject of TaskMan/deadmanagers.h.
 //
 // Any thread of any process may call, also one without a manager. Nothing here creates a name or
-// takes a lock for longer than a moment. What stands in a section is another process's word: ids
-// are checked, process ids are never acted on.
+// takes a lock for longer than a moment. What stands in a section comes from another process and
+// is not trusted: ids are checked, process ids are never acted on.
 #pragma once
 
 #include <sys/types.h>

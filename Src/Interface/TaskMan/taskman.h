@@ -67,8 +67,8 @@ constexpr bool IsDownloadJob(std::int32_t nCmd, std::int32_t nTaskKind) {
 // record, so that a second check passes. `strFuncName` is the caller, for diagnostics.
 bool CheckTaskParam(tagTaskInfo* taskinfo, std::string strFuncName);
 
-// Whether the path holds no backslash; the empty path holds none. A refusal is told on standard
-// error.
+// Whether the path holds no backslash; the empty path holds none. A refusal is reported on
+// standard error.
 bool CheckPath(std::string strFilePath, std::string strFuncName);
 
 // Sets the three counters from the map; may be called beside the scanner. Takes both locks, one

@@ -35,7 +35,8 @@ void GiveChildrenNoLock() {
     static_cast<void>(registered);
 }
 
-// Whether somebody keeps the section of that name locked. A sweep has it for moments.
+// Whether another process keeps the section of that name locked. A sweep holds the lock for moments
+// only.
 bool IsTaken(const std::string& name) {
     return !PollUntil(kLockPatience, [&] {
         const Descriptor section(shm_open(name.c_str(), O_RDONLY, 0));

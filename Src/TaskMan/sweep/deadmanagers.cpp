@@ -91,7 +91,7 @@ std::vector<Orphan> FindOrphans(const Census& census) {
     for (WorkerProcess& worker : ListWorkers()) {
         if (!IsOrphan(worker, census)) continue;
         platform::ProcessWatch process(worker.pid);
-        // The pid may have been reused between the listing and the begin of the watch.
+        // The pid may have been reused between the listing and the start of the watch.
         const WorkerProcess now = WorkerOf(worker.pid);
         if (now.id != worker.id || now.nManagerPid != worker.nManagerPid) continue;
         orphans.push_back({std::move(worker), std::move(process)});
