@@ -206,6 +206,29 @@ TEST(Manager, IsWaitedForByTheExit) {
     EXPECT_FALSE(FileExists("/dev/shm/" + SectionName(std::stoi(ReadFile(directory.Path("pid"))))));
 }
 
+TEST(Manager, RunsNoHandlerInAWorker) {
+    InChild([] {
+        static const pid_t self = getpid();
+        static std::atomic<bool> strayed{false}, over{false};
+        setpgid(0, 0);
+        signal(SIGCHLD, SIG_IGN);
+        signal(SIGUSR1, [](int) { strayed = strayed || getpid() != self; });
+        std::thread storm([] {
+            while (!over) kill(0, SIGUSR1);
+        });
+        for (int i = 0; i < 50; ++i) {
+            auto* start = new tagStartParam;
+            SetField(start->szProgramPath, "/bin/true");
+            pthread_t thread{};
+            pthread_create(&thread, nullptr, StartProgram, start);
+            pthread_join(thread, nullptr);
+        }
+        over = true;
+        storm.join();
+        EXPECT_FALSE(strayed);
+    });
+}
+
 TEST(Manager, TellsWhyItCannotStart) {
     InChild([] {
         const auto refusal = [](const std::string& directory) {

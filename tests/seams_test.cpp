@@ -31,7 +31,7 @@ extern "C" int fsync(int) {
     return 0;
 }
 extern "C" long syscall(long number, ...) noexcept {
-    if (number == g_refused) return errno = ENOSYS, -1;
+    if (number == g_refused) return errno = EINVAL, -1;
     va_list list;
     va_start(list, number);
     long a[6];
