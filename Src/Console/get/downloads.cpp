@@ -22,8 +22,6 @@ constexpr std::size_t kMostRemembered = 1'000'000;
 constexpr std::chrono::seconds kCopyTime{1};
 // For the manager to take a task while none runs.
 constexpr std::chrono::seconds kRefusalTime{30};
-// From the final code of a task to the end of its worker, usually.
-constexpr std::chrono::seconds kSlotTime{2};
 
 std::size_t Hash(const std::string& path) {
     return std::hash<std::string>{}(path);
@@ -90,11 +88,6 @@ bool Downloads::HasRoom() const {
 
 bool Downloads::MoreToBegin() const {
     return next_ != nullptr || taken_ < options_.addresses.size() || !list_.Ended();
-}
-
-bool Downloads::SlotIsDue() const {
-    const bool wanted = !resolved_.empty() || (MayRun() && MoreToBegin());
-    return wanted && FreeSlotCount() == 0 && Clock::now() - last_end_ < kSlotTime;
 }
 
 int Downloads::Awaits() const {
@@ -167,7 +160,6 @@ void Downloads::Handle(const Event& event) {
         return;
     } else {
         end = file.NoteEnd(event, stopping_);
-        last_end_ = Clock::now();
         // A remark means that the manager ended the task: its worker reported nothing.
         if (event.remark.empty()) display_.State(file.View(), event.code, event.value);
     }

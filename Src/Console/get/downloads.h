@@ -32,10 +32,6 @@ class Downloads : private Uncopyable {
     // -1.
     int Awaits() const;
 
-    // Whether a file is to be begun as soon as the worker of a task that has ended is gone too: its
-    // slot is free then, which no event tells.
-    bool SlotIsDue() const;
-
     // Acts on one event from the queue.
     void Handle(const Event& event);
 
@@ -85,7 +81,6 @@ class Downloads : private Uncopyable {
     std::vector<File> unchecked_{};              // reported at a stop, their checks still run
     std::unordered_set<std::size_t> written_{};  // hashes of the paths of the last finished files
     std::optional<Clock::time_point> refused_since_{};  // the manager takes no task
-    Clock::time_point last_end_{};                      // of a task
     Totals totals_{};
     ExitStatus status_ = EXIT_STATUS_FINISHED;
     bool stopping_ = false;

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -13,19 +12,11 @@
 #include "Console/cli/signals.h"
 #include "Console/screen/text.h"
 #include "TaskMan/manager.h"
+#include "TaskMan/timing.h"
 #include "common/file.h"
 #include "common/sysutility.h"
 
 namespace {
-
-// The longest wait of the main loop: the display is at most this much out of date.
-constexpr std::chrono::milliseconds kTurn{250};
-// How often to look for a slot that is about to be free.
-constexpr std::chrono::milliseconds kSlotTurn{2};
-// From the first signal to an end that waits for nothing.
-constexpr std::chrono::milliseconds kStopTime{11'000};
-// For killed workers to end.
-constexpr std::chrono::milliseconds kKillTime{500};
 
 bool IsProgram(const std::string& path) {
     std::error_code error;
@@ -51,6 +42,8 @@ Session::Session(Downloads& downloads, const char* noun, const WakePipe& wake, E
 std::string Session::StartManager(const std::string& worker) {
     const std::string program = FindWorker(worker);
     if (!IsProgram(program)) return "no worker program at " + program;
+    const auto wake = [](void* pipe) { static_cast<const WakePipe*>(pipe)->Wake(); };
+    SetSlotFreedCallback(wake, const_cast<WakePipe*>(&wake_));
     std::string reason;
     return StartTaskManager(program.c_str(), "", reason) == 0 ? "" : reason;
 }
@@ -82,7 +75,7 @@ void Session::Turn() {
     if (signals::TakeResize() || resumed) display_.ScreenChanged(resumed);
     display_.Refresh(downloads_.Running(), downloads_.Counts());
     if (more || downloads_.Done()) return;
-    wake_.Wait(downloads_.SlotIsDue() ? kSlotTurn : kTurn, downloads_.Awaits());
+    wake_.Wait(timing::kTurn, downloads_.Awaits());
 }
 
 void Session::LookAtSignals() {
@@ -90,7 +83,7 @@ void Session::LookAtSignals() {
     if (count > 1 || (stopping_ && Clock::now() > stop_deadline_)) EndNow();
     if (count == 0 || stopping_) return;
     stopping_ = true;
-    stop_deadline_ = Clock::now() + kStopTime;
+    stop_deadline_ = Clock::now() + timing::kCommandStop;
     const std::size_t asked = downloads_.Stop();
     if (asked > 0) {
         display_.Note("stopping " + text::Count(asked, noun_) + " (again: end now)");
@@ -115,7 +108,7 @@ void Session::EndManager() {
     });
     while (!ended) {
         LookAtSignals();
-        wake_.Wait(kTurn);
+        wake_.Wait(timing::kTurn);
     }
     ender.join();
 }
@@ -124,7 +117,7 @@ void Session::EndManager() {
 void Session::EndNow() {
     KillWorkers();
     // The process has no other children.
-    PollUntil(kKillTime, [] { return waitpid(-1, nullptr, WNOHANG) == -1; });
+    PollUntil(timing::kCommandKills, [] { return waitpid(-1, nullptr, WNOHANG) == -1; });
     downloads_.Abandon();
     shm_unlink(SectionName(sysutility::GetCurrentPid()).c_str());
     Finish(true);

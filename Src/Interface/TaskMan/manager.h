@@ -9,8 +9,8 @@
 // SIGCHLD all the same, with SA_RESTART and SA_NOCLDSTOP; that handler reaps every child of the
 // process, so that one that waits for children of its own (system, popen) does better without.
 //
-// Any thread may call; a callback may call everything but EndTaskManager, and not exit either,
-// which ends the manager. No text is null.
+// All functions may be called from any thread. A callback may call all of them but EndTaskManager,
+// and must not call exit(), which ends the manager. No text is null.
 #pragma once
 
 #include <cstdint>
@@ -28,8 +28,8 @@ void proc_child(int signal);
 int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory, std::string& strReason);
 
 // Whether a task that AddTask has refused may be added again as it is. kLater: what stood in its
-// way passes by itself - all slots are taken, its id or its file is another task's, workers end at
-// once, the system is short of memory, descriptors or room. kNever: everything else.
+// way passes by itself: all slots are taken, its id or its file is another task's, workers end at
+// once, or the system is short of memory, descriptors or room. kNever: everything else.
 enum class TaskRefusal { kNone, kNever, kLater };
 
 // Puts the task into a free slot and starts its worker. The record is copied; its callbacks are
@@ -40,7 +40,7 @@ enum class TaskRefusal { kNone, kNever, kLater };
 // long as the file system of the path does not answer.
 //
 // Returns 0; or -1 with the reason in one line, no callback comes then. `refusal`, which may be
-// null, tells whether to try again later; kNone with 0. Refused are: an id that is
+// null, then tells whether to try again later; it is kNone with 0. Refused are: an id that is
 // empty, longer than 63 bytes, not of letters, digits, "_" and "-", in use, a prefix of one in use
 // or the reverse; a command and kind that make neither a parse nor a download job; an address that
 // is not http or https; a path or a number of blocks that CheckTaskParam refuses; a path that a
@@ -110,8 +110,8 @@ void SetSlotFreedCallback(SlotFreedCallback callback, void* param);
 // exits is ended then; and the exit waits for an end that another thread is at.
 int EndTaskManager();
 
-// Kills all workers at once, of which each task's final callback follows as after any death. Does
-// nothing to one that AddTask is just starting. For an application that is to end without delay,
+// Kills all workers at once; each task's final callback follows, as after any death. A worker that
+// AddTask is just starting is not among them. For an application that has to end without delay,
 // also while EndTaskManager waits on another thread.
 void KillWorkers();
 

@@ -1,4 +1,4 @@
-// How a task enters the manager: its slot, its lock, its node, its worker.
+// AddTask: gives a task its slot, its lock, its node in the map and its worker.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -27,7 +27,7 @@ namespace {
 
 constexpr mode_t kPrivate = 0600;
 
-// A refusal on its way out of AddTask.
+// Why a task is refused, and whether it may be added again; kNone when it is not refused.
 struct Refused {
     std::string reason;
     TaskRefusal kind = TaskRefusal::kNone;
@@ -88,9 +88,9 @@ Refused TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, Watch*& t
     return {};
 }
 
-// Makes the task's semaphore anew: one that is found may have been left taken, or be a stranger's.
-// Opens it twice, for the watch and for the node, which closes its handle by itself. Returns the
-// node's, or null with errno set.
+// Creates the task's semaphore anew: one of that name that exists may have been left locked, or be
+// another program's. Opens it twice, for the watch and for the node, each of which closes its
+// handle. Returns the node's, or null with errno set.
 sem_t* MakeSemaphore(Watch& watch) {
     sem_unlink(watch.id.c_str());
     sem_t* first = sem_open(watch.id.c_str(), O_CREAT | O_EXCL, kPrivate, 1U);
@@ -100,11 +100,12 @@ sem_t* MakeSemaphore(Watch& watch) {
     return second == SEM_FAILED ? nullptr : second;
 }
 
-// Puts the task into its slot and into the map. All in one hold of the map lock: the scanner that
-// finds the map empty clears the slots, and a counter that is raised late may be lowered before.
-// The semaphore is made there, too: the map lock may have to be waited for, and a semaphore without
-// a slot that shows its name is one that a sweep may take for a dead manager's, or not find at all.
-// Returns 0; or the error number when there is no semaphore, nothing is entered then.
+// Writes the request into the slot and enters the task into the map, all under the map lock: a
+// scanner that finds the map empty clears all slots, and a counter must be raised before the
+// scanner can lower it. The semaphore is created under that lock, too, immediately before the slot
+// shows its name: in between a sweep could take it for a dead manager's, or miss it after a crash.
+// Returns 0; or an error number when the semaphore cannot be created, and the task is not entered
+// then.
 int EnterTask(Watch& watch, const tagTaskInfo& taskinfo) {
     auto node = std::make_unique<tagTaskNode>(watch.id.c_str());
     static_cast<tagTaskInfo&>(*node) = taskinfo;
@@ -130,8 +131,8 @@ int EnterTask(Watch& watch, const tagTaskInfo& taskinfo) {
     return 0;
 }
 
-// Runs StartProgram on a thread of its own and waits for its fork. A start that fails is known by
-// the process id -1, and the supervisor ends the task.
+// Runs StartProgram on a thread of its own and waits for it. When no process could be made, the
+// process id stays -1, and the supervisor ends the task like that of any dead worker.
 void StartWorker(Watch& watch, const std::string& program) {
     auto start = std::make_unique<tagStartParam>();
     SetField(start->szProgramPath, program);
@@ -154,14 +155,14 @@ void StartWorker(Watch& watch, const std::string& program) {
         watch.process = platform::ProcessWatch(pid);
         watch.worker.Advance(Worker::kAlive, now);
         watch.lookAt = now;
-        // A worker that hangs before it claims has the same time as one after, from its start on.
+        // A worker that hangs before claiming gets the same limit, counted from its start.
         if (watch.stage.state == Stage::kEntered) watch.stage.since = now;
     }
     g_end_event.Set();
     WakeSupervisor();
 }
 
-// Takes the task in; its worker is started then.
+// Checks the task, enters it and starts its worker.
 Refused Admit(const tagTaskInfo& taskinfo) {
     if (std::string reason = RefusalOf(taskinfo); !reason.empty()) return Never(std::move(reason));
     Watch* watch = nullptr;

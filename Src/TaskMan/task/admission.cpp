@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* kSource = "Src/TaskMan/taskcontext";
 constexpr std::int32_t kMostBlocks = 10;
-constexpr int kMostLinks = 40;  // that systems follow, too
+constexpr int kMostLinks = 40;  // as many as systems follow
 
 template <std::size_t Width>
 bool FillsField(const char (&field)[Width]) {
@@ -114,8 +114,8 @@ std::string OutputPath(const tagTaskInfo& taskinfo) {
     if (path.empty() || !IsDownloadCommand(taskinfo.nCmd)) return {};
     namespace fs = std::filesystem;
     std::error_code error;
-    // What does not exist has no canonical form: it would stay relative, or the link that leads to
-    // it.
+    // weakly_canonical neither makes a path absolute nor follows a link when its target does not
+    // exist.
     fs::path real = fs::absolute(path, error);
     for (int links = 0; links < kMostLinks && fs::is_symlink(real, error); ++links) {
         real = real.parent_path() / fs::read_symlink(real, error);

@@ -4,7 +4,6 @@
 
 #include "common/mutex.h"
 
-// Held by the module around a change of the map and of the counters that goes with it, and around a
-// recount: a recount that came between the two would count the task twice or never. Taken before
-// every other lock.
+// Held while the map and its counters change together, and during a recount: a recount between the
+// two changes would count the task twice or not at all. Taken before every other lock.
 extern Threading::Mutex g_tally_mutex;

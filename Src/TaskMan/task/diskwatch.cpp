@@ -13,14 +13,15 @@
 
 namespace {
 
-// Guards both: a thread that decides to end must not meet a start that counts on it.
+// Guards both flags, so that the thread does not decide to end just when StartDiskWatch decides to
+// keep it.
 Threading::Mutex g_disk_watch_mutex;
 bool g_disk_watch_ends TS_GUARDED_BY(g_disk_watch_mutex) = false;
 bool g_disk_watch_runs TS_GUARDED_BY(g_disk_watch_mutex) = false;
-ManagerEvent g_wake_event;   // to the thread: it is to end
-ManagerEvent g_ended_event;  // from the thread
+ManagerEvent g_wake_event;   // tells the thread to end
+ManagerEvent g_ended_event;  // the thread has ended
 
-// One look at one task; a copy, because no lock is held during it.
+// What a look at one task needs and finds: copies, because no lock is held during the look.
 struct Look {
     std::string id;
     std::string path;
@@ -30,8 +31,8 @@ struct Look {
     bool bLacksSpace = false;
 };
 
-// False when there is nothing to look at.
-bool Begin(int slot, Look& look) {
+// Copies what the look needs. Returns false when there is nothing to look at in that slot.
+bool Prepare(int slot, Look& look) {
     Threading::AutoLock hold(&g_watch_mutex);
     const Watch& watch = g_Watches[slot];
     const bool working =
@@ -58,7 +59,7 @@ void Finish(const Look& look) {
     if (watch == nullptr || watch->stage.state >= Stage::kEnded || watch->stop.state != Stop::kNo) {
         return;
     }
-    // A look that took long may find the next task of the same id.
+    // After a look that took long, the watch may be that of a later task with the same id.
     if (watch->process.Pid() != look.pid) return;
     watch->advance = look.advance;
     const std::int32_t most = g_limits.nStartsOver;
@@ -77,18 +78,18 @@ bool Runs() {
     return g_disk_watch_runs;
 }
 
-// Whether the thread is to go on; if not, it counts as ended from then on.
-bool GoesOn() {
+// Whether the thread is to continue; if not, it counts as ended from now on.
+bool Continues() {
     Threading::AutoLock hold(&g_disk_watch_mutex);
     if (g_disk_watch_ends) g_disk_watch_runs = false;
     return g_disk_watch_runs;
 }
 
 void* RunDiskWatch(void* /*argument*/) {
-    while (GoesOn()) {
+    while (Continues()) {
         for (int slot = 0; slot < TASK_SLOT_COUNT; ++slot) {
             Look look;
-            if (!Begin(slot, look)) continue;
+            if (!Prepare(slot, look)) continue;
             Perform(look);
             Finish(look);
         }

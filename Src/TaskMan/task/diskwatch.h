@@ -1,9 +1,9 @@
 // The disk watch: looks at how far the output file of each download has come, from outside its
-// worker. A worker whose try has received bytes has all its tries again, so that a disk that is
-// full, or a server that breaks off each time, would keep it at work for ever.
+// worker. A try that has received bytes gives a worker all its tries back, so that a full disk, or
+// a server that breaks off every time, would keep it trying for ever.
 //
-// It has a thread of its own: a file system may take its time, and then only this thread waits. So
-// the second sweep of what dead managers have left is its work as well.
+// It has a thread of its own, because a file system may not answer for a long time. For the same
+// reason that thread makes the second sweep of what dead managers have left.
 #pragma once
 
 #include <cstdint>
@@ -19,13 +19,14 @@ struct FileAdvance {
     bool bSpaceChecked = false;    // for the size that was announced
 };
 
-// Takes note of the output file as it is now. Whether its transfer has started over since the last
-// look: that shows in a position that fell, and in something that was written between the two looks
-// without the position having grown.
+// Records the output file as it is at this look. Returns whether its transfer has started over
+// since the last look: the position is lower, or it is the same although something has been
+// written.
 bool NoteFile(FileAdvance& advance, const platform::OpenFile& now);
 
-// Starts and ends the thread. It looks four times a second and asks tasks to stop that lack space
-// or start over too often. EndDiskWatch waits for its end, at most two seconds: false when a file
-// system still holds it; it ends once that answers.
+// Starts and ends the thread, which looks four times a second and asks tasks to stop that lack
+// space or start over too often. StartDiskWatch returns 0 or an error number. EndDiskWatch waits at
+// most two seconds: it returns false when the thread is still blocked in a file system, and the
+// thread ends when that answers.
 int StartDiskWatch();
 bool EndDiskWatch();

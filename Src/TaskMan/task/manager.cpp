@@ -1,4 +1,4 @@
-// The manager: owns the section, adds tasks, stops them, and ends in order.
+// The start and the end of the manager, and what an application asks of it in between.
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,10 +24,11 @@ std::string g_AppDataPath;
 
 namespace {
 
-// The process that has started the manager: a child that is forked later has its memory, too.
+// The process that has started the manager. A child that it forks has this memory, too, but must
+// not end its manager.
 std::atomic<pid_t> g_owner{-1};
 
-// Set when an end of the manager is over.
+// Set when EndTaskManager is done, for an exit() that waits for it on another thread.
 ManagerEvent g_ending_over_event;
 
 bool EveryWatch(bool (*condition)(const Watch& watch)) {
@@ -35,8 +36,9 @@ bool EveryWatch(bool (*condition)(const Watch& watch)) {
     return std::all_of(std::begin(g_Watches), std::end(g_Watches), condition);
 }
 
-// Delivered tasks are out of the map. Its lock is not taken: who has it may wait for a task's. A
-// task may be delivered before its AddTask has returned, which uses the watch to its end.
+// Looks at the watches, not at the map: the holder of the map lock may be waiting for a task's
+// lock. A task can be delivered while AddTask still works on its watch: it counts until that is
+// done.
 bool NoTaskLeft() {
     return EveryWatch([](const Watch& watch) {
         return watch.stage.state == Stage::kFree || (watch.stage.state == Stage::kDelivered &&
@@ -85,8 +87,8 @@ void EndWorkers() {
     }
 }
 
-// Ends the tasks that did not end in time, and frees what all have left. No other thread of the
-// manager runs any more.
+// Delivers a final code for each task that did not end in time, and frees all nodes and watches. No
+// other thread of the manager runs any more.
 void ForgetTasks() {
     for (Watch* watch : UsedWatches()) {
         if (watch->stage.state != Stage::kDelivered) DeliverLast(*watch);
@@ -219,14 +221,14 @@ int EndTaskManager() {
         }
     }
     g_end_event.WaitUntil(Clock::now() + timing::kTasksEnd, NoTaskLeft);
-    // Without tasks the scanner ends by itself, and workers that have reported exit.
+    // With no task left the scanner ends by itself, and workers exit after their final code.
     EndScannerPause();
     g_end_event.WaitUntil(Clock::now() + timing::kQuietEnd, IsQuiet);
     const bool scannerEnded = EndThreads();
     EndWorkers();
     if (!scannerEnded) {
-        // It is stuck in a callback and still uses its nodes and the section, which stay. With
-        // g_Exit it ends once the callback returns.
+        // The scanner is stuck in a callback and still uses its nodes and the section: both stay.
+        // g_Exit stays set, so that it ends when the callback returns.
         for (const Watch* watch : UsedWatches()) sem_unlink(watch->id.c_str());
         RemoveSectionName();
     } else {

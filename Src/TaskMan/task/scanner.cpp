@@ -28,10 +28,12 @@ std::atomic<bool> g_TaskEndTaken[TASK_SLOT_COUNT];
 
 namespace {
 
-// Set when the pause is to end early; a Set during a pass ends the pause behind it.
+// Ends the pause early. One that is set during a pass ends the pause after that pass: what the pass
+// has missed is seen by the next.
 ManagerEvent g_pause_event;
 
-// Where nobody ends the pause, and where workers are to have their time, it is a second.
+// The pause between two passes. Without a supervisor nothing can end it early; and with g_Exit set
+// the passes that remain are the time that workers have to end, so each pause is a full second.
 void Pause() {
     if (!g_supervisor_runs || g_Exit) {
         sleep(1);
@@ -156,8 +158,8 @@ class Scanner {
         }
     }
 
-    // Copies the slot and takes its bits. False when the slot is not the task's: nothing is taken
-    // then, and the next pass looks again.
+    // Copies the slot and clears its bits. Returns false when the slot carries another id: it is
+    // left as it is then, and the next pass looks again.
     bool TakeReports(const Visit& visit, tagTaskContext& live) {
         Threading::AutoLock hold(visit.node->mutexLock);
         CopySlot(&snapshot_, &live);
@@ -195,7 +197,7 @@ class Scanner {
         std::string text;
         if (code == DOWNLOAD_STATE_PARSE_FINISH) text = FieldText(snapshot_.szVideoInfo);
         const auto length = static_cast<std::uint32_t>(text.size());
-        text.append(2, '\0');  // receivers may count on two zero bytes behind the text
+        text.append(2, '\0');  // the text is followed by two zero bytes
         void* param = visit.node->pCallbackParam;
         const TaskStateCallback onState = visit.node->pfnStateCallback;
         const TaskResultCallback onResult = visit.node->pfnResultCallback;
@@ -254,7 +256,7 @@ void* StartScanData(void* /*arg*/) {
     }
     pthread_mutex_lock(&g_ScanThradIsExit_Lock);
     g_ScanThradIsExit = true;
-    // Under the lock: whoever waits for the end may let the process exit behind it.
+    // Under the lock: when it is released, a waiter may end the manager and the process.
     g_end_event.Set();
     WakeSupervisor();
     pthread_mutex_unlock(&g_ScanThradIsExit_Lock);

@@ -47,13 +47,13 @@ enum class Stop {
     kStored,  // the stop word is in the slot
 };
 
-// A state that only goes forward, and since when it is what it is.
+// A state that only advances, and the time since when it holds.
 template <class State>
 struct StateSince {
     State state{};
     Clock::time_point since{};
 
-    // Goes on to `next`. Whether that is forward; nothing changes otherwise.
+    // Enters `next`. Returns false, and changes nothing, when that is not a later state.
     bool Advance(State next, Clock::time_point now) {
         if (next <= state) return false;
         state = next;
