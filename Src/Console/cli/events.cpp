@@ -13,31 +13,29 @@
 #include "TaskMan/manager.h"
 #include "common/AutoLock.h"
 
-WakePipe::WakePipe() : ends_{-1, -1} {
-    if (pipe(ends_) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
-    for (const int end : ends_) {
+WakePipe::WakePipe() {
+    int ends[2];
+    if (pipe(ends) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+    for (const int end : ends) {
         fcntl(end, F_SETFD, FD_CLOEXEC);
         fcntl(end, F_SETFL, O_NONBLOCK);
     }
-}
-
-WakePipe::~WakePipe() {
-    close(ends_[0]);
-    close(ends_[1]);
+    reader_ = Descriptor(ends[0]);
+    writer_ = Descriptor(ends[1]);
 }
 
 void WakePipe::Wake() const {
     const int kept = errno;
     // A full pipe wakes just as well.
-    static_cast<void>(write(ends_[1], "", 1) == 1);
+    static_cast<void>(write(writer_.Get(), "", 1) == 1);
     errno = kept;
 }
 
 void WakePipe::Wait(std::chrono::milliseconds time, int descriptor) const {
-    pollfd news[] = {{ends_[0], POLLIN, 0}, {descriptor, POLLIN, 0}};
+    pollfd news[] = {{reader_.Get(), POLLIN, 0}, {descriptor, POLLIN, 0}};
     poll(news, std::size(news), static_cast<int>(time.count()));
     std::array<char, 64> bytes{};
-    while (read(ends_[0], bytes.data(), bytes.size()) > 0) {
+    while (read(reader_.Get(), bytes.data(), bytes.size()) > 0) {
     }
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Console/cli/outcome.h"
+#include "common/file.h"
 #include "common/mutex.h"
 #include "common/uncopyable.h"
 
@@ -15,7 +16,6 @@
 class WakePipe : private Uncopyable {
   public:
     WakePipe();  // throws std::system_error when no pipe can be made
-    ~WakePipe();
 
     // Ends the present wait, or the next one. Any thread and any signal handler may call.
     void Wake() const;
@@ -25,7 +25,8 @@ class WakePipe : private Uncopyable {
     void Wait(std::chrono::milliseconds time, int descriptor = -1) const;
 
   private:
-    int ends_[2];
+    Descriptor reader_{};
+    Descriptor writer_{};
 };
 
 // Something that happened to a task.

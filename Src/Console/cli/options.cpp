@@ -22,7 +22,7 @@ constexpr const char* kUsage =
     "\n"
     "Verbs:\n"
     "  get    download files, or the videos of pages\n"
-    "  info   tell what the page of a video offers\n"
+    "  info   show what the page of a video offers\n"
     "  top    show what runs, again every second\n"
     "  stop   ask running tasks to stop\n"
     "  clean  remove what killed commands left behind\n";
@@ -67,8 +67,8 @@ constexpr const char* kTopExamples =
     "  watch -n 5 taskman top --once\n"
     "  taskman top --json | jq -r 'select(.state == \"downloading\").id'\n"
     "\n"
-    "Shows what the managers of this user do: on a terminal again every second, until\n"
-    "q is pressed; else one table. Nothing is disturbed by it.\n";
+    "Shows the tasks of this user's managers: on a terminal every second, until q is\n"
+    "pressed; elsewhere once. The managers are not disturbed.\n";
 
 constexpr const char* kTopExits = "Exit status: 0 shown, 1 no such manager, 2 wrong usage.";
 
@@ -77,12 +77,11 @@ constexpr const char* kStopExamples =
     "  taskman stop 000b356b03985b\n"
     "  taskman stop --all\n"
     "\n"
-    "Asks tasks of this user to stop; \"taskman top\" tells their ids. The beginning of\n"
-    "an id is enough when no other task's begins alike. A task stops within seconds.\n";
+    "Asks tasks of this user to stop; \"taskman top\" lists their ids. The beginning of\n"
+    "an id is enough when no other id begins so. A task stops within seconds.\n";
 
 constexpr const char* kStopExits =
-    "Exit status: 0 all were asked, 1 one was not found or not told apart, 2 wrong\n"
-    "usage.";
+    "Exit status: 0 all were asked, 1 an id names no task, or several, 2 wrong usage.";
 
 constexpr const char* kCleanExamples =
     "Examples:\n"
@@ -177,8 +176,8 @@ VerbForm GetForm(Command& command) {
             ProxyRow(get.proxy),
             WorkerRow(get.worker),
             {"--json", "", "events for programs, one JSON object a line", Set(display.json, true)},
-            {"-q,--quiet", "", "tell failures only", Set(display.quiet, true)},
-            {"-v,--verbose", "", "tell what the workers report, too", Set(display.verbose, true)},
+            {"-q,--quiet", "", "report failures only", Set(display.quiet, true)},
+            {"-v,--verbose", "", "show what the workers report, too", Set(display.verbose, true)},
             {"--progress", kForms, "how the progress is shown", Word(display.progress, kForms)},
             {"--color", kColours, "when to use colours", Word(display.colour, kColours)},
         },
@@ -259,11 +258,10 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& 
         return EXIT_STATUS_FINISHED;
     };
     if (word == "-h" || word == "--help") {
-        return print(HelpText(
-            {"[OPTIONS] [SUBCOMMAND]",
-             kUsage,
-             "",
-             {{"--version", "", "Display program version information and exit", nullptr}}}));
+        return print(HelpText({"[OPTIONS] VERB",
+                               kUsage,
+                               "",
+                               {{"--version", "", "Print the version and exit", nullptr}}}));
     }
     if (word == "--version") return print("taskman " TASKMAN_VERSION "\n");
     if (word == "--") {
