@@ -141,7 +141,7 @@ TEST(DisplayForm, ACommandInTheBackgroundDrawsNoBars) {
     shell.Start({"/bin/sh", "-mc", TASKMAN_PATH " get " + server.Url() + " & wait"}, 80);
     EXPECT_EQ(shell.End(), "exit 0");
     EXPECT_TRUE(Has(shell.Err(), "file: finished"));
-    EXPECT_FALSE(Has(shell.Err(), "files done"));
+    EXPECT_FALSE(Has(shell.Err(), " done")) << shell.Err();
 }
 
 TEST(DisplayForm, IsTheOneThatIsWanted) {

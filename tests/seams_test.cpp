@@ -14,6 +14,7 @@
 #include "TaskMan/task/supervisor.h"
 #include "TaskMan/task/throttle.h"
 #include "TaskMan/taskman.h"
+#include "common/AutoLock.h"
 #include "common/fieldtext.h"
 #include "common/file.h"
 #include "common/platform.h"
@@ -25,6 +26,7 @@ static std::string g_synced;  // what the directory held at the time of fsync
 static std::string g_at;      // the directory
 static long g_refused = -1;   // a system call that the kernel does not know
 static uid_t g_user = 0;
+static std::function<void(struct statvfs&)> g_look;  // at a disk
 
 extern "C" int fsync(int) {
     g_synced += NamesIn(g_at);
@@ -45,6 +47,7 @@ extern "C" int statvfs(const char*, struct statvfs* disk) noexcept {
     disk->f_frsize = disk->f_blocks = 1000;
     disk->f_bfree = 100;
     disk->f_bavail = 10;
+    if (g_look) g_look(*disk);
     return 0;
 }
 extern "C" uid_t geteuid() noexcept {
@@ -212,6 +215,25 @@ TEST_F(Supervised, WhatAWorkerHasLeftIsDeliveredByTheEnd) {
         EXPECT_EQ(told, bits == 0 ? DOWNLOAD_STATE_STOPPED : DOWNLOAD_STATE_DOWNLOAD_FINISH);
         EXPECT_EQ(watch_.remark, remark);
     }
+}
+
+TEST_F(Supervised, ALateLookAtADiskDoesNotStopTheNextTask) {
+    for (const bool next : {false, true}) {
+        Renew(Stage::kClaimed);
+        watch_.path = "/no-such-file";
+        g_TaskFileSize[0] = 1e9;
+        std::atomic<int> looks{0};
+        g_look = [&](struct statvfs& disk) {
+            if (looks++ > 0) disk.f_bfree = disk.f_bavail = 1'000'000'000;
+            Threading::AutoLock hold(&g_watch_mutex);
+            if (next) watch_.process = platform::ProcessWatch(getppid());
+        };
+        EXPECT_EQ(StartDiskWatch(), 0);
+        EXPECT_TRUE(WaitUntil([&] { return looks > 0; }));
+        EXPECT_TRUE(EndDiskWatch());
+        EXPECT_EQ(watch_.stop.state, next ? Stop::kNo : Stop::kAsked);
+    }
+    g_look = nullptr;
 }
 
 TEST(Throttle, ThreeFailuresWithinTenSecondsCloseTheManager) {
