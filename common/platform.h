@@ -149,4 +149,20 @@ std::vector<std::string> OwnSemaphoreNames();
 // then, and when it never had them.
 bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset);
 
+// ---- Files that grow to a known size.
+
+// Reserves room on the disk for the first `size` bytes of the file, whose size stays. Returns 0 or
+// an error number: ENOSPC when there is no room, ENOTSUP where it is not possible, or where it costs
+// as much as writing (file systems in memory).
+int ReserveRoom(int descriptor, off_t size);
+
+// Has the system begin to write what the file has in memory, without waiting for it.
+void StartWriting(int descriptor);
+
+// Brings the contents of the file to the disk, not its times. Returns 0 or an error number.
+int SyncData(int descriptor);
+
+// Changes with each start of the machine; empty where the system does not tell.
+std::string BootId();
+
 }  // namespace platform

@@ -1,9 +1,11 @@
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <poll.h>
 #include <sys/auxv.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -297,6 +299,30 @@ std::vector<std::string> OwnSemaphoreNames() {
 bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset) {
     // A mapping would end the process with SIGBUS when the bytes are not there.
     return pread(descriptor, buffer, size, offset) == static_cast<ssize_t>(size);
+}
+
+int ReserveRoom(int descriptor, off_t size) {
+    struct statfs system {};
+    if (fstatfs(descriptor, &system) == 0 &&
+        (system.f_type == TMPFS_MAGIC || system.f_type == RAMFS_MAGIC)) {
+        return ENOTSUP;
+    }
+    return fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size) == 0 ? 0 : errno;
+}
+
+void StartWriting(int descriptor) {
+    sync_file_range(descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
+int SyncData(int descriptor) {
+    return fdatasync(descriptor) == 0 ? 0 : errno;
+}
+
+std::string BootId() {
+    std::ifstream file("/proc/sys/kernel/random/boot_id");
+    std::string id;
+    std::getline(file, id);
+    return id;
 }
 
 }  // namespace platform

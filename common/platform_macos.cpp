@@ -152,4 +152,23 @@ bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offs
     return true;
 }
 
+int ReserveRoom(int descriptor, off_t size) {
+    fstore_t room{F_ALLOCATEALL, F_PEOFPOSMODE, 0, size, 0};
+    struct stat status {};
+    if (fstat(descriptor, &status) == 0) room.fst_length = std::max<off_t>(size - status.st_size, 0);
+    return fcntl(descriptor, F_PREALLOCATE, &room) == 0 ? 0 : errno;
+}
+
+void StartWriting(int /*descriptor*/) {}
+
+int SyncData(int descriptor) {
+    return fcntl(descriptor, F_FULLFSYNC) == 0 ? 0 : errno;
+}
+
+std::string BootId() {
+    char id[64] = "";
+    std::size_t size = sizeof id;
+    return sysctlbyname("kern.bootsessionuuid", id, &size, nullptr, 0) == 0 ? id : "";
+}
+
 }  // namespace platform

@@ -1,0 +1,215 @@
+#include "Tarnwick/engine/answer.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <charconv>
+#include <ctime>
+
+namespace engine {
+namespace {
+
+// A validator is a proof only for a file that had it for a while: servers make ETags of the time in
+// seconds, and dates of files have no fractions at all.
+constexpr std::int64_t kTagAge = 2;
+constexpr std::int64_t kDateAge = 60;
+
+char Lower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool SameWord(std::string_view one, std::string_view other) {
+    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                      [](char a, char b) { return Lower(a) == Lower(b); });
+}
+
+std::string_view Trim(std::string_view text) {
+    constexpr const char* kBlank = " \t\r\n";
+    const std::size_t begin = std::min(text.find_first_not_of(kBlank), text.size());
+    text.remove_prefix(begin);
+    return text.substr(0, text.find_last_not_of(kBlank) + 1);
+}
+
+// Takes a decimal number off the text.
+bool TakeNumber(std::string_view& text, std::uint64_t& number) {
+    const char* end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    text.remove_prefix(static_cast<std::size_t>(rest - text.data()));
+    return error == std::errc();
+}
+
+bool TakeChar(std::string_view& text, char c) {
+    if (!text.starts_with(c)) return false;
+    text.remove_prefix(1);
+    return true;
+}
+
+bool IsStrongTag(std::string_view tag) {
+    return tag.size() > 2 && tag.front() == '"' && tag.back() == '"' &&
+           tag.find('"', 1) == tag.size() - 1;
+}
+
+// Seconds between the modification and the answer; nothing when one of the two is not told.
+std::optional<std::int64_t> Age(const Answer& answer) {
+    const std::time_t modified = curl_getdate(answer.lastModified.c_str(), nullptr);
+    const std::time_t now = curl_getdate(answer.date.c_str(), nullptr);
+    if (modified == -1 || now == -1) return std::nullopt;
+    return std::int64_t{now} - modified;
+}
+
+int HexDigit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    const char lower = Lower(c);
+    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
+// The text behind charset and language of an extended value; empty when it is malformed.
+std::string DecodeExtended(std::string_view value) {
+    const std::size_t first = value.find('\'');
+    const std::size_t second = value.find('\'', first == value.npos ? first : first + 1);
+    if (second == value.npos) return {};
+    const bool latin = SameWord(value.substr(0, first), "ISO-8859-1");
+    if (!latin && !SameWord(value.substr(0, first), "UTF-8")) return {};
+    std::string text;
+    for (std::size_t i = second + 1; i < value.size(); ++i) {
+        int byte = static_cast<unsigned char>(value[i]);
+        if (byte == '%') {
+            if (i + 2 >= value.size()) return {};
+            const int high = HexDigit(value[i + 1]);
+            const int low = HexDigit(value[i + 2]);
+            if (high < 0 || low < 0) return {};
+            byte = high * 16 + low;
+            i += 2;
+        }
+        if (latin && byte >= 0x80) {
+            text += static_cast<char>(0xC0 | byte >> 6);
+            byte = 0x80 | (byte & 0x3F);
+        }
+        text += static_cast<char>(byte);
+    }
+    return text;
+}
+
+// Takes a parameter's value, a token or a quoted text, off the list.
+std::string TakeValue(std::string_view& list) {
+    std::string value;
+    if (!TakeChar(list, '"')) {
+        const std::size_t end = std::min(list.find(';'), list.size());
+        value = Trim(list.substr(0, end));
+        list.remove_prefix(end);
+        return value;
+    }
+    while (!list.empty() && list.front() != '"') {
+        if (list.front() == '\\' && list.size() > 1) list.remove_prefix(1);
+        value += list.front();
+        list.remove_prefix(1);
+    }
+    list.remove_prefix(std::min(list.find(';'), list.size()));
+    return value;
+}
+
+}  // namespace
+
+std::optional<ContentRange> ParseContentRange(std::string_view value) {
+    constexpr std::string_view kUnit = "bytes";
+    if (value.size() <= kUnit.size() || !SameWord(value.substr(0, kUnit.size()), kUnit)) return {};
+    value.remove_prefix(kUnit.size());
+    if (!TakeChar(value, ' ')) return {};
+    value = Trim(value);
+    ContentRange found;
+    Range range;
+    const bool unsatisfied = TakeChar(value, '*');
+    if (!unsatisfied) {
+        if (!TakeNumber(value, range.begin) || !TakeChar(value, '-') ||
+            !TakeNumber(value, range.end) || range.end < range.begin || range.end + 1 >= kUnknown) {
+            return {};
+        }
+        ++range.end;
+        found.range = range;
+    }
+    if (!TakeChar(value, '/')) return {};
+    if (!TakeChar(value, '*') && !TakeNumber(value, found.size)) return {};
+    if (!value.empty() || range.end > found.size) return {};
+    if (unsatisfied && found.size == kUnknown) return {};
+    return found;
+}
+
+std::string DispositionName(std::string_view value) {
+    std::string name;
+    value.remove_prefix(std::min(value.find(';'), value.size()));
+    while (TakeChar(value, ';')) {
+        const std::size_t sign = value.find('=');
+        if (sign == value.npos) break;
+        const std::string_view key = Trim(value.substr(0, sign));
+        value = value.substr(sign + 1);
+        value.remove_prefix(std::min(value.find_first_not_of(" \t"), value.size()));
+        const std::string text = TakeValue(value);
+        if (SameWord(key, "filename*")) {
+            if (std::string extended = DecodeExtended(text); !extended.empty()) return extended;
+        } else if (SameWord(key, "filename") && name.empty()) {
+            name = text;
+        }
+    }
+    return name;
+}
+
+void Answer::AddLine(std::string_view line) {
+    if (line.starts_with("HTTP/")) {
+        *this = {};
+        const std::size_t blank = std::min(line.find(' '), line.size());
+        std::string_view code = Trim(line.substr(blank));
+        std::uint64_t number = 0;
+        if (TakeNumber(code, number) && number < 1000) status = static_cast<int>(number);
+        return;
+    }
+    const std::size_t colon = line.find(':');
+    if (colon == line.npos) return;
+    const std::string_view name = line.substr(0, colon);
+    const struct {
+        std::string_view name;
+        std::string& field;
+    } headers[] = {{"etag", etag},
+                   {"last-modified", lastModified},
+                   {"date", date},
+                   {"content-range", contentRange},
+                   {"content-type", contentType},
+                   {"content-encoding", contentEncoding},
+                   {"content-disposition", contentDisposition},
+                   {"retry-after", retryAfter},
+                   {"location", location}};
+    for (const auto& header : headers) {
+        if (SameWord(name, header.name) && header.field.empty()) {
+            header.field = Trim(line.substr(colon + 1));
+        }
+    }
+}
+
+std::string ValidatorOf(const Answer& answer) {
+    const std::optional<std::int64_t> age = Age(answer);
+    if (!answer.etag.empty()) {
+        return IsStrongTag(answer.etag) && age.value_or(kTagAge) >= kTagAge ? answer.etag : "";
+    }
+    return age.value_or(0) >= kDateAge ? answer.lastModified : "";
+}
+
+bool FitsValidator(const Answer& answer, const std::string& validator) {
+    const std::string& own = validator.starts_with('"') ? answer.etag : answer.lastModified;
+    return own.empty() || validator.empty() || own == validator;
+}
+
+bool IsEncoded(const Answer& answer) {
+    return !answer.contentEncoding.empty() && !SameWord(answer.contentEncoding, "identity");
+}
+
+int RetryAfter(const Answer& answer) {
+    std::string_view text = answer.retryAfter;
+    std::uint64_t seconds = 0;
+    if (!TakeNumber(text, seconds) || !text.empty()) {
+        const std::time_t until = curl_getdate(answer.retryAfter.c_str(), nullptr);
+        const std::time_t now = std::time(nullptr);
+        seconds = until > now ? static_cast<std::uint64_t>(until - now) : 0;
+    }
+    return static_cast<int>(std::min<std::uint64_t>(seconds, std::numeric_limits<int>::max()));
+}
+
+}  // namespace engine

@@ -1,0 +1,340 @@
+#include "Tarnwick/engine/course.h"
+
+#include <locale.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "Tarnwick/transfer.h"
+
+namespace engine {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint64_t kFirstRange = 1024 * 1024;  // of several connections: ends by itself
+constexpr std::size_t kGather = 256 * 1024;
+constexpr std::size_t kGatherOfSeveral = 64 * 1024;
+constexpr long kReceive = 512L * 1024;
+constexpr long kReceiveOfSeveral = 128L * 1024;
+constexpr auto kTick = 1s;
+constexpr auto kLongestPoll = 100ms;
+constexpr long kConnectSeconds = 10;
+// A connection that was just asked has the rate of the others until it has been silent for longer.
+constexpr auto kTrust = 2s;
+constexpr auto kStealEvery = 50ms;
+
+// libcurl turns the characters of a host's name into those of the net by way of the thread's
+// locale: in the locale "C" it refuses all beyond ASCII.
+class Utf8Names : private Uncopyable {
+  public:
+    Utf8Names() : locale_(newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr))) {
+        if (locale_ != nullptr) before_ = uselocale(locale_);
+    }
+    ~Utf8Names() {
+        if (locale_ == nullptr) return;
+        uselocale(before_);
+        freelocale(locale_);
+    }
+
+  private:
+    locale_t locale_;
+    locale_t before_{};
+};
+
+bool Passed(Clock::time_point since, int seconds, Clock::time_point now) {
+    return seconds > 0 && now - since >= std::chrono::seconds(seconds);
+}
+
+}  // namespace
+
+Result Fetch(const Task& task, Watcher& watcher) {
+    const Utf8Names names;
+    return Course(task, watcher).Run();
+}
+
+Course::Course(const Task& task, Watcher& watcher)
+    : task_(task),
+      watcher_(watcher),
+      file_(task.path, task.keeps),
+      multi_(curl_multi_init()),
+      shared_{multi_,
+              blocks_,
+              file_,
+              [this](CURL* curl) { Prepare(curl); },
+              [this](Connection& connection) { return OnAnswer(connection); },
+              task.connections > 1 ? kGatherOfSeveral : kGather},
+      random_(static_cast<unsigned>(getpid()) ^
+              static_cast<unsigned>(Clock::now().time_since_epoch().count())),
+      ceiling_(std::clamp(task.connections, 1, 10)) {}
+
+Course::~Course() {
+    connections_.clear();
+    curl_multi_cleanup(multi_);
+}
+
+Result Course::Run() {
+    Open();
+    while (!over_) {
+        if (watcher_.EndAsked()) {
+            GiveUp(TaskReason::kStopped, "stopped");
+            result_.end = End::kStopped;
+            break;
+        }
+        GiveWork();
+        int running = 0;
+        curl_multi_perform(multi_, &running);
+        const bool ended = HandleEnds();
+        LookAtClocks();
+        if (!over_ && Clock::now() >= next_tick_) Tick();
+        Report();
+        // New work must not wait for what is under way.
+        if (!over_ && !ended) Poll();
+    }
+    return Conclude();
+}
+
+void Course::Open() {
+    next_tick_ = Clock::now() + kTick;
+    if (multi_ == nullptr) return GiveUp(TaskReason::kLocal, "out of memory");
+    if (MaybeFault fault = file_.Open([this] { return !watcher_.EndAsked(); })) {
+        return GiveUp(*fault);
+    }
+    const PartRecord* found = file_.Found();
+    if (found == nullptr) {
+        result_.answer.strMessage = file_.Disregarded();
+        return;
+    }
+    const bool sameDigest = found->sha256 == task_.sha256;
+    if (found->validator.empty() ? !sameDigest || task_.sha256.empty()
+                                 : !sameDigest && !found->sha256.empty() && !task_.sha256.empty()) {
+        result_.answer.strMessage = "the partial file is of a file with another digest";
+        return;
+    }
+    known_ = {true, found->size, found->validator};
+    blocks_ = Blocks(found->size, found->have);
+    begun_ = true;
+    result_.answer.uHad = best_ = blocks_.Done();
+    if (!blocks_.Complete()) return;
+    // The last byte is fetched again: whether the file is still the same can only be asked with
+    // one.
+    blocks_ = Blocks(found->size, found->size > 1 ? std::vector<Range>{{0, found->size - 1}}
+                                                  : std::vector<Range>{});
+}
+
+void Course::Prepare(CURL* curl) const {
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_QUICK_EXIT, 1L);
+    curl_easy_setopt(curl, CURLOPT_PROXY, "");  // none of the environment's
+    curl_easy_setopt(curl, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+    FollowRedirects(curl);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+    curl_easy_setopt(curl, CURLOPT_USERAGENT, task_.userAgent.c_str());
+    const bool several = task_.connections > 1;
+    curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, several ? kReceiveOfSeveral : kReceive);
+    // With HTTP/2 all ranges would share one connection.
+    if (several) curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
+    if (task_.prepare) task_.prepare(curl);
+}
+
+void Course::GiveWork() {
+    if (Clock::now() < rest_until_) return;
+    if (round_judged_) {
+        GiveFurtherWork();
+    } else if (BusyCount() == 0) {
+        BeginRound();
+    }
+}
+
+void Course::BeginRound() {
+    Connection* connection = connections_.empty() ? NewConnection() : connections_.front().get();
+    if (connection == nullptr) return GiveUp(TaskReason::kLocal, "out of memory");
+    const bool several = ceiling_ > 1 && ranges_;
+    bool asked = false;
+    if (known_.any && CanContinue()) {
+        const auto range = blocks_.Take(connection->Id(), several ? kFirstRange : kUnknown);
+        asked = range && AskFor(*connection, *range);
+    } else {
+        known_ = {};
+        Request request{use_final_ ? final_url_ : task_.url};
+        // What is there counts for nothing, but stays until the answer has come.
+        if (several) request.asked.range = Range{0, kFirstRange};
+        asked = Ask(*connection, std::move(request));
+    }
+    if (!asked) GiveUp(TaskReason::kLocal, "out of memory");
+}
+
+void Course::GiveFurtherWork() {
+    const Clock::time_point now = Clock::now();
+    bool waiting = false;  // for an answer
+    for (const auto& connection : connections_) {
+        waiting = waiting || (connection->Busy() && !connection->IsJudged());
+        if (connection->Busy() || now < connection->rest_until || BusyCount() >= ceiling_) continue;
+        const auto range = MoreFor(connection->Id(), kLeastSteal);
+        if (range && !AskFor(*connection, *range))
+            return GiveUp(TaskReason::kLocal, "out of memory");
+    }
+    // Also with one that is resting: its place is taken by no other.
+    if (waiting || over_ || static_cast<int>(connections_.size()) >= ceiling_) return;
+    const int id = static_cast<int>(connections_.size());
+    const auto range = MoreFor(id, kLeastBlock);
+    if (!range) return;
+    Connection* connection = NewConnection();
+    if (connection == nullptr || !AskFor(*connection, *range)) ceiling_ = std::max(BusyCount(), 1);
+}
+
+// A free block, or, where several connections may be at work, a part of another one's.
+std::optional<Range> Course::MoreFor(int id, std::uint64_t least) {
+    if (id > 0 && !CanContinue()) return std::nullopt;
+    const std::uint64_t smallest = least == kLeastBlock ? kLeastBlock : 1;
+    if (auto range = blocks_.Take(id, kUnknown, smallest)) return range;
+    const Clock::time_point now = Clock::now();
+    if (BusyCount() == 0 || !CanContinue() || now < next_steal_) return std::nullopt;
+    std::vector<double> rates(std::max<std::size_t>(connections_.size(), id + 1), 0.0);
+    double sum = 0.0;
+    for (const auto& connection : connections_) {
+        rates[connection->Id()] = connection->BytesPerSecond(now);
+        if (connection->Busy()) sum += rates[connection->Id()];
+    }
+    const double mean = sum / BusyCount();
+    for (const auto& connection : connections_) {
+        const bool young = connection->Got() == 0 && now - connection->AskedAt() < kTrust;
+        double& rate = rates[connection->Id()];
+        if (rate == 0.0 && (young || !connection->Busy())) rate = mean;
+    }
+    if (id == static_cast<int>(connections_.size())) rates[id] = mean;
+    const auto stolen = blocks_.Steal(id, rates, least);
+    if (!stolen) next_steal_ = now + kStealEvery;
+    return stolen;
+}
+
+bool Course::Ask(Connection& connection, Request request) {
+    if (!connection.Ask(std::move(request))) return false;
+    tagTaskAnswer& told = result_.answer;
+    ++told.nRequests;
+    told.nConnections = std::max(told.nConnections, BusyCount());
+    return true;
+}
+
+bool Course::AskFor(Connection& connection, const Range& range) {
+    Request request{use_final_ || round_judged_ ? final_url_ : task_.url};
+    if (request.url.empty()) request.url = task_.url;
+    request.asked = {range, BusyCount() > 0};
+    request.ifRange = known_.validator;
+    if (Ask(connection, std::move(request))) return true;
+    blocks_.Release(connection.Id());
+    return false;
+}
+
+Connection* Course::NewConnection() {
+    const int id = static_cast<int>(connections_.size());
+    connections_.push_back(std::make_unique<Connection>(id, shared_));
+    return connections_.back()->Handle() == nullptr ? nullptr : connections_.back().get();
+}
+
+// True when a request has ended.
+bool Course::HandleEnds() {
+    bool any = false;
+    int left = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+        if (message->msg != CURLMSG_DONE) continue;
+        char* self = nullptr;
+        curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &self);
+        const CURLcode code = message->data.result;
+        if (!over_) OnEnd(*reinterpret_cast<Connection*>(self), code);
+        any = true;
+    }
+    for (const auto& connection : connections_) {
+        if (!connection->Busy() || over_) continue;
+        if (connection->Dropped()) {
+            connection->End();
+            any = true;
+            continue;
+        }
+        // The rest of the answer belongs to somebody else.
+        const Range left_to_do = blocks_.Left(connection->Id());
+        const std::optional<Range>& asked = connection->Current().asked.range;
+        if (connection->IsJudged() && IsGood(connection->JudgeLate().verdict) && asked &&
+            left_to_do.Size() == 0 && left_to_do.begin < std::min(asked->end, known_.size)) {
+            OnGood(*connection, CURLE_OK);
+            any = true;
+        }
+    }
+    return any;
+}
+
+void Course::LookAtClocks() {
+    const Clock::time_point now = Clock::now();
+    for (const auto& connection : connections_) {
+        if (over_ || !connection->Busy()) continue;
+        Judgement judged{Verdict::kAgain};
+        if (!connection->IsJudged() && Passed(connection->AskedAt(), task_.answerSeconds, now)) {
+            judged.reason = TaskReason::kTimeout;
+            judged.message = "no answer within " + std::to_string(task_.answerSeconds) + " seconds";
+        } else if (connection->IsJudged() &&
+                   Passed(connection->ActiveAt(), task_.stallSeconds, now)) {
+            judged.reason = TaskReason::kStalled;
+            judged.message = "no byte for " + std::to_string(task_.stallSeconds) + " seconds";
+        } else {
+            continue;
+        }
+        OnFailure(*connection, judged);
+    }
+}
+
+void Course::Tick() {
+    next_tick_ = Clock::now() + kTick;
+    FlushAll();
+    if (over_) return;
+    // While the first answer of a new beginning is waited for, the map is that of before.
+    if (MaybeFault fault = file_.Tick(blocks_.Have())) GiveUp(*fault);
+}
+
+void Course::FlushAll() {
+    for (const auto& connection : connections_) {
+        if (MaybeFault fault = connection->Flush()) return GiveUp(*fault);
+    }
+}
+
+void Course::Poll() {
+    const Clock::time_point now = Clock::now();
+    Clock::duration wait = std::min<Clock::duration>(kLongestPoll, next_tick_ - now);
+    if (rest_until_ > now) wait = std::min(wait, rest_until_ - now);
+    const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
+    curl_multi_poll(multi_, nullptr, 0, static_cast<int>(std::max<long>(milliseconds, 1)), nullptr);
+}
+
+void Course::Report() {
+    if (known_.any) watcher_.Progress(blocks_.Done(), known_.size, Received());
+}
+
+Result Course::Conclude() {
+    if (result_.end != End::kFinished) {
+        for (const auto& connection : connections_) {
+            if (!connection->Dropped()) static_cast<void>(connection->Flush());
+        }
+        if (begun_) file_.Leave(blocks_.Have());
+    }
+    result_.answer.uReceived = Received();
+    for (const auto& connection : connections_) connection->End();
+    return result_;
+}
+
+int Course::BusyCount() const {
+    return static_cast<int>(
+        std::count_if(connections_.begin(), connections_.end(),
+                      [](const auto& each) { return each->Busy() && !each->Dropped(); }));
+}
+
+bool Course::CanContinue() const {
+    return ranges_ && (!known_.validator.empty() || !task_.sha256.empty());
+}
+
+std::uint64_t Course::Received() const {
+    std::uint64_t received = 0;
+    for (const auto& connection : connections_) received += connection->Received();
+    return received;
+}
+
+}  // namespace engine

@@ -1,0 +1,100 @@
+// The course of one transfer: what transfer.h promises. Sources: course.cpp gives out work and
+// keeps the time, courseends.cpp says what follows an answer or the end of a request.
+//
+// Its life is a row of rounds. A round begins with one request; once that has been judged good,
+// further connections may be asked as well. When the last one has failed, the next round begins
+// after a pause.
+#pragma once
+
+#include <list>
+#include <memory>
+#include <optional>
+#include <random>
+#include <vector>
+
+#include "Tarnwick/engine/connection.h"
+#include "Tarnwick/engine/transfer.h"
+
+namespace engine {
+
+class Course : private Uncopyable {
+  public:
+    Course(const Task& task, Watcher& watcher);
+    ~Course();
+
+    Result Run();
+
+  private:
+    // ---- course.cpp
+    void Open();
+    void Prepare(CURL* curl) const;
+    void GiveWork();
+    void BeginRound();
+    void GiveFurtherWork();
+    bool Ask(Connection& connection, Request request);
+    bool AskFor(Connection& connection, const Range& range);
+    Connection* NewConnection();
+    std::optional<Range> MoreFor(int id, std::uint64_t least);
+    bool HandleEnds();
+    void LookAtClocks();
+    void Tick();
+    void FlushAll();
+    void Poll();
+    void Report();
+    Result Conclude();
+
+    // ---- courseends.cpp
+    Judgement OnAnswer(Connection& connection);
+    Judgement BeginAnew(Connection& connection, const Answer& answer, std::uint64_t size);
+    Judgement GoOn(Connection& connection, const Judgement& judged);
+    MaybeFault Describe();
+    void OnEnd(Connection& connection, CURLcode code);
+    void OnGood(Connection& connection, CURLcode code);
+    void OnFailure(Connection& connection, const Judgement& judged);
+    void FailRound(const Judgement& judged, bool gotBytes);
+    void StartOver();
+    void Retire(Connection& connection);
+    void GiveUp(const Fault& fault);
+    void GiveUp(TaskReason reason, const std::string& message);
+    void NoteGain();
+    void NoteAnswer(const Connection& connection);
+
+    int BusyCount() const;
+    // Whether bytes that were fetched before may be completed by others.
+    bool CanContinue() const;
+    std::uint64_t Received() const;
+    Clock::duration Pause(const Judgement& judged);
+
+    const Task& task_;
+    Watcher& watcher_;
+    PartFile file_;
+    Blocks blocks_;
+    CURLM* const multi_;
+    Connection::Shared shared_;
+    std::vector<std::unique_ptr<Connection>> connections_{};  // by id
+    std::minstd_rand random_;
+
+    Known known_{};
+    std::string final_url_{};  // of the last good answer
+    bool use_final_ = false;   // ask there rather than at the task's address
+    bool ranges_ = true;       // the server may know ranges
+    bool round_judged_ = false;
+    bool begun_ = false;  // something of this run, or of one before, is in the file
+    bool over_ = false;
+    int ceiling_;             // most connections
+    int started_over_ = 0;    // because the file had changed
+    int failures_ = 0;        // tries in a row that brought nothing new
+    std::uint64_t best_ = 0;  // most bytes that were there at the end of a try
+    Clock::time_point rest_until_{};
+    Clock::time_point next_tick_{};
+    Clock::time_point next_steal_{};
+
+    // What a further connection has brought: the speed since the last one was added.
+    Clock::time_point gain_since_{};
+    std::uint64_t gain_from_ = 0;
+    double gain_rate_ = 0.0;
+
+    Result result_{};
+};
+
+}  // namespace engine

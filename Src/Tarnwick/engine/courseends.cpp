@@ -1,0 +1,276 @@
+#include <algorithm>
+
+#include "Tarnwick/engine/course.h"
+
+namespace engine {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Pauses after the first, second, ... try in a row that brought nothing, in seconds.
+constexpr double kPauses[] = {0.3, 1, 3, 10, 30, 100, 300};
+constexpr Clock::duration kRest = 300ms;   // of one connection, while others go on
+constexpr Clock::duration kLongRest = 5s;  // the same when nothing has come on it
+// A file that changes more often is not followed.
+constexpr int kMostChanges = 1;
+// Less than this factor a further connection has to bring, or it was the last; and the shortest
+// time that says something about it.
+constexpr double kLeastGain = 1.05;
+constexpr double kGainSeconds = 0.3;
+
+}  // namespace
+
+// Called within curl_multi_perform: no request can begin or end here.
+Judgement Course::OnAnswer(Connection& connection) {
+    if (over_) return {};
+    const Answer& answer = connection.Last();
+    Judgement judged = JudgeAnswer(answer, connection.Current().asked, known_);
+    switch (judged.verdict) {
+        case Verdict::kChanged:
+            if (++started_over_ > kMostChanges) {
+                judged.verdict = Verdict::kFinal;
+                return judged;
+            }
+            best_ = 0;
+            [[fallthrough]];
+        case Verdict::kNoRanges:
+        case Verdict::kWhole:
+            if (connection.Current().asked.range) {
+                ceiling_ = 1;
+                if (judged.verdict != Verdict::kChanged) ranges_ = false;
+            }
+            NoteAnswer(connection);
+            return BeginAnew(connection, answer, answer.length);
+        case Verdict::kPart:
+            return GoOn(connection, judged);
+        default:
+            return judged;
+    }
+}
+
+// The body is the file from byte 0 on, whatever was there before; the other connections end.
+Judgement Course::BeginAnew(Connection& connection, const Answer& answer, std::uint64_t size) {
+    for (const auto& other : connections_) {
+        if (other.get() != &connection && other->Busy()) other->Drop();
+    }
+    const bool partly = connection.Current().asked.range && answer.status == 206;
+    known_ = {true, size, IsEncoded(answer) ? "" : ValidatorOf(answer)};
+    result_.answer.uHad = 0;
+    MaybeFault fault = file_.Restart();
+    blocks_ = Blocks(size);
+    blocks_.Take(connection.Id(), partly ? connection.Current().asked.range->end : kUnknown);
+    if (partly) blocks_.Share(static_cast<std::uint64_t>(ceiling_));
+    if (!fault) fault = Describe();
+    if (fault) {
+        GiveUp(*fault);
+        return {};
+    }
+    round_judged_ = begun_ = true;
+    watcher_.Known(size, result_.answer);
+    return {answer.status == 206 ? Verdict::kPart : Verdict::kWhole};
+}
+
+// The part is what was asked for.
+Judgement Course::GoOn(Connection& connection, const Judgement& judged) {
+    const Answer& answer = connection.Last();
+    if (!known_.any) {
+        const std::uint64_t size = ParseContentRange(answer.contentRange)->size;
+        known_.validator = ValidatorOf(answer);
+        // Parts of a file are only put together when something proves that they are of the same
+        // one.
+        if (!CanContinue() && size > connection.Current().asked.range->end) {
+            return {Verdict::kUnfit, TaskReason::kProtocol, "nothing tells one file from another"};
+        }
+        NoteAnswer(connection);
+        return BeginAnew(connection, answer, size);
+    }
+    if (!round_judged_) {
+        NoteAnswer(connection);
+        blocks_.Share(static_cast<std::uint64_t>(ceiling_));
+        if (MaybeFault fault = Describe()) {
+            GiveUp(*fault);
+            return {};
+        }
+        watcher_.Known(known_.size, result_.answer);
+    }
+    round_judged_ = true;
+    if (connection.Current().asked.additional) NoteGain();
+    return judged;
+}
+
+MaybeFault Course::Describe() {
+    if (known_.size == kUnknown || known_.size == 0) return std::nullopt;
+    PartRecord about;
+    if (file_.Found() != nullptr) about = *file_.Found();
+    about.size = known_.size;
+    // Where the server knows no ranges nothing can be continued: no record.
+    about.validator = ranges_ ? known_.validator : "";
+    about.sha256 = ranges_ ? task_.sha256 : "";
+    about.address = final_url_;
+    return file_.Describe(about, known_.size - blocks_.Done());
+}
+
+void Course::NoteAnswer(const Connection& connection) {
+    const Answer& answer = connection.Last();
+    final_url_ = connection.FinalUrl();
+    tagTaskAnswer& told = result_.answer;
+    told.nStatus = answer.status;
+    told.strFinalUrl = final_url_;
+    told.strETag = answer.etag;
+    told.strLastModified = answer.lastModified;
+    told.strFileName = DispositionName(answer.contentDisposition);
+    gain_since_ = Clock::now();
+    gain_from_ = Received();
+    gain_rate_ = 0.0;
+}
+
+// Whether the connection that was added last but one has brought anything; if not, there will be no
+// more. Where answers come at once there is no time to tell.
+void Course::NoteGain() {
+    const Clock::time_point now = Clock::now();
+    const double seconds = std::chrono::duration<double>(now - gain_since_).count();
+    if (seconds < kGainSeconds) return;
+    const double rate = static_cast<double>(Received() - gain_from_) / seconds;
+    if (gain_rate_ > 0.0 && rate < gain_rate_ * kLeastGain) ceiling_ = BusyCount();
+    gain_rate_ = rate;
+    gain_since_ = now;
+    gain_from_ = Received();
+}
+
+void Course::OnEnd(Connection& connection, CURLcode code) {
+    long redirects = 0;
+    curl_easy_getinfo(connection.Handle(), CURLINFO_REDIRECT_COUNT, &redirects);
+    result_.answer.nRequests += static_cast<std::int32_t>(redirects);
+    if (connection.Dropped()) return connection.End();
+    if (connection.WriteFault()) return GiveUp(*connection.WriteFault());
+    const Answer& answer = connection.Last();
+    const bool answered = connection.IsJudged() || (code == CURLE_OK && answer.status != 0);
+    if (answered) {
+        const Judgement& judged = connection.JudgeLate();
+        if (over_) return;
+        if (IsGood(judged.verdict)) return OnGood(connection, code);
+        if (answer.status != 0) result_.answer.nStatus = answer.status;
+        return OnFailure(connection, judged);
+    }
+    OnFailure(connection, JudgeError(code, connection.Message(), answer, task_.proxied));
+}
+
+// The body was of use, as far as it came.
+void Course::OnGood(Connection& connection, CURLcode code) {
+    const int id = connection.Id();
+    if (MaybeFault fault = connection.Flush()) return GiveUp(*fault);
+    const bool unknown = known_.size == kUnknown;
+    if (code == CURLE_OK && unknown) {
+        blocks_.End();
+        known_.size = blocks_.Size();
+    }
+    if (blocks_.Left(id).Size() > 0) {
+        return OnFailure(connection, code == CURLE_OK
+                                         ? Judgement{Verdict::kAgain, TaskReason::kBrokenOff,
+                                                     "the answer ended too early"}
+                                         : JudgeError(code, connection.Message(), {}, false));
+    }
+    connection.End();
+    blocks_.Release(id);
+    if (!blocks_.Complete()) return;
+    FlushAll();
+    if (over_) return;
+    Report();
+    if (MaybeFault fault = file_.Finish(blocks_.Have(), blocks_.Size())) return GiveUp(*fault);
+    result_.end = End::kFinished;
+    result_.answer.Reason = TaskReason::kNone;
+    result_.answer.strMessage.clear();
+    over_ = true;
+}
+
+void Course::OnFailure(Connection& connection, const Judgement& judged) {
+    if (MaybeFault fault = connection.Flush()) return GiveUp(*fault);
+    const std::uint64_t got = connection.Got();
+    const bool atFinal = connection.Current().url != task_.url;
+    connection.End();
+    blocks_.Release(connection.Id());
+    const bool others = BusyCount() > 0;
+    switch (judged.verdict) {
+        case Verdict::kStale:
+            if (++started_over_ > kMostChanges) return GiveUp(judged.reason, judged.message);
+            best_ = 0;
+            return StartOver();
+        case Verdict::kUnfit:
+            ranges_ = false;
+            return StartOver();
+        case Verdict::kAgain:
+            if (!others) return FailRound(judged, got > 0);
+            connection.rest_until = Clock::now() + (got > 0 ? kRest : kLongRest);
+            return;
+        case Verdict::kRefused:
+            if (others) return Retire(connection);
+            // It has become the only one: asked so, it is judged in full.
+            connection.rest_until = Clock::now() + kRest;
+            return;
+        default:
+            if (others) return Retire(connection);
+            // An address that a redirect has led to may have expired.
+            if (atFinal && judged.reason == TaskReason::kHttpStatus) {
+                return FailRound(judged, false);
+            }
+            result_.answer.nRetryAfter = judged.pause;
+            GiveUp(judged.reason, judged.message);
+    }
+}
+
+// The last connection has failed.
+void Course::FailRound(const Judgement& judged, bool gotBytes) {
+    ++result_.answer.nTries;
+    const std::uint64_t there = blocks_.Done();
+    if (there > best_) {
+        best_ = there;
+        failures_ = 0;
+    } else if (++failures_ >= task_.tries) {
+        result_.answer.nRetryAfter = judged.pause;
+        return GiveUp(judged.reason, judged.message);
+    }
+    round_judged_ = false;
+    use_final_ = gotBytes && !final_url_.empty();
+    rest_until_ = Clock::now() + Pause(judged);
+}
+
+Clock::duration Course::Pause(const Judgement& judged) {
+    const auto step = static_cast<std::size_t>(std::max(failures_ - 1, 0));
+    double seconds = std::min<double>(kPauses[std::min(step, std::size(kPauses) - 1)],
+                                      static_cast<double>(task_.waitSeconds));
+    // So that many clients of a server that was away do not come back at once.
+    seconds *= std::uniform_real_distribution(0.75, 1.25)(random_);
+    seconds = std::max(seconds, static_cast<double>(std::min(judged.pause, kLongestRetryAfter)));
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+// What is there is of no use: the whole file is asked for, with one connection and without a range.
+void Course::StartOver() {
+    for (const auto& connection : connections_) {
+        connection->End();
+        blocks_.Release(connection->Id());
+    }
+    known_ = {};
+    ceiling_ = 1;
+    round_judged_ = use_final_ = false;
+}
+
+// The server bears fewer connections. The others see to what this one has left.
+void Course::Retire(Connection& connection) {
+    ceiling_ = std::max(BusyCount(), 1);
+    connection.rest_until = Clock::time_point::max();
+}
+
+void Course::GiveUp(const Fault& fault) {
+    result_.answer.nErrno = fault.number;
+    GiveUp(fault.reason, fault.message);
+}
+
+void Course::GiveUp(TaskReason reason, const std::string& message) {
+    over_ = true;
+    result_.end = End::kFailed;
+    result_.answer.Reason = reason;
+    result_.answer.strMessage = message;
+}
+
+}  // namespace engine

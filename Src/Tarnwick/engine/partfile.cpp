@@ -1,0 +1,290 @@
+#include "Tarnwick/engine/partfile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <thread>
+#include <utility>
+
+#include "common/platform.h"
+
+namespace engine {
+namespace {
+
+using namespace std::chrono_literals;
+
+// What other writers of the file system are left.
+constexpr std::uint64_t kReserve = 64 * 1024 * 1024;
+constexpr std::uint64_t kPushed = 8 * 1024 * 1024;
+// A transfer that is over sooner than this does not begin to write early: that would cost it time.
+constexpr auto kPushFrom = 2s;
+constexpr auto kSyncEvery = 5s;
+constexpr auto kWriterPatience = 3s;
+// A writer elsewhere lives as long as its record is younger than this, in seconds.
+constexpr std::int64_t kWriterAge = 30;
+
+// A descriptor for the length of a scope.
+class Descriptor : private Uncopyable {
+  public:
+    explicit Descriptor(int number) : number_(number) {}
+    ~Descriptor() {
+        if (number_ != -1) close(number_);
+    }
+    int Get() const { return number_; }
+    int Release() { return std::exchange(number_, -1); }
+
+  private:
+    int number_;
+};
+
+bool WriteAll(int file, const char* bytes, std::size_t size, std::uint64_t offset) {
+    while (size > 0) {
+        const ssize_t written = pwrite(file, bytes, size, static_cast<off_t>(offset));
+        if (written == -1 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        bytes += written;
+        size -= static_cast<std::size_t>(written);
+        offset += static_cast<std::uint64_t>(written);
+    }
+    return true;
+}
+
+std::int64_t Started(pid_t pid) {
+    const double age = platform::ProcessAge(pid);
+    return age < 0 ? 0
+                   : static_cast<std::int64_t>(std::time(nullptr)) - static_cast<std::int64_t>(age);
+}
+
+// Whether the process that is called so in a record is one that lives.
+bool Lives(const PartWriter& writer) {
+    const std::int64_t started = Started(writer.pid);
+    constexpr std::int64_t kRounding = 2;
+    return started != 0 && std::abs(started - writer.started) <= kRounding;
+}
+
+std::string Megabytes(std::uint64_t bytes) {
+    return std::to_string((bytes + 999'999) / 1'000'000) + " MB";
+}
+
+}  // namespace
+
+PartWriter ThisWriter() {
+    char host[256] = "";
+    gethostname(host, sizeof host - 1);
+    return {host, platform::BootId(), getpid(), Started(getpid())};
+}
+
+PartFile::PartFile(const std::string& path, bool keeps)
+    : path_(path), info_(path + PART_RECORD_ENDING), keeps_(keeps) {}
+
+PartFile::~PartFile() {
+    if (record_file_ != -1) close(record_file_);
+    if (file_ != -1) close(file_);
+}
+
+Fault PartFile::LocalFault(const char* what, int number) const {
+    const bool full = number == ENOSPC || number == EDQUOT;
+    return {full ? TaskReason::kNoSpace : TaskReason::kLocal, number,
+            std::string(what) + " " + path_ + ": " + std::strerror(number)};
+}
+
+MaybeFault PartFile::Open(const std::function<bool()>& patient) {
+    if (MaybeFault fault = OpenFile()) return fault;
+    started_ = synced_ = Clock::now();
+    PartRecord record;
+    bool sound = ReadPartRecord(path_, record);
+    if (record.size != 0) {
+        if (MaybeFault fault = WaitForWriter(record.writer, record.time, patient)) return fault;
+        // It may have written something at last.
+        sound = ReadPartRecord(path_, record);
+    }
+    if (!sound) disregarded_ = "the record of the partial file is damaged";
+    if (!keeps_ || record.size == 0) return std::nullopt;
+    struct stat status {};
+    const std::uint64_t end = record.have.empty() ? 0 : record.have.back().end;
+    if (fstat(file_, &status) != 0 || static_cast<std::uint64_t>(status.st_size) < end ||
+        static_cast<std::uint64_t>(status.st_size) > record.size) {
+        disregarded_ = "the record of the partial file does not fit its size";
+    } else if (end != 0) {
+        found_ = std::move(record);
+    }
+    return std::nullopt;
+}
+
+// A pipe without a reader would block for ever; what is neither pipe nor file cannot be continued
+// or measured.
+MaybeFault PartFile::OpenFile() {
+    struct stat status {};
+    if (path_.empty()) return Fault{TaskReason::kLocal, EINVAL, "no output path"};
+    file_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666);
+    if (file_ == -1) return LocalFault("cannot open", errno);
+    if (fstat(file_, &status) != 0) return LocalFault("cannot look at", errno);
+    if (!S_ISREG(status.st_mode)) {
+        return Fault{TaskReason::kLocal, EINVAL, path_ + " is not a regular file"};
+    }
+    return std::nullopt;
+}
+
+MaybeFault PartFile::WaitForWriter(const PartWriter& writer, std::int64_t time,
+                                   const std::function<bool()>& patient) {
+    const PartWriter self = ThisWriter();
+    const Fault inUse{TaskReason::kLocal, EBUSY, "another process writes " + path_};
+    if (writer.host != self.host || writer.boot != self.boot) {
+        // A machine that was started anew has no writer of before.
+        if (writer.host == self.host) return std::nullopt;
+        const std::int64_t age = static_cast<std::int64_t>(std::time(nullptr)) - time;
+        return age >= 0 && age < kWriterAge ? MaybeFault(inUse) : std::nullopt;
+    }
+    const Clock::time_point until = Clock::now() + kWriterPatience;
+    while (writer.pid != self.pid && Lives(writer)) {
+        if (!patient() || Clock::now() >= until) return inUse;
+        std::this_thread::sleep_for(20ms);
+    }
+    return std::nullopt;
+}
+
+MaybeFault PartFile::Restart() {
+    found_.reset();
+    DropRecord();
+    struct stat status {};
+    if (fstat(file_, &status) != 0) return LocalFault("cannot look at", errno);
+    // A file system takes its time to cut a file, also one that is empty.
+    if (status.st_size > 0 && ftruncate(file_, 0) != 0) return LocalFault("cannot empty", errno);
+    return std::nullopt;
+}
+
+MaybeFault PartFile::Describe(const PartRecord& about, std::uint64_t missing) {
+    if (described_) return std::nullopt;
+    struct statvfs system {};
+    if (fstatvfs(file_, &system) == 0 && system.f_blocks != 0) {
+        struct stat status {};
+        const std::uint64_t room = std::uint64_t{system.f_bavail} * system.f_frsize;
+        fstat(file_, &status);
+        // What was reserved in an earlier run counts as room.
+        const std::uint64_t taken = static_cast<std::uint64_t>(status.st_blocks) * 512;
+        const std::uint64_t needed = std::min(missing, about.size - std::min(about.size, taken));
+        if (needed > room) {
+            return Fault{TaskReason::kNoSpace, ENOSPC,
+                         "no space for " + path_ + ": " + Megabytes(needed) + " are needed, " +
+                             Megabytes(room) + " are free"};
+        }
+        if (needed > 0 && room - needed >= kReserve) {
+            const int error = platform::ReserveRoom(file_, static_cast<off_t>(about.size));
+            reserved_ = error == 0;
+            if (error == ENOSPC) return LocalFault("no room for", error);
+        }
+    }
+    if (!keeps_ || (about.validator.empty() && about.sha256.empty())) return std::nullopt;
+    record_ = about;
+    record_.writer = ThisWriter();
+    described_ = true;
+    return std::nullopt;
+}
+
+MaybeFault PartFile::Write(const char* bytes, std::size_t size, std::uint64_t offset) {
+    if (!WriteAll(file_, bytes, size, offset)) return LocalFault("cannot write", errno);
+    unpushed_ += size;
+    if (described_ && unpushed_ >= kPushed && Clock::now() - started_ >= kPushFrom) {
+        platform::StartWriting(file_);
+        unpushed_ = 0;
+    }
+    return std::nullopt;
+}
+
+MaybeFault PartFile::StillThere() const {
+    struct stat open {};
+    struct stat named {};
+    if (fstat(file_, &open) != 0) return LocalFault("cannot look at", errno);
+    if (stat(path_.c_str(), &named) == 0 && open.st_dev == named.st_dev &&
+        open.st_ino == named.st_ino) {
+        return std::nullopt;
+    }
+    return Fault{TaskReason::kLocal, ENOENT, "the partial file was taken away: " + path_};
+}
+
+MaybeFault PartFile::Tick(const std::vector<ByteRange>& have) {
+    if (MaybeFault fault = StillThere()) return fault;
+    if (!described_) return std::nullopt;
+    if (Clock::now() - synced_ >= kSyncEvery) {
+        if (const int error = platform::SyncData(file_)) return LocalFault("cannot write", error);
+        synced_ = Clock::now();
+        unpushed_ = 0;
+        record_.synced = have;
+        ReplaceRecord(have);
+    } else if (record_file_ == -1) {
+        ReplaceRecord(have);
+    } else {
+        NoteHave(have);
+    }
+    return std::nullopt;
+}
+
+MaybeFault PartFile::Finish(const std::vector<ByteRange>& have, std::uint64_t size) {
+    struct stat status {};
+    if (fstat(file_, &status) != 0) return LocalFault("cannot look at", errno);
+    const auto length = static_cast<off_t>(size);
+    if (status.st_size != length && ftruncate(file_, length) != 0) {
+        return LocalFault("cannot cut", errno);
+    }
+    // Whoever asked for the file brings it to the disk before it gets its name.
+    if (record_file_ != -1) NoteHave(have);
+    return StillThere();
+}
+
+void PartFile::Leave(const std::vector<ByteRange>& have) {
+    struct stat status {};
+    if (file_ == -1 || fstat(file_, &status) != 0) return;
+    // Gives back what was reserved behind the end.
+    if (reserved_) static_cast<void>(ftruncate(file_, status.st_size));
+    if (!described_ || have.empty() || StillThere()) return;
+    if (platform::SyncData(file_) == 0) record_.synced = have;
+    ReplaceRecord(have);
+}
+
+// A new file with both parts, brought to the disk, takes the name.
+void PartFile::ReplaceRecord(const std::vector<ByteRange>& have) {
+    if (have.size() > PART_RECORD_RANGES) return DropRecord();
+    const std::string fresh = info_ + ".new";
+    Descriptor file(open(fresh.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    first_ = EncodePartRecord(record_);
+    if (file.Get() == -1 || !WriteAll(file.Get(), first_.data(), first_.size(), 0) ||
+        !WriteHave(file.Get(), have) || fsync(file.Get()) != 0 ||
+        rename(fresh.c_str(), info_.c_str()) != 0) {
+        return DropRecord();
+    }
+    if (record_file_ != -1) close(record_file_);
+    record_file_ = file.Release();
+}
+
+void PartFile::NoteHave(const std::vector<ByteRange>& have) {
+    if (have.size() > PART_RECORD_RANGES || !WriteHave(record_file_, have)) DropRecord();
+}
+
+// What was longer before goes on behind the end, where no reader looks.
+bool PartFile::WriteHave(int file, const std::vector<ByteRange>& have) {
+    record_.have = have;
+    record_.time = static_cast<std::int64_t>(std::time(nullptr));
+    const std::string text = EncodePartHave(record_, first_);
+    return WriteAll(file, text.data(), text.size(), first_.size());
+}
+
+// After a restart of the machine an old record must not meet new data: its end reaches the disk
+// first.
+void PartFile::DropRecord() {
+    described_ = false;
+    if (record_file_ != -1) close(std::exchange(record_file_, -1));
+    unlink((info_ + ".new").c_str());
+    if (unlink(info_.c_str()) != 0) return;
+    const std::size_t slash = info_.rfind('/');
+    const std::string directory = slash == info_.npos ? "." : info_.substr(0, slash + 1);
+    const Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (opened.Get() != -1) fsync(opened.Get());
+}
+
+}  // namespace engine

@@ -1,0 +1,65 @@
+// The transfer of one file: requests, connections, retries, and the partial file, from the first
+// request to the complete file or the reason why not.
+//
+// It has no state beyond the object: several transfers in one process, each on a thread of its own,
+// do not disturb each other. libcurl has to be prepared for the process before.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <functional>
+#include <string>
+
+#include "Tarnwick/engine/blocks.h"
+#include "TaskMan/tasktext.h"
+
+namespace engine {
+
+// What is to be fetched, and how.
+struct Task {
+    std::string url{};   // http or https
+    std::string path{};  // of the partial file
+    std::string userAgent{};
+    std::string sha256{};    // of the file when it is known: then only this proves it
+    bool keeps = false;      // go on with what is there, keep a record (TaskMan/partrecord.h)
+    int connections = 1;     // most of them, 1 to 10
+    int answerSeconds = 30;  // to the end of an answer's headers; 0: for ever
+    int stallSeconds = 20;   // without a byte; 0: for ever
+    int tries = 5;           // in a row, without progress
+    int waitSeconds = 10;    // longest pause between two
+    bool proxied = false;    // `prepare` sets a proxy
+    // Sets on each new handle what the task asks for beyond this; may be empty.
+    std::function<void(CURL*)> prepare{};
+};
+
+// Who wants to know how the transfer is going. Called on the transfer's thread.
+class Watcher {
+  public:
+    virtual ~Watcher() = default;
+    // Whether the transfer is to end now; asked at least ten times a second.
+    virtual bool EndAsked() = 0;
+    // An answer was judged good: the size of the file, or kUnknown, and what is known so far. Once,
+    // and again each time the file begins anew.
+    virtual void Known(std::uint64_t size, const tagTaskAnswer& answer) = 0;
+    // At least ten times a second from then on: bytes of the file that are there, which is less
+    // than before when it has begun anew, and bytes of bodies that came, which never is.
+    virtual void Progress(std::uint64_t there, std::uint64_t size, std::uint64_t received) = 0;
+};
+
+enum class End {
+    kFinished,  // the file is complete: its size is the announced one, if one was
+    kFailed,    // the answer tells why
+    kStopped,   // the watcher has asked
+};
+
+struct Result {
+    End end = End::kFailed;
+    tagTaskAnswer answer{};
+};
+
+// Fetches the file. Always returns: after success, the last try, or within 200 ms of a stop (a file
+// system that does not answer is waited for). A file that is not complete stays; when the task
+// keeps it and it can be continued, with a record.
+Result Fetch(const Task& task, Watcher& watcher);
+
+}  // namespace engine

@@ -1,0 +1,227 @@
+#include "TaskMan/tasktext.h"
+
+#include <algorithm>
+#include <charconv>
+#include <functional>
+#include <iterator>
+
+namespace {
+
+constexpr std::string_view kLineEnd = "\r\n";
+constexpr std::size_t kTextMost = 512;  // of an answer's text other than an address
+
+constexpr const char* kReasonNames[TASK_REASON_COUNT] = {
+    "",           "http-status", "name-not-found", "refused", "timeout",   "stalled", "tls",
+    "broken-off", "changed",     "no-space",       "local",   "redirects", "proxy",   "address",
+    "protocol",   "request",     "page",           "stopped", "other"};
+
+// The keys of a record, each with its field: `visit` is called with both.
+template <class Visit>
+void ForEachKey(tagTaskRequest& request, Visit visit) {
+    visit("url", request.strUrl);
+    visit("user-agent", request.strUserAgent);
+    visit("continue", request.bContinue);
+    visit("sha256", request.strSha256);
+    visit("answer-timeout", request.nAnswerSeconds);
+    visit("stall-timeout", request.nStallSeconds);
+    visit("tries", request.nTries);
+    visit("wait", request.nWaitSeconds);
+}
+
+template <class Visit>
+void ForEachKey(tagTaskAnswer& answer, Visit visit) {
+    visit("reason", answer.Reason);
+    visit("message", answer.strMessage);
+    visit("status", answer.nStatus);
+    visit("errno", answer.nErrno);
+    visit("retry-after", answer.nRetryAfter);
+    visit("final-url", answer.strFinalUrl);
+    visit("etag", answer.strETag);
+    visit("last-modified", answer.strLastModified);
+    visit("file-name", answer.strFileName);
+    visit("had", answer.uHad);
+    visit("received", answer.uReceived);
+    visit("requests", answer.nRequests);
+    visit("connections", answer.nConnections);
+    visit("tries", answer.nTries);
+}
+
+// ---- Values to texts and back. Write leaves what has its default out; Read is false for a value
+// that its field cannot hold.
+
+std::string Written(const std::string& value) {
+    return value;
+}
+std::string Written(TaskReason value) {
+    return ReasonName(value);
+}
+template <class Number>
+std::string Written(Number value) {
+    return std::to_string(value);
+}
+
+bool Read(std::string_view text, std::string& value) {
+    value = text;
+    return true;
+}
+bool Read(std::string_view text, TaskReason& value) {
+    value = ReasonOfName(text);
+    return true;
+}
+template <class Number>
+bool Read(std::string_view text, Number& value) {
+    const char* end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, value);
+    return error == std::errc() && rest == end && value >= 0;
+}
+bool Read(std::string_view text, bool& value) {
+    value = text == "1";
+    return value || text == "0";
+}
+
+template <class Value>
+void AppendLine(std::string& text, const char* key, const Value& value) {
+    text.append(key).append("=").append(Written(value)).append(kLineEnd);
+}
+
+// Takes the first line off the text, its end included; false when the text has no such end.
+bool TakeLine(std::string_view& text, std::string_view& line) {
+    const std::size_t end = text.find(kLineEnd);
+    if (end == text.npos) return false;
+    line = text.substr(0, end);
+    text.remove_prefix(end + kLineEnd.size());
+    return line.find_first_of(std::string_view("\r\n\0", 3)) == line.npos;
+}
+
+// Stores the value of the line in the field of its key. Returns the fault.
+template <class Record>
+std::string ReadLine(std::string_view line, Record& record) {
+    const std::size_t sign = line.find('=');
+    if (sign == line.npos) return "a line is no key=value";
+    std::string fault;
+    ForEachKey(record, [&](const char* key, auto& field) {
+        if (line.substr(0, sign) != key) return;
+        if (!Read(line.substr(sign + 1), field)) fault = std::string(key) + ": a bad value";
+    });
+    return fault;
+}
+
+bool HoldsControls(std::string_view text) {
+    return std::any_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; });
+}
+
+bool IsDigest(std::string_view text) {
+    return text.size() == 64 &&
+           text.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
+}
+
+bool Within(std::int32_t value, std::int32_t least, std::int32_t most) {
+    return value >= least && value <= most;
+}
+
+// What no line may hold becomes a blank.
+std::string OneLine(std::string text, std::size_t most) {
+    if (text.size() > most) text.resize(most);
+    std::replace_if(
+        text.begin(), text.end(),
+        [](char c) {
+            return HoldsControls({&c, 1});
+        },
+        ' ');
+    return text;
+}
+
+}  // namespace
+
+const char* ReasonName(TaskReason reason) {
+    return kReasonNames[static_cast<int>(reason)];
+}
+
+TaskReason ReasonOfName(std::string_view name) {
+    const auto* found = std::find(std::begin(kReasonNames), std::end(kReasonNames), name);
+    return found == std::end(kReasonNames)
+               ? TaskReason::kOther
+               : static_cast<TaskReason>(found - std::begin(kReasonNames));
+}
+
+bool IsHttpAddress(std::string_view address) {
+    for (const std::string_view scheme : {"http://", "https://"}) {
+        if (address.size() > scheme.size() &&
+            std::equal(scheme.begin(), scheme.end(), address.begin(), [](char want, char have) {
+                return want == (have >= 'A' && have <= 'Z' ? have - 'A' + 'a' : have);
+            })) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string RefusalOf(const tagTaskRequest& request) {
+    const std::string& url = request.strUrl;
+    if (url.size() > TASK_ADDRESS_MOST) return "the address is longer than 16384 bytes";
+    if (!url.empty() && !IsHttpAddress(url)) return "the address is neither http nor https";
+    if (HoldsControls(url)) return "the address holds a control character";
+    if (request.strUserAgent.size() > kTextMost || HoldsControls(request.strUserAgent)) {
+        return "the user agent is longer than 512 bytes or holds a control character";
+    }
+    if (!request.strSha256.empty() && !IsDigest(request.strSha256)) {
+        return "the SHA-256 digest is not of 64 hexadecimal digits";
+    }
+    constexpr std::int32_t kDay = 86400;
+    if (!Within(request.nAnswerSeconds, 0, kDay) || !Within(request.nStallSeconds, 0, kDay)) {
+        return "a time limit is not of 0 to 86400 seconds";
+    }
+    if (!Within(request.nTries, 1, 100)) return "the number of tries is not 1 to 100";
+    if (!Within(request.nWaitSeconds, 0, 300)) return "the longest pause is not 0 to 300 seconds";
+    return {};
+}
+
+std::string EncodeRequest(const tagTaskRequest& request) {
+    std::string text;
+    tagTaskRequest copy = request;
+    ForEachKey(copy, [&](const char* key, const auto& field) { AppendLine(text, key, field); });
+    return text.append(kLineEnd);
+}
+
+std::string DecodeRequest(std::string_view text, tagTaskRequest& request) {
+    if (text.size() > TASK_REQUEST_MOST) return "the request is longer than 65536 bytes";
+    tagTaskRequest read;
+    for (std::string_view line;;) {
+        if (!TakeLine(text, line)) return "a line of the request has no proper end";
+        if (line.empty()) break;
+        if (std::string fault = ReadLine(line, read); !fault.empty()) return fault;
+    }
+    if (!text.empty()) return "the request goes on behind its end";
+    if (std::string refusal = RefusalOf(read); !refusal.empty()) return refusal;
+    request = std::move(read);
+    return {};
+}
+
+std::string EncodeAnswer(const tagTaskAnswer& answer) {
+    tagTaskAnswer copy = answer;
+    if (copy.strFinalUrl.size() > TASK_ADDRESS_MOST) copy.strFinalUrl.clear();
+    for (std::string* text :
+         {&copy.strMessage, &copy.strETag, &copy.strLastModified, &copy.strFileName}) {
+        *text = OneLine(std::move(*text), kTextMost);
+    }
+    copy.strFinalUrl = OneLine(std::move(copy.strFinalUrl), TASK_ADDRESS_MOST);
+    std::string text;
+    ForEachKey(copy, [&](const char* key, const auto& field) {
+        if (const std::string value = Written(field); !value.empty() && value != "0") {
+            AppendLine(text, key, value);
+        }
+    });
+    return text;
+}
+
+std::string DecodeAnswer(std::string_view text, tagTaskAnswer& answer) {
+    text = text.substr(0, std::min(text.find('\0'), TASK_ANSWER_MOST));
+    tagTaskAnswer read;
+    for (std::string_view line; !text.empty();) {
+        if (!TakeLine(text, line)) return "a line of the answer has no proper end";
+        if (std::string fault = ReadLine(line, read); !fault.empty()) return fault;
+    }
+    answer = std::move(read);
+    return {};
+}
