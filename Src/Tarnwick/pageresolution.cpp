@@ -5,6 +5,8 @@
 #include <memory>
 #include <string_view>
 
+#include "Tarnwick/engine/judge.h"
+#include "Tarnwick/extended.h"
 #include "Tarnwick/jobstate.h"
 #include "Tarnwick/progress.h"
 #include "Tarnwick/statereport.h"
@@ -81,6 +83,14 @@ long ResponseCode(CURL* curl) {
     return curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK ? code : 0;
 }
 
+// Why a try had no answer of code 200: a transfer that failed, or the answer's code.
+tagTaskAnswer WhyFailed(const tagTaskContext& task, CURLcode result, long code) {
+    const std::string status = "HTTP " + std::to_string(code);
+    if (result == CURLE_OK) return {TaskReason::kHttpStatus, status, static_cast<int>(code)};
+    const engine::Judgement judged = engine::JudgeError(result, "", {}, task.bUseProxy != 0);
+    return {judged.reason, judged.message, static_cast<int>(code)};
+}
+
 // Whether writer_func has ended the transfer because the answer reached its bound. `result` is that
 // of the transfer.
 bool EndedAtBound(CURLcode result, const std::string& response) {
@@ -90,7 +100,7 @@ bool EndedAtBound(CURLcode result, const std::string& response) {
 
 // One stage's tries. kDone means that the answer, of code 200, is in `response`.
 TryStep Fetch(CURL* curl, const tagTaskContext& task, const std::string& address,
-              std::string& response) {
+              std::string& response, tagTaskAnswer& why) {
     // Response codes other than 200 are counted over both stages. g_TryCount is not: every try that
     // receives bytes sets it to 0.
     static int httpErrorCnt = 0;
@@ -102,6 +112,7 @@ TryStep Fetch(CURL* curl, const tagTaskContext& task, const std::string& address
         const bool transferred = result == CURLE_OK || EndedAtBound(result, response);
         const long code = ResponseCode(curl);
         if (transferred && code == 200) return TryStep::kDone;
+        why = WhyFailed(task, transferred ? CURLE_OK : result, code);
         if (const TryStep step = EndedOrStopped(); step != TryStep::kAgain) return step;
         if (code != 200 && ++httpErrorCnt >= task.nTryCount) return TryStep::kUsedUp;
         if (CountFailedTry(task) == TryStep::kUsedUp) return TryStep::kUsedUp;
@@ -146,30 +157,36 @@ bool HoldsFormatMap(const std::string& text) {
 // Fetches the information and, when the service does not provide it, the page. The text made last
 // is in `text`; kDone means that it is good, kUsedUp that it is not or that a fetch failed.
 TryStep Resolve(CURL* curl, const tagTaskContext& task, const std::string& videoId,
-                std::string& response, std::string& text) {
+                std::string& response, std::string& text, tagTaskAnswer& why) {
     std::string address(kSite);
     address.append(kInformationService).append(videoId);
-    TryStep step = Fetch(curl, task, address, response);
+    TryStep step = Fetch(curl, task, address, response, why);
     if (step != TryStep::kDone) return step;
     text = TextOfInformation(response);
     if (IsGood(text)) return TryStep::kDone;
     if (g_Exit) return TryStep::kEnded;
 
-    step = Fetch(curl, task, FieldText(task.szOrgUrl), response);
+    step = Fetch(curl, task, FieldText(task.szOrgUrl), response, why);
     if (step != TryStep::kDone) return step;
     text = TextOfPage(curl, response);
-    return IsGood(text) ? TryStep::kDone : TryStep::kUsedUp;
+    if (IsGood(text)) return TryStep::kDone;
+    why = {TaskReason::kPage, "the site tells nothing of this video", 200};
+    return TryStep::kUsedUp;
 }
 
 // Reports the outcome of the resolution. Returns the text if it was published, else an empty one.
-std::string Finish(TryStep outcome, const tagTaskContext& task, const std::string& text) {
+std::string Finish(TryStep outcome, const tagTaskContext& task, const std::string& text,
+                   const tagTaskAnswer& why) {
     if (g_Exit) return {};
     if (outcome == TryStep::kStopped) {
         SendStateMSG(DOWNLOAD_STATE_STOPPED);
     } else if (text.size() > kLongestText) {
         SendStateMSG(DOWNLOAD_STATE_INFO_TOO_LONG);
-    } else if (outcome != TryStep::kDone || !HoldsFormatMap(text)) {
-        SendStateMSG(FailureCode(task));
+    } else if (outcome != TryStep::kDone) {
+        ReportPageFailure(task, why);
+    } else if (!HoldsFormatMap(text)) {
+        ReportPageFailure(task,
+                          {TaskReason::kPage, "the site offers no format of this video", 200});
     } else if (OwnsSlot()) {
         ReportInfoText(text);
         return text;
@@ -184,7 +201,7 @@ std::string ParseDownloadUrl(void* curl, tagTaskContext* task) {
     const std::string_view page = FieldView(task->szOrgUrl);
     const std::string videoId = page.starts_with(kSite) ? VideoIdOf(page) : std::string();
     if (videoId.empty()) {
-        SendStateMSG(FailureCode(*task));
+        ReportPageFailure(*task, {TaskReason::kAddress, "no address of a video page of the site"});
         return {};
     }
     SetDefaults(videoId);
@@ -195,9 +212,10 @@ std::string ParseDownloadUrl(void* curl, tagTaskContext* task) {
     if (g_Exit) return {};
     ClampTries(*task);
     std::string text;
-    const TryStep outcome = Resolve(curl, *task, videoId, response, text);
+    tagTaskAnswer why;
+    const TryStep outcome = Resolve(curl, *task, videoId, response, text, why);
     headers.reset();
-    return Finish(outcome, *task, text);
+    return Finish(outcome, *task, text, why);
 }
 
 int writer_func(void* data, int size, int nmemb, std::string& buffer) {

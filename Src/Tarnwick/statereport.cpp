@@ -22,6 +22,11 @@ void LockedUpdate(tagDownloadStateCode code, Store store) {
     SetStateBit(LiveSlot(), code);
 }
 
+void StoreText(tagTaskContext& slot, const std::string& text) {
+    std::memset(slot.szVideoInfo, 0, sizeof slot.szVideoInfo);
+    std::memcpy(slot.szVideoInfo, text.data(), std::min(text.size(), sizeof slot.szVideoInfo));
+}
+
 }  // namespace
 
 bool OwnsSlot() {
@@ -44,8 +49,12 @@ void ReportValue(double tagTaskContext::*field, double value, tagDownloadStateCo
 }
 
 void ReportInfoText(const std::string& text) {
-    LockedUpdate(DOWNLOAD_STATE_PARSE_FINISH, [&](tagTaskContext& slot) {
-        std::memset(slot.szVideoInfo, 0, sizeof slot.szVideoInfo);
-        std::memcpy(slot.szVideoInfo, text.data(), std::min(text.size(), sizeof slot.szVideoInfo));
+    LockedUpdate(DOWNLOAD_STATE_PARSE_FINISH, [&](tagTaskContext& slot) { StoreText(slot, text); });
+}
+
+void ReportAnswer(const std::string& text, tagDownloadStateCode code, double size) {
+    LockedUpdate(code, [&](tagTaskContext& slot) {
+        StoreText(slot, text);
+        if (code == DOWNLOAD_STATE_FILE_SIZE) slot.dFileSize = size;
     });
 }

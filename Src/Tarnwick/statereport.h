@@ -21,6 +21,10 @@ bool OwnsSlot();
 // OwnsSlot().
 void ReportValue(double tagTaskContext::*field, double value, tagDownloadStateCode code);
 
+// Stores an extended task's answer text, and with code 10 the size in bytes, with the code in one
+// locked section. The caller has checked OwnsSlot().
+void ReportAnswer(const std::string& text, tagDownloadStateCode code, double size = 0.0);
+
 // Stores the information text, at most 20000 bytes, with zeros behind it, and sets the bit of code
 // 1; otherwise like ReportValue.
 void ReportInfoText(const std::string& text);

@@ -7,7 +7,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "Tarnwick/channel.h"
 #include "Tarnwick/download.h"
+#include "Tarnwick/extended.h"
 #include "Tarnwick/filesize.h"
 #include "Tarnwick/jobstate.h"
 #include "Tarnwick/pageresolution.h"
@@ -39,7 +41,10 @@ void EndJob() {
 void WaitForJob() {
     constexpr int kLookMilliseconds = 1000;
     pthread_mutex_lock(&g_end_mutex);
-    while (!g_exit_download) platform::WaitCondition(&g_end, &g_end_mutex, kLookMilliseconds);
+    while (!g_exit_download) {
+        platform::WaitCondition(&g_end, &g_end_mutex, kLookMilliseconds);
+        if (IsExtended(g_TaskConData) && ManagerGone()) g_Exit = true;
+    }
     pthread_mutex_unlock(&g_end_mutex);
 }
 
@@ -112,6 +117,7 @@ void StartJobThread() {
 }
 
 void RunJob(CURL* curl, tagTaskContext* task) {
+    if (IsExtended(*task)) return RunExtended(curl, task);
     if (!IsDownloadCommand(task->nCmd) || FieldEmpty(task->szDownloadUrl)) {
         ParseDownloadUrl(curl, task);
         return;

@@ -1,0 +1,141 @@
+#include "Tarnwick/extended.h"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <limits>
+#include <optional>
+
+#include "Tarnwick/channel.h"
+#include "Tarnwick/engine/transfer.h"
+#include "Tarnwick/jobstate.h"
+#include "Tarnwick/pageresolution.h"
+#include "Tarnwick/statereport.h"
+#include "Tarnwick/transfer.h"
+#include "common/fieldtext.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+bool Wanted() {
+    return !StopRequested() && !ManagerGone() && !g_Exit;
+}
+
+// Reports a transfer into the slot: the size and the answer so far with code 10, the first bytes
+// with code 2; and once a second at most, the percentage when it has grown and the speed when it
+// has changed.
+class SlotReport : public engine::Watcher {
+  public:
+    bool EndAsked() override { return !Wanted() || !OwnsSlot(); }
+
+    void Known(std::uint64_t size, const tagTaskAnswer& answer) override {
+        if (size == engine::kUnknown || !OwnsSlot()) return;
+        ReportAnswer(EncodeAnswer(answer), DOWNLOAD_STATE_FILE_SIZE, static_cast<double>(size));
+    }
+
+    void Progress(std::uint64_t there, std::uint64_t size, std::uint64_t received) override {
+        if (received == 0 || !OwnsSlot()) return;
+        if (!begun_) {
+            begun_ = true;
+            SendStateMSG(DOWNLOAD_STATE_DOWNLOAD_START);
+            since_ = Clock::now();
+            counted_ = received;
+            return;
+        }
+        if (there < there_) percentage_ = 0.0;  // the file has begun anew
+        there_ = there;
+        const double seconds = std::chrono::duration<double>(Clock::now() - since_).count();
+        if (seconds < 1.0) return;
+        StepPercentage(size);
+        StepSpeed(static_cast<double>(received - counted_) / seconds);
+        since_ = Clock::now();
+        counted_ = received;
+    }
+
+  private:
+    void StepPercentage(std::uint64_t size) {
+        if (size == engine::kUnknown || size == 0) return;
+        const double now = 100.0 * static_cast<double>(there_) / static_cast<double>(size);
+        if (now <= percentage_) return;
+        percentage_ = now;
+        ReportValue(&tagTaskContext::dProgress, now, DOWNLOAD_STATE_PROGRESS);
+    }
+
+    void StepSpeed(double speed) {
+        constexpr double kMost = std::numeric_limits<std::uint32_t>::max();
+        const auto now = static_cast<std::uint32_t>(std::min(speed, kMost));
+        if (now == speed_) return;
+        speed_ = now;
+        ReportValue(&tagTaskContext::dSpeed, now, DOWNLOAD_STATE_SPEED);
+    }
+
+    bool begun_ = false;
+    std::uint64_t there_ = 0;
+    double percentage_ = 0.0;  // last one reported; 0: none
+    std::uint32_t speed_ = 0;  // last one reported, bytes per second
+    Clock::time_point since_{};
+    std::uint64_t counted_ = 0;  // bytes received at that time
+};
+
+engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
+    engine::Task task;
+    task.url = request.strUrl.empty() ? FieldText(slot.szDownloadUrl) : request.strUrl;
+    task.path = FieldText(slot.szFilePath);
+    task.userAgent =
+        request.strUserAgent.empty() ? "taskman/" TASKMAN_VERSION : request.strUserAgent;
+    task.sha256 = request.strSha256;
+    task.keeps = request.bContinue;
+    task.connections = std::clamp(slot.nBlockCount, 1, 10);
+    task.answerSeconds = request.nAnswerSeconds;
+    task.stallSeconds = request.nStallSeconds;
+    task.tries = request.nTries;
+    task.waitSeconds = request.nWaitSeconds;
+    task.proxied = slot.bUseProxy != 0;
+    task.prepare = [&slot](CURL* curl) { SetProxy(curl, slot); };
+    return task;
+}
+
+void Report(const engine::Result& result, const tagTaskContext& task) {
+    tagDownloadStateCode code = FailureCode(task);
+    if (result.end == engine::End::kFinished) code = DOWNLOAD_STATE_DOWNLOAD_FINISH;
+    if (result.end == engine::End::kStopped) code = DOWNLOAD_STATE_STOPPED;
+    // Whoever took the slot, or the manager's end, does not want to know.
+    if ((result.end == engine::End::kStopped && !StopRequested()) || !OwnsSlot()) return;
+    ReportAnswer(EncodeAnswer(result.answer), code);
+    AnnounceEnd();
+}
+
+}  // namespace
+
+bool IsExtended(const tagTaskContext& task) {
+    return task.nReserved1 == TASK_EXTENDED;
+}
+
+void RunExtended(void* curl, tagTaskContext* task) {
+    // A file beyond the limit is a fault like any other, not the process's end.
+    std::signal(SIGXFSZ, SIG_IGN);
+    tagTaskRequest request;
+    const std::string refusal = ReceiveRequest(request, Wanted);
+    engine::Result result;
+    result.answer = {TaskReason::kRequest, refusal};
+    if (!refusal.empty()) {
+        if (!Wanted()) result.end = engine::End::kStopped;
+    } else if (!IsDownloadCommand(task->nCmd)) {
+        ParseDownloadUrl(curl, task);
+        return AnnounceEnd();
+    } else {
+        SlotReport report;
+        result = engine::Fetch(TaskOf(*task, request), report);
+    }
+    Report(result, *task);
+    g_Exit = true;
+}
+
+void ReportPageFailure(const tagTaskContext& task, const tagTaskAnswer& answer) {
+    if (!IsExtended(task)) {
+        SendStateMSG(FailureCode(task));
+    } else if (OwnsSlot()) {
+        ReportAnswer(EncodeAnswer(answer), FailureCode(task));
+    }
+}
