@@ -211,9 +211,7 @@ std::optional<Range> Course::MoreFor(int id, std::uint64_t least) {
 
 bool Course::Ask(Connection& connection, Request request) {
     if (!connection.Ask(std::move(request))) return false;
-    tagTaskAnswer& told = result_.answer;
-    ++told.nRequests;
-    told.nConnections = std::max(told.nConnections, BusyCount());
+    ++result_.answer.nRequests;
     return true;
 }
 

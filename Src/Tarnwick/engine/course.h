@@ -57,6 +57,7 @@ class Course : private Uncopyable {
     void GiveUp(const Fault& fault);
     void GiveUp(TaskReason reason, const std::string& message);
     void NoteGain();
+    void NoteConnections();
     void NoteAnswer(const Connection& connection);
 
     int BusyCount() const;
@@ -81,6 +82,7 @@ class Course : private Uncopyable {
     bool round_judged_ = false;
     bool begun_ = false;  // something of this run, or of one before, is in the file
     bool over_ = false;
+    bool forgiven_ = false;   // a final status that may be due to connections of before
     int ceiling_;             // most connections
     int started_over_ = 0;    // because the file had changed
     int failures_ = 0;        // tries in a row that brought nothing new

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <utility>
 
 #include "Tarnwick/engine/course.h"
 
@@ -66,6 +67,7 @@ Judgement Course::BeginAnew(Connection& connection, const Answer& answer, std::u
         return {};
     }
     round_judged_ = begun_ = true;
+    NoteConnections();
     watcher_.Known(size, result_.answer);
     return {answer.status == 206 ? Verdict::kPart : Verdict::kWhole};
 }
@@ -95,6 +97,7 @@ Judgement Course::GoOn(Connection& connection, const Judgement& judged) {
     }
     round_judged_ = true;
     if (connection.Current().asked.additional) NoteGain();
+    NoteConnections();
     return judged;
 }
 
@@ -122,6 +125,16 @@ void Course::NoteAnswer(const Connection& connection) {
     gain_since_ = Clock::now();
     gain_from_ = Received();
     gain_rate_ = 0.0;
+}
+
+// The one that is being judged counts as well.
+void Course::NoteConnections() {
+    const auto serving = [](const auto& each) {
+        return each->Busy() && !each->Dropped() && each->IsJudged();
+    };
+    const auto now = std::count_if(connections_.begin(), connections_.end(), serving) + 1;
+    result_.answer.nConnections =
+        std::max(result_.answer.nConnections, static_cast<std::int32_t>(now));
 }
 
 // Whether the connection that was added last but one has brought anything; if not, there will be no
@@ -209,8 +222,10 @@ void Course::OnFailure(Connection& connection, const Judgement& judged) {
             return;
         default:
             if (others) return Retire(connection);
-            // An address that a redirect has led to may have expired.
-            if (atFinal && judged.reason == TaskReason::kHttpStatus) {
+            // An address that a redirect has led to may have expired; and what others have just
+            // left may count at the server still.
+            if (judged.reason == TaskReason::kHttpStatus &&
+                (atFinal || (result_.answer.nConnections > 1 && !std::exchange(forgiven_, true)))) {
                 return FailRound(judged, false);
             }
             result_.answer.nRetryAfter = judged.pause;
