@@ -7,9 +7,11 @@
 #include <atomic>
 #include <random>
 #include <thread>
+#include <utility>
 
 #include "Tarnwick/engine/judge.h"
 #include "Tarnwick/engine/transfer.h"
+#include "common/fieldtext.h"
 #include "support/http_server.h"
 #include "support/processes.h"
 
@@ -447,12 +449,8 @@ TEST(Engine, AStopEndsEveryPhase) {
 // ---- The record of a partial file.
 
 TEST(Engine, ARunContinues) {
-    HttpServer server([](const std::string& request, std::size_t number) {
-        return number == 0 ? Reply(Good(request, {}, 2'000'000)).Silence() : Good(request);
-    });
     const TempDir directory;
     engine::Task task;
-    task.url = server.Url();
     task.path = directory.Path("f.part");
     task.keeps = true;
     task.tries = 1;
@@ -521,6 +519,104 @@ TEST(Engine, AFileThatIsTakenAwayIsNoticed) {
     });
     EXPECT_EQ(Fetch(task, watcher).answer.Reason, TaskReason::kLocal);
     thief.join();
+}
+
+// ---- The worker: the request comes over the channel, the answer goes into the slot.
+
+class Extended : public WorkerRun {
+  public:
+    Extended() {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_), 0);
+        input = ends_[1];
+    }
+    ~Extended() { Close(); }
+
+    void Begin(const std::string& text) {
+        Slot().nReserved1 = TASK_EXTENDED;
+        send(ends_[0], text.data(), text.size(), MSG_NOSIGNAL);
+        Start();
+        close(std::exchange(ends_[1], -1));
+    }
+    void Close() {
+        for (int& end : ends_) {
+            if (end != -1) close(std::exchange(end, -1));
+        }
+    }
+    // The first line that the worker sends, or what came until its end.
+    std::string Line() const {
+        char line[64] = "";
+        const ssize_t got = recv(ends_[0], line, sizeof line, 0);
+        return {line, static_cast<std::size_t>(std::max<ssize_t>(got, 0))};
+    }
+    tagTaskAnswer Answered() const {
+        tagTaskAnswer answer;
+        EXPECT_EQ(DecodeAnswer(FieldView(Slot().szVideoInfo), answer), "");
+        return answer;
+    }
+    std::uint32_t Final() const { return Slot().nStateBits & FINAL_STATE_BITS; }
+
+  private:
+    int ends_[2] = {-1, -1};
+};
+
+TEST(Extended, TheWorkerAnswers) {
+    HttpServer server([](const std::string& request, std::size_t) {
+        return request.find("/none") == std::string::npos ? Good(request) : Reply::Status(404, "x");
+    });
+    HttpServer page({Reply::Status(410, "x")});
+    tagTaskRequest request;
+    // Twice as long as the slot's field.
+    request.strUrl = server.Url("/" + std::string(2000, 'a'));
+    request.bContinue = true;
+    const std::string good = EncodeRequest(request);
+    request.strUrl = server.Url("/none");
+    const struct {
+        const char* name;
+        std::string text;
+        bool page;
+        int code;
+        TaskReason reason;
+    } rows[] = {
+        {"a file", good, false, 3, TaskReason::kNone},
+        {"404", EncodeRequest(request), false, 7, TaskReason::kHttpStatus},
+        {"no text", "garbage\r\n\r\n", false, 7, TaskReason::kRequest},
+        {"a page", good, true, 6, TaskReason::kHttpStatus},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Extended run;
+        run.Request(server.Url("/short"));
+        if (row.page) run.RequestPage(page.Port());
+        run.Begin(row.text);
+        EXPECT_EQ(run.Line(), TASK_CHANNEL_END);
+        EXPECT_EQ(run.Final(), 1U << row.code) << "must be there before the line";
+        run.EndWell();
+        EXPECT_EQ(run.Answered().Reason, row.reason) << run.Answered().strMessage;
+        if (row.code != 3) continue;
+        EXPECT_TRUE(ReadFile(run.Output()) == kBody);
+        EXPECT_EQ(run.Slot().dFileSize, static_cast<double>(kBody.size()));
+        EXPECT_EQ(run.Answered().uReceived, kBody.size());
+    }
+}
+
+TEST(Extended, TheManagersEndEndsTheWorker) {
+    HttpServer slow({Reply()
+                         .Send("HTTP/1.1 200 X\r\nETag: \"1\"\r\n" + Length(9'000'000) + "\r\n" +
+                               std::string(100'000, 'x'))
+                         .Silence()});
+    Extended run;
+    run.Request(slow.Url());
+    run.Slot().nBlockCount = 1;
+    tagTaskRequest request;
+    request.bContinue = true;
+    run.Begin(EncodeRequest(request));
+    EXPECT_TRUE(WaitUntil([&] { return (run.Slot().nStateBits & 1U << 2) != 0; }));
+    run.Close();
+    run.EndWell();
+    EXPECT_EQ(run.Final(), 0U);
+    PartRecord record;
+    EXPECT_TRUE(ReadPartRecord(run.Output(), record));
+    EXPECT_EQ(BytesIn(record.have), 100'000U);
 }
 
 }  // namespace
