@@ -23,7 +23,8 @@ std::uint64_t Checksum(std::string_view text) {
 }
 
 void AddLine(std::string& text, std::string_view key, std::string_view value) {
-    text.append(key).append("=").append(value).append("\n");
+    // No value has a line end; one that had would be cut rather than become a line.
+    text.append(key).append("=").append(value.substr(0, value.find('\n'))).append("\n");
 }
 
 void AddRanges(std::string& text, const char* key, const std::vector<ByteRange>& ranges) {
