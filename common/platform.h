@@ -134,7 +134,8 @@ std::vector<Process> OwnProcesses();
 // The arguments of a process; empty when it is gone, has none, or has 4096 bytes of them and more.
 std::vector<std::string> ProcessArguments(pid_t pid);
 
-// Seconds since the process was started; below 0 when it is gone or the system does not tell.
+// Seconds since the process was started; below 0 when it has ended, reaped or not, or the system
+// does not tell.
 double ProcessAge(pid_t pid);
 
 // Whether the process has the shared-memory object `name` mapped; false where the system does not

@@ -28,13 +28,6 @@ class Course : private Uncopyable {
     // ---- course.cpp
     void Open();
     void Prepare(CURL* curl) const;
-    void GiveWork();
-    void BeginRound();
-    void GiveFurtherWork();
-    bool Ask(Connection& connection, Request request);
-    bool AskFor(Connection& connection, const Range& range);
-    Connection* NewConnection();
-    std::optional<Range> MoreFor(int id, std::uint64_t least);
     bool HandleEnds();
     void LookAtClocks();
     void Tick();
@@ -42,6 +35,15 @@ class Course : private Uncopyable {
     void Poll();
     void Report();
     Result Conclude();
+
+    // ---- coursework.cpp
+    void GiveWork();
+    void BeginRound();
+    void GiveFurtherWork();
+    bool Ask(Connection& connection, Request request);
+    bool AskFor(Connection& connection, const Range& range);
+    Connection* NewConnection();
+    std::optional<Range> MoreFor(int id, std::uint64_t least);
 
     // ---- courseends.cpp
     Judgement OnAnswer(Connection& connection);
@@ -81,6 +83,7 @@ class Course : private Uncopyable {
     bool ranges_ = true;       // the server may know ranges
     bool round_judged_ = false;
     bool begun_ = false;  // something of this run, or of one before, is in the file
+    bool told_ = false;   // the watcher knows the size
     bool over_ = false;
     bool forgiven_ = false;   // a final status that may be due to connections of before
     int ceiling_;             // most connections

@@ -66,7 +66,7 @@ Judgement Course::BeginAnew(Connection& connection, const Answer& answer, std::u
         GiveUp(*fault);
         return {};
     }
-    round_judged_ = begun_ = true;
+    round_judged_ = begun_ = told_ = true;
     NoteConnections();
     watcher_.Known(size, result_.answer);
     return {answer.status == 206 ? Verdict::kPart : Verdict::kWhole};
@@ -93,7 +93,7 @@ Judgement Course::GoOn(Connection& connection, const Judgement& judged) {
             GiveUp(*fault);
             return {};
         }
-        watcher_.Known(known_.size, result_.answer);
+        if (!std::exchange(told_, true)) watcher_.Known(known_.size, result_.answer);
     }
     round_judged_ = true;
     if (connection.Current().asked.additional) NoteGain();
@@ -165,7 +165,9 @@ void Course::OnEnd(Connection& connection, CURLcode code) {
         if (answer.status != 0) result_.answer.nStatus = answer.status;
         return OnFailure(connection, judged);
     }
-    OnFailure(connection, JudgeError(code, connection.Message(), answer, task_.proxied));
+    long connect = 0;
+    curl_easy_getinfo(connection.Handle(), CURLINFO_HTTP_CONNECTCODE, &connect);
+    OnFailure(connection, JudgeError(code, connection.Message(), answer, task_.proxied, connect));
 }
 
 // The body was of use, as far as it came.

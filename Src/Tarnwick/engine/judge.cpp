@@ -128,14 +128,20 @@ Judgement JudgeAnswer(const Answer& answer, const Asked& asked, const Known& kno
     }
 }
 
-Judgement JudgeError(CURLcode code, const std::string& text, const Answer& answer, bool proxy) {
+Judgement JudgeError(CURLcode code, const std::string& text, const Answer& answer, bool proxied,
+                     long connect) {
+    if (connect >= 300) {
+        const int status = static_cast<int>(connect);
+        return {IsPassing(status) ? kAgain : kFinal, TaskReason::kProxy,
+                "the proxy answers HTTP " + std::to_string(status)};
+    }
     const auto* found = std::find_if(std::begin(kErrors), std::end(kErrors),
                                      [code](const ErrorClass& each) { return each.code == code; });
     const bool known = found != std::end(kErrors);
     Judgement judged{known ? found->verdict : Verdict::kAgain,
                      known ? found->reason : TaskReason::kBrokenOff,
                      text.empty() ? curl_easy_strerror(code) : text};
-    if (proxy && code == CURLE_COULDNT_CONNECT) judged.reason = TaskReason::kProxy;
+    if (proxied && code == CURLE_COULDNT_CONNECT) judged.reason = TaskReason::kProxy;
     if (code == CURLE_UNSUPPORTED_PROTOCOL && IsRedirect(answer)) {
         judged.reason = TaskReason::kRedirects;
     }
