@@ -408,6 +408,14 @@ TEST(Engine, SeveralConnections) {
          {},
          6,
          &kOther},
+        {"all but the first are silent", Beside([](const std::string& request, std::size_t) {
+             return std::optional<Reply>(Good(request, {}, 0).Silence());
+         }),
+         4, TaskReason::kBrokenOff, 30},
+        {"all but the first stall", Beside([](const std::string&, std::size_t number) {
+             return std::optional<Reply>(Reply().Pause(number * 100ms).Silence());
+         }),
+         4, TaskReason::kTimeout, 30},
         {"one is silent",
          Beside([](const std::string&, std::size_t number) {
              return number == 2 ? std::optional<Reply>(Reply().Silence()) : std::nullopt;

@@ -53,12 +53,6 @@ std::vector<Range> Blocks::Have() const {
     return have;
 }
 
-std::uint64_t Blocks::Free() const {
-    std::uint64_t free = 0;
-    for (const Block& block : blocks_) free += block.IsFree() ? block.Missing() : 0;
-    return free;
-}
-
 void Blocks::Share(std::uint64_t shares) {
     std::uint64_t missing = 0;
     for (const Block& block : blocks_) missing += block.Missing();

@@ -43,8 +43,6 @@ class Blocks {
     bool Complete() const;
     // What is there, as the constructor takes it.
     std::vector<Range> Have() const;
-    // Number of missing bytes in blocks without an owner.
-    std::uint64_t Free() const;
 
     // Cuts what has no owner so that `shares` owners, who all are given as much, would have all
     // that is missing; no piece is smaller than kLeastBlock, unless it was.

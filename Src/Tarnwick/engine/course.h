@@ -54,6 +54,7 @@ class Course : private Uncopyable {
     void OnGood(Connection& connection, CURLcode code);
     void OnFailure(Connection& connection, const Judgement& judged);
     void FailRound(const Judgement& judged, bool gotBytes);
+    bool IsStuck();
     void StartOver();
     void Retire(Connection& connection);
     void GiveUp(const Fault& fault);
@@ -90,6 +91,8 @@ class Course : private Uncopyable {
     int started_over_ = 0;    // because the file had changed
     int failures_ = 0;        // tries in a row that brought nothing new
     std::uint64_t best_ = 0;  // most bytes that were there at the end of a try
+    int stuck_ = 0;           // connections that failed since something came last
+    std::uint64_t stuck_at_ = 0;
     Clock::time_point rest_until_{};
     Clock::time_point next_tick_{};
     Clock::time_point next_steal_{};

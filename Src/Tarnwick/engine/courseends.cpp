@@ -215,6 +215,7 @@ void Course::OnFailure(Connection& connection, const Judgement& judged) {
             return StartOver();
         case Verdict::kAgain:
             if (!others) return FailRound(judged, got > 0);
+            if (IsStuck()) return GiveUp(judged.reason, judged.message);
             connection.rest_until = Clock::now() + (got > 0 ? kRest : kLongRest);
             return;
         case Verdict::kRefused:
@@ -233,6 +234,16 @@ void Course::OnFailure(Connection& connection, const Judgement& judged) {
             result_.answer.nRetryAfter = judged.pause;
             GiveUp(judged.reason, judged.message);
     }
+}
+
+// Connections of which always one is under way while another one fails would keep a round alive for
+// ever.
+bool Course::IsStuck() {
+    if (const std::uint64_t there = blocks_.Done(); there != stuck_at_) {
+        stuck_at_ = there;
+        stuck_ = 0;
+    }
+    return ++stuck_ > task_.tries * task_.connections;
 }
 
 // The last connection has failed.

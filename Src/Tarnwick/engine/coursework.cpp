@@ -27,6 +27,7 @@ void Course::BeginRound() {
     Connection* connection = connections_.empty() ? NewConnection() : connections_.front().get();
     if (connection == nullptr) return GiveUp(TaskReason::kLocal, "out of memory");
     const bool several = ceiling_ > 1 && ranges_;
+    connection->rest_until = {};
     bool asked = false;
     if (known_.any && CanContinue()) {
         const auto range = blocks_.Take(connection->Id(), several ? kFirstRange : kUnknown);
@@ -51,6 +52,11 @@ void Course::GiveFurtherWork() {
         if (range && !AskFor(*connection, *range))
             return GiveUp(TaskReason::kLocal, "out of memory");
     }
+    // Should all that are left have been refused, one of them begins again.
+    round_judged_ = BusyCount() > 0 || over_ ||
+                    std::any_of(connections_.begin(), connections_.end(), [](const auto& each) {
+                        return each->rest_until != Clock::time_point::max();
+                    });
     // Also with one that is resting: its place is taken by no other.
     if (waiting || over_ || static_cast<int>(connections_.size()) >= ceiling_) return;
     const int id = static_cast<int>(connections_.size());

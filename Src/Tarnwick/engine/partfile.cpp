@@ -69,7 +69,7 @@ bool Lives(const PartWriter& writer) {
 }
 
 std::string Megabytes(std::uint64_t bytes) {
-    return std::to_string((bytes + 999'999) / 1'000'000) + " MB";
+    return std::to_string(bytes / 1'000'000) + " MB";
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "TaskMan/task/taskid.h"
 #include "TaskMan/taskman.h"
+#include "TaskMan/tasktext.h"
 #include "common/assertion.h"
 #include "common/fieldtext.h"
 #include "common/stringutility.h"
@@ -21,17 +22,6 @@ constexpr int kMostLinks = 40;  // as many as systems follow
 template <std::size_t Width>
 bool FillsField(const char (&field)[Width]) {
     return FieldView(field).size() == Width;
-}
-
-bool BeginsWithScheme(std::string_view address, std::string_view scheme) {
-    return address.size() > scheme.size() &&
-           std::equal(scheme.begin(), scheme.end(), address.begin(), [](char want, char have) {
-               return want == (have >= 'A' && have <= 'Z' ? have - 'A' + 'a' : have);
-           });
-}
-
-bool IsHttp(std::string_view address) {
-    return BeginsWithScheme(address, "http://") || BeginsWithScheme(address, "https://");
 }
 
 std::string RefusalOfId(const tagTaskInfo& taskinfo) {
@@ -51,7 +41,7 @@ std::string RefusalOfAddress(const tagTaskInfo& taskinfo) {
     const std::string_view address = IsDownloadCommand(taskinfo.nCmd)
                                          ? FieldView(taskinfo.szDownloadUrl)
                                          : FieldView(taskinfo.szOrgUrl);
-    return IsHttp(address) ? "" : "the address is neither http nor https";
+    return IsHttpAddress(address) ? "" : "the address is neither http nor https";
 }
 
 std::string RefusalOfProxy(const tagTaskInfo& taskinfo) {
