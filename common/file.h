@@ -9,6 +9,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <utility>
 
 // Owns a descriptor and closes it. One thread at a time.
 class Descriptor {
@@ -24,6 +25,9 @@ class Descriptor {
 
     // Closes it if it is open; errno is as before.
     void Close();
+
+    // Hands it over: it is the caller's to close.
+    int Release() { return std::exchange(descriptor_, -1); }
 
   private:
     int descriptor_;

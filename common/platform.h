@@ -33,6 +33,9 @@ pid_t StartChild(void (*child)(const void* argument), const void* argument);
 // Has the next exec close every descriptor above standard error. Safe in a signal handler.
 void CloseDescriptorsOnExec();
 
+// Opens a pair of connected stream sockets, which exec closes. Returns 0 or an error number.
+int StreamPair(Descriptor& one, Descriptor& other);
+
 // Reserves the memory behind the first `size` bytes of a shared-memory object, so that a later
 // write cannot fail. Returns 0 or an error number (ENOSPC when there is no room).
 int ReserveSharedMemory(int descriptor, off_t size);
@@ -87,7 +90,8 @@ class ProcessWatch {
     pid_t Pid() const { return pid_; }
 
   private:
-    friend void WaitForEnd(const std::vector<const ProcessWatch*>&, const class Waker&, int);
+    friend void WaitForEnd(const std::vector<const ProcessWatch*>&, const class Waker&, int,
+                           const std::vector<int>&);
 
     pid_t pid_;
     Descriptor file_{};  // of the process, where the system has such a thing
@@ -104,7 +108,8 @@ class Waker {
     void Wake() const;
 
   private:
-    friend void WaitForEnd(const std::vector<const ProcessWatch*>&, const Waker&, int);
+    friend void WaitForEnd(const std::vector<const ProcessWatch*>&, const Waker&, int,
+                           const std::vector<int>&);
 
     void Forget() const;  // all calls of Wake() until now
 
@@ -113,12 +118,13 @@ class Waker {
 };
 
 // Waits in the kernel until one of the processes has ended (at once when one is gone already),
-// somebody has called waker.Wake(), or `milliseconds`, 0 or more, have passed. It may return early
-// for no reason: after a signal, or because the system offers nothing to wait on, and then after 20
-// milliseconds at most. So the caller looks anew in any case. None of the watches may be changed or
-// destroyed meanwhile.
+// somebody has called waker.Wake(), one of the descriptors in `readable` has something to read or
+// is at its end, or `milliseconds`, 0 or more, have passed. It may return early for no reason:
+// after a signal, or because the system offers nothing to wait on, and then after 20 milliseconds
+// at most. So the caller looks anew in any case. None of the watches may be changed or destroyed
+// meanwhile.
 void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
-                int milliseconds);
+                int milliseconds, const std::vector<int>& readable = {});
 
 // A process: its id and its arguments, argv[0] first.
 struct Process {
@@ -153,8 +159,8 @@ bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offs
 // ---- Files that grow to a known size.
 
 // Reserves room on the disk for the first `size` bytes of the file, whose size stays. Returns 0 or
-// an error number: ENOSPC when there is no room, ENOTSUP where it is not possible, or where it costs
-// as much as writing (file systems in memory).
+// an error number: ENOSPC when there is no room, ENOTSUP where it is not possible, or where it
+// costs as much as writing (file systems in memory).
 int ReserveRoom(int descriptor, off_t size);
 
 // Has the system begin to write what the file has in memory, without waiting for it.

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/auxv.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/syscall.h>
@@ -114,6 +115,14 @@ void CloseDescriptorsOnExec() {
     for (int fd = 3; fd < limit; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
 }
 
+int StreamPair(Descriptor& one, Descriptor& other) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return errno;
+    one = Descriptor(ends[0]);
+    other = Descriptor(ends[1]);
+    return 0;
+}
+
 int ReserveSharedMemory(int descriptor, off_t size) {
     int error = 0;
     do {
@@ -214,9 +223,10 @@ void Waker::Forget() const {
 }
 
 void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
-                int milliseconds) {
+                int milliseconds, const std::vector<int>& readable) {
     constexpr int kPoll = 20;
     std::vector<pollfd> waits{{waker.reader_.Get(), POLLIN, 0}};
+    for (const int descriptor : readable) waits.push_back({descriptor, POLLIN, 0});
     for (const ProcessWatch* process : processes) {
         if (process->pid_ < 1) milliseconds = 0;
         waits.push_back({process->file_.Get(), POLLIN, 0});

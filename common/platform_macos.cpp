@@ -2,6 +2,7 @@
 #include <mach-o/dyld.h>
 #include <sys/event.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysctl.h>
 #include <sys/wait.h>
@@ -31,6 +32,15 @@ pid_t StartChild(void (*child)(const void*), const void* argument) {
 void CloseDescriptorsOnExec() {
     const int limit = getdtablesize();
     for (int fd = 3; fd < limit; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
+}
+
+int StreamPair(Descriptor& one, Descriptor& other) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return errno;
+    for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
+    one = Descriptor(ends[0]);
+    other = Descriptor(ends[1]);
+    return 0;
 }
 
 int ReserveSharedMemory(int, off_t) {
@@ -93,7 +103,7 @@ void Waker::Forget() const {
 }
 
 void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
-                int milliseconds) {
+                int milliseconds, const std::vector<int>& readable) {
     constexpr int kPoll = 20;
     const Descriptor queue(kqueue());
     bool complete = queue.IsOpen();
@@ -104,6 +114,7 @@ void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& 
         if (kevent(queue.Get(), &event, 1, nullptr, 0, nullptr) != 0) complete = false;
     };
     add(waker.reader_.Get(), EVFILT_READ, 0);
+    for (const int descriptor : readable) add(descriptor, EVFILT_READ, 0);
     // A zombie cannot be added: Gone() does not tell it from a living process until it is reaped.
     for (const ProcessWatch* process : processes) {
         if (process->Gone()) milliseconds = 0;
@@ -156,7 +167,8 @@ bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offs
 int ReserveRoom(int descriptor, off_t size) {
     fstore_t room{F_ALLOCATEALL, F_PEOFPOSMODE, 0, size, 0};
     struct stat status {};
-    if (fstat(descriptor, &status) == 0) room.fst_length = std::max<off_t>(size - status.st_size, 0);
+    if (fstat(descriptor, &status) == 0)
+        room.fst_length = std::max<off_t>(size - status.st_size, 0);
     return fcntl(descriptor, F_PREALLOCATE, &room) == 0 ? 0 : errno;
 }
 

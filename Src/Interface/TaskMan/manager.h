@@ -17,6 +17,7 @@
 #include <string>
 
 #include "TaskMan/taskcontext.h"
+#include "TaskMan/tasktext.h"
 
 // Handler for SIGCHLD: reaps every child that has ended. Keeps errno.
 void proc_child(int signal);
@@ -53,6 +54,31 @@ enum class TaskRefusal { kNone, kNever, kLater };
 // the machine: one that is in use there is taken over unseen. A path that ends in TASK_PART_ENDING
 // (othermanagers.h) is removed after a crash, unless somebody has the file locked.
 int AddTask(const tagTaskInfo& taskinfo, std::string& strReason, TaskRefusal* refusal = nullptr);
+
+// Adds an extended task: a download with requests, retries and a partial file of its own kind, or a
+// page, of which it is told why it failed (docs/protocol.md, "The extended task"). Everything is
+// like above but for this:
+//
+// - The address of a download is the request's, up to 16384 bytes; without one, the record's. A
+//   page's is the record's, and the request has none.
+// - The record's number of blocks, 1 to 10, is the largest number of connections of a download; its
+//   numbers of tries and seconds are of no account there, nor is tagTaskLimits::nAnswerSeconds once
+//   the worker has claimed the task: it keeps the request's limits itself, and the manager ends
+//   what lasts longer than all of them together. nReserved1 is set by AddTask; a value of 1 is
+//   taken out of a record without a request.
+// - A stop ends it within a fraction of a second. Its worker ends by itself when the manager is
+// gone.
+// - Without a known size there is no code 10 and no code 4. Percentages have a fraction.
+//
+// Refused is, too, what RefusalOf(request) refuses, and a request that the system does not take.
+int AddTask(const tagTaskInfo& taskinfo, const tagTaskRequest& request, std::string& strReason,
+            TaskRefusal* refusal = nullptr);
+
+// What the worker of an extended task has told with its code 10 and with its final code; TaskRemark
+// tells what the manager did. With code 1 there is an information text instead. To be called no
+// later than from the final callback. Returns false, and leaves `answer` as it is, when there is no
+// such task, it is not extended, or nothing was told yet: its worker may have died before.
+bool TaskAnswer(const char* szTaskID, tagTaskAnswer& answer);
 
 // Asks a task to stop. It ends with code 8, or with the code it had reached before. A worker that
 // does not end within ten seconds is killed. Returns 0, or -1 when there is no such task.

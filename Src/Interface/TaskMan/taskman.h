@@ -78,12 +78,15 @@ bool CheckAndCalcTaskCount();
 // Writes a listing of the map to standard error. `NewTaskinfo` must not be null.
 void PrintTaskMapInfo(tagTaskInfo* NewTaskinfo) TS_REQUIRES(g_access_taskmap_mutex);
 
-// What a worker is started with: its program and three arguments.
+// What a worker is started with: its program, three arguments, and an extended task's channel.
 struct tagStartParam {
     char szProgramPath[1024];  // full path; becomes argv[0] as well
     char szTaskID[64];
     char szTaskIndex[32];  // slot 0 to 7, decimal
     char szMainPid[32];    // the manager's process id, decimal
+    // Descriptor that the worker gets as its standard input; it stays the caller's. One of the
+    // standard streams, -1 included, stands for none.
+    int nChannel = -1;
 };
 
 // Thread function: starts one worker. `param` is a tagStartParam made with new, which it frees. The
@@ -91,9 +94,10 @@ struct tagStartParam {
 // program that cannot be executed is a process that exits with status 0. The thread may wait for
 // the file system of the program.
 //
-// The worker inherits no descriptor but standard error; its standard input and output are
-// /dev/null. No signal is blocked but SIGINT: the terminal's Ctrl-C is for the manager, which stops
-// its workers in order. What the manager ignores stays ignored, but for SIGTERM.
+// The worker inherits no descriptor but standard error and its channel; its standard output, and
+// without a channel its standard input, are /dev/null. No signal is blocked but SIGINT: the
+// terminal's Ctrl-C is for the manager, which stops its workers in order. What the manager ignores
+// stays ignored, but for SIGTERM.
 void* StartProgram(void* param);
 
 // Per slot, what its last StartProgram has started: the worker's process id, -1 when no process

@@ -12,6 +12,7 @@
 #include "TaskMan/task/admission.h"
 #include "TaskMan/task/counts.h"
 #include "TaskMan/task/delivery.h"
+#include "TaskMan/task/extended.h"
 #include "TaskMan/task/scanner.h"
 #include "TaskMan/task/supervisor.h"
 #include "TaskMan/task/taskid.h"
@@ -42,7 +43,8 @@ Refused Later(std::string reason) {
 }
 
 bool PassesByItself(int error) {
-    static constexpr int kShortages[] = {EAGAIN, ENOMEM, ENOSPC, EDQUOT, EMFILE, ENFILE, EINTR};
+    static constexpr int kShortages[] = {EAGAIN, ENOMEM, ENOSPC, EDQUOT,
+                                         EMFILE, ENFILE, EINTR,  ENOBUFS};
     return std::find(std::begin(kShortages), std::end(kShortages), error) != std::end(kShortages);
 }
 
@@ -131,14 +133,33 @@ int EnterTask(Watch& watch, const tagTaskInfo& taskinfo) {
     return 0;
 }
 
+// A child that is forked and executes nothing would keep the channels beyond the manager's death:
+// the workers would go on.
+void GiveChildrenNoChannel() {
+    static const int registered = pthread_atfork(nullptr, nullptr, []() TS_NO_ANALYSIS {
+        for (Watch& watch : g_Watches) watch.channel.Close();
+    });
+    static_cast<void>(registered);
+}
+
+// Makes the task an extended one. Returns an error number.
+int OpenChannel(Watch& watch, const tagTaskRequest& request, Descriptor& workersEnd) {
+    GiveChildrenNoChannel();
+    Threading::AutoLock hold(&g_watch_mutex);
+    watch.bExtended = true;
+    watch.answerLimit = AnswerLimit(request);
+    return watch.channel.Open(EncodeRequest(request), workersEnd);
+}
+
 // Runs StartProgram on a thread of its own and waits for it. When no process could be made, the
 // process id stays -1, and the supervisor ends the task like that of any dead worker.
-void StartWorker(Watch& watch, const std::string& program) {
+void StartWorker(Watch& watch, const std::string& program, const Descriptor& channel) {
     auto start = std::make_unique<tagStartParam>();
     SetField(start->szProgramPath, program);
     SetField(start->szTaskID, watch.id);
     SetField(start->szTaskIndex, std::to_string(watch.nTaskIndex));
     SetField(start->szMainPid, std::to_string(g_mainpid));
+    start->nChannel = channel.Get();
     std::atomic<pid_t>& pid = g_WorkerPid[watch.nTaskIndex];
     {
         Threading::AutoLock one(&g_start_tarnwick_mutex);
@@ -162,35 +183,59 @@ void StartWorker(Watch& watch, const std::string& program) {
     WakeSupervisor();
 }
 
-// Checks the task, enters it and starts its worker.
-Refused Admit(const tagTaskInfo& taskinfo) {
-    if (std::string reason = RefusalOf(taskinfo); !reason.empty()) return Never(std::move(reason));
+// Enters the task and starts its worker. An extended task has a request, which is in its channel
+// before anybody sees the task.
+Refused Admit(const tagTaskInfo& taskinfo, const tagTaskRequest* request) {
     Watch* watch = nullptr;
     Refused refused = TakeSlot(taskinfo, OutputPath(taskinfo), watch);
     if (refused.kind != TaskRefusal::kNone || watch == nullptr) return refused;
-    const int error = EnterTask(*watch, taskinfo);
+    Descriptor channel;
+    const char* failed = "cannot open the task's channel";
+    int error = request == nullptr ? 0 : OpenChannel(*watch, *request, channel);
+    if (error == 0) {
+        failed = "cannot create the task's lock";
+        error = EnterTask(*watch, taskinfo);
+    }
     std::string program;
     {
         Threading::AutoLock hold(&g_watch_mutex);
         if (error != 0) {
             FreeWatch(*watch);
             WakeSupervisor();
-            refused = Later(SystemReason("cannot create the task's lock", error));
+            refused = Later(SystemReason(failed, error));
             if (!PassesByItself(error)) refused.kind = TaskRefusal::kNever;
             return refused;
         }
         program = g_worker_path;
     }
     StartScanner();
-    StartWorker(*watch, program);
+    StartWorker(*watch, program, channel);
     return {};
+}
+
+// Hands the outcome to the caller of AddTask.
+int Outcome(Refused refused, std::string& strReason, TaskRefusal* refusal) {
+    strReason = std::move(refused.reason);
+    if (refusal != nullptr) *refusal = refused.kind;
+    return refused.kind == TaskRefusal::kNone ? 0 : -1;
 }
 
 }  // namespace
 
 int AddTask(const tagTaskInfo& taskinfo, std::string& strReason, TaskRefusal* refusal) {
-    Refused refused = Admit(taskinfo);
-    strReason = std::move(refused.reason);
-    if (refusal != nullptr) *refusal = refused.kind;
-    return refused.kind == TaskRefusal::kNone ? 0 : -1;
+    tagTaskInfo plain = taskinfo;
+    // Its worker would wait for a request.
+    if (plain.nReserved1 == TASK_EXTENDED) plain.nReserved1 = -1;
+    std::string reason = RefusalOf(plain);
+    Refused refused = reason.empty() ? Admit(plain, nullptr) : Never(std::move(reason));
+    return Outcome(std::move(refused), strReason, refusal);
+}
+
+int AddTask(const tagTaskInfo& taskinfo, const tagTaskRequest& request, std::string& strReason,
+            TaskRefusal* refusal) {
+    tagTaskInfo extended = taskinfo;
+    tagTaskRequest completed = request;
+    std::string reason = RefusalOfExtended(extended, completed);
+    Refused refused = reason.empty() ? Admit(extended, &completed) : Never(std::move(reason));
+    return Outcome(std::move(refused), strReason, refusal);
 }

@@ -3,6 +3,7 @@
 #include <bit>
 #include <string>
 
+#include "TaskMan/task/extended.h"
 #include "TaskMan/task/supervisor.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
@@ -55,6 +56,7 @@ void OnResult(void* param, const char* szTaskID, std::int32_t nCode, const char*
 void DeliverLast(Watch& watch) {
     const tagTaskContext& slot = *SlotAt(g_VideoInfoSection, watch.nTaskIndex);
     const bool own = FieldView(slot.szTaskID) == watch.id;
+    if (own) KeepAnswer(watch.nTaskIndex, slot);
     const std::uint32_t finals = own ? slot.nStateBits & FINAL_STATE_BITS : 0;
     const int code = finals == 0 ? DOWNLOAD_STATE_STOPPED : std::countr_zero(finals);
     if (code == DOWNLOAD_STATE_PARSE_FINISH) {

@@ -35,8 +35,9 @@ struct Look {
 bool Prepare(int slot, Look& look) {
     Threading::AutoLock hold(&g_watch_mutex);
     const Watch& watch = g_Watches[slot];
-    const bool working =
-        watch.stage.state == Stage::kClaimed || watch.stage.state == Stage::kAnswered;
+    // The worker of an extended task sees to its file itself, and does not write it in order.
+    const bool working = !watch.bExtended && (watch.stage.state == Stage::kClaimed ||
+                                              watch.stage.state == Stage::kAnswered);
     if (!working || watch.worker.state == Worker::kGone || watch.stop.state != Stop::kNo ||
         watch.path.empty()) {
         return false;

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "TaskMan/task/counts.h"
+#include "TaskMan/task/extended.h"
 #include "TaskMan/task/supervisor.h"
 #include "TaskMan/taskman.h"
 #include "TaskMan/timing.h"
@@ -153,6 +154,7 @@ class Scanner {
         Invariant(live != nullptr, "NULL != pTask");
         Invariant(node.mutexLock != nullptr, "NULL != Node->mutexLock");
         if (!TakeReports(visit, *live)) return;
+        KeepAnswer(node.nTaskIndex, snapshot_);
         for (int code = 0; code < 32; ++code) {
             if ((snapshot_.nStateBits >> code & 1U) != 0 && !Handle(visit, *live, code)) return;
         }

@@ -26,21 +26,23 @@ void ResetSignals() {
     }
 }
 
-// Gives the worker /dev/null for its standard input and output, which it does not use: whoever
-// reads the manager's output would wait for the end of the last worker, too. Without /dev/null,
-// they stay.
-void LeaveStandardStreams() {
+// Gives the worker its channel, if it has one, for its standard input, and /dev/null for what it
+// does not use: whoever reads the manager's output would wait for the end of the last worker, too.
+// Without /dev/null, they stay.
+void LeaveStandardStreams(int channel) {
     const int null = open("/dev/null", O_RDWR);
-    if (null == -1) return;
-    dup2(null, STDIN_FILENO);
-    dup2(null, STDOUT_FILENO);
+    if (null != -1) {
+        dup2(null, STDIN_FILENO);
+        dup2(null, STDOUT_FILENO);
+    }
+    if (channel > STDERR_FILENO) dup2(channel, STDIN_FILENO);
 }
 
 // What the child of StartProgram does. It may share the memory of its parent, which has other
 // threads: nothing here allocates, takes a lock, or writes anything but its own stack.
 void ExecWorker(const void* param) {
     const auto& start = *static_cast<const tagStartParam*>(param);
-    LeaveStandardStreams();
+    LeaveStandardStreams(start.nChannel);
     platform::CloseDescriptorsOnExec();
     ResetSignals();
     sigset_t mask;

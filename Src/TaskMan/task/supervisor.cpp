@@ -102,6 +102,14 @@ void Inspect(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
     if (own && IsAnswered(watch, slot)) watch.stage.Advance(Stage::kAnswered, now);
 }
 
+// How long the worker may wait for its server, or to claim its task; 0: for ever.
+std::chrono::seconds AnswerLimitOf(const Watch& watch) TS_REQUIRES(g_watch_mutex) {
+    if (!IsDownloadCommand(watch.nCmd)) return std::chrono::seconds(g_limits.nPageSeconds);
+    // The worker keeps the limits of the request itself, and tells which one it was.
+    if (watch.bExtended && watch.stage.state == Stage::kClaimed) return watch.answerLimit;
+    return std::chrono::seconds(g_limits.nAnswerSeconds);
+}
+
 // What a living worker has to do next, by when, and what is said when it does not.
 struct Limit {
     Clock::time_point until = kNever;
@@ -117,8 +125,7 @@ Limit LimitOf(const Watch& watch) TS_REQUIRES(g_watch_mutex) {
     if (watch.lockBusySince) {
         consider(*watch.lockBusySince, timing::kStuckLock, "the worker hung with the task's lock");
     }
-    const bool page = !IsDownloadCommand(watch.nCmd);
-    const std::chrono::seconds answer(page ? g_limits.nPageSeconds : g_limits.nAnswerSeconds);
+    const std::chrono::seconds answer = AnswerLimitOf(watch);
     switch (watch.stage.state) {
         case Stage::kEntered:
         case Stage::kClaimed:
@@ -194,6 +201,7 @@ Clock::time_point NextLook(const Watch& watch, Clock::time_point now) TS_REQUIRE
 struct Round {
     Clock::time_point due = kNever;  // of the next one
     std::vector<const platform::ProcessWatch*> processes;
+    std::vector<int> channels;
     bool bScannerNeeded = false;
     bool bSlotFreed = false;
 };
@@ -209,6 +217,8 @@ Round LookAtAll() {
         if (watch.worker.state == Worker::kNotStarted) continue;
         if (watch.stage.state != Stage::kDelivered) round.bScannerNeeded = true;
         if (watch.worker.state != Worker::kGone) round.processes.push_back(&watch.process);
+        if (watch.channel.Heard()) EndScannerPause();
+        if (watch.channel.Awaited() != -1) round.channels.push_back(watch.channel.Awaited());
     }
     if (g_refuse_until != Clock::time_point{}) {
         if (now >= g_refuse_until) {
@@ -241,7 +251,8 @@ void* RunSupervisor(void* /*argument*/) {
         // One that found the map empty may have ended just when a task came.
         if (round.bScannerNeeded && !g_Exit) StartScanner();
         if (round.bSlotFreed) TellOfFreeSlot();
-        platform::WaitForEnd(round.processes, g_waker, MillisecondsUntil(round.due));
+        platform::WaitForEnd(round.processes, g_waker, MillisecondsUntil(round.due),
+                             round.channels);
     }
     return nullptr;
 }

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "TaskMan/manager.h"
+#include "TaskMan/task/channel.h"
 #include "TaskMan/task/diskwatch.h"
 #include "TaskMan/task/managerevent.h"
 #include "common/mutex.h"
@@ -79,6 +80,12 @@ struct Watch {
     std::int32_t nCmd = -1;          // command of the task
     sem_t* lock = nullptr;           // the task's semaphore
     platform::ProcessWatch process;  // once the worker was started, the supervisor's to change
+
+    // Of an extended task.
+    bool bExtended = false;
+    Channel channel;
+    std::chrono::seconds answerLimit{0};  // of its download, once that is claimed; 0: none
+    std::optional<tagTaskAnswer> answer;  // its worker's last one
 
     // The application's callbacks; set before the node enters the map, then only read.
     void* pCallbackParam = nullptr;

@@ -1,0 +1,64 @@
+#include "TaskMan/task/extended.h"
+
+#include <algorithm>
+
+#include "TaskMan/task/admission.h"
+#include "TaskMan/task/watch.h"
+#include "common/AutoLock.h"
+#include "common/fieldtext.h"
+
+namespace {
+
+// Codes with which the answer is in the slot; with code 1 it holds the information text.
+constexpr std::uint32_t kAnswerBits =
+    1U << DOWNLOAD_STATE_FILE_SIZE | (FINAL_STATE_BITS & ~(1U << DOWNLOAD_STATE_PARSE_FINISH));
+
+bool HoldsAnswer(const tagTaskContext& slot) {
+    return (slot.nStateBits & kAnswerBits) != 0 &&
+           (slot.nStateBits & 1U << DOWNLOAD_STATE_PARSE_FINISH) == 0;
+}
+
+}  // namespace
+
+std::string RefusalOfExtended(tagTaskInfo& taskinfo, tagTaskRequest& request) {
+    taskinfo.nReserved1 = TASK_EXTENDED;
+    if (!IsDownloadCommand(taskinfo.nCmd)) {
+        if (!request.strUrl.empty()) return "the address of a page belongs into the task";
+    } else if (static_cast<std::uint32_t>(taskinfo.nBlockCount - 1) >= 10) {
+        return "the number of connections is not 1 to 10";
+    } else if (request.strUrl.empty()) {
+        request.strUrl = FieldText(taskinfo.szDownloadUrl);
+    } else {
+        SetField(taskinfo.szDownloadUrl, request.strUrl);
+    }
+    std::string reason = RefusalOf(taskinfo);
+    return reason.empty() ? RefusalOf(request) : reason;
+}
+
+std::chrono::seconds AnswerLimit(const tagTaskRequest& request) {
+    using namespace std::chrono_literals;
+    // A file that another process writes, a server's wish for a pause, a file that has changed.
+    constexpr auto kMargin = 60s;
+    constexpr std::int32_t kServersPause = 30;
+    if (request.nAnswerSeconds == 0 || request.nStallSeconds == 0) return 0s;
+    const std::int32_t pause = std::max(request.nWaitSeconds * 5 / 4, kServersPause);
+    const std::chrono::seconds round(request.nAnswerSeconds + request.nStallSeconds + pause);
+    return (request.nTries + 1) * round + kMargin;
+}
+
+void KeepAnswer(int nTaskIndex, const tagTaskContext& slot) {
+    if (!HoldsAnswer(slot)) return;
+    Threading::AutoLock hold(&g_watch_mutex);
+    Watch& watch = g_Watches[nTaskIndex];
+    if (!watch.bExtended) return;
+    tagTaskAnswer answer;
+    if (DecodeAnswer(FieldView(slot.szVideoInfo), answer).empty()) watch.answer = answer;
+}
+
+bool TaskAnswer(const char* szTaskID, tagTaskAnswer& answer) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    const Watch* watch = FindWatch(szTaskID);
+    if (watch == nullptr || !watch->answer) return false;
+    answer = *watch->answer;
+    return true;
+}
