@@ -41,7 +41,7 @@ _taskman() {
         [[ ${COMP_WORDS[COMP_CWORD]} == -* ]] ||
             options=$(taskman top --json 2>/dev/null | sed -n 's/.*"id":"\([^"]*\)".*/\1/p')
         ;;
-    clean) options+=' -n --dry-run' ;;
+    clean) options+=' -n --dry-run --parts' ;;
     *) return ;;
     esac
     case ${COMP_WORDS[1]}:${COMP_WORDS[COMP_CWORD]} in

@@ -58,3 +58,4 @@ complete $stop -a '(__taskman_ids)' -d task
 
 set -l clean -c taskman -n '__fish_seen_subcommand_from clean'
 complete $clean -s n -l dry-run -d 'only tell what is there'
+complete $clean -l parts -d 'partial files that can be continued, too'

@@ -89,8 +89,9 @@ constexpr const char* kCleanExamples =
     "  taskman clean\n"
     "\n"
     "Removes what managers of this user that were killed have left: their sections\n"
-    "and locks, workers that go on for nobody, and the parts of their files. \"get\"\n"
-    "and \"info\" do the same when they start.\n";
+    "and locks, workers that go on for nobody, and the parts of their files but for\n"
+    "those that can be continued. \"get\" and \"info\" do the same when they start;\n"
+    "where a part lies is known no more then.\n";
 
 constexpr const char* kCleanExits =
     "Exit status: 0 nothing is left, 2 wrong usage, 3 a part cannot be removed.";
@@ -230,7 +231,11 @@ VerbForm CleanForm(Command& command) {
     return {"clean [OPTIONS]",
             kCleanExamples,
             kCleanExits,
-            {{"-n,--dry-run", "", "only tell what is there", Set(command.clean.lookOnly, true)}}};
+            {
+                {"-n,--dry-run", "", "only tell what is there", Set(command.clean.lookOnly, true)},
+                {"--parts", "", "partial files that can be continued, too",
+                 Set(command.clean.parts, true)},
+            }};
 }
 
 constexpr struct {

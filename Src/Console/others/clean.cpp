@@ -8,7 +8,7 @@
 #include "TaskMan/deadmanagers.h"
 
 int RunClean(const CleanOptions& options) {
-    const Remains remains = SweepDeadManagers(options.lookOnly);
+    const Remains remains = SweepDeadManagers(options.lookOnly, options.parts);
     const std::string done = options.lookOnly ? ": would be removed\n" : ": removed\n";
     std::string told;
     const auto tell = [&](const char* what, const std::string& name) {
@@ -18,6 +18,9 @@ int RunClean(const CleanOptions& options) {
     for (const std::string& name : remains.locks) tell("lock", name);
     for (const WorkerProcess& worker : remains.workers) tell("worker", std::to_string(worker.pid));
     for (const std::string& path : remains.parts) tell("part", path);
+    for (const std::string& path : remains.continuable) {
+        told += "part " + text::Printable(path) + ": left, it can be continued\n";
+    }
     std::string faults;
     for (const std::string& path : remains.stuck) {
         faults += FaultLine("cannot remove " + path);

@@ -52,7 +52,8 @@ enum class TaskRefusal { kNone, kNever, kLater };
 //
 // The id names a semaphore, and is the application's to keep apart from those of other managers on
 // the machine: one that is in use there is taken over unseen. A path that ends in TASK_PART_ENDING
-// (othermanagers.h) is removed after a crash, unless somebody has the file locked.
+// (othermanagers.h) is removed after a crash, unless somebody has the file locked or it can be
+// continued.
 int AddTask(const tagTaskInfo& taskinfo, std::string& strReason, TaskRefusal* refusal = nullptr);
 
 // Adds an extended task: a download with requests, retries and a partial file of its own kind, or a

@@ -31,7 +31,9 @@ struct OtherTask {
     double dSpeed = -1;            // bytes a second; -1: none reported
 };
 
-// An output path that ends so is a part: a partial file, which its owner keeps locked (flock).
+// An output path that ends so is a part: a partial file, which its owner keeps locked (flock). When
+// its manager is dead it is removed, unless a sound record beside it (TaskMan/partrecord.h) says
+// that it can be continued.
 constexpr const char* TASK_PART_ENDING = ".part";
 
 // Process ids of all living managers of this user, in ascending order. Empty where the system

@@ -61,5 +61,9 @@ bool DecodePartRecord(std::string_view text, PartRecord& record);
 // Returns false when there is a record and it is damaged.
 bool ReadPartRecord(const std::string& path, PartRecord& record);
 
+// Whether a file of `size` bytes can be the partial file that the record tells of: all that is in
+// `have` lies in it, and nothing behind the complete file.
+bool FitsPartFile(const PartRecord& record, std::uint64_t size);
+
 // Number of bytes in the ranges.
 std::uint64_t BytesIn(const std::vector<ByteRange>& ranges);

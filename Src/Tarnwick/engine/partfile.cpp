@@ -107,11 +107,10 @@ MaybeFault PartFile::Open(const std::function<bool()>& patient) {
     if (!sound) disregarded_ = "the record of the partial file is damaged";
     if (!keeps_ || record.size == 0) return std::nullopt;
     struct stat status {};
-    const std::uint64_t end = record.have.empty() ? 0 : record.have.back().end;
-    if (fstat(file_, &status) != 0 || static_cast<std::uint64_t>(status.st_size) < end ||
-        static_cast<std::uint64_t>(status.st_size) > record.size) {
+    if (fstat(file_, &status) != 0 ||
+        !FitsPartFile(record, static_cast<std::uint64_t>(status.st_size))) {
         disregarded_ = "the record of the partial file does not fit its size";
-    } else if (end != 0) {
+    } else if (!record.have.empty()) {
         found_ = std::move(record);
     }
     return std::nullopt;

@@ -159,6 +159,10 @@ bool ReadPartRecord(const std::string& path, PartRecord& record) {
     return true;
 }
 
+bool FitsPartFile(const PartRecord& record, std::uint64_t size) {
+    return Within(record.have, size) && size <= record.size;
+}
+
 std::uint64_t BytesIn(const std::vector<ByteRange>& ranges) {
     std::uint64_t bytes = 0;
     for (const ByteRange& range : ranges) bytes += range.Size();

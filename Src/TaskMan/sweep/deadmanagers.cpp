@@ -11,6 +11,7 @@
 #include <set>
 #include <utility>
 
+#include "TaskMan/partrecord.h"
 #include "TaskMan/section/othersection.h"
 #include "TaskMan/task/taskid.h"
 #include "TaskMan/taskcontext.h"
@@ -112,10 +113,23 @@ std::vector<std::string> FindLocks(const Census& census, const InUse& inUse) {
     return locks;
 }
 
-// Removes the file if it is a part that nobody has locked, or only looks, and adds it to the
-// remains. `path` comes from a slot: nothing is a part but an absolute path with the ending of
-// parts, to a regular file of this user, not through a link.
-void RemoveStalePart(const std::string& path, bool bLookOnly, Remains& remains) {
+// What is to be done.
+struct Order {
+    bool bLookOnly = false;
+    bool bContinuable = false;  // remove what can be continued, too
+};
+
+bool CanBeContinued(const std::string& path, const struct stat& part) {
+    PartRecord record;
+    return ReadPartRecord(path, record) && record.size != 0 && !record.have.empty() &&
+           FitsPartFile(record, static_cast<std::uint64_t>(part.st_size));
+}
+
+// Removes the file and its record if it is a part that nobody has locked and that is not to be
+// continued, or only looks, and adds it to the remains. `path` comes from a slot: nothing is a part
+// but an absolute path with the ending of parts, to a regular file of this user, not through a
+// link.
+void RemoveStalePart(const std::string& path, const Order& order, Remains& remains) {
     if (!path.starts_with('/') || !path.ends_with(TASK_PART_ENDING)) return;
     const Descriptor part(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
@@ -123,18 +137,23 @@ void RemoveStalePart(const std::string& path, bool bLookOnly, Remains& remains) 
         !IsNamed(part.Get(), path)) {
         return;
     }
-    const bool removed = bLookOnly || unlink(path.c_str()) == 0;
+    if (!order.bContinuable && CanBeContinued(path, status)) {
+        remains.continuable.push_back(path);
+        return;
+    }
+    const bool removed = order.bLookOnly || unlink(path.c_str()) == 0;
     (removed ? remains.parts : remains.stuck).push_back(path);
+    if (removed && !order.bLookOnly) unlink((path + PART_RECORD_ENDING).c_str());
 }
 
-void RemoveParts(const Census& census, const InUse& inUse, bool bLookOnly, Remains& remains) {
+void RemoveParts(const Census& census, const InUse& inUse, const Order& order, Remains& remains) {
     std::set<std::string> paths;
     for (const OtherTask& task : census.deadTasks) {
         if (IsDownloadCommand(task.nCmd) && inUse.paths.count(task.path) == 0) {
             paths.insert(task.path);
         }
     }
-    for (const std::string& path : paths) RemoveStalePart(path, bLookOnly, remains);
+    for (const std::string& path : paths) RemoveStalePart(path, order, remains);
 }
 
 // Kills the orphans and waits until they are gone.
@@ -175,7 +194,7 @@ Survey::Survey() {
     for (const Orphan& orphan : orphans) remains.workers.push_back(orphan.worker);
 }
 
-void Remove(Survey& survey) {
+void Remove(Survey& survey, const Order& order) {
     const Census& census = survey.census;
     for (const auto& section : census.dead) {
         for (const OtherTask& task : section->Tasks()) {
@@ -188,17 +207,18 @@ void Remove(Survey& survey) {
     // Ids and paths of the dead may have come into use meanwhile.
     const InUse inUse(ListTasks());
     RemoveNames(inUse, survey.remains);
-    RemoveParts(census, inUse, false, survey.remains);
+    RemoveParts(census, inUse, order, survey.remains);
 }
 
 }  // namespace
 
-Remains SweepDeadManagers(bool bLookOnly) {
+Remains SweepDeadManagers(bool bLookOnly, bool bContinuable) {
+    const Order order{bLookOnly, bContinuable};
     Survey survey;
     if (bLookOnly) {
-        RemoveParts(survey.census, survey.inUse, true, survey.remains);
+        RemoveParts(survey.census, survey.inUse, order, survey.remains);
     } else {
-        Remove(survey);
+        Remove(survey, order);
     }
     return std::move(survey.remains);
 }
