@@ -27,10 +27,15 @@
 #define SLOW_HOLDER 11         /* a living thread has the lock for longer than a look */
 #define NOBODY_STOPS 12        /* the application leaves alone what hangs where no rule ends it */
 #define FORGET_LATE 13         /* the scanner forgets, behind a pass, who woke it during the pass */
+#define ANSWER_APART 14        /* the answer is stored behind the code, under the lock anew */
+#define ANSWER_FROM_EMPTY 15   /* the scanner reads the answer when it has emptied the slot */
+#define LINE_ALONE 16          /* the worker's line over the channel causes passes, not its end */
 
 mtype = { NOBODY, WORKER, SCANNER, SUPERVISOR, APPLICATION };
 
-bool slotId, slotPid, slotStop, slotInfo, slotFinal;  /* Info: code 10 or 2; Final: a final code */
+bool slotId, slotPid, slotStop, slotInfo;  /* Info: code 10 or 2 */
+byte slotFinal;              /* a final code: 1 of the worker, 2 of the supervisor */
+byte slotText;               /* the answer: 1 that of slotInfo, 2 that of slotFinal */
 byte sem[3] = 1;             /* the lock of each task, made anew for it */
 mtype holder[3] = NOBODY;
 byte name;                   /* task whose semaphore carries the name; 0: none does */
@@ -48,8 +53,11 @@ byte finals[3];              /* final callbacks of each task */
 #define UNLOCK(t) d_step { sem[t]++; assert(sem[t] == 1); holder[t] = NOBODY }
 /* What every write into the slot is: by the holder of the lock, for the task that has the slot. */
 #define WRITES(t, who) assert(owner == t && holder[t] == who)
-#define EMPTY (!slotId && !slotPid && !slotStop && !slotInfo && !slotFinal)
-#define CLEAR slotId = false; slotPid = false; slotStop = false; slotInfo = false; slotFinal = false
+#define EMPTY (!slotId && !slotPid && !slotStop && !slotInfo && !slotFinal && !slotText)
+#define CLEAR slotId = false; slotPid = false; slotStop = false; slotInfo = false; slotFinal = 0; \
+    slotText = 0
+/* Who takes a worker's code has the answer that goes with it. */
+#define HAS_ANSWER assert((slotFinal != 1 || slotText == 2) && (!slotInfo || slotText != 0))
 #define FREE sem[owner] = 1; holder[owner] = NOBODY; name = 0; owner = 0; started = false; \
     gone = false; answered = false; delivered = false; stopAsked = false; stopStored = false; \
     missed = 0; wish = false
@@ -58,7 +66,8 @@ byte finals[3];              /* final callbacks of each task */
 #define STEP(s) if :: s :: alive[t] = false :: hung[t] = true; false fi
 
 proctype Worker(byte t) {
-    bool stop, info, final;
+    bool stop, info;
+    byte final;
 end: alive[t];
     {
         if :: slotId :: else -> goto leave fi;
@@ -67,17 +76,23 @@ end: alive[t];
         STEP(LOCK(t, WORKER));
         STEP(d_step { stop = slotStop; info = slotInfo; final = slotFinal });
         STEP(d_step { WRITES(t, WORKER); slotPid = true; slotStop = stop; slotInfo = info;
-                      slotFinal = final; stop = false; info = false; final = false;
+                      slotFinal = final; stop = false; info = false; final = 0;
                       assert(!stopStored || slotStop) });  /* a stop word that was stored stays */
         STEP(UNLOCK(t));
         if
         :: true                              /* no answer */
         :: slotId -> STEP(LOCK(t, WORKER));  /* a value: the id is checked before the lock */
-            STEP(d_step { WRITES(t, WORKER); slotInfo = true }); STEP(UNLOCK(t))
+            STEP(d_step { WRITES(t, WORKER); slotInfo = true; slotText = 1 }); STEP(UNLOCK(t))
         fi;
         STEP(LOCK(t, WORKER));
-        if :: slotId -> STEP(d_step { WRITES(t, WORKER); slotFinal = true }) :: else fi;
+        if
+        :: slotId ->
+            STEP(d_step { WRITES(t, WORKER); slotFinal = 1;
+                          if :: FAULT == ANSWER_APART :: else -> slotText = 2 fi })
+        :: else
+        fi;
         STEP(UNLOCK(t));
+        if :: true :: STEP(early = true) fi;  /* its line over the channel; nobody counts on it */
 leave:  STEP(name = 0); alive[t] = false
     } unless { !alive[t] }
 }
@@ -92,7 +107,7 @@ end: do
         :: d_step { !mapMutex && node != 0 && (early || (slotInfo && !slotFinal)) -> t = node;
                     if :: FAULT == FORGET_LATE :: else -> early = false fi };
             LOCK(t, SCANNER);
-            d_step { assert(slotId); info = slotInfo; final = slotFinal };
+            d_step { assert(slotId); info = slotInfo; final = slotFinal != 0; HAS_ANSWER };
             d_step { WRITES(t, SCANNER); slotInfo = false; slotFinal = false };
             if :: final -> endTaken = true :: else fi;
             UNLOCK(t);
@@ -100,7 +115,8 @@ end: do
             :: final ->
                 d_step { !mapMutex -> mapMutex = true };
                 LOCK(t, SCANNER);
-                d_step { WRITES(t, SCANNER); CLEAR };
+                d_step { WRITES(t, SCANNER); CLEAR;
+                         assert(FAULT != ANSWER_FROM_EMPTY || slotText == 2) };
                 UNLOCK(t);
                 d_step { node = 0; name = 0 }; mapMutex = false;
                 d_step { finals[t]++; assert(finals[t] == 1) };
@@ -135,13 +151,13 @@ inline Give() { if :: FAULT == WRITE_UNLOCKED :: else -> UNLOCK(owner) fi }
 proctype Supervisor() {
 end: do
     :: d_step { !watchMutex && started && !gone && !alive[owner] ->
-                gone = true; missed = 0; early = true }
+                gone = true; missed = 0; early = (FAULT != LINE_ALONE || early) }
     :: d_step { !watchMutex && started && FREES -> FREE }
     :: d_step { !watchMutex && started && !FREES && sem[owner] > 0 &&
                 (SPEAKS || STORES || missed > 0) ->
                 watchMutex = true; missed = 0; Take() };
         if
-        :: SPEAKS -> d_step { WRITES(owner, SUPERVISOR); slotId = true; slotFinal = true;
+        :: SPEAKS -> d_step { WRITES(owner, SUPERVISOR); slotId = true; slotFinal = 2;
                             early = true }
         :: STORES -> d_step { WRITES(owner, SUPERVISOR); slotStop = true; stopStored = true }
         :: else fi;

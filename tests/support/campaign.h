@@ -45,6 +45,7 @@ struct Course {
     Clock::time_point added, died, ended;
     int code = -1;
     std::string remark;
+    tagTaskAnswer answer;
     std::atomic<int> finals{0};
 };
 
@@ -93,13 +94,15 @@ class Campaign {
         SetField(task.szFilePath, directory_.Path(id));
         task.nCmd = TASK_CMD_DOWNLOAD;
         task.nTaskKind = task.nTryInterval = 0;
+        task.nBlockCount = 1;
         task.pfnStateCallback = OnState;
         return task;
     }
 
     Course& Add(const std::string& address) { return Add(Task(address)); }
 
-    Course& Add(tagTaskInfo task) {
+    // With a request, an extended task.
+    Course& Add(tagTaskInfo task, const tagTaskRequest* request = nullptr) {
         std::unique_lock hold(mutex_);
         Course& course = courses_.emplace_back();
         hold.unlock();
@@ -108,7 +111,9 @@ class Campaign {
         // A full house passes, and so does the time in which no task is taken because three workers
         // have ended without taking theirs.
         std::string reason;
-        EXPECT_TRUE(WaitUntil([&] { return AddTask(task, reason) == 0; })) << reason;
+        EXPECT_TRUE(WaitUntil([&] {
+            return (request ? AddTask(task, *request, reason) : AddTask(task, reason)) == 0;
+        })) << reason;
         course.added = Clock::now();
         course.lock = sem_open(course.id.c_str(), 0);
         Threading::AutoLock map(&g_access_taskmap_mutex);
@@ -135,6 +140,7 @@ class Campaign {
             course.ended = Clock::now();
             course.code = code;
             course.remark = TaskRemark(id);
+            TaskAnswer(id, course.answer);
         }
         ++course.finals;
     }

@@ -1,6 +1,7 @@
 // A worker that dies as its task's address says: "http://fault/claim,lock,kill" takes the task,
 // then its lock, and is killed with it. With any other address it is the real worker.
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -27,6 +28,11 @@ int main(int /*argc*/, char** argv) TS_NO_ANALYSIS {
         if (step == "claim" || step == "unlock") lock.UnLock();
         if (step == "report") SetStateBit(slot, DOWNLOAD_STATE_PROGRESS);
         if (step == "finish") SetStateBit(slot, DOWNLOAD_STATE_DOWNLOAD_FINISH);
+        if (step == "answer") SetField(slot.szVideoInfo, "requests=7\r\n");
+        if (step == "tear") SetField(slot.szVideoInfo, "requests=8\r\nreas");
+        if (step == "size") SetStateBit(slot, DOWNLOAD_STATE_FILE_SIZE);
+        // Sends into its channel what there is room for.
+        while (step == "flood" && send(STDIN_FILENO, "flood", 5, MSG_DONTWAIT) == 5) continue;
         if (step == "kill") raise(SIGKILL);
         if (step == "stop") raise(SIGSTOP);
         if (step == "abort") abort();
