@@ -37,7 +37,7 @@ TEST(Extended, TellsWhatBecameOfIt) {
         {server.Url("/none"), 7, TaskReason::kHttpStatus, 1},
         {"http://name.invalid/", 7, TaskReason::kNameNotFound, 1},
         {"http://fault/claim,flood,answer,finish", 3, TaskReason::kNone, 7},
-        {"http://fault/claim,lock,answer,size,tear,kill", 7, TaskReason::kNone, 0, died},
+        {"http://fault/claim,answer,size,taken,lock,tear,kill", 7, TaskReason::kNone, 7, died},
         {"http://fault/claim,answer,lock,kill", 7, TaskReason::kNone, 7, died},
     };
     std::vector<Course*> courses;

@@ -37,13 +37,18 @@ void EndJob() {
 }
 
 // Waits for the job's end. Looks at the flag once a second as well: another thread may set it
-// without a signal.
+// without a signal. The job of a manager that is gone may wait for a lock that this one has taken
+// to the grave: after some looks the process exits without it.
 void WaitForJob() {
     constexpr int kLookMilliseconds = 1000;
+    constexpr int kMostLooks = 5;
+    int looks = 0;
     pthread_mutex_lock(&g_end_mutex);
     while (!g_exit_download) {
         platform::WaitCondition(&g_end, &g_end_mutex, kLookMilliseconds);
-        if (IsExtended(g_TaskConData) && ManagerGone()) g_Exit = true;
+        if (!IsExtended(g_TaskConData) || !ManagerGone()) continue;
+        g_Exit = true;
+        if (++looks == kMostLooks) _exit(0);
     }
     pthread_mutex_unlock(&g_end_mutex);
 }

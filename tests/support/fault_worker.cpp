@@ -31,6 +31,8 @@ int main(int /*argc*/, char** argv) TS_NO_ANALYSIS {
         if (step == "answer") SetField(slot.szVideoInfo, "requests=7\r\n");
         if (step == "tear") SetField(slot.szVideoInfo, "requests=8\r\nreas");
         if (step == "size") SetStateBit(slot, DOWNLOAD_STATE_FILE_SIZE);
+        while (step == "taken" && *static_cast<volatile std::int32_t*>(&slot.bStateChanged) != 0)
+            usleep(1000);
         // Sends into its channel what there is room for.
         while (step == "flood" && send(STDIN_FILENO, "flood", 5, MSG_DONTWAIT) == 5) continue;
         if (step == "kill") raise(SIGKILL);
