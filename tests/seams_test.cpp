@@ -11,6 +11,7 @@
 #include "Console/get/fetch.h"
 #include "Console/get/target.h"
 #include "TaskMan/task/delivery.h"
+#include "TaskMan/task/extended.h"
 #include "TaskMan/task/supervisor.h"
 #include "TaskMan/task/throttle.h"
 #include "TaskMan/taskman.h"
@@ -175,6 +176,32 @@ TEST_F(Supervised, WorkersHaveTheirTimes) {
     MakeUpForPause(start_ + std::chrono::seconds(100));
     Look(128);
     EXPECT_EQ(watch_.worker.state, Worker::kAlive);
+}
+
+TEST_F(Supervised, ExtendedDownloadsHaveTheTimeOfTheirRequests) {
+    const struct {
+        std::int32_t nAnswerSeconds, nTries;
+        Stage stage;
+        double longest, limit;  // of all tries and pauses by the request; of the manager
+    } rows[] = {
+        {30, 5, Stage::kEntered, 29, 30},
+        {30, 5, Stage::kClaimed, 5 * (30 + 20 + 30), 540},
+        {600, 100, Stage::kClaimed, 100 * (600 + 20 + 30), 101 * 650 + 60},
+        {0, 5, Stage::kClaimed, 1e6, 0},
+    };
+    for (const auto& row : rows) {
+        Renew(row.stage);
+        tagTaskRequest request;
+        request.nAnswerSeconds = row.nAnswerSeconds;
+        request.nTries = row.nTries;
+        watch_.bExtended = true;
+        watch_.answerLimit = AnswerLimit(request);
+        Look(row.longest);
+        EXPECT_EQ(watch_.worker.state, Worker::kAlive) << row.longest;
+        if (row.limit == 0) continue;
+        Look(row.limit);
+        EXPECT_EQ(watch_.worker.state, Worker::kKilled) << row.limit;
+    }
 }
 
 TEST_F(Supervised, AWorkerThatTheKernelHoldsIsDeadInTheEnd) {

@@ -27,7 +27,11 @@ constexpr Milliseconds kExitPatience{10000};  // from a worker's final code to i
 // The kernel may hold a killed worker for as long as a disk does not answer. It runs no code of its
 // own any more.
 constexpr Milliseconds kKillPatience{2000};
-constexpr Milliseconds kPause{1000};  // a wait that ends so late: this process was stopped
+// Beyond all tries of an extended download, for whose limits its worker sees to: another process
+// that writes the file, a file that has changed.
+constexpr Milliseconds kOwnLimits{60000};
+constexpr Milliseconds kServersPause{30000};  // the longest that such a worker waits on its wish
+constexpr Milliseconds kPause{1000};          // a wait that ends so late: this process was stopped
 
 // ---- Starts. Three that fail within this time close the manager for as long.
 constexpr Milliseconds kThrottle{10000};

@@ -4,6 +4,7 @@
 
 #include "TaskMan/task/admission.h"
 #include "TaskMan/task/watch.h"
+#include "TaskMan/timing.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
 
@@ -36,14 +37,14 @@ std::string RefusalOfExtended(tagTaskInfo& taskinfo, tagTaskRequest& request) {
 }
 
 std::chrono::seconds AnswerLimit(const tagTaskRequest& request) {
-    using namespace std::chrono_literals;
-    // A file that another process writes, a server's wish for a pause, a file that has changed.
-    constexpr auto kMargin = 60s;
-    constexpr std::int32_t kServersPause = 30;
-    if (request.nAnswerSeconds == 0 || request.nStallSeconds == 0) return 0s;
-    const std::int32_t pause = std::max(request.nWaitSeconds * 5 / 4, kServersPause);
-    const std::chrono::seconds round(request.nAnswerSeconds + request.nStallSeconds + pause);
-    return (request.nTries + 1) * round + kMargin;
+    using std::chrono::seconds;
+    if (request.nAnswerSeconds == 0 || request.nStallSeconds == 0) return seconds(0);
+    // A pause is up to a quarter longer than it is asked for.
+    const timing::Milliseconds pause = std::max<timing::Milliseconds>(
+        seconds(request.nWaitSeconds * 5 / 4 + 1), timing::kServersPause);
+    const timing::Milliseconds round =
+        seconds(request.nAnswerSeconds + request.nStallSeconds) + pause;
+    return std::chrono::ceil<seconds>((request.nTries + 1) * round + timing::kOwnLimits);
 }
 
 void KeepAnswer(int nTaskIndex, const tagTaskContext& slot) {
