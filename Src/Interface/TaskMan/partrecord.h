@@ -18,8 +18,9 @@
 #include <string_view>
 #include <vector>
 
-constexpr const char* PART_RECORD_ENDING = ".info";  // behind the partial file's path
-constexpr std::size_t PART_RECORD_RANGES = 64;       // most of them; a file in more has no record
+constexpr const char* PART_RECORD_ENDING = ".info";          // behind the partial file's path
+constexpr const char* PART_RECORD_NEW_ENDING = ".info.new";  // of the one that will replace it
+constexpr std::size_t PART_RECORD_RANGES = 64;  // most of them; a file in more has no record
 
 // Bytes `begin` up to, but not including, `end`.
 struct ByteRange {
@@ -64,6 +65,14 @@ bool ReadPartRecord(const std::string& path, PartRecord& record);
 // Whether a file of `size` bytes can be the partial file that the record tells of: all that is in
 // `have` lies in it, and nothing behind the complete file.
 bool FitsPartFile(const PartRecord& record, std::uint64_t size);
+
+// How much of the complete file a later run need not fetch again, in percent, when the partial file
+// `path` has `size` bytes. Below 0 when it cannot be continued: its record is missing or damaged,
+// holds nothing or does not fit.
+double ContinuablePercent(const std::string& path, std::uint64_t size);
+
+// Removes the record of the partial file `path`, if there is one.
+void RemovePartRecord(const std::string& path);
 
 // Number of bytes in the ranges.
 std::uint64_t BytesIn(const std::vector<ByteRange>& ranges);

@@ -249,7 +249,7 @@ void PartFile::Leave(const std::vector<ByteRange>& have) {
 // A new file with both parts, brought to the disk, takes the name.
 void PartFile::ReplaceRecord(const std::vector<ByteRange>& have) {
     if (have.size() > PART_RECORD_RANGES) return DropRecord();
-    const std::string fresh = info_ + ".new";
+    const std::string fresh = path_ + PART_RECORD_NEW_ENDING;
     Descriptor file(open(fresh.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     first_ = EncodePartRecord(record_);
     if (file.Get() == -1 || !WriteAll(file.Get(), first_.data(), first_.size(), 0) ||
@@ -278,7 +278,7 @@ bool PartFile::WriteHave(int file, const std::vector<ByteRange>& have) {
 void PartFile::DropRecord() {
     described_ = false;
     if (record_file_ != -1) close(std::exchange(record_file_, -1));
-    unlink((info_ + ".new").c_str());
+    unlink((path_ + PART_RECORD_NEW_ENDING).c_str());
     if (unlink(info_.c_str()) != 0) return;
     const std::size_t slash = info_.rfind('/');
     const std::string directory = slash == info_.npos ? "." : info_.substr(0, slash + 1);

@@ -163,6 +163,21 @@ bool FitsPartFile(const PartRecord& record, std::uint64_t size) {
     return Within(record.have, size) && size <= record.size;
 }
 
+double ContinuablePercent(const std::string& path, std::uint64_t size) {
+    PartRecord record;
+    if (!ReadPartRecord(path, record) || record.size == 0 || record.have.empty() ||
+        !FitsPartFile(record, size)) {
+        return -1;
+    }
+    return 100.0 * static_cast<double>(BytesIn(record.have)) / static_cast<double>(record.size);
+}
+
+void RemovePartRecord(const std::string& path) {
+    for (const char* ending : {PART_RECORD_NEW_ENDING, PART_RECORD_ENDING}) {
+        unlink((path + ending).c_str());
+    }
+}
+
 std::uint64_t BytesIn(const std::vector<ByteRange>& ranges) {
     std::uint64_t bytes = 0;
     for (const ByteRange& range : ranges) bytes += range.Size();

@@ -119,12 +119,6 @@ struct Order {
     bool bContinuable = false;  // remove what can be continued, too
 };
 
-bool CanBeContinued(const std::string& path, const struct stat& part) {
-    PartRecord record;
-    return ReadPartRecord(path, record) && record.size != 0 && !record.have.empty() &&
-           FitsPartFile(record, static_cast<std::uint64_t>(part.st_size));
-}
-
 // Removes the file and its record if it is a part that nobody has locked and that is not to be
 // continued, or only looks, and adds it to the remains. `path` comes from a slot: nothing is a part
 // but an absolute path with the ending of parts, to a regular file of this user, not through a
@@ -137,13 +131,14 @@ void RemoveStalePart(const std::string& path, const Order& order, Remains& remai
         !IsNamed(part.Get(), path)) {
         return;
     }
-    if (!order.bContinuable && CanBeContinued(path, status)) {
+    if (!order.bContinuable &&
+        ContinuablePercent(path, static_cast<std::uint64_t>(status.st_size)) >= 0) {
         remains.continuable.push_back(path);
         return;
     }
     const bool removed = order.bLookOnly || unlink(path.c_str()) == 0;
     (removed ? remains.parts : remains.stuck).push_back(path);
-    if (removed && !order.bLookOnly) unlink((path + PART_RECORD_ENDING).c_str());
+    if (removed && !order.bLookOnly) RemovePartRecord(path);
 }
 
 void RemoveParts(const Census& census, const InUse& inUse, const Order& order, Remains& remains) {
