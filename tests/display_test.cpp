@@ -23,6 +23,7 @@ TEST(DisplayLines, AreVisibleAndFitTheirColumns) {
     const FileView again{
         .name = "file-of-some-length.tar.gz", .size = 67108864, .answered = true, .tries = 2};
     const FileView waiting{.name = "name", .tries = 3};
+    const FileView endless{.name = "name", .speed = 1048576, .answered = true};
     const Clock::time_point now = waiting.started + std::chrono::milliseconds(4200);
     const Totals totals{3, 0, 1, 0, 0, 2, 1024 * 1024};
     const std::pair<std::string, std::string> rows[] = {
@@ -46,11 +47,24 @@ TEST(DisplayLines, AreVisibleAndFitTheirColumns) {
         {FileLine(waiting, 60, now),
          "name (try 3)                     waiting for the server, 4 s"},
         {FileLine(waiting, 19, now), "name   waiting, 4 s"},
-        {TotalLine({&file}, totals, 79),
+        {FileLine(endless, 60, now),
+         "name                              size unknown     1.0 MiB/s"},
+        {TotalLine({&file}, totals, 79, now),
          "2 of 3 files done, 1 failed, 17.0 MiB, 1.0 MiB/s, 0:48 left"},
-        {TotalLine({&file, &waiting}, totals, 19), "2 of 3 files done"},
+        {TotalLine({&file, &waiting}, totals, 19, now), "2 of 3 files done"},
     };
     for (const auto& [actual, expected] : rows) EXPECT_EQ(actual, expected);
+}
+
+TEST(DisplayLines, ASpeedIsSmoothed) {
+    SmoothSpeed speed;
+    const auto at = [](int seconds) { return Clock::time_point(std::chrono::seconds(seconds)); };
+    EXPECT_LT(speed.At(at(9)), 0);
+    speed.Note(1000, at(10));
+    EXPECT_EQ(speed.At(at(11)), 1000);
+    speed.Note(0, at(11));
+    EXPECT_GT(speed.At(at(12)), 500);
+    EXPECT_LT(speed.At(at(30)), 10);
 }
 
 TEST(DisplayPlain, TellsTheQuarters) {
@@ -64,14 +78,14 @@ TEST(DisplayPlain, TellsTheQuarters) {
         display.State(file, DOWNLOAD_STATE_PROGRESS, percent);
     }
     display.Ended(file, {EndResult::kFinished, EXIT_STATUS_FINISHED, "", 2048, 4});
-    display.Ended(file, {EndResult::kFailed, EXIT_STATUS_FAILED, "why\n", 0, 1, 7, "HTTP 404"});
+    display.Ended(file, {EndResult::kFailed, EXIT_STATUS_FAILED, "why\n", 0, 1, 7});
     display.Finish({5, 1, 1, 1, 1, 4, 2048}, 1);
     char told[1000]{};
     EXPECT_GT(read(ends[0], told, sizeof told - 1), 0);
     EXPECT_STREQ(told,
                  "f: started\nf: 25 % of 2.0 KiB, 1.0 KiB/s\nf: 75 % of 2.0 KiB, 1.0 KiB/s\n"
                  "f: finished, 100 % of 2.0 KiB in 4.0 s, 512 B/s\n"
-                 "f: failed: why\\x0a (a second look: HTTP 404)\n"
+                 "f: failed: why\\x0a\n"
                  "1 of 5 files finished, 1 skipped, 1 failed, 1 stopped, 1 not begun\n");
     for (const int end : ends) close(end);
 }
@@ -114,18 +128,19 @@ TEST(DisplayJson, AProgramReadsEvents) {
         events.insert(std::regex_replace(std::regex_replace(line, changing, ""), server_s, "$"));
     }
     const std::set<std::string> expected{
-        R"({"v":1,"event":"task","file":1,"address":"$/file","path":"a\ufffd\"\u00e4",)"
+        R"({"v":2,"event":"task","file":1,"address":"$/file","path":"a\ufffd\"\u00e4",)"
         R"("path_hex":"61ff22c3a4"})",
         R"({"event":"end","file":1,"result":"finished","code":3,"address":"$/file",)"
         R"("path":"a\ufffd\"\u00e4","path_hex":"61ff22c3a4","bytes":5,"reason":null,)"
-        R"("second_look":null})",
+        R"("message":null,"status":200,"size":5,"had":0,"received":5,"requests":1})",
         R"({"event":"end","file":2,"result":"refused","code":null,"address":"\ufffd",)"
-        R"("address_hex":"ff","path":null,"bytes":0,"reason":"not an http or https address",)"
-        R"("second_look":null})",
+        R"("address_hex":"ff","path":null,"bytes":0,"reason":null,)"
+        R"("message":"not an http or https address","status":null,"size":null,)"
+        R"("had":0,"received":0,"requests":0})",
         R"({"event":"task","file":3,"address":"$/404","path":"404"})",
         R"({"event":"end","file":3,"result":"failed","code":7,"address":"$/404","path":"404",)"
-        R"("bytes":0,"reason":"the server offered no file of known size",)"
-        R"("second_look":"HTTP 404"})",
+        R"("bytes":0,"reason":"http-status","message":"HTTP 404","status":404,"size":null,)"
+        R"("had":0,"received":0,"requests":1})",
         R"({"event":"summary","files":3,"finished":1,"skipped":0,"failed":2,"stopped":0,)"
         R"("not_begun":0,"bytes":5,"exit":1})"};
     EXPECT_EQ(events, expected);

@@ -55,7 +55,9 @@ std::vector<Event> EventQueue::Take() {
 void EventQueue::OnState(void* queue, const char* szTaskID, std::int32_t nCode, double dValue,
                          std::int32_t /*nTaskKind*/) {
     Event event{Event::Kind::kState, szTaskID, nCode, dValue};
-    if (IsFinalCode(nCode)) {
+    const bool ended = IsFinalCode(nCode);
+    if (ended || nCode == DOWNLOAD_STATE_FILE_SIZE) TaskAnswer(szTaskID, event.answer);
+    if (ended) {
         event.remark = TaskRemark(szTaskID);
         event.size = TaskFileSize(szTaskID);
     }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Console/cli/outcome.h"
+#include "TaskMan/tasktext.h"
 #include "common/file.h"
 #include "common/mutex.h"
 #include "common/uncopyable.h"
@@ -40,9 +41,10 @@ struct Event {
     std::int32_t code = 0;
     double value = 0;
     std::string
-        remark{};        // with a final code: TaskRemark(), empty unless the manager ended the task
-    double size = 0;     // with a final code: size of the file in bytes; 0 when unknown
-    std::string text{};  // with code 1: the information text
+        remark{};     // with a final code: TaskRemark(), empty unless the manager ended the task
+    double size = 0;  // with a final code: size of the file in bytes; 0 when unknown
+    tagTaskAnswer answer{};  // with code 10 and with a final code: what the worker has told
+    std::string text{};      // with code 1: the information text
     Outcome outcome{};
 };
 

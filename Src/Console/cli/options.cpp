@@ -36,10 +36,11 @@ constexpr const char* kGetExamples =
     "  until taskman get -s -i todo.txt --failed todo.txt; do sleep 600; done\n"
     "  taskman get --size 640x360 'http://video.example/watch?v=ID'\n"
     "\n"
-    "Downloads each URL into NAME.part and renames it when all of it has come. When\n"
-    "standard output is no terminal, the paths of the files are written there, one a\n"
-    "line. With --format or --size each URL is the page of a video, whose title names\n"
-    "the file. A list has a URL in each line; a name and a SHA-256 digest may follow,\n"
+    "Downloads each URL into NAME.part and renames it when all of it has come. What\n"
+    "did not finish stays there, and the same command continues it. When standard\n"
+    "output is no terminal, the paths of the files are written there, one a line.\n"
+    "With --format or --size each URL is the page of a video, whose title names the\n"
+    "file. A list has a URL in each line; a name and a SHA-256 digest may follow,\n"
     "each behind a TAB.\n";
 
 constexpr const char* kGetExits =
@@ -163,17 +164,21 @@ VerbForm GetForm(Command& command) {
              Set(get.existing, Existing::kSkip)},
             {"--sha256", "HEX", "SHA-256 digest of the file (one URL only)",
              Text(get.sha256, DigestFault)},
-            {"--keep-part", "", "keep the part of what did not finish", Set(get.keepPart, true)},
+            {"--no-continue", "", "neither continue partial files nor keep them",
+             Set(get.continues, false)},
             {"--failed", "FILE", "list what did not finish, as --input reads it", Text(get.failed)},
             SizeRow(get.format, "of a page: the format whose frame comes closest", "--format"),
             {"--format", "ID", "of a page: the format of that id", Text(get.format.id, IdFault),
              "--size"},
             {"-j,--jobs", "N", "files at once, 1 to 8 (4)", Number(get.jobs, 1, 8)},
-            {"--tries", "N", "tries without a byte, 1 to 3 (3)", Number(get.tries.count, 1, 3)},
-            {"--wait", "SEC", "seconds between tries, 0 to 3 (1)", Number(get.tries.seconds, 0, 3)},
-            {"--timeout", "SEC",
-             "time for a server to tell the size of a file,\n0 to 1000000 (30); 0 is for ever",
-             Number(get.timeout, 0, 1'000'000)},
+            {"-n,--connections", "N", "most connections for one file, 1 to 10 (1)",
+             Number(get.connections, 1, 10)},
+            {"--tries", "N", "tries in a row without progress, 1 to 100 (5)",
+             Number(get.tries.count, 1, 100)},
+            {"--wait", "SEC", "longest pause between tries, 0 to 300 (10)",
+             Number(get.tries.seconds, 0, 300)},
+            {"--timeout", "SEC", "time for a server to answer, 0 to 86400 (30); 0 is\nfor ever",
+             Number(get.timeout, 0, 86400)},
             ProxyRow(get.proxy),
             WorkerRow(get.worker),
             {"--json", "", "events for programs, one JSON object a line", Set(display.json, true)},

@@ -25,9 +25,10 @@ struct GetOptions {
     std::string failed{};     // list of what did not finish, to be written; empty: none
     int jobs = 4;             // files at once, 1 to 8
     Existing existing = Existing::kRefuse;
-    bool keepPart = false;  // keep the part of a file that did not finish
+    bool continues = true;  // go on with what an earlier run has left, and leave it to a later one
+    std::int32_t connections = 1;  // most of one file, 1 to 10
     Tries tries{};
-    std::int32_t timeout = 30;  // seconds for a server to announce the size; 0: for ever
+    std::int32_t timeout = 30;  // seconds for a server to answer; 0: for ever
     std::string worker{};       // program of the workers; empty: the installed one
     ProxyRules proxy{};
     FormatWish format{};       // when given, the addresses are those of pages

@@ -27,12 +27,10 @@ enum class EndResult { kFinished, kFailed, kDied, kStopped, kMismatch, kRefused,
 struct Outcome {
     EndResult result = EndResult::kFinished;
     ExitStatus status = EXIT_STATUS_FINISHED;
-    std::string reason{};      // one line, which may hold any bytes; empty when finished
-    double bytes = 0;          // size of the finished or skipped file
-    double seconds = 0;        // that its last task took
-    std::int32_t code = -1;    // final code of its last task; -1 when it had none
-    std::string secondLook{};  // of a failed file: what the command itself was answered at the
-                               // address, in one line of any bytes; empty when it did not ask
+    std::string message{};   // one line, which may hold any bytes; empty when finished
+    double bytes = 0;        // size of the finished or skipped file
+    double seconds = 0;      // that its last task took
+    std::int32_t code = -1;  // final code of its last task; -1 when it had none
 };
 
 // The word for a result: "finished", "failed" and so on.

@@ -1,7 +1,5 @@
 #include "Console/cli/proxy.h"
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -18,14 +16,10 @@ namespace {
 
 struct Scheme {
     std::string_view name;
-    std::int32_t type;
+    std::int32_t type;  // libcurl's value for CURLOPT_PROXYTYPE
 };
 constexpr Scheme kSchemes[] = {
-    {"http", CURLPROXY_HTTP},
-    {"socks4", CURLPROXY_SOCKS4},
-    {"socks5", CURLPROXY_SOCKS5},
-    {"socks4a", CURLPROXY_SOCKS4A},
-    {"socks5h", CURLPROXY_SOCKS5_HOSTNAME},
+    {"http", 0}, {"socks4", 4}, {"socks5", 5}, {"socks4a", 6}, {"socks5h", 7},
 };
 constexpr std::int32_t kUsualPort = 1080;
 

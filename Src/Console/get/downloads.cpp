@@ -9,6 +9,7 @@
 
 #include "Console/cli/signals.h"
 #include "TaskMan/manager.h"
+#include "TaskMan/partrecord.h"
 
 namespace {
 
@@ -128,20 +129,24 @@ std::optional<Outcome> Downloads::Begin(Fetch& file, bool& later) {
 }
 
 // Whether this command already wrote this path or is writing it, or one file's final name is
-// another file's part.
+// another file's part or the record of that.
 bool Downloads::Collides(const Fetch& file) const {
     const std::string& path = file.View().path;
     const std::string part = file.PartPath();
     if (part.empty()) return false;
+    const auto takes = [](const std::string& partPath, const std::string& name) {
+        return name == partPath || name == partPath + PART_RECORD_ENDING;
+    };
     const auto clashes = [&](const File& other) {
         const std::string theirs = other->PartPath();
         return other.get() != &file && !theirs.empty() &&
-               (other->View().path == path || other->View().path == part || theirs == path);
+               (other->View().path == path || takes(part, other->View().path) ||
+                takes(theirs, path));
     };
     const auto finished = [this](const std::string& name) {
         return written_.count(Hash(name)) > 0 && access(name.c_str(), F_OK) == 0;
     };
-    return finished(path) || finished(part) ||
+    return finished(path) || finished(part) || finished(part + PART_RECORD_ENDING) ||
            std::any_of(running_.begin(), running_.end(),
                        [&](const auto& r) { return clashes(r.second); }) ||
            std::any_of(resolved_.begin(), resolved_.end(), clashes);
@@ -157,9 +162,11 @@ void Downloads::Handle(const Event& event) {
     } else if (!IsFinalCode(event.code)) {
         file.NoteState(event);
         display_.State(file.View(), event.code, event.value);
+        if (file.TakeBeginning()) display_.Begun(file.View());
         return;
     } else {
         end = file.NoteEnd(event, stopping_);
+        if (file.TakeBeginning()) display_.Begun(file.View());
         // A remark means that the manager ended the task: its worker reported nothing.
         if (event.remark.empty()) display_.State(file.View(), event.code, event.value);
     }
@@ -176,8 +183,9 @@ void Downloads::Handle(const Event& event) {
 void Downloads::Report(File file, Outcome outcome) {
     const bool finished = outcome.result == EndResult::kFinished;
     const bool there = finished || outcome.result == EndResult::kSkipped;
-    file->Release();
+    const std::string kept = file->Release();
     Count(*file, std::move(outcome));
+    if (!kept.empty()) display_.Note(kept);
     if (finished) {
         if (written_.size() == kMostRemembered) written_.clear();
         written_.insert(Hash(file->View().path));
@@ -225,7 +233,7 @@ std::size_t Downloads::Stop() {
         Fetch& file = *it->second;
         if (file.Now() == Fetch::Phase::kChecking) {
             // The process ends by the signal, whatever the helper thread does then.
-            Count(file, file.UncheckedOutcome());
+            Count(file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
             unchecked_.push_back(std::move(it->second));
             it = running_.erase(it);
             continue;
@@ -242,8 +250,9 @@ void Downloads::Abandon() {
     for (auto& [id, file] : running_) resolved_.push_back(std::move(file));
     running_.clear();
     for (const File& file : resolved_) {
-        file->Abandon();
+        const std::string kept = file->Abandon();
         Count(*file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
+        if (!kept.empty()) display_.Note(kept);
     }
     if (next_ != nullptr) next_->Abandon();
 }

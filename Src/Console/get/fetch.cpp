@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "Console/get/filename.h"
-#include "Console/get/secondlook.h"
 #include "Console/page/pagetask.h"
 #include "Console/page/videopage.h"
 #include "Console/screen/text.h"
@@ -17,7 +16,6 @@
 namespace {
 
 constexpr int kMostOfAddress = 100;  // columns, of one that is refused
-constexpr std::int32_t kBlocks = 3;
 
 std::string Join(const std::string& directory, const std::string& name) {
     if (!directory.empty() && name.front() != '/') {
@@ -77,15 +75,16 @@ Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events)
 }
 
 void Fetch::ReadAddress() {
-    fault_ = AddressFault(view_.address);
+    fault_ = AddressFault(view_.address, page_ ? PAGE_ADDRESS_MOST : TASK_ADDRESS_MOST);
     if (fault_.empty()) fault_ = options_.proxy.For(view_.address, proxy_);
 }
 
 // `name` is what the address or the page makes of it; the user's own goes first.
 void Fetch::SetPath(const std::string& name) {
     const std::string& wanted = request_.name.empty() ? name : request_.name;
-    target_ = std::make_unique<Target>(Join(options_.directory, wanted), options_.existing,
-                                       options_.keepPart);
+    target_ =
+        std::make_unique<Target>(Join(options_.directory, wanted), options_.existing,
+                                 options_.continues ? PartRule::kContinue : PartRule::kRemove);
     view_.path = target_->Path();
     view_.name = text::Printable(BaseName(view_.path));
 }
@@ -105,14 +104,15 @@ std::optional<Outcome> Fetch::Begin(bool& later) {
     id_ = MakeTaskID();
     if (target_ != nullptr && !target_->IsOpen()) {
         if (target_->Skips()) {
-            Check({EndResult::kStopped, EXIT_STATUS_STOPPED},
-                  [target = target_.get(), sha256 = request_.sha256] {
-                      return target->Skip(sha256);
-                  });
+            phase_ = Phase::kChecking;
+            helper_.Start(events_, id_, [target = target_.get(), sha256 = request_.sha256] {
+                return target->Skip(sha256);
+            });
             return std::nullopt;
         }
         std::string fault = target_->Open();
         if (!fault.empty()) return Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL, fault};
+        view_.foundPart = target_->FoundPart();
     }
     std::string reason;
     TaskRefusal refusal{};
@@ -121,6 +121,7 @@ std::optional<Outcome> Fetch::Begin(bool& later) {
         return Outcome{EndResult::kRefused, EXIT_STATUS_FAILED, reason};
     }
     phase_ = Phase::kTask;
+    view_.answer = {};
     view_.id = id_;
     view_.started = Clock::now();
     return std::nullopt;
@@ -135,32 +136,50 @@ bool Fetch::AddTaskFor(std::string& reason, TaskRefusal& refusal) {
         SetField(task.szDownloadUrl, view_.address);
         SetField(task.szFilePath, FindablePath(target_->PartPath()));
         task.nCmd = TASK_CMD_DOWNLOAD;
-        task.nBlockCount = kBlocks;
+        task.nBlockCount = options_.connections;
     }
-    return AddTask(task, reason, &refusal) == 0;
+    return AddTask(task, TaskRequest(), reason, &refusal) == 0;
+}
+
+tagTaskRequest Fetch::TaskRequest() const {
+    tagTaskRequest request;
+    if (page_) return request;
+    request.strUrl = view_.address;
+    request.strSha256 = request_.sha256;
+    request.bContinue = options_.continues;
+    request.nAnswerSeconds = options_.timeout;
+    request.nTries = options_.tries.count;
+    request.nWaitSeconds = options_.tries.seconds;
+    return request;
 }
 
 void Fetch::NoteState(const Event& event) {
+    if (!page_ && event.code != DOWNLOAD_STATE_FILE_SIZE) view_.answered = true;
     switch (event.code) {
         case DOWNLOAD_STATE_FILE_SIZE:
+            if (view_.size >= 0) ++view_.tries;
             view_.size = Clamped(event.value, 1e18);
+            NoteBeginning(event.answer);
             break;
-        case DOWNLOAD_STATE_DOWNLOAD_START:
-            if (view_.answered) StartOver();
+        case DOWNLOAD_STATE_PROGRESS:
+            view_.percent = Clamped(event.value, 100);
             break;
-        case DOWNLOAD_STATE_PROGRESS: {
-            const double percent = Clamped(event.value, 100);
-            if (percent < view_.percent) StartOver();
-            view_.percent = percent;
-            break;
-        }
         case DOWNLOAD_STATE_SPEED:
-            view_.speed = Clamped(event.value, 1e12);
+            view_.speed.Note(Clamped(event.value, 1e12), Clock::now());
             break;
         default:
             break;
     }
-    if (!page_ && event.code != DOWNLOAD_STATE_FILE_SIZE) view_.answered = true;
+}
+
+// Each try tells so, also one that goes on where the one before has ended.
+void Fetch::NoteBeginning(const tagTaskAnswer& answer) {
+    view_.answer = answer;
+    if (begun_with_ == answer.uHad) return;
+    begun_with_ = answer.uHad;
+    beginning_ = true;
+    const auto had = static_cast<double>(answer.uHad);
+    view_.percent = view_.size > 0 ? Clamped(100 * had / view_.size, 100) : 0;
 }
 
 double Fetch::Seconds() const {
@@ -168,26 +187,21 @@ double Fetch::Seconds() const {
     return std::chrono::duration<double>(Clock::now() - view_.started).count();
 }
 
-void Fetch::StartOver() {
-    ++view_.tries;
-    view_.percent = 0;
-}
-
 std::optional<Outcome> Fetch::NoteEnd(const Event& event, bool stopping) {
     seconds_ = Seconds();
     phase_ = Phase::kIdle;
     if (event.size > 0) view_.size = event.size;
+    view_.answer = event.answer;
     if (event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH) {
+        NoteBeginning(event.answer);
         Store();
         return std::nullopt;
     }
-    if (stopping) {
-        Outcome stopped{EndResult::kStopped, EXIT_STATUS_STOPPED};
-        stopped.code = event.code;
-        return stopped;
-    }
-    if (page_ && event.code == DOWNLOAD_STATE_PARSE_FINISH) return TakePage(event);
-    return NoteFailure(event);
+    if (page_ && event.code == DOWNLOAD_STATE_PARSE_FINISH && !stopping) return TakePage(event);
+    Outcome outcome = page_ ? PageFailure(view_.address, event) : TaskFailure(event);
+    if (stopping) outcome = {EndResult::kStopped, EXIT_STATUS_STOPPED};
+    outcome.code = event.code;
+    return outcome;
 }
 
 // All bytes have arrived: the helper thread checks them and renames the part.
@@ -216,7 +230,7 @@ std::optional<Outcome> Fetch::TakePage(const Event& event) {
     if (format == nullptr) {
         outcome.result = EndResult::kFailed;
         outcome.status = EXIT_STATUS_UNRESOLVED;
-        outcome.reason = NO_SUCH_FORMAT;
+        outcome.message = NO_SUCH_FORMAT;
         return outcome;
     }
     page_ = false;
@@ -226,65 +240,22 @@ std::optional<Outcome> Fetch::TakePage(const Event& event) {
     return std::nullopt;
 }
 
-// Returns the outcome, unless the server may be the cause: the code does not say what went wrong
-// there, so the helper thread asks it once more.
-std::optional<Outcome> Fetch::NoteFailure(const Event& event) {
-    Outcome failure = page_ ? PageFailure(view_.address, event) : DownloadFailure(event);
-    const bool servers =
-        page_ ? MayBeTheSites(failure)
-              : failure.result == EndResult::kFailed && failure.status == EXIT_STATUS_FAILED;
-    if (!servers) return failure;
-    target_.reset();  // the part can go meanwhile
-    const Wanted wanted = page_ ? Wanted::kPage : Wanted::kFile;
-    Check(failure, [failure, wanted, address = view_.address, proxy = proxy_] {
-        Outcome outcome = failure;
-        outcome.secondLook = SecondLook(address, proxy, wanted);
-        return outcome;
-    });
-    return std::nullopt;
+// Gives the part up. Returns the line that tells what stays; empty when nothing does.
+std::string Fetch::GiveUpPart() const {
+    const double percent = target_ == nullptr ? -1 : target_->GiveUp();
+    if (percent < 0) return "";
+    return "kept " + text::Printable(target_->PartPath()) + " (" + text::Percent(percent) +
+           " %): the same command continues it";
 }
 
-Outcome Fetch::DownloadFailure(const Event& event) const {
-    const std::string& remark = event.remark;
-    const bool server = remark == TASK_REMARK_NO_ANSWER || remark == TASK_REMARK_STARTS_OVER;
-    const bool stopped =
-        event.code == DOWNLOAD_STATE_STOPPED && !server && remark != TASK_REMARK_NO_SPACE;
-    Outcome outcome;
-    if (!stopped) outcome = target_->LocalFault(view_.size);
-    outcome.code = event.code;
-    if (outcome.result != EndResult::kFinished) return outcome;
-    outcome.reason = remark;
-    outcome.result = EndResult::kFailed;
-    outcome.status = EXIT_STATUS_FAILED;
-    if (stopped) {
-        outcome.result = EndResult::kStopped;
-        outcome.status = EXIT_STATUS_STOPPED;
-    } else if (remark == TASK_REMARK_NO_SPACE) {
-        outcome.status = EXIT_STATUS_LOCAL;
-    } else if (!remark.empty() && !server) {
-        outcome.result = EndResult::kDied;
-    } else if (remark.empty()) {
-        outcome.reason =
-            view_.size < 0 ? "the server offered no file of known size" : "the transfer broke off";
-        if (view_.percent > 0) {
-            outcome.reason += " at " + std::to_string(static_cast<int>(view_.percent)) + " %";
-        }
-    }
-    return outcome;
-}
-
-void Fetch::Check(Outcome unchecked, std::function<Outcome()> work) {
-    phase_ = Phase::kChecking;
-    unchecked_ = std::move(unchecked);
-    helper_.Start(events_, id_, std::move(work));
-}
-
-void Fetch::Release() {
+std::string Fetch::Release() {
     helper_.Join();
+    std::string kept = GiveUpPart();
     target_.reset();
+    return kept;
 }
 
-void Fetch::Abandon() const {
+std::string Fetch::Abandon() const {
     if (phase_ == Phase::kTask) sem_unlink(id_.c_str());
-    if (target_ != nullptr) target_->RemovePart();
+    return GiveUpPart();
 }

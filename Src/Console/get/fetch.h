@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "Console/cli/events.h"
 #include "Console/cli/options.h"
@@ -14,10 +15,9 @@
 #include "Console/screen/display.h"
 #include "TaskMan/manager.h"
 
-// A thread for one piece of work that may take long: storing a file, comparing a digest, asking a
-// server. It ends with an event of the kind kEnd that carries the outcome. The work runs on copies;
-// of shared objects it touches one Target, of which the main thread meanwhile calls const functions
-// only.
+// A thread for one piece of work that may take long: storing a file, comparing a digest. It ends
+// with an event of the kind kEnd that carries the outcome. The work runs on copies; of shared
+// objects it touches one Target, of which the main thread meanwhile calls const functions only.
 class HelperThread : private Uncopyable {
   public:
     ~HelperThread() { Join(); }
@@ -42,8 +42,8 @@ class Fetch : private Uncopyable {
         kIdle,      // nothing runs
         kTask,      // a task of the manager
         kStoring,   // the helper thread gives the complete file its name
-        kChecking,  // the helper thread asks the server why the download failed, or compares the
-                    // digest of an existing file; an interrupted command does not wait for it
+        kChecking,  // the helper thread compares the digest of an existing file; an interrupted
+                    // command does not wait for it
     };
     Phase Now() const { return phase_; }
 
@@ -72,29 +72,28 @@ class Fetch : private Uncopyable {
     // starts the download. `stopping`: the command is being stopped.
     std::optional<Outcome> NoteEnd(const Event& event, bool stopping);
 
-    // Valid in kChecking: the outcome to report when the check is not waited for.
-    const Outcome& UncheckedOutcome() const { return unchecked_; }
+    // Whether the worker has told anew with how much of the file it begins, since the last call.
+    bool TakeBeginning() { return std::exchange(beginning_, false); }
 
     // Seconds that its last task took, or has taken so far.
     double Seconds() const;
 
-    // Waits for the helper thread and closes the part, which is removed unless it was stored or is
-    // to be kept. The view stays.
-    void Release();
+    // Waits for the helper thread and closes the part, which is removed unless it was stored or can
+    // be continued. Returns the line that tells the latter; empty otherwise. The view stays.
+    std::string Release();
 
-    // For an end that waits for nothing: removes the names of its task and its part.
-    void Abandon() const;
+    // The same for an end that waits for nothing; removes the name of its task's lock, too.
+    std::string Abandon() const;
 
   private:
     void ReadAddress();
     void SetPath(const std::string& name);
     bool AddTaskFor(std::string& reason, TaskRefusal& refusal);
-    void StartOver();
+    tagTaskRequest TaskRequest() const;
+    void NoteBeginning(const tagTaskAnswer& answer);
     void Store();
     std::optional<Outcome> TakePage(const Event& event);
-    std::optional<Outcome> NoteFailure(const Event& event);
-    Outcome DownloadFailure(const Event& event) const;
-    void Check(Outcome unchecked, std::function<Outcome()> work);
+    std::string GiveUpPart() const;
 
     const Request request_;
     const GetOptions& options_;
@@ -106,7 +105,8 @@ class Fetch : private Uncopyable {
     std::string id_{};
     FileView view_{};
     double seconds_ = 0;
-    Outcome unchecked_{};
+    std::optional<std::uint64_t> begun_with_{};  // bytes that were there
+    bool beginning_ = false;
     Phase phase_ = Phase::kIdle;
     HelperThread helper_{};  // the last member: it is joined before the others are destroyed
 };

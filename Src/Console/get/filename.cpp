@@ -1,10 +1,8 @@
 #include "Console/get/filename.h"
 
 #include <algorithm>
-#include <cctype>
 
 #include "Console/screen/utf8.h"
-#include "TaskMan/taskcontext.h"
 #include "common/stringutility.h"
 #include "common/sysutility.h"
 
@@ -13,19 +11,6 @@ namespace {
 constexpr std::size_t kLongestName = 254 - std::string_view(".part").size();
 const std::string kNoName = "download";
 const std::string kVideoExtension = ".flv";
-constexpr std::size_t kLongestAddress = sizeof(tagTaskInfo::szDownloadUrl) - 1;
-
-// What follows `scheme` and "://"; a view without data when the address has another scheme.
-std::string_view AfterScheme(std::string_view address, std::string_view scheme) {
-    const auto sameLetter = [](char a, char b) {
-        return a == std::tolower(static_cast<unsigned char>(b));
-    };
-    if (address.size() < scheme.size() + 3 || address.substr(scheme.size(), 3) != "://" ||
-        !std::equal(scheme.begin(), scheme.end(), address.begin(), sameLetter)) {
-        return {};
-    }
-    return address.substr(scheme.size() + 3);
-}
 
 std::string_view AfterLast(std::string_view text, char separator) {
     const std::size_t found = text.rfind(separator);
@@ -60,19 +45,16 @@ std::string SafeName(std::string_view text, std::size_t limit) {
 
 }  // namespace
 
-std::string AddressFault(std::string_view address) {
-    std::string_view rest = AfterScheme(address, "http");
-    if (rest.data() == nullptr) rest = AfterScheme(address, "https");
-    if (rest.data() == nullptr) return "not an http or https address";
-    if (rest.empty() || rest.find_first_of("/?#") == 0) return "the address names no host";
+std::string AddressFault(std::string_view address, std::size_t most) {
+    if (!IsHttpAddress(address)) return "not an http or https address";
+    const std::string_view rest = address.substr(address.find("://") + 3);
+    if (rest.find_first_of("/?#") == 0) return "the address names no host";
     const auto unfit = [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == '\x7F'; };
     if (std::any_of(address.begin(), address.end(), unfit)) {
         return "a blank or control character in the address";
     }
-    if (address.size() > kLongestAddress) {
-        return "the address is longer than " + std::to_string(kLongestAddress) + " bytes";
-    }
-    return "";
+    if (address.size() <= most) return "";
+    return "the address is longer than " + std::to_string(most) + " bytes";
 }
 
 std::string NameFault(std::string_view name) {

@@ -4,9 +4,15 @@
 #include <string>
 #include <string_view>
 
+#include "TaskMan/taskcontext.h"
+#include "TaskMan/tasktext.h"
+
+// Longest address of a page, which has a field in the task's slot.
+constexpr std::size_t PAGE_ADDRESS_MOST = sizeof(tagTaskInfo::szOrgUrl) - 1;
+
 // Why the address cannot be downloaded, in one line; empty when it can be tried. It must be http or
-// https, name a host, hold no blank or control byte and fit its field in the task's slot.
-std::string AddressFault(std::string_view address);
+// https, name a host, hold no blank or control byte and have at most `most` bytes.
+std::string AddressFault(std::string_view address, std::size_t most = TASK_ADDRESS_MOST);
 
 // Why the name that a user gives a file cannot be used, in one line; empty when it can be tried. It
 // may be a path.

@@ -9,7 +9,6 @@
 #include "Console/get/inputlist.h"
 #include "Console/get/session.h"
 #include "Console/screen/display.h"
-#include "TaskMan/manager.h"
 
 int RunGet(const GetOptions& options) {
     const WakePipe& wake = signals::Install();
@@ -25,9 +24,6 @@ int RunGet(const GetOptions& options) {
     if (!fault.empty()) return refuse(EXIT_STATUS_USAGE, fault);
     if (!options.failed.empty()) fault = failed.Open(options.failed);
     if (!fault.empty()) return refuse(EXIT_STATUS_LOCAL, fault);
-    tagTaskLimits limits;
-    limits.nAnswerSeconds = options.timeout;
-    SetTaskLimits(limits);
     Downloads downloads(options, list, failed, events, *display);
     return Session(downloads, "download", wake, events, *display).Run(options.worker);
 }

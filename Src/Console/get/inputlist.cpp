@@ -17,8 +17,8 @@
 namespace {
 
 constexpr std::size_t kBlock = 64 * 1024;
-constexpr std::size_t kLongestLine = 8 * 1024;
-constexpr int kMostReads = 16;  // blocks that one Take may read
+constexpr std::size_t kLongestLine = 20 * 1024;  // an address, a name, a digest
+constexpr int kMostReads = 16;                   // blocks that one Take may read
 constexpr std::string_view kBlanks = " \t";
 constexpr std::string_view kMark = "\xEF\xBB\xBF";  // with which some editors begin a UTF-8 file
 
@@ -148,7 +148,7 @@ void InputList::StopWaiting() {
 }
 
 std::string FailedList::Open(const std::string& path) {
-    auto target = std::make_unique<Target>(path, Existing::kReplace, true);
+    auto target = std::make_unique<Target>(path, Existing::kReplace, PartRule::kKeep);
     std::string fault = target->Open();
     if (fault.empty()) target_ = std::move(target);
     return fault;
@@ -170,5 +170,5 @@ std::string FailedList::Finish(bool sync) {
     Write();
     const std::unique_ptr<Target> target = std::move(target_);
     if (!written_) return "cannot write all of " + target->PartPath();
-    return target->Store(-1, "", sync).reason;
+    return target->Store(-1, "", sync).message;
 }

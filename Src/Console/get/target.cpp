@@ -1,7 +1,6 @@
 #include "Console/get/target.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include "Console/get/digest.h"
 #include "Console/screen/text.h"
 #include "TaskMan/othermanagers.h"
+#include "TaskMan/partrecord.h"
 #include "TaskMan/taskcontext.h"
 #include "common/file.h"
 #include "common/platform.h"
@@ -27,8 +27,8 @@ std::string Fault(const char* what, const std::string& path, int error) {
     return text::SystemFault(what + (" " + path), error);
 }
 
-Outcome Local(std::string reason) {
-    return {EndResult::kFailed, EXIT_STATUS_LOCAL, std::move(reason)};
+Outcome Local(std::string message) {
+    return {EndResult::kFailed, EXIT_STATUS_LOCAL, std::move(message)};
 }
 
 // The path of the regular file that a link leads to; the path itself when it is no such link.
@@ -72,12 +72,8 @@ int RenameToNew(const char* from, const char* to) {
 
 }  // namespace
 
-Target::Target(const std::string& path, Existing existing, bool keep)
-    : path_(Followed(path)), part_(path_ + TASK_PART_ENDING), existing_(existing), keep_(keep) {}
-
-Target::~Target() {
-    if (!stored_) RemovePart();
-}
+Target::Target(const std::string& path, Existing existing, PartRule rule)
+    : path_(Followed(path)), part_(path_ + TASK_PART_ENDING), existing_(existing), rule_(rule) {}
 
 bool Target::Skips() const {
     struct stat status {};
@@ -87,7 +83,7 @@ bool Target::Skips() const {
 
 Outcome Target::Skip(const std::string& sha256) const {
     Outcome skipped{EndResult::kSkipped};
-    skipped.reason = path_ + " exists already";
+    skipped.message = path_ + " exists already";
     struct stat status {};
     if (stat(path_.c_str(), &status) == 0) skipped.bytes = static_cast<double>(status.st_size);
     if (sha256.empty()) return skipped;
@@ -134,7 +130,9 @@ std::string Target::OpenOnce() {
                                      : Fault("cannot lock", part_, error);
     }
     if (!fault.empty() || !IsNamed(file.Get(), part_)) return fault;
-    if (found) {
+    found_ = found && rule_ == PartRule::kContinue && HasRecord();
+    if (!found_) RemoveRecord();
+    if (found && !found_) {
         // No download owns it, but a worker whose command was killed may still write into it.
         unlink(part_.c_str());
     } else {
@@ -152,16 +150,20 @@ Outcome Target::Store(double size, const std::string& sha256, bool sync) {
     if (fstat(Part(), &status) != 0 || !StillNamed()) return Local(part_ + " was taken away");
     const auto bytes = static_cast<double>(status.st_size);
     if (size >= 0 && bytes != size) {
+        spoiled_ = true;
         return {EndResult::kMismatch, EXIT_STATUS_MISMATCH,
                 std::to_string(status.st_size) + " bytes arrived, the server announced " +
                     std::to_string(static_cast<long long>(size))};
     }
     Outcome differs = DigestFault(Part(), part_, sha256);
-    if (differs.result != EndResult::kFinished) return differs;
+    if (differs.result != EndResult::kFinished) {
+        spoiled_ = differs.result == EndResult::kMismatch;
+        return differs;
+    }
     if (sync && fsync(Part()) != 0) return Local(Fault("cannot write", part_, errno));
     std::string fault = Rename();
     if (!fault.empty()) return Local(std::move(fault));
-    stored_ = true;
+    RemoveRecord();
     return {EndResult::kFinished, EXIT_STATUS_FINISHED, "", bytes};
 }
 
@@ -174,21 +176,24 @@ std::string Target::Rename() const {
     return Fault("cannot create", path_, error);
 }
 
-Outcome Target::LocalFault(double size) const {
-    if (!StillNamed()) return Local(part_ + " was taken away");
-    rlimit limit{};
-    if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
-        static_cast<double>(limit.rlim_cur) < size) {
-        return Local(part_ + " may not grow beyond " + std::to_string(limit.rlim_cur) +
-                     " bytes (the limit of this process)");
-    }
-    if (LacksSpace(part_, size)) return Local("no space left for " + part_);
-    return {};
+bool Target::HasRecord() const {
+    return access((part_ + PART_RECORD_ENDING).c_str(), F_OK) == 0;
 }
 
-void Target::RemovePart() const {
+void Target::RemoveRecord() const {
+    // A list of what did not finish has none, and what stands beside it is somebody else's.
+    if (rule_ != PartRule::kKeep) RemovePartRecord(part_);
+}
+
+double Target::GiveUp() const {
     struct stat status {};
-    if (!IsOpen() || !StillNamed()) return;
-    if (keep_ && fstat(Part(), &status) == 0 && status.st_size > 0) return;
+    if (!IsOpen() || !StillNamed() || fstat(Part(), &status) != 0) return -1;
+    if (rule_ == PartRule::kKeep && status.st_size > 0) return -1;
+    const bool may = rule_ == PartRule::kContinue && !spoiled_;
+    const double percent =
+        may ? ContinuablePercent(part_, static_cast<std::uint64_t>(status.st_size)) : -1;
+    if (percent >= 0) return percent;
+    RemoveRecord();
     unlink(part_.c_str());
+    return -1;
 }

@@ -2,6 +2,7 @@
 // step that renames it.
 #pragma once
 
+#include <atomic>
 #include <string>
 
 #include "Console/cli/outcome.h"
@@ -15,17 +16,24 @@ enum class Existing {
     kSkip,     // it stays and counts as the new one
 };
 
+// What becomes of a part that was not stored.
+enum class PartRule {
+    kRemove,    // it is removed, its record too
+    kContinue,  // it stays when a later run can continue it; a part that is found is continued
+    kKeep,      // it stays, unless it is empty
+};
+
 // "PATH.part" belongs to one Target on the whole machine: the object holds a lock (flock) on it.
-// Only a complete file gets the final name.
+// Only a complete file gets the final name. What a worker notes about the part for a later run
+// stands beside it (TaskMan/partrecord.h).
 class Target : private Uncopyable {
   public:
-    // A path that is a link to a regular file stands for that file, and the link stays. `keep`: a
-    // part that was not stored stays, unless it is empty.
+    // A path that is a link to a regular file stands for that file, and the link stays.
     explicit Target(const std::string& path, Existing existing = Existing::kRefuse,
-                    bool keep = false);
+                    PartRule rule = PartRule::kRemove);
 
-    // Removes the part unless it was stored or is kept.
-    ~Target();
+    // Gives the part up.
+    ~Target() { GiveUp(); }
 
     // Whether the rule is kSkip and a regular file has the final name.
     bool Skips() const;
@@ -43,18 +51,18 @@ class Target : private Uncopyable {
     // Descriptor of the part, which the object owns; -1 until it is open.
     int Part() const { return file_.Get(); }
 
+    // Whether Open has found a part with a record, of whatever quality, and left both in place.
+    bool FoundPart() const { return found_; }
+
     // The final step, once Open has succeeded: checks that the part has `size` bytes (below 0: any)
     // and the digest (empty: any), waits with `sync` until it is on the disk, and renames it. May
     // take long; one thread, which may be another one than that of the object, may call it once.
     Outcome Store(double size, const std::string& sha256, bool sync = true);
 
-    // Why the part could not grow to `size` bytes, when the cause is local; else a finished
-    // outcome.
-    Outcome LocalFault(double size) const;
-
-    // Unlinks the part if the name is still this object's, unless it is to be kept. Any thread may
-    // call, also while Store runs, which fails then.
-    void RemovePart() const;
+    // Unlinks the part and its record if the name is still this object's, unless the rule has it
+    // stay. Returns how much of the file a later run can continue with, 0 to 100 percent; -1 when
+    // it cannot. Any thread may call, also while Store runs, which fails then.
+    double GiveUp() const;
 
     // The final path: of the file itself, when a link to it was given.
     const std::string& Path() const { return path_; }
@@ -64,11 +72,14 @@ class Target : private Uncopyable {
     bool StillNamed() const;
     std::string OpenOnce();
     std::string Rename() const;
+    bool HasRecord() const;
+    void RemoveRecord() const;
 
     const std::string path_;
     const std::string part_;
     const Existing existing_;
-    const bool keep_;
+    const PartRule rule_;
     Descriptor file_{};
-    bool stored_ = false;
+    bool found_ = false;
+    std::atomic<bool> spoiled_{false};  // the part is not the file that was announced
 };

@@ -34,20 +34,20 @@ class InfoDisplay : public Display {
 
     void Ended(const FileView& file, const Outcome& outcome) override {
         information_ = file.information;
+        answer_ = file.answer;
         // After a signal nobody asks why.
         if (outcome.result != EndResult::kFinished && signals::StopCount() == 0) Fail(outcome);
     }
 
     void Fail(const Outcome& outcome) {
         Note(EndLine({text::Printable(options_.address)}, outcome));
-        reason_ = outcome.reason;
-        second_look_ = outcome.secondLook;
+        message_ = outcome.message;
     }
 
     void Note(const std::string& line) override { WriteAll(STDERR_FILENO, line + "\n"); }
 
     void Fault(const std::string& fault) override {
-        reason_ = text::Printable(fault);
+        message_ = text::Printable(fault);
         Display::Fault(fault);
     }
 
@@ -55,8 +55,7 @@ class InfoDisplay : public Display {
         if (!options_.json || status == EXIT_STATUS_FINISHED) return;
         nlohmann::ordered_json end{{"v", JSON_VERSION}, {"event", "end"}};
         SetText(end, "address", options_.address);
-        SetText(end, "reason", reason_);
-        SetText(end, "second_look", second_look_);
+        SetAnswer(end, answer_, message_);
         end["exit"] = status;
         Write(JsonLine(end));
     }
@@ -67,8 +66,8 @@ class InfoDisplay : public Display {
   private:
     const InfoOptions& options_;
     std::string information_{};
-    std::string reason_{};  // empty: none, or it was interrupted
-    std::string second_look_{};
+    std::string message_{};  // empty: none, or it was interrupted
+    tagTaskAnswer answer_{};
 };
 
 std::string FrameText(const VideoFormat& format) {
@@ -169,7 +168,7 @@ std::string PageJson(const VideoPage& page, const VideoFormat* taken) {
 int RunInfo(const InfoOptions& options) {
     InfoDisplay display(options);
     Proxy proxy;
-    std::string fault = AddressFault(options.address);
+    std::string fault = AddressFault(options.address, PAGE_ADDRESS_MOST);
     if (fault.empty()) fault = options.proxy.For(options.address, proxy);
     if (!fault.empty()) {
         return Fail(display, {EndResult::kRefused, EXIT_STATUS_USAGE, std::move(fault)});

@@ -35,13 +35,19 @@ std::string NameField(const FileView& file, int columns) {
     return text::PadRight(name + again, columns);
 }
 
+// The name, and at the end as much of the words as leaves room for it: all, or the short ones.
+std::string WordLine(const FileView& file, int columns, const std::string& all,
+                     const std::string& shorter) {
+    const bool fits = columns >= text::Width(all) + kGap + kLeastOfName;
+    const std::string& words = fits ? all : shorter;
+    const int room = std::max(columns - text::Width(words) - kGap, 0);
+    return text::CutMiddle(NameField(file, room) + "  " + words, columns);
+}
+
 std::string WaitingLine(const FileView& file, int columns, Clock::time_point now) {
-    const auto seconds = static_cast<long>(SecondsSince(file.started, now));
-    std::string wait = "waiting for the server, " + std::to_string(seconds) + " s";
-    if (columns < text::Width(wait) + kGap + kLeastOfName)
-        wait = "waiting, " + std::to_string(seconds) + " s";
-    const int room = std::max(columns - text::Width(wait) - kGap, 0);
-    return NameField(file, room) + "  " + wait;
+    const std::string seconds =
+        std::to_string(static_cast<long>(SecondsSince(file.started, now))) + " s";
+    return WordLine(file, columns, "waiting for the server, " + seconds, "waiting, " + seconds);
 }
 
 std::string Bar(double percent, int columns) {
@@ -60,15 +66,20 @@ std::string SpeedText(double speed) {
 }  // namespace
 
 std::string FileLine(const FileView& file, int columns, Clock::time_point now) {
-    if (!file.answered) return text::CutMiddle(WaitingLine(file, columns, now), columns);
-    std::string values =
-        text::PadLeft(std::to_string(static_cast<int>(file.percent)) + "%", kPercentColumns);
+    if (!file.answered) return WaitingLine(file, columns, now);
+    const double speed = file.speed.At(now);
+    if (file.size < 0) {
+        return WordLine(file, columns,
+                        "size unknown  " + text::PadLeft(SpeedText(speed), kSpeedColumns),
+                        SpeedText(speed));
+    }
+    std::string values = text::PadLeft(text::Percent(file.percent) + "%", kPercentColumns);
     const auto add = [&values, columns](int from, const std::string& value, int width) {
         if (columns >= from) values += std::string(kGap, ' ') + text::PadLeft(value, width);
     };
-    add(46, file.size < 0 ? "" : text::Size(file.size), kSizeColumns);
-    add(60, SpeedText(file.speed), kSpeedColumns);
-    add(72, text::Clock(TimeLeft(file.size - file.Received(), file.speed)), kClockColumns);
+    add(46, text::Size(file.size), kSizeColumns);
+    add(60, SpeedText(speed), kSpeedColumns);
+    add(72, text::Clock(TimeLeft(file.size - file.Received(), speed)), kClockColumns);
     const int room = std::max(columns - text::Width(values) - 1, 0);  // for name, gap and bar
     const int bar = room < 26 ? 0 : std::min(room * 2 / 5, 60);
     const int name = bar == 0 ? room : room - bar - kGap;
@@ -78,7 +89,7 @@ std::string FileLine(const FileView& file, int columns, Clock::time_point now) {
 }
 
 std::string TotalLine(const std::vector<const FileView*>& running, const Totals& totals,
-                      int columns) {
+                      int columns, Clock::time_point now) {
     double received = totals.finishedBytes;
     double missing = 0;
     double speed = 0;
@@ -86,7 +97,7 @@ std::string TotalLine(const std::vector<const FileView*>& running, const Totals&
     for (const FileView* file : running) {
         received += file->Received();
         missing += file->size - file->Received();
-        speed += std::max(file->speed, 0.0);
+        speed += std::max(file->speed.At(now), 0.0);
         sizesKnown = sizesKnown && file->size >= 0;
     }
     std::string line =
@@ -128,6 +139,10 @@ void BarDisplay::State(const FileView& file, std::int32_t code, double /*value*/
     if (reports_) Keep(StateLine(file, code));
 }
 
+void BarDisplay::Begun(const FileView& file) {
+    if (const std::string line = BegunLine(file, reports_); !line.empty()) Keep(line);
+}
+
 void BarDisplay::Ended(const FileView& file, const Outcome& outcome) {
     Keep(EndLine(file, outcome), outcome.result);
 }
@@ -151,7 +166,7 @@ void BarDisplay::Refresh(const std::vector<const FileView*>& running, const Tota
     for (const FileView* file : running) {
         if (frame_.size() < shown) frame_.push_back(FileLine(*file, columns_, now));
     }
-    frame_.push_back(TotalLine(running, totals, columns_));
+    frame_.push_back(TotalLine(running, totals, columns_, now));
     Draw();
 }
 

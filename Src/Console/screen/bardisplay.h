@@ -14,6 +14,7 @@ class BarDisplay : public Display {
 
     void Started(const FileView& file) override;
     void State(const FileView& file, std::int32_t code, double value) override;
+    void Begun(const FileView& file) override;
     void Ended(const FileView& file, const Outcome& outcome) override;
     void Note(const std::string& line) override;
     void Refresh(const std::vector<const FileView*>& running, const Totals& totals) override;
@@ -42,10 +43,10 @@ class BarDisplay : public Display {
 
 // A running file: name, bar, percent, size, speed, time left; what does not fit is left out from
 // the right. From the second try on its number stands behind the name. Before the first byte: the
-// name, and for how long the server has not answered.
+// name, and for how long the server has not answered. Of unknown size: name and speed.
 std::string FileLine(const FileView& file, int columns, Clock::time_point now);
 
 // All files: how many are done and how many failed, bytes, speed and, when no file waits to be
 // begun, the time left.
 std::string TotalLine(const std::vector<const FileView*>& running, const Totals& totals,
-                      int columns);
+                      int columns, Clock::time_point now);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
 
@@ -51,6 +52,18 @@ void PrintEvent(const std::string& line) {
 
 }  // namespace
 
+void SmoothSpeed::Note(double speed, Clock::time_point now) {
+    from_ = latest_ < 0 ? speed : At(now);
+    latest_ = speed;
+    since_ = now;
+}
+
+double SmoothSpeed::At(Clock::time_point now) const {
+    constexpr double kSmoothing = 3;  // seconds
+    const double passed = std::chrono::duration<double>(now - since_).count();
+    return latest_ + (from_ - latest_) * std::exp(-passed / kSmoothing);
+}
+
 std::unique_ptr<Display> MakeDisplay(const DisplayOptions& options) {
     if (options.json) {
         return std::make_unique<JsonDisplay>(PrintEvent);
@@ -80,13 +93,13 @@ void Display::Fault(const std::string& fault) {
 std::string EndLine(const FileView& file, const Outcome& outcome) {
     std::string line = file.name + ": " + ResultName(outcome.result);
     if (outcome.result != EndResult::kFinished) {
-        if (!outcome.reason.empty()) line += ": " + text::Printable(outcome.reason);
-        if (outcome.secondLook.empty()) return line;
-        return line + " (a second look: " + text::Printable(outcome.secondLook) + ")";
+        if (!outcome.message.empty()) line += ": " + text::Printable(outcome.message);
+        return line;
     }
     line += ", 100 % of " + text::Size(outcome.bytes) + " in " + text::Duration(outcome.seconds);
     // The speed of a short transfer says nothing.
-    if (outcome.seconds > 2) line += ", " + text::Size(outcome.bytes / outcome.seconds) + "/s";
+    const double fetched = outcome.bytes - static_cast<double>(file.answer.uHad);
+    if (outcome.seconds > 2) line += ", " + text::Size(fetched / outcome.seconds) + "/s";
     return line;
 }
 
@@ -116,7 +129,7 @@ std::string StateLine(const FileView& file, std::int32_t code) {
             case DOWNLOAD_STATE_PROGRESS:
                 return std::to_string(static_cast<int>(file.percent)) + " %";
             case DOWNLOAD_STATE_SPEED:
-                return text::Size(file.speed) + "/s";
+                return text::Size(file.speed.Latest()) + "/s";
             case DOWNLOAD_STATE_FILE_SIZE:
                 return text::Size(file.size) + " are to come";
             default:
@@ -137,6 +150,17 @@ std::string Coloured(const std::string& line, EndResult result) {
     const bool wrong = result != EndResult::kFinished && result != EndResult::kSkipped &&
                        result != EndResult::kStopped;
     return wrong ? "\x1b[31m" + line + "\x1b[0m" : line;
+}
+
+std::string BegunLine(const FileView& file, bool verbose) {
+    if (file.answer.uHad > 0 && file.size > 0) {
+        const double percent = 100 * static_cast<double>(file.answer.uHad) / file.size;
+        return file.name + ": continues at " + text::Percent(std::min(percent, 100.0)) + " %";
+    }
+    if (!file.foundPart || !verbose) return "";
+    const std::string& why = file.answer.strMessage;
+    return file.name + ": starts over: " +
+           (why.empty() ? "the server does not go on with the partial file" : text::Printable(why));
 }
 
 double TimeLeft(double bytes, double speed) {

@@ -10,21 +10,41 @@
 #include <vector>
 
 #include "Console/cli/outcome.h"
+#include "TaskMan/tasktext.h"
 #include "common/uncopyable.h"
 
 using Clock = std::chrono::steady_clock;
 
+// A speed as people want to see it: what the worker reports once a second, smoothed over some
+// seconds.
+class SmoothSpeed {
+  public:
+    // Bytes per second; below 0: unknown.
+    SmoothSpeed(double speed = -1) : from_(speed), latest_(speed) {}
+
+    void Note(double speed, Clock::time_point now);
+    double At(Clock::time_point now) const;
+    double Latest() const { return latest_; }  // as it was reported last
+
+  private:
+    double from_;  // at `since_`, from where it approaches `latest_`
+    double latest_;
+    Clock::time_point since_{};
+};
+
 // One file, as far as its worker has reported.
 struct FileView {
-    std::string name{};           // printable
-    std::string id{};             // of its last task; empty when it never had one
-    std::string address{};        // as it was given, or as its page gave it
-    std::string path{};           // where the file goes; empty while that is unknown
-    double size = -1;             // bytes; below 0 while unknown
-    double percent = 0;           // 0 to 100
-    double speed = -1;            // bytes per second; below 0 while unknown
+    std::string name{};     // printable
+    std::string id{};       // of its last task; empty when it never had one
+    std::string address{};  // as it was given, or as its page gave it
+    std::string path{};     // where the file goes; empty while that is unknown
+    double size = -1;       // bytes; below 0 while unknown
+    double percent = 0;     // 0 to 100
+    SmoothSpeed speed{};
     bool answered = false;        // bytes of the file have arrived
-    int tries = 1;                // how often its worker has begun it
+    int tries = 1;                // how often its worker has got an answer for it
+    bool foundPart = false;       // a partial file of an earlier run was there
+    tagTaskAnswer answer{};       // what the worker has told last
     Clock::time_point started{};  // of its task
     std::string information{};    // information text of a page that was only to be resolved
 
@@ -55,6 +75,9 @@ class Display : private Uncopyable {
 
     // The worker reported `code` with `value`, which `file` shows already.
     virtual void State(const FileView& /*file*/, std::int32_t /*code*/, double /*value*/) {}
+
+    // The worker has told whether it goes on with a partial file: once for each beginning.
+    virtual void Begun(const FileView& /*file*/) {}
 
     // The file has ended. One that was refused had no Started.
     virtual void Ended(const FileView& file, const Outcome& outcome) = 0;
@@ -101,8 +124,7 @@ bool CanDraw(int descriptor);
 
 // ---- Texts that all displays share.
 
-// "file.iso: finished, 64.0 MiB in 4.1 s, 15.6 MiB/s"; "file.iso: failed: the reason (a second
-// look: HTTP 404)"
+// "file.iso: finished, 100 % of 64.0 MiB in 4.1 s, 15.6 MiB/s"; "file.iso: failed: HTTP 404"
 std::string EndLine(const FileView& file, const Outcome& outcome);
 
 // "2 of 6 files finished, 1 skipped, 1 failed, 1 stopped, 1 not begun"; empty when there is but one
@@ -114,6 +136,10 @@ std::string StateLine(const FileView& file, std::int32_t code);
 
 // A file's task: "file.iso: task 1f2e3d, http://host/file.iso -> dir/file.iso"
 std::string TaskLine(const FileView& file);
+
+// What became of a partial file of an earlier run: "file.iso: continues at 61 %", "file.iso: starts
+// over: why"; empty when there was none. `verbose`: also that it starts over.
+std::string BegunLine(const FileView& file, bool verbose);
 
 // The line in red if the result is a failure.
 std::string Coloured(const std::string& line, EndResult result);

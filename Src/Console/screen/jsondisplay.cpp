@@ -35,8 +35,11 @@ void JsonDisplay::Ended(const FileView& file, const Outcome& outcome) {
     SetText(event, "path", file.path);
     event["bytes"] = Number(outcome.bytes);
     event["seconds"] = Number(std::round(outcome.seconds * 1000) / 1000);
-    SetText(event, "reason", outcome.reason);
-    SetText(event, "second_look", outcome.secondLook);
+    SetAnswer(event, file.answer, outcome.message);
+    event["size"] = file.size < 0 ? Json() : Number(file.size);
+    event["had"] = file.answer.uHad;
+    event["received"] = file.answer.uReceived;
+    event["requests"] = file.answer.nRequests;
     Tell(event);
     numbers_.erase(&file);
 }

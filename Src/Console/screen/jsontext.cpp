@@ -23,6 +23,14 @@ void SetText(nlohmann::ordered_json& event, const std::string& key, const std::s
     if (!IsUtf8(bytes)) event[key + "_hex"] = utf8::Hex(bytes);
 }
 
+void SetAnswer(nlohmann::ordered_json& event, const tagTaskAnswer& answer,
+               const std::string& message) {
+    SetText(event, "reason", ReasonName(answer.Reason));
+    SetText(event, "message", message);
+    event["status"] = nullptr;
+    if (answer.nStatus != 0) event["status"] = answer.nStatus;
+}
+
 nlohmann::ordered_json Number(double value) {
     constexpr double kExact = 9007199254740992.0;
     if (std::abs(value) <= kExact && std::trunc(value) == value) {

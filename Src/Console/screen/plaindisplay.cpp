@@ -4,27 +4,42 @@
 #include "TaskMan/taskcontext.h"
 
 void PlainDisplay::Started(const FileView& file) {
-    marks_[&file] = 0;
+    shown_[&file] = {};
     if (detail_ == Detail::kReports) return Note(TaskLine(file));
     if (detail_ == Detail::kProgress) Note(file.name + ": started");
 }
 
 void PlainDisplay::State(const FileView& file, std::int32_t code, double /*value*/) {
     if (detail_ == Detail::kReports) return Note(StateLine(file, code));
-    if (detail_ < Detail::kProgress || code != DOWNLOAD_STATE_PROGRESS) return;
+    if (detail_ < Detail::kProgress) return;
+    if (code == DOWNLOAD_STATE_SPEED && file.size < 0) ShowSpeed(file);
+    if (code != DOWNLOAD_STATE_PROGRESS) return;
     const int quarters = static_cast<int>(file.percent) / 25;
-    int& shown = marks_[&file];
+    int& shown = shown_[&file].quarters;
     // The final line covers the last quarter.
     if (quarters <= shown || quarters > 3) return;
     shown = quarters;
     std::string line = file.name + ": " + std::to_string(quarters * 25) + " %";
     if (file.size >= 0) line += " of " + text::Size(file.size);
-    if (file.speed >= 0) line += ", " + text::Size(file.speed) + "/s";
+    const double speed = file.speed.At(Clock::now());
+    if (speed >= 0) line += ", " + text::Size(speed) + "/s";
     Note(line);
 }
 
+// With the first speed the size may still be on its way.
+void PlainDisplay::ShowSpeed(const FileView& file) {
+    if (++shown_[&file].speeds != 2) return;
+    Note(file.name + ": size unknown, " + text::Size(file.speed.At(Clock::now())) + "/s");
+}
+
+void PlainDisplay::Begun(const FileView& file) {
+    shown_[&file].quarters = static_cast<int>(file.percent) / 25;
+    const std::string line = BegunLine(file, detail_ == Detail::kReports);
+    if (detail_ >= Detail::kProgress && !line.empty()) Note(line);
+}
+
 void PlainDisplay::Ended(const FileView& file, const Outcome& outcome) {
-    marks_.erase(&file);
+    shown_.erase(&file);
     const bool well =
         outcome.result == EndResult::kFinished || outcome.result == EndResult::kSkipped;
     if (well && detail_ == Detail::kFailures) return;

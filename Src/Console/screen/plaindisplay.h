@@ -20,6 +20,7 @@ class PlainDisplay : public Display {
 
     void Started(const FileView& file) override;
     void State(const FileView& file, std::int32_t code, double value) override;
+    void Begun(const FileView& file) override;
     void Ended(const FileView& file, const Outcome& outcome) override;
     void Note(const std::string& line) override;
     void Finish(const Totals& totals, int status) override;
@@ -28,5 +29,12 @@ class PlainDisplay : public Display {
     const int descriptor_;
     const Detail detail_;
     const bool colour_;
-    std::map<const FileView*, int> marks_;  // quarters that were shown, 0 to 3
+    // What was shown of a file.
+    struct Shown {
+        int quarters = 0;  // 0 to 3
+        int speeds = 0;    // that were reported without a known size
+    };
+    void ShowSpeed(const FileView& file);
+
+    std::map<const FileView*, Shown> shown_;
 };

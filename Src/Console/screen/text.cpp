@@ -136,6 +136,10 @@ std::string Size(double bytes) {
     return Format("%.1f %s", std::min(bytes, 9999.9), kUnits[unit]);
 }
 
+std::string Percent(double percent) {
+    return std::to_string(static_cast<int>(percent));
+}
+
 std::string Duration(double seconds) {
     return seconds < 59.95 ? Format("%.1f s", seconds) : Clock(seconds);
 }

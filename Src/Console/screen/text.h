@@ -34,6 +34,9 @@ std::string PadLeft(std::string printable, int columns);
 // "812 B", "64.0 MiB"; at most 10 columns.
 std::string Size(double bytes);
 
+// "61": whole percent, rounded down.
+std::string Percent(double percent);
+
 // A span of time: "4.1 s", "2:05", "1:02:03".
 std::string Duration(double seconds);
 
