@@ -10,8 +10,9 @@ _taskman_value() {
     -i | --input | -o | --output | --failed | --worker) compopt -o default ;;
     -d | --dir) compopt -o dirnames ;;
     -j | --jobs) _taskman_words '1 2 3 4 5 6 7 8' ;;
-    --tries) _taskman_words '1 2 3' ;;
-    --wait) _taskman_words '0 1 2 3' ;;
+    -n | --connections) _taskman_words '1 2 3 4 5 6 7 8 9 10' ;;
+    --tries) _taskman_words '1 5 20 100' ;;
+    --wait) _taskman_words '0 10 60 300' ;;
     -x | --proxy) _taskman_words 'none http:// socks4:// socks4a:// socks5:// socks5h://' ;;
     --progress) _taskman_words 'auto bar plain none' ;;
     --color) _taskman_words 'auto always never' ;;
@@ -26,13 +27,15 @@ _taskman() {
         _taskman_words 'get info top stop clean --help -h --version'
         return
     fi
-    ! _taskman_value "${COMP_WORDS[COMP_CWORD - 1]}" || return 0
+    # No option of clean takes a value, and its -n is another one.
+    [[ ${COMP_WORDS[1]} == clean ]] || ! _taskman_value "${COMP_WORDS[COMP_CWORD - 1]}" || return 0
     local options='-h --help'
     case ${COMP_WORDS[1]} in
     get)
         options+=' -i --input -o --output -d --dir -f --force -s --skip-existing --sha256'
-        options+=' --keep-part --failed --size --format -j --jobs --tries --wait --timeout'
-        options+=' -x --proxy --worker --json -q --quiet -v --verbose --progress --color'
+        options+=' --no-continue --failed --size --format -j --jobs -n --connections --tries'
+        options+=' --wait --timeout -x --proxy --worker --json -q --quiet -v --verbose'
+        options+=' --progress --color'
         ;;
     info) options+=' --size --json --url -x --proxy --worker' ;;
     top) options+=' --once --json' ;;
