@@ -160,7 +160,7 @@ TEST(Texts, AreWhatTheTableSays) {
         {HttpUtility::HtmlDecode("a+b%20c%2Fd%E9%e9%00%2541"), "a b c/d\xE9\xE9%41"},
         {HttpUtility::UrlDecode("%zz%g1%1g%%4%4"), "\x01\x10\x04"},
         {HttpUtility::HtmlEncode("a b-c\n.\xE9"), "a%20b%2dc%0a%2e%e9"},
-        {HttpUtility::UrlEncode("/"), "%2f"},
+        {HttpUtility::UrlEncode("/09:@AZ[`az{"), "%2f09%3a%40AZ%5b%60az%7b"},
         {HttpUtility::HtmlEntityDecode("b&#39;a&#x27;&amp;4&&&lt;7&apos;A&quot;D&gt;G"),
          "b'a'&4&&<7'A\"D>G"},
         {HttpUtility::HtmlEntityDecode("&amp;lt;&#38;gt;&AMP;&#233;"), "&lt;&gt;&AMP;\xE9"},
@@ -190,12 +190,6 @@ TEST(Texts, AreRecognised) {
 }
 
 TEST(Texts, HaveDigits) {
-    std::string ordinary;
-    for (int byte = 0; byte < 256; ++byte) {
-        const auto c = static_cast<char>(byte);
-        if (HttpUtility::isOrdinaryChar(c)) ordinary += c;
-    }
-    EXPECT_EQ(ordinary, "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz");
     for (const auto& [digit, stored] :
          {std::pair('7', "7"), {'b', "11"}, {'F', "15"}, {'G', "G"}, {'\xE9', "\xE9"}}) {
         char buffer[4] = {digit, '\0', '#'};

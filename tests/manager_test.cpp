@@ -101,14 +101,12 @@ TEST(Manager, StopsWhatStartsOverWithoutGettingFurther) {
     };
     Campaign campaign;
     SetTaskLimits({30, 60, 4});
-    HttpServer early(breaking(1000, 0));
-    HttpServer late(breaking(3'000'000, 0));
+    HttpServer early(breaking(100'000, 0));
     HttpServer further(breaking(100'000, 300'000));
     HttpServer endless({Reply::Head("1000000000000000000", body).Silence()});
     Course& growing = campaign.Add(further.Url());
     Course& large = campaign.Add(endless.Url());
     Course& hopeless = campaign.Add(early.Url());
-    ExpectEnd(campaign.Add(late.Url()), 8, TASK_REMARK_STARTS_OVER);
     ExpectEnd(hopeless, 8, TASK_REMARK_STARTS_OVER);
     ExpectEnd(large, 8, TASK_REMARK_NO_SPACE);
     ExpectEnd(growing, 3, "");
@@ -130,10 +128,6 @@ TEST(Manager, TakesNoTaskForAWhileWhenItsWorkersDoNotStart) {
     }
     const Campaign another;
     EXPECT_EQ(8, FreeSlotCount());
-    tagTaskInfo task = another.Task("exit");
-    task.pfnStateCallback = nullptr;
-    std::string reason;
-    EXPECT_EQ(0, AddTask(task, reason)) << reason;
     shm_unlink(SectionName(getpid()).c_str());
     ExpectRefusal(another.Task("exit"), "the section has lost its name (RemoveIPC=?)", false);
 }

@@ -179,7 +179,6 @@ TEST(InfoFile, IsMadeKeptAndBroughtUpToDate) {
     tagTaskContext task;
     SetField(task.szTaskID, job.id);
     SetField(task.szOrgUrl, "http://page");
-    SetField(task.szDownloadUrl, server.Url("/a-rather-long-name"));
     SetField(task.szFilePath, "/out/file");
     task.nDownloadInfoTag = 77;
     const auto make = [&](const std::string& path) {
@@ -189,45 +188,42 @@ TEST(InfoFile, IsMadeKeptAndBroughtUpToDate) {
                Numbers({4294967295, 3'333'333, 6'666'667}, 40) +
                Numbers({3'333'333, 6'666'667, 9'999'999}, 40);
     };
-    const auto read = [&task] {
+    const std::string record = make("/long"), texts = record.substr(0, 2640);
+    const struct {
+        const char* name;
+        std::string path, stored;
+        bool done;
+        std::size_t requests;
+        std::int32_t nCmd = TASK_CMD_DOWNLOAD, nBlockCount = 3;
+    } rows[] = {
+        {"none yet", "/long", "", true, 1},
+        {"none yet, too many blocks", "/long", "", false, 1, TASK_CMD_DOWNLOAD, 11},
+        {"the same address", "/long", record + "junk", true, 0},
+        {"another one", "/short", texts + std::string(120, '7'), true, 1},
+        {"too many blocks", "/short", record, false, 1, TASK_CMD_DOWNLOAD, 11},
+        {"a text without an end", "/short", std::string(texts).replace(80, 1024, 1024, 'u'), true,
+         1},
+        {"short of a byte", "/long", record.substr(0, 2639), false, 0},
+        {"another's", "/long", std::string(record).replace(0, 1, "x"), false, 0},
+        {"another's, command 3", "/long", std::string(2760, 'x'), true, 1,
+         TASK_CMD_DOWNLOAD_SECOND},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::remove(name.c_str());
+        if (!row.stored.empty()) WriteFile(name, row.stored);
+        const std::size_t before = server.RequestCount();
+        g_FileSize = 0;
+        SetField(task.szDownloadUrl, server.Url(row.path));
+        task.nCmd = row.nCmd;
+        task.nBlockCount = row.nBlockCount;
+        EXPECT_EQ(InitDownloadInfofile(&task), row.done);
+        EXPECT_EQ(ReadFile(name), row.done ? make(row.path) : row.stored);
+        EXPECT_EQ(server.RequestCount() - before, row.requests);
+        EXPECT_EQ(g_FileSize, row.done || row.requests > 0 ? 10'000'000u : 0u);
         const std::unique_ptr<tagDownloadInfo> info(GetDownloadMapInfoFormDownloadInfoFile(&task));
-        return info ? std::string(reinterpret_cast<char*>(info.get()), sizeof *info) : "none";
-    };
-    const std::string record = make("/a-rather-long-name");
-    EXPECT_EQ(read(), "none");
-    EXPECT_TRUE(InitDownloadInfofile(&task));
-    EXPECT_EQ(read(), record);
-
-    // The same address: all stays, without a request, but what stood behind the record.
-    g_FileSize = 0;
-    WriteFile(name, record + "junk");
-    EXPECT_TRUE(InitDownloadInfofile(&task));
-    EXPECT_EQ(ReadFile(name), record);
-    EXPECT_EQ(g_FileSize, 10'000'000u);
-    EXPECT_EQ(server.RequestCount(), 1u);
-
-    // Another, shorter address: texts without an end and missing blocks do no harm, a missing or
-    // another path does, except with command 3.
-    SetField(task.szOrgUrl, "http://page");
-    SetField(task.szDownloadUrl, server.Url("/short"));
-    const auto update = [&](const std::string& stored) {
-        WriteFile(name, stored);
-        const bool updated = InitDownloadInfofile(&task);
-        EXPECT_EQ(ReadFile(name), updated ? make("/short") : stored);
-        return updated;
-    };
-    EXPECT_TRUE(update(make("").replace(80, 1024, 1024, 'u').substr(0, 2640)));
-    EXPECT_FALSE(update(record.substr(0, 2639)));
-    EXPECT_FALSE(update(std::string(record).replace(0, 1, "x")));
-    task.nBlockCount = 11;
-    EXPECT_FALSE(update(record));
-    task.nBlockCount = 3;
-    std::string others = record.substr(0, 2640) + std::string(120, '7');
-    EXPECT_TRUE(update(others));
-    EXPECT_FALSE(update(others.replace(2128, 512, 512, 'p')));
-    EXPECT_EQ(read(), "none");
-    task.nCmd = TASK_CMD_DOWNLOAD_SECOND;
-    EXPECT_TRUE(update(others));
+        EXPECT_TRUE(!row.done || std::memcmp(info.get(), make(row.path).data(), sizeof *info) == 0);
+    }
 }
 
 TEST(Range, IsAHeaderOfItsHandle) {

