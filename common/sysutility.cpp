@@ -58,6 +58,10 @@ std::string GetProgramDirectory() {
     return std::filesystem::canonical(GivenPath()).parent_path().string();
 }
 
+std::string SystemFault(const std::string& what, int error) {
+    return what + ": " + std::strerror(error);
+}
+
 bool FileExists(std::string strFile) {
     assertion::Require(0 < strFile.size(), "FileExists", kSource, "0 < strFile.size()");
     return EntryKind(strFile) == S_IFREG;

@@ -25,6 +25,10 @@ std::string GetCurrentPath(bool bTrailingDelimiter);
 // there any more. To be called before the process changes its working directory.
 std::string GetProgramDirectory();
 
+// "cannot read list: No such file or directory": what failed, and the system's text for the error
+// number.
+std::string SystemFault(const std::string& what, int error);
+
 // ---- Files.
 
 // Whether a regular file of that path exists; false also after any error. The empty path ends the

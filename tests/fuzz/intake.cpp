@@ -9,8 +9,8 @@
 
 #include "Tarnwick/jobstate.h"
 #include "Tarnwick/tarnwick.h"
+#include "TaskMan/section/taskid.h"
 #include "TaskMan/task/admission.h"
-#include "TaskMan/task/taskid.h"
 #include "common/fieldtext.h"
 #include "fuzz.h"
 

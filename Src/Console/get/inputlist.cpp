@@ -13,6 +13,7 @@
 #include "Console/get/filename.h"
 #include "Console/screen/display.h"
 #include "Console/screen/text.h"
+#include "common/sysutility.h"
 
 namespace {
 
@@ -87,7 +88,7 @@ std::string InputList::Open(const std::string& path) {
                                    : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     if (!file_.IsOpen() || fstat(file_.Get(), &status) != 0) {
-        return text::SystemFault("cannot read " + path, errno);
+        return sysutility::SystemFault("cannot read " + path, errno);
     }
     return S_ISDIR(status.st_mode) ? path + " is a directory" : "";
 }
@@ -133,7 +134,7 @@ bool InputList::Read(Request& failure) {
     if (count > 0 || (count == -1 && (error == EINTR || error == EAGAIN))) return true;
     file_.Close();
     if (count == 0) return true;
-    failure = {"", path_, "", text::SystemFault("cannot read the list", error)};
+    failure = {"", path_, "", sysutility::SystemFault("cannot read the list", error)};
     return false;
 }
 

@@ -16,6 +16,7 @@
 #include "TaskMan/taskcontext.h"
 #include "common/file.h"
 #include "common/platform.h"
+#include "common/sysutility.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ constexpr std::size_t kLongestPath = sizeof(tagTaskInfo::szFilePath) - 1;
 constexpr std::chrono::milliseconds kLockPatience{10};
 
 std::string Fault(const char* what, const std::string& path, int error) {
-    return text::SystemFault(what + (" " + path), error);
+    return sysutility::SystemFault(what + (" " + path), error);
 }
 
 Outcome Local(std::string message) {

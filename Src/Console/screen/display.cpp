@@ -16,6 +16,7 @@
 #include "Console/screen/plaindisplay.h"
 #include "Console/screen/text.h"
 #include "TaskMan/taskcontext.h"
+#include "common/sysutility.h"
 
 namespace {
 
@@ -182,7 +183,7 @@ bool WriteAll(int descriptor, std::string_view bytes) {
 
 std::string OutputFault() {
     if (errno == EPIPE) return "";
-    return text::SystemFault("cannot write standard output", errno);
+    return sysutility::SystemFault("cannot write standard output", errno);
 }
 
 std::string FaultLine(const std::string& fault) {

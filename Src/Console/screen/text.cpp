@@ -155,8 +155,4 @@ std::string Count(std::size_t count, const char* noun) {
     return Format("%zu %s%s", count, noun, count == 1 ? "" : "s");
 }
 
-std::string SystemFault(const std::string& what, int error) {
-    return what + ": " + std::strerror(error);
-}
-
 }  // namespace text

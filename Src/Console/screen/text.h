@@ -47,7 +47,4 @@ std::string Clock(double seconds);
 // "1 file", "3 files"
 std::string Count(std::size_t count, const char* noun);
 
-// "cannot read list: No such file or directory", for the system's error number.
-std::string SystemFault(const std::string& what, int error);
-
 }  // namespace text

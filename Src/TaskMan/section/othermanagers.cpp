@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "TaskMan/section/othersection.h"
-#include "TaskMan/task/taskid.h"
+#include "TaskMan/section/taskid.h"
 #include "TaskMan/taskcontext.h"
 #include "common/platform.h"
 

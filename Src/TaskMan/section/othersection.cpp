@@ -13,7 +13,7 @@
 #include <memory>
 
 #include "TaskMan/section/ownsection.h"
-#include "TaskMan/task/taskid.h"
+#include "TaskMan/section/taskid.h"
 #include "TaskMan/taskcontext.h"
 #include "common/fieldtext.h"
 #include "common/platform.h"

@@ -12,6 +12,7 @@
 #include "TaskMan/taskman.h"
 #include "common/file.h"
 #include "common/platform.h"
+#include "common/sysutility.h"
 
 std::atomic<bool> g_section_opens{false};
 
@@ -71,7 +72,7 @@ int MakeSection(const std::string& directory, std::string& strReason) {
         return -1;
     }
     if (const int error = CreateSection(name); error != 0) {
-        strReason = SystemReason("cannot create the task section", error);
+        strReason = sysutility::SystemFault("cannot create the task section", error);
         return -1;
     }
     if (InitShareMem(&g_VideoInfoSection, name.c_str()) != 0) {
@@ -101,8 +102,4 @@ void RemoveSection() {
 
 void RemoveSectionName() {
     shm_unlink(SectionName(g_mainpid).c_str());
-}
-
-std::string SystemReason(const std::string& what, int error) {
-    return what + ": " + std::strerror(error);
 }

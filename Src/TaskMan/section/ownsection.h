@@ -18,6 +18,3 @@ void RemoveSection();
 
 // Removes the name of the section only: this process and its workers keep using it.
 void RemoveSectionName();
-
-// "WHAT: the system's text for the error number", in one line.
-std::string SystemReason(const std::string& what, int error);

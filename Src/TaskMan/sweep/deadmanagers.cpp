@@ -13,7 +13,7 @@
 
 #include "TaskMan/partrecord.h"
 #include "TaskMan/section/othersection.h"
-#include "TaskMan/task/taskid.h"
+#include "TaskMan/section/taskid.h"
 #include "TaskMan/taskcontext.h"
 #include "common/file.h"
 #include "common/platform.h"

@@ -9,17 +9,18 @@
 #include <string>
 
 #include "TaskMan/section/ownsection.h"
+#include "TaskMan/section/taskid.h"
 #include "TaskMan/task/admission.h"
 #include "TaskMan/task/counts.h"
 #include "TaskMan/task/delivery.h"
 #include "TaskMan/task/extended.h"
 #include "TaskMan/task/scanner.h"
 #include "TaskMan/task/supervisor.h"
-#include "TaskMan/task/taskid.h"
 #include "TaskMan/task/throttle.h"
 #include "TaskMan/taskman.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
+#include "common/sysutility.h"
 #include "common/thread.h"
 
 Threading::Mutex g_start_tarnwick_mutex;
@@ -202,7 +203,7 @@ Refused Admit(const tagTaskInfo& taskinfo, const tagTaskRequest* request) {
         if (error != 0) {
             FreeWatch(*watch);
             WakeSupervisor();
-            refused = Later(SystemReason(failed, error));
+            refused = Later(sysutility::SystemFault(failed, error));
             if (!PassesByItself(error)) refused.kind = TaskRefusal::kNever;
             return refused;
         }

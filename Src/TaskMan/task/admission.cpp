@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <string_view>
 
-#include "TaskMan/task/taskid.h"
+#include "TaskMan/section/taskid.h"
 #include "TaskMan/taskman.h"
 #include "TaskMan/tasktext.h"
 #include "common/assertion.h"

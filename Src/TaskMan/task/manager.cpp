@@ -18,6 +18,7 @@
 #include "TaskMan/taskman.h"
 #include "TaskMan/timing.h"
 #include "common/AutoLock.h"
+#include "common/sysutility.h"
 
 std::int32_t g_mainpid = -1;
 std::string g_AppDataPath;
@@ -159,7 +160,7 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory,
     }
     g_worker_path = program;
     if (const int error = StartThreads(); error != 0) {
-        strReason = SystemReason("cannot start the supervisor", error);
+        strReason = sysutility::SystemFault("cannot start the supervisor", error);
         RemoveSection();
         g_mainpid = -1;
         return -1;

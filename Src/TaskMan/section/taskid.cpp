@@ -1,4 +1,4 @@
-#include "TaskMan/task/taskid.h"
+#include "TaskMan/section/taskid.h"
 
 #include <unistd.h>
 
