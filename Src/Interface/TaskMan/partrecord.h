@@ -20,7 +20,7 @@
 
 constexpr const char* PART_RECORD_ENDING = ".info";          // behind the partial file's path
 constexpr const char* PART_RECORD_NEW_ENDING = ".info.new";  // of the one that will replace it
-constexpr std::size_t PART_RECORD_RANGES = 64;  // most of them; a file in more has no record
+constexpr std::size_t PART_RECORD_RANGES = 64;               // recorded; of more, the first
 
 // Bytes `begin` up to, but not including, `end`.
 struct ByteRange {

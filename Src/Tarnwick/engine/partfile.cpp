@@ -138,7 +138,7 @@ MaybeFault PartFile::WaitForWriter(const PartWriter& writer, std::int64_t time,
         // A machine that was started anew has no writer of before.
         if (writer.host == self.host) return std::nullopt;
         const std::int64_t age = static_cast<std::int64_t>(std::time(nullptr)) - time;
-        return age >= 0 && age < kWriterAge ? MaybeFault(inUse) : std::nullopt;
+        return std::abs(age) < kWriterAge ? MaybeFault(inUse) : std::nullopt;
     }
     const Clock::time_point until = Clock::now() + kWriterPatience;
     while (writer.pid != self.pid && Lives(writer)) {
@@ -153,8 +153,10 @@ MaybeFault PartFile::Restart() {
     DropRecord();
     struct stat status {};
     if (fstat(file_, &status) != 0) return LocalFault("cannot look at", errno);
-    // A file system takes its time to cut a file, also one that is empty.
-    if (status.st_size > 0 && ftruncate(file_, 0) != 0) return LocalFault("cannot empty", errno);
+    // A file system takes its time to cut a file, also one that is empty. Blocks without a size
+    // were reserved for what was there before.
+    if ((status.st_size > 0 || status.st_blocks > 0) && ftruncate(file_, 0) != 0)
+        return LocalFault("cannot empty", errno);
     return std::nullopt;
 }
 
@@ -211,7 +213,11 @@ MaybeFault PartFile::Tick(const std::vector<ByteRange>& have) {
     if (MaybeFault fault = StillThere()) return fault;
     if (!described_) return std::nullopt;
     if (Clock::now() - synced_ >= kSyncEvery) {
-        if (const int error = platform::SyncData(file_)) return LocalFault("cannot write", error);
+        if (const int error = platform::SyncData(file_)) {
+            // What was lost the system tells only once.
+            DropRecord();
+            return LocalFault("cannot write", error);
+        }
         synced_ = Clock::now();
         unpushed_ = 0;
         record_.synced = have;
@@ -232,7 +238,7 @@ MaybeFault PartFile::Finish(const std::vector<ByteRange>& have, std::uint64_t si
         return LocalFault("cannot cut", errno);
     }
     // Whoever asked for the file brings it to the disk before it gets its name.
-    if (record_file_ != -1) NoteHave(have);
+    NoteHave(have);
     return StillThere();
 }
 
@@ -242,35 +248,39 @@ void PartFile::Leave(const std::vector<ByteRange>& have) {
     // Gives back what was reserved behind the end.
     if (reserved_) static_cast<void>(ftruncate(file_, status.st_size));
     if (!described_ || have.empty() || StillThere()) return;
-    if (platform::SyncData(file_) == 0) record_.synced = have;
+    if (platform::SyncData(file_) != 0) return DropRecord();
+    record_.synced = have;
     ReplaceRecord(have);
 }
 
-// A new file with both parts, brought to the disk, takes the name.
+// A new file with both parts, brought to the disk, takes the name. On a full disk there may be no
+// room for one, and still some in the old one's place.
 void PartFile::ReplaceRecord(const std::vector<ByteRange>& have) {
-    if (have.size() > PART_RECORD_RANGES) return DropRecord();
     const std::string fresh = path_ + PART_RECORD_NEW_ENDING;
     Descriptor file(open(fresh.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    first_ = EncodePartRecord(record_);
-    if (file.Get() == -1 || !WriteAll(file.Get(), first_.data(), first_.size(), 0) ||
-        !WriteHave(file.Get(), have) || fsync(file.Get()) != 0 ||
+    std::string first = EncodePartRecord(record_);
+    if (file.Get() == -1 || !WriteAll(file.Get(), first.data(), first.size(), 0) ||
+        !WriteHave(file.Get(), first, have) || fsync(file.Get()) != 0 ||
         rename(fresh.c_str(), info_.c_str()) != 0) {
-        return DropRecord();
+        unlink(fresh.c_str());
+        return NoteHave(have);
     }
+    first_ = std::move(first);
     if (record_file_ != -1) close(record_file_);
     record_file_ = file.Release();
 }
 
+// A second part that is written only partly does not count: `synced` does then.
 void PartFile::NoteHave(const std::vector<ByteRange>& have) {
-    if (have.size() > PART_RECORD_RANGES || !WriteHave(record_file_, have)) DropRecord();
+    if (record_file_ != -1) static_cast<void>(WriteHave(record_file_, first_, have));
 }
 
 // What was longer before goes on behind the end, where no reader looks.
-bool PartFile::WriteHave(int file, const std::vector<ByteRange>& have) {
+bool PartFile::WriteHave(int file, const std::string& first, const std::vector<ByteRange>& have) {
     record_.have = have;
     record_.time = static_cast<std::int64_t>(std::time(nullptr));
-    const std::string text = EncodePartHave(record_, first_);
-    return WriteAll(file, text.data(), text.size(), first_.size());
+    const std::string text = EncodePartHave(record_, first);
+    return WriteAll(file, text.data(), text.size(), first.size());
 }
 
 // After a restart of the machine an old record must not meet new data: its end reaches the disk

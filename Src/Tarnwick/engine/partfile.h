@@ -2,8 +2,8 @@
 //
 // With a record, the file has a companion PATH.info (TaskMan/partrecord.h), and for a moment, while
 // that is replaced, PATH.info.new. The record is never the reason of a failure: where it cannot be
-// written there is none. The file's lock is the application's business; where locks are only
-// pretended, the writer in the record counts. One thread.
+// replaced, what an earlier one says stays true. The file's lock is the application's business;
+// where locks are only pretended, the writer in the record counts. One thread.
 #pragma once
 
 #include <chrono>
@@ -72,7 +72,7 @@ class PartFile : private Uncopyable {
     MaybeFault StillThere() const;
     void ReplaceRecord(const std::vector<ByteRange>& have);
     void NoteHave(const std::vector<ByteRange>& have);
-    bool WriteHave(int file, const std::vector<ByteRange>& have);
+    bool WriteHave(int file, const std::string& first, const std::vector<ByteRange>& have);
     void DropRecord();
     Fault LocalFault(const char* what, int number) const;
 
@@ -83,7 +83,6 @@ class PartFile : private Uncopyable {
     int record_file_ = -1;
     PartRecord record_{};     // as it is on the disk
     std::string first_{};     // its first part
-    std::size_t length_ = 0;  // of the record's file
     bool described_ = false;
     bool reserved_ = false;
     std::optional<PartRecord> found_{};

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <charconv>
 #include <limits>
+#include <span>
 
 #include "common/platform.h"
 
@@ -28,7 +29,8 @@ void AddLine(std::string& text, std::string_view key, std::string_view value) {
 }
 
 void AddRanges(std::string& text, const char* key, const std::vector<ByteRange>& ranges) {
-    for (const ByteRange& range : ranges) {
+    const std::size_t count = std::min(ranges.size(), PART_RECORD_RANGES);
+    for (const ByteRange& range : std::span(ranges).first(count)) {
         AddLine(text, key, std::to_string(range.begin) + "-" + std::to_string(range.end));
     }
 }
@@ -38,6 +40,10 @@ bool ReadNumber(std::string_view text, Number& number) {
     const char* end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, number);
     return error == std::errc() && rest == end;
+}
+
+bool ReadTime(std::string_view text, std::int64_t& time) {
+    return ReadNumber(text, time) && time >= 0;
 }
 
 // Adds a range that lies behind those that are there.
@@ -57,8 +63,8 @@ bool ReadRange(std::string_view text, std::vector<ByteRange>& ranges) {
 bool ReadField(std::string_view key, std::string_view value, PartRecord& record) {
     if (key == "size") return ReadNumber(value, record.size);
     if (key == "pid") return ReadNumber(value, record.writer.pid);
-    if (key == "started") return ReadNumber(value, record.writer.started);
-    if (key == "time") return ReadNumber(value, record.time);
+    if (key == "started") return ReadTime(value, record.writer.started);
+    if (key == "time") return ReadTime(value, record.time);
     if (key == "synced") return ReadRange(value, record.synced);
     if (key == "have") return ReadRange(value, record.have);
     const struct {
