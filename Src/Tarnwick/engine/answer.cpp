@@ -129,6 +129,8 @@ std::optional<ContentRange> ParseContentRange(std::string_view value) {
     }
     if (!TakeChar(value, '/')) return {};
     if (!TakeChar(value, '*') && !TakeNumber(value, found.size)) return {};
+    constexpr std::uint64_t kLargest = std::numeric_limits<std::int64_t>::max();
+    if (found.size != kUnknown && found.size > kLargest) return {};
     if (!value.empty() || range.end > found.size) return {};
     if (unsatisfied && found.size == kUnknown) return {};
     return found;
@@ -171,6 +173,8 @@ void Answer::AddLine(std::string_view line) {
     } headers[] = {{"etag", etag},
                    {"last-modified", lastModified},
                    {"date", date},
+                   {"content-length", contentLength},
+                   {"transfer-encoding", transferEncoding},
                    {"content-range", contentRange},
                    {"content-type", contentType},
                    {"content-encoding", contentEncoding},
@@ -203,8 +207,10 @@ bool IsEncoded(const Answer& answer) {
 
 int RetryAfter(const Answer& answer) {
     std::string_view text = answer.retryAfter;
-    std::uint64_t seconds = 0;
-    if (!TakeNumber(text, seconds) || !text.empty()) {
+    std::uint64_t seconds = kUnknown;  // stays, should the number be beyond 64 bits
+    if (!text.empty() && text.find_first_not_of("0123456789") == text.npos) {
+        TakeNumber(text, seconds);
+    } else {
         const std::time_t until = curl_getdate(answer.retryAfter.c_str(), nullptr);
         const std::time_t now = std::time(nullptr);
         seconds = until > now ? static_cast<std::uint64_t>(until - now) : 0;

@@ -18,7 +18,7 @@ struct ContentRange {
 };
 
 // Reads "bytes A-B/N", "bytes A-B/*" and "bytes */N" (RFC 9110, 14.4); nothing for anything else,
-// and for a range that is empty or lies beyond the size.
+// and for a range that is empty or lies beyond the size, or a size beyond 2^63 - 1.
 std::optional<ContentRange> ParseContentRange(std::string_view value);
 
 // The file name of a Content-Disposition header: filename* (RFC 6266, RFC 8187; UTF-8 and
@@ -29,11 +29,13 @@ std::string DispositionName(std::string_view value);
 // The headers of one answer, as they were sent and without blanks at both ends; empty where there
 // was none. Of headers that come twice the first counts.
 struct Answer {
-    int status = 0;  // 0: no answer has come
-    std::uint64_t length = kUnknown;
+    int status = 0;                   // 0: no answer has come
+    std::uint64_t length = kUnknown;  // of the body, as libcurl takes it
     std::string etag{};
     std::string lastModified{};
     std::string date{};
+    std::string contentLength{};
+    std::string transferEncoding{};
     std::string contentRange{};
     std::string contentType{};
     std::string contentEncoding{};

@@ -5,6 +5,8 @@
 namespace engine {
 namespace {
 
+constexpr const char* kHasChanged = "the file at the server has changed";
+
 bool IsMultipart(const Answer& answer) {
     constexpr std::string_view kType = "multipart/";
     return curl_strnequal(answer.contentType.c_str(), kType.data(), kType.size()) != 0;
@@ -19,15 +21,20 @@ Judgement Unfit(const char* message) {
 }
 
 Judgement Stale() {
-    return {Verdict::kStale, TaskReason::kChanged, "the file at the server has changed"};
+    return {Verdict::kStale, TaskReason::kChanged, kHasChanged};
 }
 
 Judgement JudgeWhole(const Answer& answer, const Asked& asked, const Known& known) {
+    if (answer.length == kUnknown && !answer.contentLength.empty() &&
+        answer.transferEncoding.empty()) {
+        return {Verdict::kFinal, TaskReason::kProtocol,
+                "the server announces an impossible length"};
+    }
     if (!asked.range || !known.any) return Good(Verdict::kWhole);
-    const bool same = answer.length == known.size && FitsValidator(answer, known.validator) &&
-                      ValidatorOf(answer) == known.validator;
-    return {same ? Verdict::kNoRanges : Verdict::kChanged, TaskReason::kChanged,
-            "the file at the server has changed"};
+    if (answer.length == known.size && ValidatorOf(answer) == known.validator) {
+        return {Verdict::kNoRanges, TaskReason::kNone, "the server knows no ranges"};
+    }
+    return {Verdict::kChanged, TaskReason::kChanged, kHasChanged};
 }
 
 Judgement JudgePart(const Answer& answer, const Asked& asked, const Known& known) {
@@ -42,6 +49,11 @@ Judgement JudgePart(const Answer& answer, const Asked& asked, const Known& known
     }
     if (known.any && (got->size != known.size || !FitsValidator(answer, known.validator))) {
         return Stale();
+    }
+    // A server that sends its tag with the whole file has to send it with a part (RFC
+    // 9110, 15.3.7): without one, nothing tells that it has looked at If-Range.
+    if (known.validator.starts_with('"') && answer.etag.empty()) {
+        return Unfit("the server sends a range without the file's tag");
     }
     const Range wanted{asked.range->begin, std::min(asked.range->end, got->size)};
     if (*got->range != wanted) return Unfit("the server sends another range than was asked for");
@@ -141,6 +153,10 @@ Judgement JudgeError(CURLcode code, const std::string& text, const Answer& answe
     Judgement judged{known ? found->verdict : Verdict::kAgain,
                      known ? found->reason : TaskReason::kBrokenOff,
                      text.empty() ? curl_easy_strerror(code) : text};
+    // libcurl has no other code for a header line beyond its limit.
+    if (code == CURLE_OUT_OF_MEMORY && answer.status != 0) {
+        return {kFinal, TaskReason::kProtocol, "a header line of the answer is too long"};
+    }
     if (proxied && code == CURLE_COULDNT_CONNECT) judged.reason = TaskReason::kProxy;
     if (code == CURLE_UNSUPPORTED_PROTOCOL && IsRedirect(answer)) {
         judged.reason = TaskReason::kRedirects;
