@@ -21,8 +21,9 @@ bool Readable() {
     return poll(&channel, 1, 100) == 1;
 }
 
-bool IsWhole(std::string_view text) {
-    return text.ends_with(kRequestEnd) || text == kRequestEnd.substr(2);
+// Whether the request's empty line has come, whatever stands behind it.
+bool HasEnd(std::string_view text) {
+    return text.starts_with(kRequestEnd.substr(2)) || text.find(kRequestEnd) != text.npos;
 }
 
 }  // namespace
@@ -30,7 +31,7 @@ bool IsWhole(std::string_view text) {
 std::string ReceiveRequest(tagTaskRequest& request, bool (*wanted)()) {
     const auto until = std::chrono::steady_clock::now() + kPatience;
     std::string text;
-    while (!IsWhole(text)) {
+    while (!HasEnd(text)) {
         if (!wanted()) return "the request is not wanted any more";
         if (std::chrono::steady_clock::now() >= until) return "the request did not come in time";
         if (text.size() > TASK_REQUEST_MOST) break;
@@ -46,6 +47,9 @@ std::string ReceiveRequest(tagTaskRequest& request, bool (*wanted)()) {
 }
 
 bool ManagerGone() {
+    // Also with bytes before the end that nobody has read.
+    pollfd channel{kChannel, 0, 0};
+    if (poll(&channel, 1, 0) == 1) return true;
     char byte = 0;
     const ssize_t got = recv(kChannel, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     return got == 0 || (got == -1 && errno != EAGAIN && errno != EINTR);
