@@ -114,6 +114,12 @@ std::uint64_t Blocks::Advance(int owner, std::uint64_t bytes) {
     return taken;
 }
 
+void Blocks::Retreat(int owner, std::uint64_t position) {
+    Block* block = Find(blocks_, owner);
+    if (block != nullptr)
+        block->position = std::clamp(position, block->range.begin, block->position);
+}
+
 Range Blocks::Left(int owner) const {
     const Block* block = Find(blocks_, owner);
     return block == nullptr ? Range{} : Range{block->position, block->range.end};

@@ -63,6 +63,9 @@ class Blocks {
     // fewer when its end was taken away, none when it has no block.
     std::uint64_t Advance(int owner, std::uint64_t bytes);
 
+    // What has come for the owner's block from `position` on is missing again.
+    void Retreat(int owner, std::uint64_t position);
+
     // What is missing of the owner's block; empty when nothing is, or it has no block.
     Range Left(int owner) const;
 

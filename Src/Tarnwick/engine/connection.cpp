@@ -57,7 +57,7 @@ bool Connection::Ask(Request request) {
     request_ = std::move(request);
     answer_ = {};
     judgement_ = {};
-    judged_ = cut_ = dropped_ = false;
+    judged_ = dropped_ = false;
     got_ = 0;
     *error_ = '\0';
     asked_at_ = active_at_ = Clock::now();
@@ -82,17 +82,24 @@ void Connection::End() {
         curl_multi_remove_handle(shared_.multi, curl_);
     }
     busy_ = false;
-    filled_ = 0;
+    Forget();
 }
 
 void Connection::Drop() {
     dropped_ = true;
+    Forget();
+}
+
+// A map that counts bytes which are not in the file would make a false record.
+void Connection::Forget() {
+    if (filled_ > 0) shared_.blocks.Retreat(id_, begin_);
     filled_ = 0;
 }
 
 MaybeFault Connection::Flush() {
     if (fault_ || filled_ == 0) return fault_;
     fault_ = shared_.file.Write(buffer_.get(), filled_, begin_);
+    if (fault_) Forget();
     filled_ = 0;
     return fault_;
 }
@@ -122,14 +129,14 @@ std::size_t Connection::OnBody(char* data, std::size_t size, std::size_t count,
         kBreakOff, [&] { return static_cast<Connection*>(self)->TakeBody(data, size * count); });
 }
 
-// Answers that libcurl follows or repeats by itself come by here as well; one whose body is of use
-// is none of them.
+// Answers that libcurl follows or passes over by itself come by here as well: redirects, and 1xx.
 void Connection::TakeHeader(std::string_view line) {
     if (judged_ || dropped_) return;
     active_at_ = Clock::now();
     if (line.find_first_not_of("\r\n") != line.npos) {
         answer_.AddLine(line);
-    } else if (answer_.status == 200 || answer_.status == 203 || answer_.status == 206) {
+    } else if (answer_.status == 200 || answer_.status == 203 || answer_.status == 206 ||
+               answer_.status >= 400) {
         Judge();
     }
 }
@@ -145,8 +152,8 @@ std::size_t Connection::TakeBody(const char* data, std::size_t size) {
     const std::uint64_t mine = shared_.blocks.Advance(id_, size);
     got_ += mine;
     if (!Gather(data, mine, position)) return 0;
-    cut_ = mine < size;
-    return cut_ ? 0 : size;
+    // Where the rest of the answer belongs to somebody else, it is broken off.
+    return mine < size ? 0 : size;
 }
 
 // Writes end at multiples of the buffer's size, as the file system likes it best.

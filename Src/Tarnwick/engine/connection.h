@@ -64,12 +64,13 @@ class Connection : private Uncopyable {
 
     // Begins a request; none is under way. False when there is no memory.
     bool Ask(Request request);
-    // Ends the request, whether libcurl is done with it or not.
+    // Ends the request, whether libcurl is done with it or not. What was gathered and not written
+    // is missing again in the map of blocks.
     void End();
     // Ends nothing yet, but what comes from now on does not count; what was gathered is lost. May
     // be called within curl_multi_perform.
     void Drop();
-    // Writes what was gathered.
+    // Writes what was gathered. What cannot be written is missing again in the map of blocks.
     MaybeFault Flush();
     // The judgement; made now when there is an answer without a body.
     const Judgement& JudgeLate();
@@ -78,8 +79,6 @@ class Connection : private Uncopyable {
     bool Busy() const { return busy_; }
     bool Dropped() const { return dropped_; }
     bool IsJudged() const { return judged_; }
-    // Broken off because the rest of the answer belongs to somebody else.
-    bool IsCut() const { return cut_; }
     const Request& Current() const { return request_; }
     const Answer& Last() const { return answer_; }
     const MaybeFault& WriteFault() const { return fault_; }
@@ -104,6 +103,7 @@ class Connection : private Uncopyable {
     static std::size_t OnBody(char* data, std::size_t size, std::size_t count, void* self) noexcept;
     void TakeHeader(std::string_view line);
     std::size_t TakeBody(const char* data, std::size_t size);
+    void Forget();
     bool Gather(const char* data, std::size_t size, std::uint64_t position);
     void Judge();
 
@@ -118,7 +118,6 @@ class Connection : private Uncopyable {
     char error_[CURL_ERROR_SIZE] = "";
     bool busy_ = false;
     bool judged_ = false;
-    bool cut_ = false;
     bool dropped_ = false;
     std::unique_ptr<char[]> buffer_{};
     std::size_t filled_ = 0;

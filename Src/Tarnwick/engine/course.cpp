@@ -19,6 +19,7 @@ constexpr long kReceiveOfSeveral = 128L * 1024;
 constexpr auto kTick = 1s;
 constexpr auto kLongestPoll = 100ms;
 constexpr long kConnectSeconds = 10;
+
 // libcurl turns the characters of a host's name into those of the net by way of the thread's
 // locale: in the locale "C" it refuses all beyond ASCII.
 class Utf8Names : private Uncopyable {
@@ -122,7 +123,6 @@ void Course::Prepare(CURL* curl) const {
     curl_easy_setopt(curl, CURLOPT_QUICK_EXIT, 1L);
     curl_easy_setopt(curl, CURLOPT_PROXY, "");  // none of the environment's
     curl_easy_setopt(curl, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
     FollowRedirects(curl);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
     curl_easy_setopt(curl, CURLOPT_USERAGENT, task_.userAgent.c_str());
@@ -152,14 +152,14 @@ bool Course::HandleEnds() {
             any = true;
             continue;
         }
-        // The rest of the answer belongs to somebody else.
-        const Range left_to_do = blocks_.Left(connection->Id());
-        const std::optional<Range>& asked = connection->Current().asked.range;
-        if (connection->IsJudged() && IsGood(connection->JudgeLate().verdict) && asked &&
-            left_to_do.Size() == 0 && left_to_do.begin < std::min(asked->end, known_.size)) {
-            OnGood(*connection, CURLE_OK);
-            any = true;
-        }
+        if (!connection->IsJudged()) continue;
+        // Whatever else comes is of no use: all bytes are there, or the rest belongs to somebody
+        // else, or the verdict is against it.
+        const bool good = IsGood(connection->JudgeLate().verdict);
+        if (good && (known_.size == kUnknown || blocks_.Left(connection->Id()).Size() > 0))
+            continue;
+        OnEnd(*connection, CURLE_OK);
+        any = true;
     }
     return any;
 }
@@ -228,7 +228,20 @@ int Course::BusyCount() const {
 }
 
 bool Course::CanContinue() const {
-    return ranges_ && (!known_.validator.empty() || !task_.sha256.empty());
+    return ranges_ && known_.size != kUnknown &&
+           (!known_.validator.empty() || !task_.sha256.empty());
+}
+
+void Course::GiveUp(const Fault& fault) {
+    result_.answer.nErrno = fault.number;
+    GiveUp(fault.reason, fault.message);
+}
+
+void Course::GiveUp(TaskReason reason, const std::string& message) {
+    over_ = true;
+    result_.end = End::kFailed;
+    result_.answer.Reason = reason;
+    result_.answer.strMessage = message;
 }
 
 std::uint64_t Course::Received() const {

@@ -1,5 +1,6 @@
-// The course of one transfer: what transfer.h promises. Sources: course.cpp gives out work and
-// keeps the time, courseends.cpp says what follows an answer or the end of a request.
+// The course of one transfer: what transfer.h promises. Sources: course.cpp keeps the
+// time, coursework.cpp gives out work, courseends.cpp says what follows an answer or the end of a
+// request.
 //
 // Its life is a row of rounds. A round begins with one request; once that has been judged good,
 // further connections may be asked as well. When the last one has failed, the next round begins
@@ -35,6 +36,8 @@ class Course : private Uncopyable {
     void Poll();
     void Report();
     Result Conclude();
+    void GiveUp(const Fault& fault);
+    void GiveUp(TaskReason reason, const std::string& message);
 
     // ---- coursework.cpp
     void GiveWork();
@@ -44,6 +47,8 @@ class Course : private Uncopyable {
     bool AskFor(Connection& connection, const Range& range);
     Connection* NewConnection();
     std::optional<Range> MoreFor(int id, std::uint64_t least);
+    void NoteGain();
+    void NoteConnections();
 
     // ---- courseends.cpp
     Judgement OnAnswer(Connection& connection);
@@ -57,10 +62,6 @@ class Course : private Uncopyable {
     bool IsStuck();
     void StartOver();
     void Retire(Connection& connection);
-    void GiveUp(const Fault& fault);
-    void GiveUp(TaskReason reason, const std::string& message);
-    void NoteGain();
-    void NoteConnections();
     void NoteAnswer(const Connection& connection);
 
     int BusyCount() const;

@@ -14,10 +14,6 @@ constexpr Clock::duration kRest = 300ms;   // of one connection, while others go
 constexpr Clock::duration kLongRest = 5s;  // the same when nothing has come on it
 // A file that changes more often is not followed.
 constexpr int kMostChanges = 1;
-// Less than this factor a further connection has to bring, or it was the last; and the shortest
-// time that says something about it.
-constexpr double kLeastGain = 1.05;
-constexpr double kGainSeconds = 0.3;
 
 }  // namespace
 
@@ -33,6 +29,7 @@ Judgement Course::OnAnswer(Connection& connection) {
                 return judged;
             }
             best_ = 0;
+            result_.answer.strMessage = judged.message;
             [[fallthrough]];
         case Verdict::kNoRanges:
         case Verdict::kWhole:
@@ -77,7 +74,7 @@ Judgement Course::GoOn(Connection& connection, const Judgement& judged) {
     const Answer& answer = connection.Last();
     if (!known_.any) {
         const std::uint64_t size = ParseContentRange(answer.contentRange)->size;
-        known_.validator = ValidatorOf(answer);
+        known_ = {false, size, ValidatorOf(answer)};
         // Parts of a file are only put together when something proves that they are of the same
         // one.
         if (!CanContinue() && size > connection.Current().asked.range->end) {
@@ -127,29 +124,6 @@ void Course::NoteAnswer(const Connection& connection) {
     gain_rate_ = 0.0;
 }
 
-// The one that is being judged counts as well.
-void Course::NoteConnections() {
-    const auto serving = [](const auto& each) {
-        return each->Busy() && !each->Dropped() && each->IsJudged();
-    };
-    const auto now = std::count_if(connections_.begin(), connections_.end(), serving) + 1;
-    result_.answer.nConnections =
-        std::max(result_.answer.nConnections, static_cast<std::int32_t>(now));
-}
-
-// Whether the connection that was added last but one has brought anything; if not, there will be no
-// more. Where answers come at once there is no time to tell.
-void Course::NoteGain() {
-    const Clock::time_point now = Clock::now();
-    const double seconds = std::chrono::duration<double>(now - gain_since_).count();
-    if (seconds < kGainSeconds) return;
-    const double rate = static_cast<double>(Received() - gain_from_) / seconds;
-    if (gain_rate_ > 0.0 && rate < gain_rate_ * kLeastGain) ceiling_ = BusyCount();
-    gain_rate_ = rate;
-    gain_since_ = now;
-    gain_from_ = Received();
-}
-
 void Course::OnEnd(Connection& connection, CURLcode code) {
     long redirects = 0;
     curl_easy_getinfo(connection.Handle(), CURLINFO_REDIRECT_COUNT, &redirects);
@@ -193,6 +167,8 @@ void Course::OnGood(Connection& connection, CURLcode code) {
     Report();
     if (MaybeFault fault = file_.Finish(blocks_.Have(), blocks_.Size())) return GiveUp(*fault);
     result_.end = End::kFinished;
+    // Not that of a further connection which was refused.
+    result_.answer.nStatus = connection.Last().status;
     result_.answer.Reason = TaskReason::kNone;
     result_.answer.strMessage.clear();
     over_ = true;
@@ -209,9 +185,11 @@ void Course::OnFailure(Connection& connection, const Judgement& judged) {
         case Verdict::kStale:
             if (++started_over_ > kMostChanges) return GiveUp(judged.reason, judged.message);
             best_ = 0;
+            result_.answer.strMessage = judged.message;
             return StartOver();
         case Verdict::kUnfit:
             ranges_ = false;
+            result_.answer.strMessage = judged.message;
             return StartOver();
         case Verdict::kAgain:
             if (!others) return FailRound(judged, got > 0);
@@ -264,10 +242,11 @@ void Course::FailRound(const Judgement& judged, bool gotBytes) {
 
 Clock::duration Course::Pause(const Judgement& judged) {
     const auto step = static_cast<std::size_t>(std::max(failures_ - 1, 0));
-    double seconds = std::min<double>(kPauses[std::min(step, std::size(kPauses) - 1)],
-                                      static_cast<double>(task_.waitSeconds));
-    // So that many clients of a server that was away do not come back at once.
-    seconds *= std::uniform_real_distribution(0.75, 1.25)(random_);
+    // The random part is for many clients of a server that was away: they must not come back at
+    // once.
+    double seconds = kPauses[std::min(step, std::size(kPauses) - 1)] *
+                     std::uniform_real_distribution(0.75, 1.25)(random_);
+    seconds = std::min(seconds, static_cast<double>(task_.waitSeconds));
     seconds = std::max(seconds, static_cast<double>(std::min(judged.pause, kLongestRetryAfter)));
     return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
@@ -287,18 +266,6 @@ void Course::StartOver() {
 void Course::Retire(Connection& connection) {
     ceiling_ = std::max(BusyCount(), 1);
     connection.rest_until = Clock::time_point::max();
-}
-
-void Course::GiveUp(const Fault& fault) {
-    result_.answer.nErrno = fault.number;
-    GiveUp(fault.reason, fault.message);
-}
-
-void Course::GiveUp(TaskReason reason, const std::string& message) {
-    over_ = true;
-    result_.end = End::kFailed;
-    result_.answer.Reason = reason;
-    result_.answer.strMessage = message;
 }
 
 }  // namespace engine

@@ -11,6 +11,10 @@ constexpr std::uint64_t kFirstRange = 1024 * 1024;  // of several connections: e
 // A connection that was just asked has the rate of the others until it has been silent for longer.
 constexpr auto kTrust = 2s;
 constexpr auto kStealEvery = 50ms;
+// Less than this factor a further connection has to bring, or it was the last; and the shortest
+// time that says something about it.
+constexpr double kLeastGain = 1.05;
+constexpr double kGainSeconds = 0.3;
 
 }  // namespace
 
@@ -89,6 +93,29 @@ std::optional<Range> Course::MoreFor(int id, std::uint64_t least) {
     const auto stolen = blocks_.Steal(id, rates, least);
     if (!stolen) next_steal_ = now + kStealEvery;
     return stolen;
+}
+
+// The one that is being judged counts as well.
+void Course::NoteConnections() {
+    const auto serving = [](const auto& each) {
+        return each->Busy() && !each->Dropped() && each->IsJudged();
+    };
+    const auto now = std::count_if(connections_.begin(), connections_.end(), serving) + 1;
+    result_.answer.nConnections =
+        std::max(result_.answer.nConnections, static_cast<std::int32_t>(now));
+}
+
+// Whether the connection that was added last but one has brought anything; if not, there will be no
+// more. Where answers come at once there is no time to tell.
+void Course::NoteGain() {
+    const Clock::time_point now = Clock::now();
+    const double seconds = std::chrono::duration<double>(now - gain_since_).count();
+    if (seconds < kGainSeconds) return;
+    const double rate = static_cast<double>(Received() - gain_from_) / seconds;
+    if (gain_rate_ > 0.0 && rate < gain_rate_ * kLeastGain) ceiling_ = BusyCount();
+    gain_rate_ = rate;
+    gain_since_ = now;
+    gain_from_ = Received();
 }
 
 bool Course::Ask(Connection& connection, Request request) {
