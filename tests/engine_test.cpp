@@ -202,6 +202,14 @@ void Tell(const Lie& lie) {
     } else {
         EXPECT_EQ(result.end, End::kFailed);
         EXPECT_FALSE(result.answer.strMessage.empty());
+        PartRecord record;
+        EXPECT_TRUE(ReadPartRecord(task.path, record));
+        const std::string part = ReadFile(task.path);
+        for (const Range& range : record.have) {
+            EXPECT_EQ(part.compare(range.begin, range.Size(), *lie.body, range.begin, range.Size()),
+                      0)
+                << "the record tells of bytes that are not there";
+        }
     }
     for (const std::string& request : server.Requests()) {
         EXPECT_EQ(Header(request, "Accept-Encoding"), "");
@@ -246,7 +254,7 @@ Script TornAndFalse(const std::string& headers, int code = 206) {
 const std::string kRest = Length(2'000'000);
 
 std::string RangeIs(const std::string& value) {
-    return kRest + "Content-Range: " + value + "\r\n";
+    return kRest + "ETag: \"one\"\r\nContent-Range: " + value + "\r\n";
 }
 
 TEST(Engine, OneRequestIsEnough) {
@@ -297,6 +305,11 @@ TEST(Engine, RetriesByClass) {
         {"redirects for ever", Always(Reply::Redirect("/on")), 1, TaskReason::kRedirects, 31},
         {"redirect to a file", Always(Reply::Redirect("file:///etc/passwd")), 1,
          TaskReason::kRedirects},
+        {"404 without its body", Always(Answer(404, Length(9), "").Silence()), 1, http},
+        {"length 2^64", Always(Answer(200, "Content-Length: 18446744073709551616\r\n", "x")), 1,
+         TaskReason::kProtocol},
+        {"a long header", Status(200, "X: " + std::string(200'000, 'x') + "\r\n"), 1,
+         TaskReason::kProtocol},
         {"no HTTP", Always(Reply().Send("220 welcome\r\n\r\n")), 1, TaskReason::kProtocol, 3},
         {"a port that is none", Then({}), 1, TaskReason::kAddress, 0, &kBody, 3, "99999/"},
         {"length 2^63 - 1", Always(Reply::Head("9223372036854775807")), 1, TaskReason::kNoSpace},
@@ -365,6 +378,23 @@ TEST(Engine, TheFileChangesOrRangesLie) {
          {},
          3},
         {"encoded", TornAndFalse("Content-Encoding: gzip\r\n" + RangeIs(right)), 1, {}, 3},
+        {"no tag", TornAndFalse(kRest + "Content-Range: " + right + "\r\n"), 1, {}, 3},
+        {"no last chunk",
+         Torn([=](const std::string&, std::size_t) {
+             return Answer(206,
+                           "Transfer-Encoding: chunked\r\nETag: \"one\"\r\nContent-Range: " +
+                               right + "\r\n",
+                           "1E8480\r\n" + kBody.substr(1'000'000))
+                 .Silence();
+         }),
+         1,
+         {},
+         2},
+        {"chunks broken off",
+         Then({Answer(200, "Transfer-Encoding: chunked\r\nETag: \"one\"\r\n", "3\r\nabc\r\n")}),
+         1,
+         {},
+         2},
         {"the right one", TornAndFalse(RangeIs(right)), 1, {}, 2},
     });
 }
@@ -415,6 +445,12 @@ TEST(Engine, SeveralConnections) {
         {"all but the first stall", Beside([](const std::string&, std::size_t number) {
              return std::optional<Reply>(Reply().Pause(number * 100ms).Silence());
          }),
+         4, TaskReason::kTimeout, 30},
+        {"another tag, then silence",
+         [](const std::string& request, std::size_t number) {
+             if (number < 2) return Good(request, {}, number == 0 ? kUnknown : 90'000).Silence();
+             return number == 2 ? Good(request, {kOther, "\"two\""}, 0) : Reply().Silence();
+         },
          4, TaskReason::kTimeout, 30},
         {"one is silent",
          Beside([](const std::string&, std::size_t number) {
