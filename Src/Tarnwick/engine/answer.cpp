@@ -14,13 +14,8 @@ namespace {
 constexpr std::int64_t kTagAge = 2;
 constexpr std::int64_t kDateAge = 60;
 
-char Lower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 bool SameWord(std::string_view one, std::string_view other) {
-    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
-                      [](char a, char b) { return Lower(a) == Lower(b); });
+    return one.size() == other.size() && curl_strnequal(one.data(), other.data(), one.size()) != 0;
 }
 
 std::string_view Trim(std::string_view text) {
@@ -57,12 +52,6 @@ std::optional<std::int64_t> Age(const Answer& answer) {
     return std::int64_t{now} - modified;
 }
 
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    const char lower = Lower(c);
-    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
-}
-
 // The text behind charset and language of an extended value; empty when it is malformed.
 std::string DecodeExtended(std::string_view value) {
     const std::size_t first = value.find('\'');
@@ -72,13 +61,11 @@ std::string DecodeExtended(std::string_view value) {
     if (!latin && !SameWord(value.substr(0, first), "UTF-8")) return {};
     std::string text;
     for (std::size_t i = second + 1; i < value.size(); ++i) {
-        int byte = static_cast<unsigned char>(value[i]);
+        unsigned int byte = static_cast<unsigned char>(value[i]);
         if (byte == '%') {
             if (i + 2 >= value.size()) return {};
-            const int high = HexDigit(value[i + 1]);
-            const int low = HexDigit(value[i + 2]);
-            if (high < 0 || low < 0) return {};
-            byte = high * 16 + low;
+            const char* digits = &value[i + 1];
+            if (std::from_chars(digits, digits + 2, byte, 16).ptr != digits + 2) return {};
             i += 2;
         }
         if (latin && byte >= 0x80) {
@@ -111,6 +98,7 @@ std::string TakeValue(std::string_view& list) {
 }  // namespace
 
 std::optional<ContentRange> ParseContentRange(std::string_view value) {
+    constexpr std::uint64_t kLargest = std::numeric_limits<std::int64_t>::max();
     constexpr std::string_view kUnit = "bytes";
     if (value.size() <= kUnit.size() || !SameWord(value.substr(0, kUnit.size()), kUnit)) return {};
     value.remove_prefix(kUnit.size());
@@ -121,7 +109,7 @@ std::optional<ContentRange> ParseContentRange(std::string_view value) {
     const bool unsatisfied = TakeChar(value, '*');
     if (!unsatisfied) {
         if (!TakeNumber(value, range.begin) || !TakeChar(value, '-') ||
-            !TakeNumber(value, range.end) || range.end < range.begin || range.end + 1 >= kUnknown) {
+            !TakeNumber(value, range.end) || range.end < range.begin || range.end >= kLargest) {
             return {};
         }
         ++range.end;
@@ -129,7 +117,6 @@ std::optional<ContentRange> ParseContentRange(std::string_view value) {
     }
     if (!TakeChar(value, '/')) return {};
     if (!TakeChar(value, '*') && !TakeNumber(value, found.size)) return {};
-    constexpr std::uint64_t kLargest = std::numeric_limits<std::int64_t>::max();
     if (found.size != kUnknown && found.size > kLargest) return {};
     if (!value.empty() || range.end > found.size) return {};
     if (unsatisfied && found.size == kUnknown) return {};
