@@ -68,10 +68,6 @@ bool Lives(const PartWriter& writer) {
     return started != 0 && std::abs(started - writer.started) <= kRounding;
 }
 
-std::string Megabytes(std::uint64_t bytes) {
-    return std::to_string(bytes / 1'000'000) + " MB";
-}
-
 }  // namespace
 
 PartWriter ThisWriter() {
@@ -171,9 +167,11 @@ MaybeFault PartFile::Describe(const PartRecord& about, std::uint64_t missing) {
         const std::uint64_t taken = static_cast<std::uint64_t>(status.st_blocks) * 512;
         const std::uint64_t needed = std::min(missing, about.size - std::min(about.size, taken));
         if (needed > room) {
+            constexpr std::uint64_t kMegabyte = 1'000'000;
             return Fault{TaskReason::kNoSpace, ENOSPC,
-                         "no space for " + path_ + ": " + Megabytes(needed) + " are needed, " +
-                             Megabytes(room) + " are free"};
+                         "no space for " + path_ + ": " + std::to_string(needed / kMegabyte) +
+                             " MB are needed, " + std::to_string(room / kMegabyte) +
+                             " MB are free"};
         }
         if (needed > 0 && room - needed >= kReserve) {
             const int error = platform::ReserveRoom(file_, static_cast<off_t>(about.size));
@@ -247,6 +245,8 @@ void PartFile::Leave(const std::vector<ByteRange>& have) {
     if (file_ == -1 || fstat(file_, &status) != 0) return;
     // Gives back what was reserved behind the end.
     if (reserved_) static_cast<void>(ftruncate(file_, status.st_size));
+    // Without the file, a record would only be in the way.
+    if (access(path_.c_str(), F_OK) != 0) return DropRecord();
     if (!described_ || have.empty() || StillThere()) return;
     if (platform::SyncData(file_) != 0) return DropRecord();
     record_.synced = have;
