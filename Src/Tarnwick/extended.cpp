@@ -4,7 +4,6 @@
 #include <chrono>
 #include <csignal>
 #include <limits>
-#include <optional>
 
 #include "Tarnwick/channel.h"
 #include "Tarnwick/engine/transfer.h"
@@ -30,7 +29,8 @@ class SlotReport : public engine::Watcher {
     bool EndAsked() override { return !Wanted() || !OwnsSlot(); }
 
     void Known(std::uint64_t size, const tagTaskAnswer& answer) override {
-        if (size == engine::kUnknown || !OwnsSlot()) return;
+        announced_ = size != engine::kUnknown;
+        if (!announced_ || !OwnsSlot()) return;
         ReportAnswer(EncodeAnswer(answer), DOWNLOAD_STATE_FILE_SIZE, static_cast<double>(size));
     }
 
@@ -55,7 +55,7 @@ class SlotReport : public engine::Watcher {
 
   private:
     void StepPercentage(std::uint64_t size) {
-        if (size == engine::kUnknown || size == 0) return;
+        if (!announced_ || size == 0) return;
         const double now = 100.0 * static_cast<double>(there_) / static_cast<double>(size);
         if (now <= percentage_) return;
         percentage_ = now;
@@ -70,6 +70,7 @@ class SlotReport : public engine::Watcher {
         ReportValue(&tagTaskContext::dSpeed, now, DOWNLOAD_STATE_SPEED);
     }
 
+    bool announced_ = false;  // the size; one that only the end has told counts for nothing
     bool begun_ = false;
     std::uint64_t there_ = 0;
     double percentage_ = 0.0;  // last one reported; 0: none
