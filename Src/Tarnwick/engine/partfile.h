@@ -81,8 +81,8 @@ class PartFile : private Uncopyable {
     const bool keeps_;
     int file_ = -1;
     int record_file_ = -1;
-    PartRecord record_{};     // as it is on the disk
-    std::string first_{};     // its first part
+    PartRecord record_{};  // as it is on the disk
+    std::string first_{};  // its first part
     bool described_ = false;
     bool reserved_ = false;
     std::optional<PartRecord> found_{};
