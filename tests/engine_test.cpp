@@ -128,7 +128,7 @@ Reply Answer(int code, const std::string& headers, const std::string& body,
     Reply reply;
     reply.Send("HTTP/1.1 " + std::to_string(code) + " X\r\nConnection: close\r\n" + headers +
                "\r\n" + body.substr(0, most));
-    if (most < body.size()) reply.Pause(50ms).Reset();
+    if (most < body.size()) reply.Pause(200ms).Reset();
     return reply;
 }
 
