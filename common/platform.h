@@ -75,8 +75,8 @@ class ProcessWatch {
     // was not reaped yet cannot be mistaken for another process.
     explicit ProcessWatch(pid_t pid);
 
-    // Whether the process has ended or never was. Where the watch is not exact (above), a child
-    // that has ended counts as gone only when it is reaped.
+    // Whether the process has ended or never was. A zombie counts as gone when it is a child of
+    // this process, or the watch is exact (above).
     bool Gone() const;
 
     // Sends a signal; does nothing when the process is gone.

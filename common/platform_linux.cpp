@@ -174,6 +174,19 @@ OpenFile LookAtOpenFile(pid_t pid, const std::string& path, int nDescriptor) {
     return found;
 }
 
+namespace {
+
+// Whether a process has ended, by its id. A child that was not reaped stays to be reaped.
+bool HasEnded(pid_t pid) {
+    siginfo_t ended{};
+    if (waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0) {
+        return ended.si_pid == pid;
+    }
+    return kill(pid, 0) == -1 && errno == ESRCH;
+}
+
+}  // namespace
+
 ProcessWatch::ProcessWatch(pid_t pid) : pid_(pid) {
     if (pid < 1) return;
     file_ = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
@@ -183,7 +196,7 @@ ProcessWatch::ProcessWatch(pid_t pid) : pid_(pid) {
 
 bool ProcessWatch::Gone() const {
     if (pid_ < 1) return true;
-    if (!file_.IsOpen()) return kill(pid_, 0) == -1 && errno == ESRCH;
+    if (!file_.IsOpen()) return HasEnded(pid_);
     pollfd ended{file_.Get(), POLLIN, 0};
     return poll(&ended, 1, 0) == 1;
 }

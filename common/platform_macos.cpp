@@ -67,7 +67,12 @@ OpenFile LookAtOpenFile(pid_t, const std::string&, int) {
 ProcessWatch::ProcessWatch(pid_t pid) : pid_(pid) {}
 
 bool ProcessWatch::Gone() const {
-    return pid_ < 1 || (kill(pid_, 0) == -1 && errno == ESRCH);
+    if (pid_ < 1) return true;
+    siginfo_t ended{};
+    if (waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0) {
+        return ended.si_pid == pid_;
+    }
+    return kill(pid_, 0) == -1 && errno == ESRCH;
 }
 
 void ProcessWatch::Signal(int number) const {
@@ -115,7 +120,7 @@ void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& 
     };
     add(waker.reader_.Get(), EVFILT_READ, 0);
     for (const int descriptor : readable) add(descriptor, EVFILT_READ, 0);
-    // A zombie cannot be added: Gone() does not tell it from a living process until it is reaped.
+    // A zombie cannot be added.
     for (const ProcessWatch* process : processes) {
         if (process->Gone()) milliseconds = 0;
         add(process->Pid(), EVFILT_PROC, NOTE_EXIT);

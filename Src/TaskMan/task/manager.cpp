@@ -208,7 +208,8 @@ int FreeSlotCount() {
 void KillWorkers() {
     Threading::AutoLock hold(&g_watch_mutex);
     for (const Watch& watch : g_Watches) {
-        if (watch.worker.state != Worker::kNotStarted) watch.process.Signal(SIGKILL);
+        const Worker state = watch.worker.state;
+        if (state != Worker::kNotStarted && state != Worker::kGone) watch.process.Signal(SIGKILL);
     }
 }
 
