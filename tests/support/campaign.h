@@ -56,12 +56,16 @@ class Campaign {
   public:
     explicit Campaign(const char* worker = FAULT_WORKER_PATH) {
         std::thread([] {}).join();  // a race detector has a thread too, from the first one on
+        const std::string threads = NamesIn("/proc/self/task");
+        std::string reason;
+        StartTaskManager(worker, "", reason);  // the first one leaves a descriptor
+        EndTaskManager();
+        WaitUntil([&] { return NamesIn("/proc/self/task") == threads; });
         before_ = Held();
         struct sigaction reap {};
         reap.sa_handler = proc_child;
         reap.sa_flags = SA_RESTART | SA_NOCLDSTOP;
         sigaction(SIGCHLD, &reap, nullptr);
-        std::string reason;
         EXPECT_EQ(0, StartTaskManager(worker, "", reason)) << reason;
     }
 

@@ -122,7 +122,7 @@ int FreeSlotCount();
 // worker is gone, or tasks are accepted again after workers that ended at once. It comes from a
 // thread of the manager, with no lock held and signals blocked, must return soon, and is best used
 // to wake the thread that adds tasks: FreeSlotCount tells how many slots there are. It must not
-// call EndTaskManager or SetSlotFreedCallback.
+// call AddTask, EndTaskManager or SetSlotFreedCallback: what those wait for may be this thread.
 using SlotFreedCallback = void (*)(void* param);
 
 // Sets the function to be called, with `param`; null for none. May be called while no manager runs

@@ -40,9 +40,10 @@ void Pause() {
         sleep(1);
         return;
     }
-    const Clock::time_point begin = Clock::now();
+    const Clock::time_point end = Clock::now() + timing::kPassPause;
     std::this_thread::sleep_for(timing::kPassFloor);
-    g_pause_event.Wait(begin + timing::kPassPause);
+    g_pause_event.Wait(end);
+    if (g_Exit) std::this_thread::sleep_until(end);
 }
 
 void Invariant(bool holds, const char* expression, int line = __builtin_LINE()) {
@@ -266,12 +267,14 @@ void* StartScanData(void* /*arg*/) {
     pthread_exit(nullptr);
 }
 
-void StartScanner() {
+bool StartScanner() {
     pthread_mutex_lock(&g_ScanThradIsExit_Lock);
     if (g_ScanThradIsExit) {
         g_ScanThradIsExit = StartThread(&g_ScanDataPid, StartScanData, nullptr, true) != 0;
     }
+    const bool runs = !g_ScanThradIsExit;
     pthread_mutex_unlock(&g_ScanThradIsExit_Lock);
+    return runs;
 }
 
 void EndScannerPause() {

@@ -1,5 +1,7 @@
 #include "TaskMan/task/supervisor.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
 #include <mutex>
@@ -22,8 +24,11 @@ constexpr Clock::time_point kNever = Clock::time_point::max();
 
 pthread_t g_supervisor{};
 
-// Never destroyed: a scanner that is stuck in a callback may wake the supervisor at any time.
-const platform::Waker& g_waker = *new platform::Waker;
+// Made by the process that starts a manager: a child would share its parent's, and each would miss
+// calls that the other has forgotten. Never destroyed: a scanner that is stuck in a callback may
+// wake the supervisor at any time.
+std::atomic<const platform::Waker*> g_waker{nullptr};
+std::atomic<pid_t> g_waker_owner{-1};
 
 std::mutex g_slot_callback_mutex;  // held while the callback runs
 SlotFreedCallback g_slot_callback = nullptr;
@@ -84,7 +89,6 @@ void SpeakForTheDead(Watch& watch, tagTaskContext& slot, Clock::time_point now)
 
 // Looks at the slot; the caller holds the task's lock.
 void Inspect(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
-    if (watch.stage.state >= Stage::kEnded) return;
     tagTaskContext& slot = *SlotAt(g_VideoInfoSection, watch.nTaskIndex);
     const bool own = CarriesId(slot, watch);
     // From the moment in which the scanner has taken a final code the slot is the scanner's alone.
@@ -247,11 +251,13 @@ int MillisecondsUntil(Clock::time_point due) {
 
 void* RunSupervisor(void* /*argument*/) {
     while (g_supervisor_runs) {
-        const Round round = LookAtAll();
+        Round round = LookAtAll();
         // One that found the map empty may have ended just when a task came.
-        if (round.bScannerNeeded && !g_Exit) StartScanner();
+        if (round.bScannerNeeded && !g_Exit && !StartScanner()) {
+            round.due = std::min(round.due, Clock::now() + timing::kLook);
+        }
         if (round.bSlotFreed) TellOfFreeSlot();
-        platform::WaitForEnd(round.processes, g_waker, MillisecondsUntil(round.due),
+        platform::WaitForEnd(round.processes, *g_waker, MillisecondsUntil(round.due),
                              round.channels);
     }
     return nullptr;
@@ -260,6 +266,7 @@ void* RunSupervisor(void* /*argument*/) {
 }  // namespace
 
 int StartSupervisor() {
+    if (g_waker_owner.exchange(getpid()) != getpid()) g_waker = new platform::Waker;
     g_supervisor_runs = true;
     const int error = StartThread(&g_supervisor, RunSupervisor, nullptr, false);
     if (error != 0) g_supervisor_runs = false;
@@ -273,7 +280,7 @@ void EndSupervisor() {
 }
 
 void WakeSupervisor() {
-    g_waker.Wake();
+    if (const platform::Waker* waker = g_waker) waker->Wake();
 }
 
 void AskToStop(Watch& watch) {

@@ -15,7 +15,8 @@
 // Starts the thread. Returns 0 or an error number.
 int StartSupervisor();
 
-// Ends the thread and waits for that: it never takes longer than one look at all tasks.
+// Ends the thread and waits for that: no longer than one look at all tasks takes, and the function
+// of SetSlotFreedCallback.
 void EndSupervisor();
 
 // Whether the thread runs, and so wakes the scanner when a worker has ended.
