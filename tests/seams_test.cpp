@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 
 #include <cerrno>
 #include <cmath>
@@ -12,9 +13,11 @@
 #include "Console/get/target.h"
 #include "TaskMan/task/delivery.h"
 #include "TaskMan/task/extended.h"
+#include "TaskMan/task/scanner.h"
 #include "TaskMan/task/supervisor.h"
 #include "TaskMan/task/throttle.h"
 #include "TaskMan/taskman.h"
+#include "TaskMan/timing.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
 #include "common/file.h"
@@ -27,10 +30,16 @@ static std::string g_synced;  // what the directory held at the time of fsync
 static std::string g_at;      // the directory
 static long g_refused = -1;   // a system call that the kernel does not know
 static uid_t g_user = 0;
+static std::atomic<int> g_sleeps{0};
+static int g_passes = 0;
 static std::function<void(struct statvfs&)> g_look;  // at a disk
 
 extern "C" int fsync(int) {
     g_synced += NamesIn(g_at);
+    return 0;
+}
+extern "C" unsigned sleep(unsigned) {
+    ++g_sleeps;
     return 0;
 }
 extern "C" long syscall(long number, ...) noexcept {
@@ -92,6 +101,12 @@ TEST(ProcessWatch, FollowsWithoutDescriptors) {
     g_refused = SYS_pidfd_open;
     EXPECT_FALSE(platform::ProcessWatch(getpid()).Gone());
     EXPECT_TRUE(platform::ProcessWatch(1 << 30).Gone());
+    // A child that nobody has reaped.
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    const platform::ProcessWatch watch(child);
+    EXPECT_TRUE(WaitUntil([&] { return watch.Gone(); }));
+    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), child);
     g_refused = -1;
 }
 
@@ -244,6 +259,45 @@ TEST_F(Supervised, WhatAWorkerHasLeftIsDeliveredByTheEnd) {
         EXPECT_EQ(told, bits == 0 ? DOWNLOAD_STATE_STOPPED : DOWNLOAD_STATE_DOWNLOAD_FINISH);
         EXPECT_EQ(watch_.remark, remark);
     }
+}
+
+// Its worker damages the slot, which showed a final code, before it ends.
+TEST_F(Supervised, AFinalCodeThatWasTakenBackIsGivenAgain) {
+    slot_.nStateBits = 1U << DOWNLOAD_STATE_DOWNLOAD_FINISH;
+    Look(0);
+    slot_.nStateBits = 0;
+    slot_.nPid = getpid();
+    SetField(slot_.szTaskID, "other");
+    watch_.process = platform::ProcessWatch();
+    Look(1);
+    EXPECT_EQ(FieldText(slot_.szTaskID), id_);
+    EXPECT_EQ(slot_.nStateBits, 1U << DOWNLOAD_STATE_DOWNLOAD_FAIL);
+}
+
+// Each pass is caused by the one before: with a wake-up or a code lost it would be the last one.
+TEST_F(Supervised, EarlyPassesLoseNothingDoNotSpinAndAreNoShutdownPasses) {
+    constexpr int kEarly = 50;
+    auto* node = new tagTaskNode(id_.c_str());
+    node->nTaskIndex = node->nTaskKind = 0;
+    node->nCmd = TASK_CMD_DOWNLOAD;
+    node->mutexLock = new Threading::Mutex(id_.c_str());
+    node->pCallbackParam = &slot_;
+    node->pfnStateCallback = [](void* slot, const char*, int, double, int) {
+        static_cast<tagTaskContext*>(slot)->nStateBits = 1U << DOWNLOAD_STATE_SPEED;
+        g_Exit = ++g_passes >= kEarly;
+        EndScannerPause();
+    };
+    slot_.nStateBits = 1U << DOWNLOAD_STATE_SPEED;
+    g_TaskInfo_map.emplace(id_, node);
+    g_supervisor_runs = true;
+    EXPECT_TRUE(StartScanner());
+    EXPECT_TRUE(WaitUntil([] { return !ScannerRuns(); }));
+    EXPECT_GE(Clock::now() - start_, (kEarly - 1) * timing::kPassFloor);
+    EXPECT_EQ(g_passes, kEarly + timing::kShutdownPasses);
+    EXPECT_EQ(g_sleeps, timing::kShutdownPasses + 1);
+    g_Exit = g_supervisor_runs = false;
+    delete node;
+    g_TaskInfo_map.clear();
 }
 
 TEST_F(Supervised, ALateLookAtADiskDoesNotStopTheNextTask) {
