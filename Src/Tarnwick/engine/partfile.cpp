@@ -244,7 +244,7 @@ void PartFile::Leave(const std::vector<ByteRange>& have) {
     struct stat status {};
     if (file_ == -1 || fstat(file_, &status) != 0) return;
     // Gives back what was reserved behind the end.
-    if (reserved_) static_cast<void>(ftruncate(file_, status.st_size));
+    if (reserved_) reserved_ = ftruncate(file_, status.st_size) != 0;
     // Without the file, a record would only be in the way.
     if (access(path_.c_str(), F_OK) != 0) return DropRecord();
     if (!described_ || have.empty() || StillThere()) return;
