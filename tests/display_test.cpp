@@ -20,9 +20,7 @@ TEST(DisplayLines, AreVisibleAndFitTheirColumns) {
                         .percent = 25,
                         .speed = 1048576,
                         .answered = true};
-    const FileView again{
-        .name = "file-of-some-length.tar.gz", .size = 67108864, .answered = true, .tries = 2};
-    const FileView waiting{.name = "name", .tries = 3};
+    const FileView waiting{.name = "name"};
     const FileView endless{.name = "name", .speed = 1048576, .answered = true};
     const Clock::time_point now = waiting.started + std::chrono::milliseconds(4200);
     const Totals totals{3, 0, 1, 0, 0, 2, 1024 * 1024};
@@ -43,9 +41,8 @@ TEST(DisplayLines, AreVisibleAndFitTheirColumns) {
          "a\u65e5\u672c\u8a9e-f...th.tar.gz  [===>         ]  25%    64.0 MiB     1.0 MiB/s      "
          "0:48"},
         {FileLine(file, 19, now), "a\u65e5\u672c...tar.gz  25%"},
-        {FileLine(again, 59, now), "file-of...tar.gz (try 2)  [>             ]   0%    64.0 MiB"},
         {FileLine(waiting, 60, now),
-         "name (try 3)                     waiting for the server, 4 s"},
+         "name                             waiting for the server, 4 s"},
         {FileLine(waiting, 19, now), "name   waiting, 4 s"},
         {FileLine(endless, 60, now),
          "name                              size unknown     1.0 MiB/s"},
@@ -132,15 +129,16 @@ TEST(DisplayJson, AProgramReadsEvents) {
         R"("path_hex":"61ff22c3a4"})",
         R"({"event":"end","file":1,"result":"finished","code":3,"address":"$/file",)"
         R"("path":"a\ufffd\"\u00e4","path_hex":"61ff22c3a4","bytes":5,"reason":null,)"
-        R"("message":null,"status":200,"size":5,"had":0,"received":5,"requests":1})",
+        R"("message":null,"status":200,"retry_after":null,"size":5,"had":0,"received":5,)"
+        R"("requests":1})",
         R"({"event":"end","file":2,"result":"refused","code":null,"address":"\ufffd",)"
         R"("address_hex":"ff","path":null,"bytes":0,"reason":null,)"
-        R"("message":"not an http or https address","status":null,"size":null,)"
-        R"("had":0,"received":0,"requests":0})",
+        R"("message":"not an http or https address","status":null,"retry_after":null,)"
+        R"("size":null,"had":0,"received":0,"requests":0})",
         R"({"event":"task","file":3,"address":"$/404","path":"404"})",
         R"({"event":"end","file":3,"result":"failed","code":7,"address":"$/404","path":"404",)"
-        R"("bytes":0,"reason":"http-status","message":"HTTP 404","status":404,"size":null,)"
-        R"("had":0,"received":0,"requests":1})",
+        R"("bytes":0,"reason":"http-status","message":"HTTP 404","status":404,)"
+        R"("retry_after":null,"size":null,"had":0,"received":0,"requests":1})",
         R"({"event":"summary","files":3,"finished":1,"skipped":0,"failed":2,"stopped":0,)"
         R"("not_begun":0,"bytes":5,"exit":1})"};
     EXPECT_EQ(events, expected);

@@ -61,6 +61,7 @@ std::ptrdiff_t Asked(const std::string& path) {
 
 // One server for all, and the proxy of all other hosts: the address says how it behaves.
 std::atomic<bool> g_hold{true};
+const char* g_size = "9";  // the first answer only, which breaks off
 HttpServer& Server() {
     Site("");  // its texts are made before the server, whose threads use them to the last
     static HttpServer server([](const std::string& request, std::size_t) {
@@ -75,6 +76,7 @@ HttpServer& Server() {
         if (is("silent")) return Reply().Silence();
         if (is("empty")) return Reply::Ok("");
         if (is("no-length")) return Reply::Head("", "bytes");
+        if (is("shrinks")) return Reply::Head(std::exchange(g_size, ""), "bytes");
         if (is("leaves")) return Reply::Redirect("ftp://127.0.0.1:1/x");
         if (is("404")) return Reply::Status(404, "no such file");
         return Reply::Ok("abc");
@@ -158,9 +160,10 @@ const std::vector<Row>& Rows() {
         {"--tries 2 -x socks5://^ $/good", "exit 1", "", "good: failed: "},
         {"http://far.invalid/good", "exit 0", "good"},
         {"$/no-length", "exit 0", "no-length", "of 5 B", {}, {{"no-length", "bytes"}}},
+        {"$/shrinks", "exit 0", "shrinks", "of 5 B", {}, {{"shrinks", "bytes"}}},
         {"-n 4 $/empty", "exit 0", "empty", "100 % of 0 B", {}, {{"empty", ""}}},
         {"$/good?" + std::string(16'000, 'x'), "exit 0", "good"},
-        {"$/leaves", "exit 1", "", "leaves: failed: Protocol \"ftp\""},
+        {"$/leaves", "exit 1", "", "leaves: failed: redirected to what is neither"},
         {"$/huge", "exit 3", "", "huge: failed: no space for "},
         {"--wait 0 $/idle", "exit 1", "", "idle: failed: "},
         {"--sha256 ~ $/good", "exit 5", "", "mismatch: good.part has the SHA-256 digest ba78"},
@@ -233,7 +236,8 @@ const std::vector<Row>& Rows() {
         {"info &plain --size 1280x720 --url", "exit 0", "", kSite + "media/34\n"},
         {"info &empty --size 1x1", "exit 4", "", "no such format"},
         {"info &unknown", "exit 4", "", "not resolved: HTTP 404"},
-        {"info &huge --json", "exit 4", "", R"( is too long","status":null,"exit":4})"},
+        {"info &huge --json", "exit 4", "",
+         R"( is too long","status":null,"retry_after":null,"exit":4})"},
         {"info http://host/?v=x", "exit 4", "", "not a page of " + kSite},
         {"info &plain --size 32768x1", "exit 2", "", "--size"},
         {"--size 640x360 &plain -ox", "exit 0", "x", "", {}, {{"x", "34"}}},

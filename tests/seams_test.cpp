@@ -121,7 +121,7 @@ TEST(Fetch, BelievesNoNumber) {
     };
     EXPECT_EQ(note(DOWNLOAD_STATE_FILE_SIZE, 1e300).size, 1e18);
     EXPECT_EQ(note(DOWNLOAD_STATE_FILE_SIZE, std::nan("")).size, 0);
-    EXPECT_EQ(fetch.View().tries, 2) << "another answer is another try";
+    EXPECT_LT(note(DOWNLOAD_STATE_FILE_SIZE, -1).size, 0);
     EXPECT_EQ(note(DOWNLOAD_STATE_PROGRESS, 1000).percent, 100);
     EXPECT_EQ(note(DOWNLOAD_STATE_PROGRESS, -1).percent, 0);
 }

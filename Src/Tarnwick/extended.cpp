@@ -29,9 +29,11 @@ class SlotReport : public engine::Watcher {
     bool EndAsked() override { return !Wanted() || !OwnsSlot(); }
 
     void Known(std::uint64_t size, const tagTaskAnswer& answer) override {
-        announced_ = size != engine::kUnknown;
-        if (!announced_ || !OwnsSlot()) return;
-        ReportAnswer(EncodeAnswer(answer), DOWNLOAD_STATE_FILE_SIZE, static_cast<double>(size));
+        const bool before = std::exchange(announced_, size != engine::kUnknown);
+        // Without a size nothing is told, unless one that was told counts no more.
+        if ((!announced_ && !before) || !OwnsSlot()) return;
+        ReportAnswer(EncodeAnswer(answer), DOWNLOAD_STATE_FILE_SIZE,
+                     announced_ ? static_cast<double>(size) : -1.0);
     }
 
     void Progress(std::uint64_t there, std::uint64_t size, std::uint64_t received) override {

@@ -157,8 +157,7 @@ void Fetch::NoteState(const Event& event) {
     if (!page_ && event.code != DOWNLOAD_STATE_FILE_SIZE) view_.answered = true;
     switch (event.code) {
         case DOWNLOAD_STATE_FILE_SIZE:
-            if (view_.size >= 0) ++view_.tries;
-            view_.size = Clamped(event.value, 1e18);
+            view_.size = event.value < 0 ? -1 : Clamped(event.value, 1e18);
             NoteBeginning(event.answer);
             break;
         case DOWNLOAD_STATE_PROGRESS:
@@ -172,7 +171,7 @@ void Fetch::NoteState(const Event& event) {
     }
 }
 
-// Each try tells so, also one that goes on where the one before has ended.
+// Comes with each beginning of the file, and with its end for one too short to have told before.
 void Fetch::NoteBeginning(const tagTaskAnswer& answer) {
     view_.answer = answer;
     if (begun_with_ == answer.uHad) return;
@@ -190,7 +189,7 @@ double Fetch::Seconds() const {
 std::optional<Outcome> Fetch::NoteEnd(const Event& event, bool stopping) {
     seconds_ = Seconds();
     phase_ = Phase::kIdle;
-    if (event.size > 0) view_.size = event.size;
+    if (event.size != 0) view_.size = event.size;
     view_.answer = event.answer;
     if (event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH) {
         NoteBeginning(event.answer);

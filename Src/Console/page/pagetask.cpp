@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Console/screen/text.h"
 #include "TaskMan/manager.h"
 
 namespace {
@@ -33,9 +34,16 @@ Outcome TaskFailure(const Event& event) {
         outcome.status = EXIT_STATUS_STOPPED;
     } else if (event.remark.empty()) {
         outcome.message = event.answer.strMessage;
-        const bool local = reason == TaskReason::kNoSpace || reason == TaskReason::kLocal;
-        if (local) outcome.status = EXIT_STATUS_LOCAL;
         if (outcome.message.empty()) outcome.message = "the worker told no reason";
+        const bool local = reason == TaskReason::kNoSpace || reason == TaskReason::kLocal;
+        if (event.answer.nTries > 1 && !local) {
+            outcome.message += " (" + std::to_string(event.answer.nTries) + " tries)";
+        }
+        if (const int pause = event.answer.nRetryAfter; pause > 0) {
+            outcome.message += ": the server asks for a pause of " + text::Count(pause, "second");
+        }
+        if (local) outcome.status = EXIT_STATUS_LOCAL;
+        if (reason == TaskReason::kAddress) outcome.status = EXIT_STATUS_USAGE;
     } else if (event.remark != TASK_REMARK_NO_ANSWER) {
         outcome.result = EndResult::kDied;
     }

@@ -27,12 +27,8 @@ double SecondsSince(Clock::time_point start, Clock::time_point now) {
     return std::chrono::duration<double>(now - start).count();
 }
 
-// The name, and the number of the try, in exactly `columns` columns.
 std::string NameField(const FileView& file, int columns) {
-    std::string again = file.tries > 1 ? " (try " + std::to_string(file.tries) + ")" : "";
-    if (columns < text::Width(again) + kLeastOfName) again = "";
-    const std::string name = text::CutMiddle(file.name, columns - text::Width(again));
-    return text::PadRight(name + again, columns);
+    return text::PadRight(text::CutMiddle(file.name, columns), columns);
 }
 
 // The name, and at the end as much of the words as leaves room for it: all, or the short ones.
@@ -107,7 +103,7 @@ std::string TotalLine(const std::vector<const FileView*>& running, const Totals&
     };
     if (totals.Failed() > 0) add(std::to_string(totals.Failed()) + " failed");
     add(text::Size(received));
-    add(text::Size(speed) + "/s");
+    if (speed > 0) add(text::Size(speed) + "/s");
     if (sizesKnown && speed > 0) add(text::Clock(TimeLeft(missing, speed)) + " left");
     return text::CutMiddle(line, columns);
 }

@@ -42,7 +42,6 @@ struct FileView {
     double percent = 0;     // 0 to 100
     SmoothSpeed speed{};
     bool answered = false;        // bytes of the file have arrived
-    int tries = 1;                // how often its worker has got an answer for it
     bool foundPart = false;       // a partial file of an earlier run was there
     tagTaskAnswer answer{};       // what the worker has told last
     Clock::time_point started{};  // of its task

@@ -29,6 +29,8 @@ void SetAnswer(nlohmann::ordered_json& event, const tagTaskAnswer& answer,
     SetText(event, "message", message);
     event["status"] = nullptr;
     if (answer.nStatus != 0) event["status"] = answer.nStatus;
+    event["retry_after"] = nullptr;
+    if (answer.nRetryAfter > 0) event["retry_after"] = answer.nRetryAfter;
 }
 
 nlohmann::ordered_json Number(double value) {

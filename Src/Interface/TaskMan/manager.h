@@ -69,7 +69,8 @@ int AddTask(const tagTaskInfo& taskinfo, std::string& strReason, TaskRefusal* re
 //   taken out of a record without a request.
 // - A stop ends it within a fraction of a second. Its worker ends by itself when the manager is
 // gone.
-// - Without a known size there is no code 10 and no code 4. Percentages have a fraction.
+// - Without a known size there is no code 4, and no code 10 but one with -1, should a size that was
+//   told count no more. Percentages have a fraction.
 //
 // Refused is, too, what RefusalOf(request) refuses, and a request that the system does not take.
 int AddTask(const tagTaskInfo& taskinfo, const tagTaskRequest& request, std::string& strReason,
@@ -109,7 +110,8 @@ constexpr const char* TASK_REMARK_NO_ANSWER = "the server did not answer in time
 std::string TaskRemark(const char* szTaskID);
 
 // Size in bytes of the file of a task, as its worker has announced it with code 10; 0 while it is
-// unknown. To be called no later than from the final callback: a task that ends before the scanner
+// unknown, -1 when an extended task's file has begun anew and the server does not tell the size. To
+// be called no later than from the final callback: a task that ends before the scanner
 // has looked at it again reports its final code only, and the size is told here alone.
 double TaskFileSize(const char* szTaskID);
 

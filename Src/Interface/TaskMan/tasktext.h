@@ -66,7 +66,7 @@ struct tagTaskRequest {
 // What became of an extended task. Numbers are 0 and texts empty where nothing is known.
 struct tagTaskAnswer {
     TaskReason Reason = TaskReason::kNone;
-    std::string strMessage{};       // one line for people
+    std::string strMessage{};       // one line for people: why it failed, or had to begin anew
     std::int32_t nStatus = 0;       // HTTP status of the last answer
     std::int32_t nErrno = 0;        // of the operation on the output file that failed
     std::int32_t nRetryAfter = 0;   // seconds, as the server asks

@@ -206,7 +206,7 @@ void Course::Poll() {
 }
 
 void Course::Report() {
-    if (known_.any) watcher_.Progress(blocks_.Done(), known_.size, Received());
+    if (told_) watcher_.Progress(blocks_.Done(), known_.size, Received());
 }
 
 Result Course::Conclude() {

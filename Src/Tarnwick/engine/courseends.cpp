@@ -170,7 +170,6 @@ void Course::OnGood(Connection& connection, CURLcode code) {
     // Not that of a further connection which was refused.
     result_.answer.nStatus = connection.Last().status;
     result_.answer.Reason = TaskReason::kNone;
-    result_.answer.strMessage.clear();
     over_ = true;
 }
 

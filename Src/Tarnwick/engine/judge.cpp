@@ -157,10 +157,15 @@ Judgement JudgeError(CURLcode code, const std::string& text, const Answer& answe
     if (code == CURLE_OUT_OF_MEMORY && answer.status != 0) {
         return {kFinal, TaskReason::kProtocol, "a header line of the answer is too long"};
     }
-    if (proxied && code == CURLE_COULDNT_CONNECT) judged.reason = TaskReason::kProxy;
+    if (proxied && code == CURLE_COULDNT_CONNECT) {
+        judged.reason = TaskReason::kProxy;
+        judged.message = "the proxy: " + judged.message;
+    }
     if (code == CURLE_UNSUPPORTED_PROTOCOL && IsRedirect(answer)) {
         judged.reason = TaskReason::kRedirects;
+        judged.message = "redirected to what is neither http nor https: " + answer.location;
     }
+    if (code == CURLE_URL_MALFORMAT) judged.message = "the address is malformed";
     constexpr std::string_view kCertificate = "SSL certificate problem: ";
     if (judged.message.starts_with(kCertificate)) {
         judged.message.replace(0, kCertificate.size(), "certificate: ");

@@ -87,7 +87,7 @@ PartFile::~PartFile() {
 Fault PartFile::LocalFault(const char* what, int number) const {
     const bool full = number == ENOSPC || number == EDQUOT;
     return {full ? TaskReason::kNoSpace : TaskReason::kLocal, number,
-            std::string(what) + " " + path_ + ": " + std::strerror(number)};
+            std::string(full ? "no space for" : what) + " " + path_ + ": " + std::strerror(number)};
 }
 
 MaybeFault PartFile::Open(const std::function<bool()>& patient) {
@@ -169,14 +169,14 @@ MaybeFault PartFile::Describe(const PartRecord& about, std::uint64_t missing) {
         if (needed > room) {
             constexpr std::uint64_t kMegabyte = 1'000'000;
             return Fault{TaskReason::kNoSpace, ENOSPC,
-                         "no space for " + path_ + ": " + std::to_string(needed / kMegabyte) +
+                         "no space for " + path_ + ": " + std::to_string(needed / kMegabyte + 1) +
                              " MB are needed, " + std::to_string(room / kMegabyte) +
                              " MB are free"};
         }
         if (needed > 0 && room - needed >= kReserve) {
             const int error = platform::ReserveRoom(file_, static_cast<off_t>(about.size));
             reserved_ = error == 0;
-            if (error == ENOSPC) return LocalFault("no room for", error);
+            if (error == ENOSPC) return LocalFault("cannot reserve", error);
         }
     }
     if (!keeps_ || (about.validator.empty() && about.sha256.empty())) return std::nullopt;
@@ -248,6 +248,7 @@ void PartFile::Leave(const std::vector<ByteRange>& have) {
     // Without the file, a record would only be in the way.
     if (access(path_.c_str(), F_OK) != 0) return DropRecord();
     if (!described_ || have.empty() || StillThere()) return;
+    NoteHave(have);  // should the process not be given the time that the disk takes
     if (platform::SyncData(file_) != 0) return DropRecord();
     record_.synced = have;
     ReplaceRecord(have);
