@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "Tarnwick/transfer.h"
 
@@ -85,7 +86,8 @@ Result Course::Run() {
         if (!over_ && Clock::now() >= next_tick_) Tick();
         Report();
         // New work must not wait for what is under way.
-        if (!over_ && !ended) Poll();
+        const bool judged = std::exchange(judged_, false);
+        if (!over_ && !ended && !judged) Poll();
     }
     return Conclude();
 }

@@ -84,8 +84,9 @@ class Course : private Uncopyable {
     bool use_final_ = false;   // ask there rather than at the task's address
     bool ranges_ = true;       // the server may know ranges
     bool round_judged_ = false;
-    bool begun_ = false;  // something of this run, or of one before, is in the file
-    bool told_ = false;   // the watcher knows the size
+    bool begun_ = false;   // something of this run, or of one before, is in the file
+    bool judged_ = false;  // an answer has been, since the last look for work
+    bool told_ = false;    // the watcher knows the size
     bool over_ = false;
     bool forgiven_ = false;   // a final status that may be due to connections of before
     int ceiling_;             // most connections

@@ -20,6 +20,7 @@ constexpr int kMostChanges = 1;
 // Called within curl_multi_perform: no request can begin or end here.
 Judgement Course::OnAnswer(Connection& connection) {
     if (over_) return {};
+    judged_ = true;
     const Answer& answer = connection.Last();
     Judgement judged = JudgeAnswer(answer, connection.Current().asked, known_);
     switch (judged.verdict) {
