@@ -18,9 +18,7 @@ namespace {
 // user, and other tests have some.
 class OwnSharedMemory : public testing::Environment {
     void SetUp() override {
-        if (!TakeOwnMounts() || mount("none", "/dev/shm", "tmpfs", 0, "mode=1777") != 0) {
-            GTEST_SKIP();
-        }
+        if (!TakeOwnSharedMemory()) GTEST_SKIP();
         // The verbs look at this process, which must have no more rights for that than they.
         __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
         __user_cap_data_struct none[2]{};

@@ -121,6 +121,11 @@ inline bool TakeOwnMounts() {
     return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
+// The same, and no shared memory of others in sight: for what means all managers of the user.
+inline bool TakeOwnSharedMemory() {
+    return TakeOwnMounts() && mount("none", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+}
+
 // A name that nothing else on the machine has: letters, digits and "-".
 inline std::string UniqueName(const std::string& stem = "test") {
     return stem + '-' + std::to_string(std::random_device{}());
