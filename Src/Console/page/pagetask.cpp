@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "Console/screen/text.h"
 #include "TaskMan/manager.h"
 
 namespace {
@@ -40,7 +39,7 @@ Outcome TaskFailure(const Event& event) {
             outcome.message += " (" + std::to_string(event.answer.nTries) + " tries)";
         }
         if (const int pause = event.answer.nRetryAfter; pause > 0) {
-            outcome.message += ": the server asks for a pause of " + text::Count(pause, "second");
+            outcome.message += ": the server asks for a pause of " + std::to_string(pause) + " s";
         }
         if (local) outcome.status = EXIT_STATUS_LOCAL;
         if (reason == TaskReason::kAddress) outcome.status = EXIT_STATUS_USAGE;

@@ -173,11 +173,11 @@ void Course::LookAtClocks() {
         Judgement judged{Verdict::kAgain};
         if (!connection->IsJudged() && Passed(connection->AskedAt(), task_.answerSeconds, now)) {
             judged.reason = TaskReason::kTimeout;
-            judged.message = "no answer within " + std::to_string(task_.answerSeconds) + " seconds";
+            judged.message = "no answer within " + std::to_string(task_.answerSeconds) + " s";
         } else if (connection->IsJudged() &&
                    Passed(connection->ActiveAt(), task_.stallSeconds, now)) {
             judged.reason = TaskReason::kStalled;
-            judged.message = "no byte for " + std::to_string(task_.stallSeconds) + " seconds";
+            judged.message = "no byte for " + std::to_string(task_.stallSeconds) + " s";
         } else {
             continue;
         }
