@@ -20,7 +20,8 @@
 
 namespace {
 
-constexpr std::chrono::seconds kKillPatience{1};  // for orphans that were killed
+constexpr std::chrono::milliseconds kEndPatience{300};  // for orphans that end by themselves
+constexpr std::chrono::seconds kKillPatience{1};        // for orphans that were killed
 
 // All sections of this user, by whether their managers live. The dead ones stay locked.
 struct Census {
@@ -151,13 +152,16 @@ void RemoveParts(const Census& census, const InUse& inUse, const Order& order, R
     for (const std::string& path : paths) RemoveStalePart(path, order, remains);
 }
 
-// Kills the orphans and waits until they are gone.
+// Kills the orphans and waits until they are gone. Those of extended tasks have a moment to note
+// how far they have come.
 void Kill(const std::vector<Orphan>& orphans) {
-    for (const Orphan& orphan : orphans) orphan.process.Signal(SIGKILL);
-    PollUntil(kKillPatience, [&] {
+    const auto gone = [&] {
         return std::all_of(orphans.begin(), orphans.end(),
                            [](const Orphan& orphan) { return orphan.process.Gone(); });
-    });
+    };
+    if (PollUntil(kEndPatience, gone)) return;
+    for (const Orphan& orphan : orphans) orphan.process.Signal(SIGKILL);
+    PollUntil(kKillPatience, gone);
 }
 
 // Removes the names of locks, and of sections that late workers have made anew.
