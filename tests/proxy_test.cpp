@@ -59,9 +59,11 @@ TEST(Proxy, ComesFromTheOptionOrTheEnvironment) {
     for (const auto& [given, address, environment, proxy] : rows) {
         EXPECT_EQ(ProxyFor(given, address, environment), proxy) << given << address << environment;
     }
-    const std::string missing = "@" + directory.Path("missing"), tooLong(128, 'x');
-    for (const char* bad : {"ftp://u:secret@h", ":1", "h:0", "h:65536", "h:8x", "http://:p@h",
-                            "u%3Ax:p@h", "u%00:p@h", missing.c_str(), tooLong.c_str()}) {
+    const std::string missing = "@" + directory.Path("missing"), tooLong(128, 'x'),
+                      longPassword = "u:" + tooLong + "@h";
+    for (const char* bad :
+         {"ftp://u:secret@h", ":1", "h:0", "h:65536", "h:8x", "http://:p@h", "u%3Ax:p@h",
+          "u%00:p@h", missing.c_str(), tooLong.c_str(), longPassword.c_str()}) {
         EXPECT_EQ(ProxyFor(bad, "http://a", ""), "fault") << bad;
     }
 }
