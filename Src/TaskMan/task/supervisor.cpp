@@ -89,10 +89,15 @@ void SpeakForTheDead(Watch& watch, tagTaskContext& slot, Clock::time_point now)
 
 // Looks at the slot; the caller holds the task's lock.
 void Inspect(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
+    // From the moment in which the scanner has taken a final code the slot is the scanner's alone,
+    // which clears it without this lock.
+    if (g_TaskEndTaken[watch.nTaskIndex]) {
+        watch.stage.Advance(Stage::kEnded, now);
+        return;
+    }
     tagTaskContext& slot = *SlotAt(g_VideoInfoSection, watch.nTaskIndex);
     const bool own = CarriesId(slot, watch);
-    // From the moment in which the scanner has taken a final code the slot is the scanner's alone.
-    if (g_TaskEndTaken[watch.nTaskIndex] || (own && (slot.nStateBits & FINAL_STATE_BITS) != 0)) {
+    if (own && (slot.nStateBits & FINAL_STATE_BITS) != 0) {
         watch.stage.Advance(Stage::kEnded, now);
         return;
     }
