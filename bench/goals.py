@@ -14,7 +14,7 @@ from typing import NamedTuple
 from servers import Server
 
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
-OURS, OURS8 = "taskman get", "taskman get -n8"
+OURS, OURS4, OURS8 = "taskman get", "taskman get -n4", "taskman get -n8"
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -136,8 +136,8 @@ ROWS = {
          Goal("to axel's", lambda costs, _: costs[OURS8]["end"] / costs["axel -n8"]["end"], 1)),
         lambda run, _: Server("apache2", run.source, run.directory / "limited", 4 * MIB)),
     "uneven": Row(
-        "64 MiB, three connections of 8 MiB/s and one of 1", 1, 64 * MIB, ("taskman get -n4",),
-        (Goal("time to the ideal", lambda costs, _: costs["taskman get -n4"]["end"] * 25 / 64, 1.1),),
+        "64 MiB, three connections of 8 MiB/s and one of 1", 1, 64 * MIB, (OURS4,),
+        (Goal("time to the ideal", lambda costs, _: costs[OURS4]["end"] * 25 / 64, 1.1),),
         lambda run, load: Lines(run.source / load.names[0], 8 * MIB, slow=MIB)),
     "broken": Row(
         "64 MiB at 32 MiB/s, broken off ten times", 1, 64 * MIB, (OURS,),
