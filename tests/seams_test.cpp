@@ -139,7 +139,8 @@ class Supervised : public testing::Test {
         FreeWatch(watch_);
         g_refused = -1;
     }
-    void Renew(Stage stage) {
+    // One thread: the watches' lock guards nothing here.
+    void Renew(Stage stage) TS_NO_ANALYSIS {
         if (watch_.lock != nullptr) FreeWatch(watch_);
         watch_.id = id_;
         watch_.nTaskIndex = 0;
@@ -151,7 +152,7 @@ class Supervised : public testing::Test {
         slot_ = tagTaskContext();
         SetField(slot_.szTaskID, id_);
     }
-    void Look(double seconds) {
+    void Look(double seconds) TS_NO_ANALYSIS {
         Supervise(watch_, start_ + std::chrono::milliseconds(std::lround(seconds * 1000)));
     }
 
@@ -190,7 +191,10 @@ TEST_F(Supervised, WorkersHaveTheirTimes) {
     // A process that was stopped meanwhile counts none of that.
     Renew(Stage::kClaimed);
     watch_.lookAt = start_ + std::chrono::seconds(1);
-    MakeUpForPause(start_ + std::chrono::seconds(100));
+    {
+        Threading::AutoLock hold(&g_watch_mutex);
+        MakeUpForPause(start_ + std::chrono::seconds(100));
+    }
     Look(128);
     EXPECT_EQ(watch_.worker.state, Worker::kAlive);
 }
@@ -288,7 +292,9 @@ TEST_F(Supervised, EarlyPassesLoseNothingDoNotSpinAndAreNoShutdownPasses) {
         EndScannerPause();
     };
     slot_.nStateBits = 1U << DOWNLOAD_STATE_SPEED;
+    Threading::AutoLock map(&g_access_taskmap_mutex);
     g_TaskInfo_map.emplace(id_, node);
+    map.UnLock();
     g_supervisor_runs = true;
     EXPECT_TRUE(StartScanner());
     EXPECT_TRUE(WaitUntil([] { return !ScannerRuns(); }));
@@ -297,6 +303,7 @@ TEST_F(Supervised, EarlyPassesLoseNothingDoNotSpinAndAreNoShutdownPasses) {
     EXPECT_EQ(g_sleeps, timing::kShutdownPasses + 1);
     g_Exit = g_supervisor_runs = false;
     delete node;
+    map.Lock();
     g_TaskInfo_map.clear();
 }
 
@@ -320,6 +327,7 @@ TEST_F(Supervised, ALateLookAtADiskDoesNotStopTheNextTask) {
 }
 
 TEST(Throttle, ThreeFailuresWithinTenSecondsCloseTheManager) {
+    Threading::AutoLock hold(&g_watch_mutex);
     const Clock::time_point start = Clock::now();
     for (const int seconds : {0, 6, 11, 15}) {
         EXPECT_EQ(g_refuse_until, Clock::time_point{}) << seconds;
