@@ -113,8 +113,10 @@ Reply Answer(const std::string& request, std::size_t /*number*/) {
 TEST(DisplayJson, AProgramReadsEvents) {
     HttpServer server(Answer);
     CommandRun run;
-    WriteFile(run.Path("list"), server.Url() + "\ta\xff\"\u00e4\n\xff\n" + server.Url("/404"));
-    run.Start({"--json", "-j1", "--tries=1", "-ilist"});
+    WriteFile(run.Path("list"), server.Url() + "\ta\xff\"\u00e4\n\xff\n" + server.Url("/404") +
+                                    "\n" + server.Url("/old"));
+    WriteFile(run.Path("old"), "abc");
+    run.Start({"--json", "-j1", "--tries=1", "-s", "-ilist"});
     EXPECT_EQ(run.End(), "exit 1");
     EXPECT_EQ(run.Err(), "");
     const std::regex changing("\"(seconds|id)\":[^,]*,"), server_s(server.Url(""));
@@ -139,7 +141,10 @@ TEST(DisplayJson, AProgramReadsEvents) {
         R"({"event":"end","file":3,"result":"failed","code":7,"address":"$/404","path":"404",)"
         R"("bytes":0,"reason":"http-status","message":"HTTP 404","status":404,)"
         R"("retry_after":null,"size":null,"had":0,"received":0,"requests":1})",
-        R"({"event":"summary","files":3,"finished":1,"skipped":0,"failed":2,"stopped":0,)"
+        R"({"event":"end","file":4,"result":"skipped","code":null,"address":"$/old",)"
+        R"("path":"old","bytes":3,"reason":null,"message":"old exists already","status":null,)"
+        R"("retry_after":null,"size":null,"had":0,"received":0,"requests":0})",
+        R"({"event":"summary","files":4,"finished":1,"skipped":1,"failed":2,"stopped":0,)"
         R"("not_begun":0,"bytes":5,"exit":1})"};
     EXPECT_EQ(events, expected);
 }

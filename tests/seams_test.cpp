@@ -107,7 +107,8 @@ TEST(ProcessWatch, FollowsWithoutDescriptors) {
     if (child == 0) _exit(0);
     const platform::ProcessWatch watch(child);
     EXPECT_TRUE(WaitUntil([&] { return watch.Gone(); }));
-    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), child);
+    watch.Reap();
+    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), -1);
     g_refused = -1;
 }
 
@@ -251,17 +252,24 @@ TEST_F(Supervised, ADeadHoldersLockIsReleasedAfterItsDeath) {
 }
 
 TEST_F(Supervised, WhatAWorkerHasLeftIsDeliveredByTheEnd) {
-    for (const auto& [bits, remark] : {std::pair(0U, "why"), {1U << 3, ""}}) {
-        int told = -1;
+    const struct {
+        std::uint32_t bits;
+        std::int32_t nTaskKind;
+        std::pair<int, double> call;
+        const char* remark;
+    } rows[] = {{0, 0, {8, 0}, "why"}, {1U << 3, 0, {3, 0}, ""}, {1U << 3, 1, {3, -1}, ""}};
+    for (const auto& [bits, nTaskKind, call, remark] : rows) {
+        std::pair<int, double> told;
         Renew(Stage::kEnded);
         slot_.nStateBits = bits;
+        watch_.nTaskKind = nTaskKind;
         watch_.remark = "why";
         watch_.pCallbackParam = &told;
-        watch_.pfnStateCallback = [](void* code, const char*, int nCode, double, int) {
-            *static_cast<int*>(code) = nCode;
+        watch_.pfnStateCallback = [](void* to, const char*, int nCode, double dValue, int) {
+            *static_cast<std::pair<int, double>*>(to) = {nCode, dValue};
         };
         DeliverLast(watch_);
-        EXPECT_EQ(told, bits == 0 ? DOWNLOAD_STATE_STOPPED : DOWNLOAD_STATE_DOWNLOAD_FINISH);
+        EXPECT_EQ(told, call);
         EXPECT_EQ(watch_.remark, remark);
     }
 }

@@ -179,6 +179,7 @@ TEST(Top, ShowsHostileSlotsHarmlessly) {
         live.output = STDERR_FILENO;
         live.Start({}, 40);
         EXPECT_TRUE(live.Says("1 task of 1 manager") && live.Says("probing"));
+        EXPECT_FALSE(Has(live.Err(), "COMMAND  NAME"));  // in so few columns
         live.Type(key);
         EXPECT_EQ(live.End(), key == 'q' ? "exit 0" : "signal 2");
     }
