@@ -101,6 +101,7 @@ TEST(Extended, HasItsChannelAlone) {
     if (child == 0) _exit(static_cast<int>(sleep(30)));
     EXPECT_TRUE(WaitUntil([child] { return Sockets(child) == 0; }));
     kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
     KillWorkers();
 }
 
