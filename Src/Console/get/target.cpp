@@ -21,8 +21,9 @@
 namespace {
 
 constexpr std::size_t kLongestPath = sizeof(tagTaskInfo::szFilePath) - 1;
-// A sweep locks a part for moments, to see whether it is in use.
-constexpr std::chrono::milliseconds kLockPatience{10};
+// The worker of a killed command stores how far it came before it exits, and a sweep locks a part
+// for moments, to see whether it is in use.
+constexpr std::chrono::seconds kLockPatience{1};
 
 std::string Fault(const char* what, const std::string& path, int error) {
     return sysutility::SystemFault(what + (" " + path), error);
