@@ -103,14 +103,15 @@ std::optional<Outcome> Fetch::Verdict() const {
 std::optional<Outcome> Fetch::Begin(bool& later) {
     id_ = MakeTaskID();
     if (target_ != nullptr && !target_->IsOpen()) {
-        if (target_->Skips()) {
+        // The file may appear while its part is still somebody else's.
+        const std::string fault = target_->Skips() ? "" : target_->Open();
+        if (!target_->IsOpen() && target_->Skips()) {
             phase_ = Phase::kChecking;
             helper_.Start(events_, id_, [target = target_.get(), sha256 = request_.sha256] {
                 return target->Skip(sha256);
             });
             return std::nullopt;
         }
-        std::string fault = target_->Open();
         if (!fault.empty()) return Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL, fault};
         view_.foundPart = target_->FoundPart();
     }

@@ -100,30 +100,41 @@ std::string Target::Open() {
         return "the path is longer than " + std::to_string(kLongestPath) + " bytes";
     }
     if (path_.find('\\') != std::string::npos) return "a backslash in the path";
-    struct stat status {};
-    if (lstat(path_.c_str(), &status) == 0) {
-        if (S_ISLNK(status.st_mode)) return path_ + " is a link that leads to no regular file";
-        if (!S_ISREG(status.st_mode)) return path_ + " is not a regular file";
-        if (existing_ == Existing::kRefuse) return path_ + " exists already (--force replaces it)";
-        if (existing_ == Existing::kSkip) return path_ + " appeared meanwhile";
-    }
     // The previous owner may rename or unlink the part between our open and our flock: retry.
     for (int tries = 0; tries < 10; ++tries) {
         std::string fault = OpenOnce();
-        if (!fault.empty() || IsOpen()) return fault;
+        if (fault.empty() && !IsOpen()) continue;
+        // The previous owner may have given its part the final name just before.
+        if (IsOpen()) fault = Obstacle();
+        if (IsOpen() && !fault.empty()) {
+            GiveUp();
+            file_ = Descriptor();
+        }
+        return fault;
     }
     return part_ + " keeps changing";
+}
+
+// Why the final name cannot be used; empty when it is free or may be replaced.
+std::string Target::Obstacle() const {
+    struct stat status {};
+    if (lstat(path_.c_str(), &status) != 0) return "";
+    if (S_ISLNK(status.st_mode)) return path_ + " is a link that leads to no regular file";
+    if (!S_ISREG(status.st_mode)) return path_ + " is not a regular file";
+    if (existing_ == Existing::kRefuse) return path_ + " exists already (--force replaces it)";
+    return existing_ == Existing::kSkip ? path_ + " appeared meanwhile" : "";
 }
 
 // One try. Leaves the part closed, without a fault, when it lost its name meanwhile, or was a stale
 // one that is removed now.
 std::string Target::OpenOnce() {
     constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    std::string fault = Obstacle();
+    if (!fault.empty()) return fault;
     Descriptor file(open(part_.c_str(), flags | O_CREAT | O_EXCL, 0666));
     const bool found = !file.IsOpen() && errno == EEXIST;
     if (found) file = Descriptor(open(part_.c_str(), flags));
     if (!file.IsOpen()) return Fault("cannot create", part_, errno);
-    std::string fault;
     struct stat status {};
     if (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         fault = part_ + " is not a regular file";

@@ -70,6 +70,7 @@ class Target : private Uncopyable {
 
   private:
     bool StillNamed() const;
+    std::string Obstacle() const;
     std::string OpenOnce();
     std::string Rename() const;
     bool HasRecord() const;
