@@ -2,8 +2,8 @@
 // answer that the worker leaves in szVideoInfo of its slot.
 //
 // Both consist of lines "key=value", each ended by CR LF; a value holds no CR, LF or zero byte. Of
-// a key that comes more than once the last line counts, and unknown keys are skipped. An empty line
-// ends the request; the answer ends where its field does.
+// a key that comes more than once the last line counts, but for a list, to which each adds; unknown
+// keys are skipped. An empty line ends the request; the answer ends where its field does.
 //
 // Nothing here keeps state; any thread may call. Texts to decode come from another process: any
 // bytes will do, and what is refused leaves the record as it was.
@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Value of tagTaskContext::nReserved1 of an extended task.
 constexpr std::int32_t TASK_EXTENDED = 1;
@@ -44,6 +45,7 @@ enum class TaskReason {
     kRequest,       // "request": the request text did not come or is malformed
     kPage,          // "page": the page's answer holds no video
     kStopped,       // "stopped": on request
+    kUnchanged,     // "unchanged": the server has nothing newer than what the request names
     kOther,         // a name that this program does not know
 };
 constexpr int TASK_REASON_COUNT = static_cast<int>(TaskReason::kOther) + 1;
@@ -61,6 +63,29 @@ struct tagTaskRequest {
     std::int32_t nStallSeconds = 20;   // without a byte; 0: for ever
     std::int32_t nTries = 5;           // 1 to 100, in a row and without progress
     std::int32_t nWaitSeconds = 10;    // 0 to 300, longest pause between two tries
+
+    // Header lines "Name: value", in the order in which they are sent. After a redirect
+    // Authorization and Cookie go to no other scheme, host or port.
+    std::vector<std::string> Headers{};
+    // Basic or digest login, as the server asks for it, at the address's own scheme, host and port
+    // only. Without a user: what the netrc file, a path, says of the host; empty: no login.
+    std::string strUser{};
+    std::string strPassword{};
+    std::string strNetrc{};
+
+    // Paths of PEM files. Without strCaFile the system's authorities are trusted, with it no
+    // others.
+    std::string strCaFile{};
+    std::string strCertFile{};
+    std::string strKeyFile{};  // empty: it stands in strCertFile
+    bool bInsecure = false;    // trust any certificate
+
+    bool bRemoteTime = false;          // the complete file gets the server's Last-Modified
+    std::string strIfNoneMatch{};      // ETags; a server that has still one of them: kUnchanged
+    std::string strIfModifiedSince{};  // an HTTP date, for the same
+    std::int32_t nRetryAfter = 120;    // 0 to 86400, longest Retry-After in seconds that is obeyed
+    bool bEndsWhenBusy = false;        // a status of 429 or 503 ends the task at once: the
+                                       // application waits, with all that goes to that host
 };
 
 // What became of an extended task. Numbers are 0 and texts empty where nothing is known.

@@ -13,7 +13,7 @@ constexpr std::size_t kTextMost = 512;  // of an answer's text other than an add
 constexpr const char* kReasonNames[TASK_REASON_COUNT] = {
     "",           "http-status", "name-not-found", "refused", "timeout",   "stalled", "tls",
     "broken-off", "changed",     "no-space",       "local",   "redirects", "proxy",   "address",
-    "protocol",   "request",     "page",           "stopped", "other"};
+    "protocol",   "request",     "page",           "stopped", "unchanged", "other"};
 
 // The keys of a record, each with its field: `visit` is called with both.
 template <class Visit>
@@ -26,6 +26,19 @@ void ForEachKey(tagTaskRequest& request, Visit visit) {
     visit("stall-timeout", request.nStallSeconds);
     visit("tries", request.nTries);
     visit("wait", request.nWaitSeconds);
+    visit("header", request.Headers);
+    visit("user", request.strUser);
+    visit("password", request.strPassword);
+    visit("netrc", request.strNetrc);
+    visit("ca-file", request.strCaFile);
+    visit("cert-file", request.strCertFile);
+    visit("key-file", request.strKeyFile);
+    visit("insecure", request.bInsecure);
+    visit("remote-time", request.bRemoteTime);
+    visit("if-none-match", request.strIfNoneMatch);
+    visit("if-modified-since", request.strIfModifiedSince);
+    visit("retry-after", request.nRetryAfter);
+    visit("ends-when-busy", request.bEndsWhenBusy);
 }
 
 template <class Visit>
@@ -64,6 +77,10 @@ bool Read(std::string_view text, std::string& value) {
     value = text;
     return true;
 }
+bool Read(std::string_view text, std::vector<std::string>& values) {
+    values.emplace_back(text);
+    return true;
+}
 bool Read(std::string_view text, TaskReason& value) {
     value = ReasonOfName(text);
     return true;
@@ -82,6 +99,9 @@ bool Read(std::string_view text, bool& value) {
 template <class Value>
 void AppendLine(std::string& text, const char* key, const Value& value) {
     text.append(key).append("=").append(Written(value)).append(kLineEnd);
+}
+void AppendLine(std::string& text, const char* key, const std::vector<std::string>& values) {
+    for (const std::string& value : values) AppendLine(text, key, value);
 }
 
 // Takes the first line off the text, its end included; false when the text has no such end.

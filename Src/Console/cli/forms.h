@@ -1,0 +1,18 @@
+// The command lines of the verbs, as tables.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Console/cli/arguments.h"
+#include "Console/cli/options.h"
+
+// The forms of `taskman get` and `taskman info`, which store into the command; it outlives them.
+VerbForm GetForm(Command& command);
+VerbForm InfoForm(Command& command);
+
+// One more text for which `fault` finds nothing wrong.
+Setter More(std::vector<std::string>& texts, std::string (*fault)(std::string_view));
+
+std::string IdFault(std::string_view id);
