@@ -8,7 +8,7 @@
 
 // Reads the request, which the manager has sent with the start. Returns why there is none, in one
 // line: it is malformed, incomplete after ten seconds, or `wanted` has returned false; it is asked
-// ten times a second. Empty: `request` holds it. Job thread only, once.
+// ten times a second. Empty: `request` holds it. Main thread only, once.
 std::string ReceiveRequest(tagTaskRequest& request, bool (*wanted)());
 
 // Whether the manager has closed its end, which it does by dying as well. Any thread may call.

@@ -99,6 +99,15 @@ engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
     return task;
 }
 
+// False when libcurl provides no handle; nothing is reported then.
+bool RunPage(tagTaskContext& task) {
+    CURL* curl = curl_easy_init();
+    if (curl == nullptr) return false;
+    ParseDownloadUrl(curl, &task);
+    curl_easy_cleanup(curl);
+    return true;
+}
+
 void Report(const engine::Result& result, const tagTaskContext& task) {
     tagDownloadStateCode code = FailureCode(task);
     if (result.end == engine::End::kFinished) code = DOWNLOAD_STATE_DOWNLOAD_FINISH;
@@ -115,23 +124,27 @@ bool IsExtended(const tagTaskContext& task) {
     return task.nReserved1 == TASK_EXTENDED;
 }
 
-void RunExtended(void* curl, tagTaskContext* task) {
+ExtendedJob ReceiveJob(tagTaskContext* task) {
+    ExtendedJob job{task};
+    job.refusal = ReceiveRequest(job.request, Wanted);
+    return job;
+}
+
+void RunExtended(ExtendedJob& job) {
     // A file beyond the limit is a fault like any other, not the process's end.
     std::signal(SIGXFSZ, SIG_IGN);
-    tagTaskRequest request;
-    const std::string refusal = ReceiveRequest(request, Wanted);
     engine::Result result;
-    result.answer = {TaskReason::kRequest, refusal};
-    if (!refusal.empty()) {
+    if (!job.refusal.empty()) {
+        result.answer = {TaskReason::kRequest, job.refusal};
         if (!Wanted()) result.end = engine::End::kStopped;
-    } else if (!IsDownloadCommand(task->nCmd)) {
-        ParseDownloadUrl(curl, task);
-        return AnnounceEnd();
+    } else if (!IsDownloadCommand(job.task->nCmd)) {
+        if (RunPage(*job.task)) return AnnounceEnd();
+        result.answer = {TaskReason::kLocal, "out of memory"};
     } else {
         SlotReport report;
-        result = engine::Fetch(TaskOf(*task, request), report);
+        result = engine::Fetch(TaskOf(*job.task, job.request), report);
     }
-    Report(result, *task);
+    Report(result, *job.task);
     g_Exit = true;
 }
 

@@ -2,16 +2,29 @@
 // of the slot, with code 10 and with the final code.
 #pragma once
 
+#include <string>
+
 #include "TaskMan/taskcontext.h"
 #include "TaskMan/tasktext.h"
 
 // Whether the slot asks for an extended task.
 bool IsExtended(const tagTaskContext& task);
 
-// Carries out an extended task, a download or a page, to its final code. Nothing is reported when
-// the manager is gone, or the slot no longer the task's: a partial file is left so that it can be
-// continued. `curl` is the job's handle. Job thread only.
-void RunExtended(void* curl, tagTaskContext* task);
+// What the worker of an extended task has to do.
+struct ExtendedJob {
+    tagTaskContext* task = nullptr;  // copy of its slot; outlives the job
+    tagTaskRequest request{};
+    std::string refusal{};  // why there is no request, in one line; empty: there is one
+};
+
+// Waits for the request of `task`, as long as a stop is not requested and the manager lives. Main
+// thread only, before the job has a thread.
+ExtendedJob ReceiveJob(tagTaskContext* task);
+
+// Carries out an extended task, a download or a page, to its final code; a job without a request
+// fails with the reason `request`. Nothing is reported when the manager is gone, or the slot no
+// longer the task's: a partial file is left so that it can be continued. Job thread only.
+void RunExtended(ExtendedJob& job);
 
 // The failure code of a page task; of an extended one with the answer. Job thread only.
 void ReportPageFailure(const tagTaskContext& task, const tagTaskAnswer& answer);

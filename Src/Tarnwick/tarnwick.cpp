@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <memory>
 #include <string_view>
 
 #include "Tarnwick/channel.h"
@@ -110,19 +111,33 @@ void ClaimSlot(tagTaskContext& live, tagTaskContext& copy, Threading::Mutex* loc
     g_CurTaskContext_prt = &live;
 }
 
-void StartJobThread() {
+// Starts the job thread, which runs run(data). False when there is none.
+bool StartJobThread(void* (*run)(void*), void* data) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setscope(&attributes, PTHREAD_SCOPE_PROCESS);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    const int error = pthread_create(&g_pid, &attributes, ParseYoutube, &g_TaskConData);
+    const int error = pthread_create(&g_pid, &attributes, run, data);
     pthread_attr_destroy(&attributes);
     // Without a job thread nobody sets the flag that the main thread waits for.
     if (error != 0) g_exit_download = g_Exit = true;
+    return error == 0;
+}
+
+// Thread function of an extended task; takes over `data`, an ExtendedJob.
+void* RunExtendedJob(void* data) {
+    const std::unique_ptr<ExtendedJob> job(static_cast<ExtendedJob*>(data));
+    RunExtended(*job);
+    EndJob();
+    return nullptr;
+}
+
+void StartExtendedJob() {
+    auto job = std::make_unique<ExtendedJob>(ReceiveJob(&g_TaskConData));
+    if (StartJobThread(RunExtendedJob, job.get())) static_cast<void>(job.release());
 }
 
 void RunJob(CURL* curl, tagTaskContext* task) {
-    if (IsExtended(*task)) return RunExtended(curl, task);
     if (!IsDownloadCommand(task->nCmd) || FieldEmpty(task->szDownloadUrl)) {
         ParseDownloadUrl(curl, task);
         return;
@@ -151,7 +166,11 @@ int ParseTask(const char* szTaskID) {
     g_TaskInfo.mutexLock = new Threading::Mutex(g_TaskInfo.szTaskID);
     ClaimSlot(*live, copy, g_TaskInfo.mutexLock);
     CopySlot(&g_TaskConData, &copy);
-    StartJobThread();
+    if (IsExtended(g_TaskConData)) {
+        StartExtendedJob();
+    } else {
+        StartJobThread(ParseYoutube, &g_TaskConData);
+    }
     WaitForJob();
     delete g_TaskInfo.mutexLock;
     g_TaskInfo.mutexLock = nullptr;
