@@ -1,5 +1,5 @@
 // The proxy of an address: what the option and the environment make of it.
-#include "Console/cli/proxy.h"
+#include "Console/base/proxy.h"
 
 #include <cstdlib>
 

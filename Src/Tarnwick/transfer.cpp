@@ -63,13 +63,6 @@ void SetTimeouts(CURL* curl) {
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 20L);
 }
 
-void FollowRedirects(CURL* curl) {
-    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 30L);
-    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-}
-
 std::int32_t ClampTries(std::int32_t number) {
     return static_cast<std::uint32_t>(number) > 3 ? 3 : number;
 }

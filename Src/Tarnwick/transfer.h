@@ -5,9 +5,9 @@
 
 #include <curl/curl.h>
 
-#include <cstddef>
 #include <cstdint>
 
+#include "Tarnwick/engine/curl.h"
 #include "TaskMan/taskcontext.h"
 
 // Initialises libcurl for the process (curl_global_init). Returns 0, or -1 after a message on
@@ -31,10 +31,6 @@ void SetProxy(CURL* curl, const tagTaskContext& task);
 // low-speed limit of 0 bytes per second over 20 seconds, which no transfer falls below: stalls are
 // the progress callback's.
 void SetTimeouts(CURL* curl);
-
-// Follows redirects, at most 30. The first address and all others are http or https only: libcurl
-// refuses any other before it connects.
-void FollowRedirects(CURL* curl);
 
 // Number of tries, or of seconds between them, for the number a slot holds: 0 to 3 stay, anything
 // else is 3.
@@ -75,17 +71,3 @@ TryStep AfterFailedTry(const tagTaskContext& task);
 
 // Reports code 8 or the failure code for an outcome that ends the job, and sets g_Exit.
 void ReportEnd(TryStep outcome, const tagTaskContext& task);
-
-// What write callbacks return to abort a transfer (CURLOPT_WRITEFUNCTION).
-constexpr std::size_t kBreakOff = static_cast<std::size_t>(-1);
-
-// Calls `step` and returns its result, or `failed` after an exception: none may pass through
-// libcurl, which calls the caller.
-template <class Result, class Step>
-Result KeepExceptions(Result failed, Step step) noexcept {
-    try {
-        return step();
-    } catch (...) {
-        return failed;
-    }
-}

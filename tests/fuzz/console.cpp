@@ -4,11 +4,11 @@
 #include <sstream>
 #include <vector>
 
+#include "Console/base/utf8.h"
 #include "Console/get/filename.h"
-#include "Console/page/info.h"
+#include "Console/others/info.h"
 #include "Console/screen/bardisplay.h"
 #include "Console/screen/text.h"
-#include "Console/screen/utf8.h"
 #include "common/stringutility.h"
 #include "fuzz.h"
 

@@ -4,10 +4,10 @@
 
 #include <exception>
 
+#include "Console/base/outcome.h"
 #include "Console/cli/options.h"
-#include "Console/cli/outcome.h"
 #include "Console/get/get.h"
-#include "Console/page/info.h"
+#include "Console/others/info.h"
 #include "Console/screen/display.h"
 #include "Console/screen/text.h"
 

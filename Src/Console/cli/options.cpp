@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <limits>
 
+#include "Console/base/outcome.h"
 #include "Console/cli/arguments.h"
 #include "Console/cli/forms.h"
-#include "Console/cli/outcome.h"
 
 Setter More(std::vector<std::string>& texts, std::string (*fault)(std::string_view)) {
     return [&texts, fault](const std::string& value) {

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include "Console/screen/utf8.h"
+#include "Console/base/utf8.h"
 
 namespace {
 

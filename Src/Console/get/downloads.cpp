@@ -7,7 +7,7 @@
 #include <optional>
 #include <utility>
 
-#include "Console/cli/signals.h"
+#include "Console/base/signals.h"
 #include "TaskMan/manager.h"
 #include "TaskMan/partrecord.h"
 

@@ -9,9 +9,9 @@
 #include <unordered_set>
 #include <vector>
 
-#include "Console/cli/events.h"
-#include "Console/cli/options.h"
+#include "Console/base/events.h"
 #include "Console/get/fetch.h"
+#include "Console/get/get.h"
 #include "Console/get/inputlist.h"
 #include "Console/screen/display.h"
 

@@ -8,8 +8,8 @@
 #include <thread>
 #include <utility>
 
-#include "Console/cli/events.h"
-#include "Console/cli/options.h"
+#include "Console/base/events.h"
+#include "Console/get/get.h"
 #include "Console/get/inputlist.h"
 #include "Console/get/target.h"
 #include "Console/screen/display.h"

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "Console/screen/utf8.h"
+#include "Console/base/utf8.h"
 #include "common/stringutility.h"
 #include "common/sysutility.h"
 

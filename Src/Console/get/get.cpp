@@ -3,8 +3,8 @@
 #include <memory>
 #include <string>
 
-#include "Console/cli/events.h"
-#include "Console/cli/signals.h"
+#include "Console/base/events.h"
+#include "Console/base/signals.h"
 #include "Console/get/downloads.h"
 #include "Console/get/inputlist.h"
 #include "Console/get/session.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "Console/cli/signals.h"
+#include "Console/base/signals.h"
 #include "Console/screen/text.h"
 #include "TaskMan/manager.h"
 #include "TaskMan/timing.h"

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "Console/cli/events.h"
+#include "Console/base/events.h"
 #include "Console/get/downloads.h"
 #include "Console/screen/display.h"
 

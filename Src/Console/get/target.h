@@ -5,7 +5,7 @@
 #include <atomic>
 #include <string>
 
-#include "Console/cli/outcome.h"
+#include "Console/base/outcome.h"
 #include "common/file.h"
 #include "common/uncopyable.h"
 

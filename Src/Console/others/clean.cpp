@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "Console/cli/outcome.h"
+#include "Console/base/outcome.h"
 #include "Console/screen/display.h"
 #include "Console/screen/text.h"
 #include "TaskMan/deadmanagers.h"

@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <numeric>
 
-#include "Console/cli/outcome.h"
+#include "Console/base/outcome.h"
 #include "Console/screen/display.h"
 #include "Console/screen/jsontext.h"
 #include "Console/screen/livescreen.h"

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <string>
 
-#include "Console/cli/events.h"
-#include "Console/cli/outcome.h"
-#include "Console/cli/proxy.h"
+#include "Console/base/events.h"
+#include "Console/base/outcome.h"
+#include "Console/base/proxy.h"
 #include "TaskMan/taskcontext.h"
 
 // How often a worker tries.

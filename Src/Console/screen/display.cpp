@@ -10,7 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "Console/cli/signals.h"
+#include "Console/base/signals.h"
 #include "Console/screen/bardisplay.h"
 #include "Console/screen/jsondisplay.h"
 #include "Console/screen/plaindisplay.h"

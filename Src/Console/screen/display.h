@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Console/cli/outcome.h"
+#include "Console/base/outcome.h"
 #include "TaskMan/tasktext.h"
 #include "common/uncopyable.h"
 

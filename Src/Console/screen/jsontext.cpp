@@ -3,7 +3,7 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
-#include "Console/screen/utf8.h"
+#include "Console/base/utf8.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <chrono>
 #include <csignal>
 
-#include "Console/cli/signals.h"
+#include "Console/base/signals.h"
 #include "Console/screen/display.h"
 #include "Console/screen/text.h"
 

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <cwchar>
 
-#include "Console/screen/utf8.h"
+#include "Console/base/utf8.h"
 #include "common/stringutility.h"
 
 namespace text {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "Tarnwick/transfer.h"
+#include "Tarnwick/engine/curl.h"
 
 namespace engine {
 namespace {

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "Tarnwick/transfer.h"
+#include "Tarnwick/engine/curl.h"
 
 namespace engine {
 namespace {

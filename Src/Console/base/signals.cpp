@@ -1,4 +1,4 @@
-#include "Console/cli/signals.h"
+#include "Console/base/signals.h"
 
 #include <unistd.h>
 

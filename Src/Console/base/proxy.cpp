@@ -1,4 +1,4 @@
-#include "Console/cli/proxy.h"
+#include "Console/base/proxy.h"
 
 #include <algorithm>
 #include <cctype>
@@ -8,7 +8,7 @@
 #include <initializer_list>
 #include <utility>
 
-#include "Console/screen/utf8.h"
+#include "Console/base/utf8.h"
 #include "common/fieldtext.h"
 #include "common/stringutility.h"
 

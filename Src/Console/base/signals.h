@@ -2,7 +2,7 @@
 // the main thread, report what has arrived.
 #pragma once
 
-#include "Console/cli/events.h"
+#include "Console/base/events.h"
 
 namespace signals {
 

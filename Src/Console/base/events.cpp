@@ -1,4 +1,4 @@
-#include "Console/cli/events.h"
+#include "Console/base/events.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -3,8 +3,18 @@
 
 #include <string>
 
-#include "Console/cli/options.h"
+#include "Console/base/proxy.h"
 #include "Console/page/videopage.h"
+
+// What the command line says.
+struct InfoOptions {
+    std::string address{};  // of the page
+    bool json = false;      // for programs
+    bool url = false;       // only the address of the chosen format
+    std::string worker{};
+    ProxyRules proxy{};
+    FormatWish format{};
+};
 
 // Resolves the page that the options name, writes what they ask for to standard output, and returns
 // the exit status. After SIGINT, SIGTERM or SIGHUP it does not return: the task is stopped, then

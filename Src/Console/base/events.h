@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "Console/cli/outcome.h"
+#include "Console/base/outcome.h"
 #include "TaskMan/tasktext.h"
 #include "common/file.h"
 #include "common/mutex.h"

@@ -1,11 +1,11 @@
-#include "Console/page/info.h"
+#include "Console/others/info.h"
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "Console/cli/signals.h"
+#include "Console/base/signals.h"
 #include "Console/get/downloads.h"
 #include "Console/get/filename.h"
 #include "Console/get/session.h"

@@ -1,4 +1,4 @@
-#include "Console/screen/utf8.h"
+#include "Console/base/utf8.h"
 
 namespace utf8 {
 namespace {

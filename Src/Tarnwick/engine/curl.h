@@ -1,0 +1,24 @@
+// What every use of libcurl in the worker needs, also outside the engine.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <cstddef>
+
+// Follows redirects, at most 30. The first address and all others are http or https only: libcurl
+// refuses any other before it connects.
+void FollowRedirects(CURL* curl);
+
+// What write callbacks return to abort a transfer (CURLOPT_WRITEFUNCTION).
+constexpr std::size_t kBreakOff = static_cast<std::size_t>(-1);
+
+// Calls `step` and returns its result, or `failed` after an exception: none may pass through
+// libcurl, which calls the caller.
+template <class Result, class Step>
+Result KeepExceptions(Result failed, Step step) noexcept {
+    try {
+        return step();
+    } catch (...) {
+        return failed;
+    }
+}
