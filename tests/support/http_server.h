@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <list>
@@ -49,9 +50,12 @@ class Reply {
         return Do([=](int connection) { return ClientStays(connection, time.count()); });
     }
     Reply& Silence() { return Pause(std::chrono::milliseconds(-1)); }
-    // What was sent just before may be lost with it: pause first.
+    // Once the client's system has what was sent; the client itself may be behind: pause first
+    // when that matters.
     Reply& Reset() {
         return Do([](int connection) {
+            int left = 0;
+            WaitUntil([&] { return ioctl(connection, TIOCOUTQ, &left) != 0 || left == 0; });
             const linger atOnce{1, 0};
             setsockopt(connection, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
             return false;
