@@ -33,7 +33,7 @@ _taskman() {
     case ${COMP_WORDS[1]} in
     get)
         options+=' -i --input -o --output -d --dir -f --force -s --skip-existing --sha256'
-        options+=' --no-continue --failed --size --format -j --jobs -n --connections --tries'
+        options+=' --no-continue -R --remote-time --failed --size --format -j --jobs -n --connections --tries'
         options+=' --wait --timeout -x --proxy --worker --json -q --quiet -v --verbose'
         options+=' --progress --color'
         ;;

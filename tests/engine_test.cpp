@@ -106,6 +106,7 @@ TEST(Blocks, StealingFollowsTheRates) {
 const std::string kBody = TestBytes(3'000'000);
 const std::string kOther = TestBytes(3'000'001).substr(1);
 constexpr const char* kOld = "Last-Modified: Mon, 01 Jan 2024 00:00:00 GMT\r\n";
+constexpr std::time_t kOldTime = 1704067200;
 constexpr const char* kDate = "Date: Tue, 02 Jan 2024 00:00:00 GMT\r\n";
 
 // A file as a good server has it.
@@ -176,6 +177,7 @@ struct Lie {
     const std::string* body = &kBody;       // of the finished file
     int tries = 3;
     std::string path = "/file";
+    std::time_t modified = 0;  // the time of the finished file; 0: that of its last write
 };
 
 void Tell(const Lie& lie) {
@@ -189,11 +191,13 @@ void Tell(const Lie& lie) {
     task.keeps = true;
     task.connections = lie.connections;
     task.tries = lie.tries;
+    task.remoteTime = true;
     // Those that are not silent must not meet a limit on a busy machine.
     const bool silent = lie.reason == TaskReason::kTimeout || lie.reason == TaskReason::kStalled;
     task.answerSeconds = task.stallSeconds = silent ? 1 : 20;
     task.waitSeconds = 0;
     Patient watcher;
+    const std::time_t begin = std::time(nullptr) - 1;
     const Result result = Fetch(task, watcher);
     EXPECT_EQ(ReasonName(result.answer.Reason), std::string(ReasonName(lie.reason)))
         << result.answer.strMessage;
@@ -201,6 +205,10 @@ void Tell(const Lie& lie) {
     if (lie.reason == TaskReason::kNone) {
         EXPECT_EQ(result.end, End::kFinished);
         EXPECT_TRUE(ReadFile(task.path) == *lie.body) << "another file than was sent";
+        struct stat status {};
+        stat(task.path.c_str(), &status);
+        EXPECT_TRUE(lie.modified == 0 ? status.st_mtime >= begin : status.st_mtime == lie.modified)
+            << status.st_mtime;
     } else {
         EXPECT_EQ(result.end, End::kFailed);
         EXPECT_FALSE(result.answer.strMessage.empty());
@@ -285,7 +293,8 @@ TEST(Engine, OneRequestIsEnough) {
         {"a redirect", Then({Reply::Redirect("/there")}), 1, {}, 2},
         {"a part that nobody asked for", Always(Answer(206, Length(4), "gone")), 1,
          TaskReason::kHttpStatus},
-        {"dated", Then({}, dated)},
+        {"dated", Then({}, dated), 1, {}, 1, &kBody, 3, "/file", kOldTime},
+        {"no date", Then({}, {kBody, "", "Last-Modified: long ago\r\n"})},
     });
 }
 
@@ -333,7 +342,7 @@ TEST(Engine, ATryContinues) {
     const auto broken = TaskReason::kBrokenOff;
     Tell({
         {"ten breaks", inPieces(300'000, {}), 1, {}, 11},
-        {"ten breaks, by date", inPieces(300'000, dated), 1, {}, 11},
+        {"ten breaks, by date", inPieces(300'000, dated), 1, {}, 11, &kBody, 3, "/", kOldTime},
         {"ten breaks, four connections", inPieces(300'000, {}), 4, {}, 20},
         {"always at the same byte", inPieces(1'000'000, bare), 1, broken, 4},
         {"a weak tag is no proof", inPieces(1'000'000, weak), 1, broken, 4},

@@ -94,6 +94,7 @@ engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
     task.stallSeconds = request.nStallSeconds;
     task.tries = request.nTries;
     task.waitSeconds = request.nWaitSeconds;
+    task.remoteTime = request.bRemoteTime;
     task.proxied = slot.bUseProxy != 0;
     task.prepare = [&slot](CURL* curl) { SetProxy(curl, slot); };
     return task;

@@ -98,6 +98,8 @@ VerbForm GetForm(Command& command) {
              Text(get.sha256, DigestFault)},
             {"--no-continue", "", "neither continue partial files nor keep them",
              Set(get.continues, false)},
+            {"-R,--remote-time", "", "give files the time that the server tells",
+             Set(get.remoteTime, true)},
             {"--failed", "FILE", "list what did not finish, as --input reads it", Text(get.failed)},
             SizeRow(get.format, "of a page: the format whose frame comes closest", "--format"),
             {"--format", "ID", "of a page: the format of that id", Text(get.format.id, IdFault),

@@ -148,6 +148,7 @@ tagTaskRequest Fetch::TaskRequest() const {
     request.strUrl = view_.address;
     request.strSha256 = request_.sha256;
     request.bContinue = options_.continues;
+    request.bRemoteTime = options_.remoteTime;
     request.nAnswerSeconds = options_.timeout;
     request.nTries = options_.tries.count;
     request.nWaitSeconds = options_.tries.seconds;

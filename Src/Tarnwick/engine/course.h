@@ -61,6 +61,7 @@ class Course : private Uncopyable {
     void FailRound(const Judgement& judged, bool gotBytes);
     bool IsStuck();
     void StartOver();
+    std::time_t RemoteTime() const;
     void Retire(Connection& connection);
     void NoteAnswer(const Connection& connection);
 

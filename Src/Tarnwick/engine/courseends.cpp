@@ -166,12 +166,21 @@ void Course::OnGood(Connection& connection, CURLcode code) {
     FlushAll();
     if (over_) return;
     Report();
-    if (MaybeFault fault = file_.Finish(blocks_.Have(), blocks_.Size())) return GiveUp(*fault);
+    if (MaybeFault fault = file_.Finish(blocks_.Have(), blocks_.Size(), RemoteTime()))
+        return GiveUp(*fault);
     result_.end = End::kFinished;
     // Not that of a further connection which was refused.
     result_.answer.nStatus = connection.Last().status;
     result_.answer.Reason = TaskReason::kNone;
     over_ = true;
+}
+
+// The time for the file; -1: none. An answer to If-Range may lack the date that it was asked with.
+std::time_t Course::RemoteTime() const {
+    if (!task_.remoteTime) return -1;
+    const std::string& told = result_.answer.strLastModified;
+    const std::string& date = told.empty() ? known_.validator : told;
+    return date.starts_with('"') ? -1 : curl_getdate(date.c_str(), nullptr);
 }
 
 void Course::OnFailure(Connection& connection, const Judgement& judged) {

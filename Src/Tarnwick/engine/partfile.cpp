@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "common/file.h"
 #include "common/platform.h"
 
 namespace engine {
@@ -28,20 +29,6 @@ constexpr auto kSyncEvery = 5s;
 constexpr auto kWriterPatience = 3s;
 // A writer elsewhere lives as long as its record is younger than this, in seconds.
 constexpr std::int64_t kWriterAge = 30;
-
-// A descriptor for the length of a scope.
-class Descriptor : private Uncopyable {
-  public:
-    explicit Descriptor(int number) : number_(number) {}
-    ~Descriptor() {
-        if (number_ != -1) close(number_);
-    }
-    int Get() const { return number_; }
-    int Release() { return std::exchange(number_, -1); }
-
-  private:
-    int number_;
-};
 
 bool WriteAll(int file, const char* bytes, std::size_t size, std::uint64_t offset) {
     while (size > 0) {
@@ -228,13 +215,17 @@ MaybeFault PartFile::Tick(const std::vector<ByteRange>& have) {
     return std::nullopt;
 }
 
-MaybeFault PartFile::Finish(const std::vector<ByteRange>& have, std::uint64_t size) {
+MaybeFault PartFile::Finish(const std::vector<ByteRange>& have, std::uint64_t size,
+                            std::time_t modified) {
     struct stat status {};
     if (fstat(file_, &status) != 0) return LocalFault("cannot look at", errno);
     const auto length = static_cast<off_t>(size);
     if (status.st_size != length && ftruncate(file_, length) != 0) {
         return LocalFault("cannot cut", errno);
     }
+    // A file system that keeps no such time makes no other file of it.
+    const timespec times[] = {{0, UTIME_OMIT}, {modified, 0}};
+    if (modified >= 0) static_cast<void>(futimens(file_, times));
     // Whoever asked for the file brings it to the disk before it gets its name.
     NoteHave(have);
     return StillThere();

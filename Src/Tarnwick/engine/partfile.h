@@ -7,6 +7,7 @@
 #pragma once
 
 #include <chrono>
+#include <ctime>
 #include <functional>
 #include <optional>
 #include <string>
@@ -55,9 +56,11 @@ class PartFile : private Uncopyable {
     // away.
     MaybeFault Tick(const std::vector<ByteRange>& have);
 
-    // The file is complete: it gets exactly `size` bytes. A record that was written stays, for the
-    // time in which the file has not got its name yet; to be removed by whoever gives it that.
-    MaybeFault Finish(const std::vector<ByteRange>& have, std::uint64_t size);
+    // The file is complete: it gets exactly `size` bytes, and `modified`, seconds since 1970, as
+    // the time of its last modification; below 0: it keeps that of the last write. A record that
+    // was written stays, for the time in which the file has not got its name yet; to be removed by
+    // whoever gives it that.
+    MaybeFault Finish(const std::vector<ByteRange>& have, std::uint64_t size, std::time_t modified);
 
     // The end of a file that is not complete: brings it to the disk and records it, if a record can
     // be kept, and gives back what was reserved.

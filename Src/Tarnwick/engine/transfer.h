@@ -30,6 +30,7 @@ struct Task {
     bool proxied = false;    // `prepare` sets a proxy
     // Sets on each new handle what the task asks for beyond this; may be empty.
     std::function<void(CURL*)> prepare{};
+    bool remoteTime = false;  // the complete file gets the time that Last-Modified tells
 };
 
 // Who wants to know how the transfer is going. Called on the transfer's thread.
