@@ -1,8 +1,9 @@
-// The proxy of an address: what the option and the environment make of it.
+// An address: what is wrong with it; its proxy: what the option and the environment make of it.
 #include "Console/base/proxy.h"
 
 #include <cstdlib>
 
+#include "Console/get/filename.h"
 #include "support/helpers.h"
 
 using namespace test_support;
@@ -55,6 +56,14 @@ TEST(Proxy, ComesFromTheOptionOrTheEnvironment) {
         {"", "http://ab.c", "http_proxy=p no_proxy=b.c", "0 p 1080  "},
         {"", "http://[::1]:80/", "http_proxy=p no_proxy=::1", "none"},
         {"", "http://a", "http_proxy=p no_proxy=*", "none"},
+        {"", "https://a", "https_proxy=p no_proxy=a:443,", "none"},
+        {"", "http://a:8", "http_proxy=p no_proxy=a:80,b:8,[::1]:8", "0 p 1080  "},
+        {"", "http://10.1.2.3", "http_proxy=p no_proxy=10.0.0.0/15", "none"},
+        {"", "http://10.2.0.0", "http_proxy=p no_proxy=10.0.0.0/15,10.2.0.0/x", "0 p 1080  "},
+        {"", "http://10.1", "http_proxy=p no_proxy=10.0.0.1", "none"},
+        {"", "http://10.0.0.1", "http_proxy=p no_proxy=0.1,10.0.0.1/33,a/0", "0 p 1080  "},
+        {"", "http://[FE80::1%25lo]:8", "http_proxy=p no_proxy=[fe80::]/10:8", "none"},
+        {"", "http://[fec0::1]", "http_proxy=p no_proxy=fe80::/10,0.0.0.0/0", "0 p 1080  "},
     };
     for (const auto& [given, address, environment, proxy] : rows) {
         EXPECT_EQ(ProxyFor(given, address, environment), proxy) << given << address << environment;
@@ -65,6 +74,33 @@ TEST(Proxy, ComesFromTheOptionOrTheEnvironment) {
          {"ftp://u:secret@h", ":1", "h:0", "h:65536", "h:8x", "http://:p@h", "u%3Ax:p@h",
           "u%00:p@h", missing.c_str(), tooLong.c_str(), longPassword.c_str()}) {
         EXPECT_EQ(ProxyFor(bad, "http://a", ""), "fault") << bad;
+    }
+}
+
+// What libcurl takes for a host and a port, and what it refuses; but for port 0.
+TEST(Address, NamesAHostAndAPort) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"a_b.c:65535/", ""},
+        {"u:p@\xC3\xA4.c:/x@y:z", ""},
+        {"%C3%A4.c:0080?x@y", ""},
+        {"[::1%25lo]:8", ""},
+        {":@127.1#a:b@c", ""},
+        {"u:p@/x", "the address names no host"},
+        {":80/", "the address names no host"},
+        {"h:0/", "the port must be 1 to 65535"},
+        {"h:99999999999", "the port must be 1 to 65535"},
+        {"h:8x", "the port must be 1 to 65535"},
+        {"h:80:80", "the port must be 1 to 65535"},
+        {"[::1]x:8", "the brackets hold no IPv6 address"},
+        {"[::1", "the brackets hold no IPv6 address"},
+        {"[::1%]", "the brackets hold no IPv6 address"},
+        {"[127.0.0.1]", "the brackets hold no IPv6 address"},
+        {"u:p@q@h", "\"@\" in a user or password must be written %40"},
+        {"a%2Fb", "no host has a \"/\" in its name"},
+        {"a%00", "a control byte in the host"},
+    };
+    for (const auto& [address, fault] : rows) {
+        EXPECT_EQ(AddressFault(std::string("http://") + address), fault) << address;
     }
 }
 

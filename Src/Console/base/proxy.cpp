@@ -1,13 +1,13 @@
 #include "Console/base/proxy.h"
 
-#include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <cstdlib>
 #include <fstream>
 #include <initializer_list>
 #include <utility>
 
+#include "Console/base/address.h"
+#include "Console/base/noproxy.h"
 #include "Console/base/utf8.h"
 #include "common/fieldtext.h"
 #include "common/stringutility.h"
@@ -83,41 +83,6 @@ Variable FirstSet(std::initializer_list<const char*> names) {
     return {};
 }
 
-std::string Lower(std::string_view text) {
-    std::string lower(text);
-    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return lower;
-}
-
-// The host of an address in lower case, without brackets and without the dot that may end a name.
-std::string HostOf(std::string_view address) {
-    address.remove_prefix(address.find("://") + 3);
-    address = address.substr(0, address.find_first_of("/?#"));
-    address.remove_prefix(address.rfind('@') + 1);
-    if (address.starts_with('[')) return Lower(address.substr(1, address.find(']') - 1));
-    address = address.substr(0, address.find(':'));
-    if (address.ends_with('.')) address.remove_suffix(1);
-    return Lower(address);
-}
-
-// Whether an entry of the list, which commas or blanks separate, covers the host.
-bool NamesHost(const std::string& list, const std::string& host) {
-    constexpr const char* kBetween = ", \t";
-    for (std::size_t begin = 0; (begin = list.find_first_not_of(kBetween, begin)) != list.npos;) {
-        const std::size_t end = std::min(list.find_first_of(kBetween, begin), list.size());
-        std::string entry = Lower(std::string_view(list).substr(begin, end - begin));
-        begin = end;
-        if (entry == "*") return true;
-        if (entry.starts_with('[') && entry.ends_with(']')) {
-            entry = entry.substr(1, entry.size() - 2);
-        }
-        if (entry.starts_with('.')) entry.erase(0, 1);
-        if (entry.ends_with('.')) entry.pop_back();
-        if (!entry.empty() && (host == entry || host.ends_with("." + entry))) return true;
-    }
-    return false;
-}
-
 // Reads the first line of a file, without blanks around it. Returns the fault; empty when it is
 // read.
 std::string FirstLine(const std::string& path, std::string& line) {
@@ -133,7 +98,7 @@ std::string FirstLine(const std::string& path, std::string& line) {
 std::string ParseProxy(std::string_view address, Proxy& proxy) {
     Proxy read;
     if (const std::size_t scheme = address.find("://"); scheme != std::string_view::npos) {
-        read.type = TypeOf(Lower(address.substr(0, scheme)));
+        read.type = TypeOf(LowerCase(address.substr(0, scheme)));
         if (read.type == -1) return "the scheme must be http, socks4, socks4a, socks5 or socks5h";
         address.remove_prefix(scheme + 3);
     }
@@ -164,12 +129,12 @@ std::string ProxyRules::Set(const std::string& text) {
 std::string ProxyRules::For(std::string_view address, Proxy& proxy) const {
     proxy = proxy_;
     if (given_) return "";
-    const bool secure = Lower(address.substr(0, 6)) == "https:";
+    const bool secure = LowerCase(address.substr(0, 6)) == "https:";
     const Variable named = secure
                                ? FirstSet({"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
                                : FirstSet({"http_proxy", "all_proxy", "ALL_PROXY"});
     if (named.name == nullptr) return "";
-    if (NamesHost(FirstSet({"no_proxy", "NO_PROXY"}).value, HostOf(address))) return "";
+    if (IsExempt(FirstSet({"no_proxy", "NO_PROXY"}).value, address)) return "";
     const std::string fault = ParseProxy(named.value, proxy);
     return fault.empty() ? "" : std::string("the environment's ") + named.name + ": " + fault;
 }

@@ -26,8 +26,7 @@ std::string ParseProxy(std::string_view address, Proxy& proxy);
 // Which proxy an address goes through: the one that was given, or else what the environment says.
 // That is http_proxy or https_proxy by the scheme of the address, HTTPS_PROXY too (HTTP_PROXY is
 // what a CGI program's client may set), and all_proxy or ALL_PROXY for both; none for the hosts of
-// no_proxy or NO_PROXY: host names, each of which also covers its subdomains, or "*" for every
-// host.
+// no_proxy or NO_PROXY (noproxy.h).
 class ProxyRules {
   public:
     // Sets the proxy for all addresses: a proxy's address, "@FILE" for the one in the first line of

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Console/base/address.h"
 #include "Console/base/utf8.h"
 #include "common/stringutility.h"
 #include "common/sysutility.h"
@@ -47,14 +48,14 @@ std::string SafeName(std::string_view text, std::size_t limit) {
 
 std::string AddressFault(std::string_view address, std::size_t most) {
     if (!IsHttpAddress(address)) return "not an http or https address";
-    const std::string_view rest = address.substr(address.find("://") + 3);
-    if (rest.find_first_of("/?#") == 0) return "the address names no host";
     const auto unfit = [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == '\x7F'; };
     if (std::any_of(address.begin(), address.end(), unfit)) {
         return "a blank or control character in the address";
     }
-    if (address.size() <= most) return "";
-    return "the address is longer than " + std::to_string(most) + " bytes";
+    if (address.size() > most) {
+        return "the address is longer than " + std::to_string(most) + " bytes";
+    }
+    return AuthorityFault(AuthorityOf(address));
 }
 
 std::string NameFault(std::string_view name) {

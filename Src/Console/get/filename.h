@@ -11,7 +11,7 @@
 constexpr std::size_t PAGE_ADDRESS_MOST = sizeof(tagTaskInfo::szOrgUrl) - 1;
 
 // Why the address cannot be downloaded, in one line; empty when it can be tried. It must be http or
-// https, name a host, hold no blank or control byte and have at most `most` bytes.
+// https, hold no blank or control byte, have at most `most` bytes and no AuthorityFault.
 std::string AddressFault(std::string_view address, std::size_t most = TASK_ADDRESS_MOST);
 
 // Why the name that a user gives a file cannot be used, in one line; empty when it can be tried. It

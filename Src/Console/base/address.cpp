@@ -1,0 +1,75 @@
+#include "Console/base/address.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+
+#include "Console/base/utf8.h"
+
+namespace {
+
+// What libcurl refuses in the name of a host. A "%" that begins no encoded byte is let through.
+constexpr std::string_view kInNoHost = " !\"#$&'()*+,/:;<=>?@[\\]^`{}";
+
+// "[ADDRESS]" or "[ADDRESS%ZONE]"
+std::string Ipv6Fault(std::string_view host) {
+    const std::size_t zone = host.find('%');
+    const std::string address(host.substr(1, std::min(zone, host.size() - 1) - 1));
+    in6_addr bytes{};
+    const bool sound = host.ends_with(']') && inet_pton(AF_INET6, address.c_str(), &bytes) == 1 &&
+                       (zone == host.npos || zone + 2 < host.size());
+    return sound ? "" : "the brackets hold no IPv6 address";
+}
+
+std::string HostFault(std::string_view host) {
+    if (host.empty()) return "the address names no host";
+    if (host.starts_with('[')) return Ipv6Fault(host);
+    for (const char c : host) {
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7F') return "a control byte in the host";
+        if (kInNoHost.find(c) == kInNoHost.npos) continue;
+        if (c == '@') return "\"@\" in a user or password must be written %40";
+        return std::string("no host has a \"") + c + "\" in its name";
+    }
+    return "";
+}
+
+}  // namespace
+
+Authority AuthorityOf(std::string_view address) {
+    const std::size_t scheme = address.find("://");
+    const std::size_t path = address.find_first_of("/?#");
+    // A "://" further on is part of the path or of what follows it.
+    if (scheme != address.npos && scheme < path) address.remove_prefix(scheme + 3);
+    address = address.substr(0, address.find_first_of("/?#"));
+    Authority authority;
+    if (const std::size_t at = address.find('@'); at != address.npos) {
+        authority.login = address.substr(0, at);
+        address.remove_prefix(at + 1);
+    }
+    const std::size_t bracket = address.starts_with('[') ? address.find(']') : address.npos;
+    const std::size_t colon = address.find(':', bracket == address.npos ? 0 : bracket);
+    const std::string_view host = address.substr(0, colon);
+    authority.host =
+        LowerCase(bracket == address.npos ? utf8::PercentDecode(host) : std::string(host));
+    if (colon != address.npos) authority.port = address.substr(colon + 1);
+    return authority;
+}
+
+std::string AuthorityFault(const Authority& authority) {
+    const std::string& port = authority.port;
+    std::string fault = HostFault(authority.host);
+    if (!fault.empty() || port.empty()) return fault;
+    int number = 0;
+    const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), number);
+    const bool sound = error == std::errc() && end == port.data() + port.size();
+    return sound && number >= 1 && number <= 65535 ? "" : "the port must be 1 to 65535";
+}
+
+std::string LowerCase(std::string_view text) {
+    std::string lower(text);
+    for (char& c : lower) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return lower;
+}
