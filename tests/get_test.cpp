@@ -146,7 +146,9 @@ const std::vector<Row>& Rows() {
         {"-f -j1 $/good $/good2 $/x/good", "exit 3", "good good2", "refused: another URL"},
         {"-j1 $/good.part $/good2 $/good", "exit 3", "good.part good2", "another URL"},
         {"$/good $/x/good", "exit 3", "good", "refused: another URL"},
-        {"-d none $/good", "exit 3", "", "refused: cannot create none/good.part"},
+        {"-d a/b $/good x", "exit 2", "a", "1 of 2", {}, {{"a", ""}}},
+        {"-d a $/good", "exit 3", "a", "refused: cannot create a/good.part", {{"a", "abc"}}},
+        {"-d no/b $/good", "exit 3", "no", "cannot make the directory no/b", {{"no", "@gone/x"}}},
         {"$/good -o a\\b", "exit 3", "", "a backslash"},
         {"$/good", "exit 0", "good", "", {{"good.part", "longer"}}, {{"good", "abc"}}},
         // A link stands for the file it leads to.
@@ -205,7 +207,7 @@ const std::vector<Row>& Rows() {
         {"--worker /nowhere/w -i list --failed list", "exit 1", "list",
          "no worker program at /nowhere/w", List("$/good\n#"), List("$/good\n")},
         {"-i .", "exit 2", "", ". is a directory"},
-        {"$/good --failed none/x", "exit 3", "", "cannot create none/x.part"},
+        {"$/good --failed a/x", "exit 0", "a good", "", {}, {{"a", ""}}},
         // Usage.
         {"", "exit 2", "", "taskman get --help"},
         {"-j", "exit 2", "", "-j: a value is missing"},
@@ -334,6 +336,22 @@ TEST(Get, ATargetBelongsToOneDownload) {
     EXPECT_EQ(run.End(), "exit 3");
     EXPECT_TRUE(Has(run.Err(), "held appeared meanwhile")) << run.Err();
     EXPECT_EQ(run.Files() + " " + ReadFile(run.Path("held")), "held mine");
+}
+
+TEST(Get, AFileThatIsReplacedKeepsItsRights) {
+    CommandRun run, refused;
+    WriteFile(run.Path("good"), "mine");
+    chmod(run.Path("good").c_str(), 0640);
+    Begin(run, "-f $/good");
+    EXPECT_EQ(run.End(), "exit 0");
+    struct stat now {};
+    EXPECT_EQ(stat(run.Path("good").c_str(), &now), 0);
+    EXPECT_EQ(now.st_mode & 07777, 0640U);
+    chmod(run.Path("good").c_str(), 0440);
+    if (geteuid() == 0) return;
+    Begin(refused, "-f $/good -o " + run.Path("good"));
+    EXPECT_EQ(refused.End(), "exit 3");
+    EXPECT_TRUE(Has(refused.Err(), "good: refused: cannot replace")) << refused.Err();
 }
 
 TEST(Get, InterruptedItLeavesNothingButTheList) {

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Console/get/digest.h"
+#include "Console/get/rights.h"
 #include "Console/screen/text.h"
 #include "TaskMan/othermanagers.h"
 #include "TaskMan/partrecord.h"
@@ -54,6 +55,16 @@ Outcome DigestFault(int file, const std::string& path, const std::string& sha256
     if (digest.empty()) return Local(Fault("cannot read", path, errno));
     if (SameDigest(digest, sha256)) return {};
     return {EndResult::kMismatch, EXIT_STATUS_MISMATCH, path + " has the SHA-256 digest " + digest};
+}
+
+// Makes the directory of the file, and those above it. Returns the fault in one line.
+std::string MakeDirectory(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return Fault("cannot create", path, ENOENT);
+    const std::string directory = path.substr(0, slash);
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    return error ? Fault("cannot make the directory", directory, error.value()) : "";
 }
 
 // Renames without replacing, atomically where the file system can. Returns 0 or an error number,
@@ -122,16 +133,29 @@ std::string Target::Obstacle() const {
     if (S_ISLNK(status.st_mode)) return path_ + " is a link that leads to no regular file";
     if (!S_ISREG(status.st_mode)) return path_ + " is not a regular file";
     if (existing_ == Existing::kRefuse) return path_ + " exists already (--force replaces it)";
+    if (existing_ == Existing::kReplace &&
+        faccessat(AT_FDCWD, path_.c_str(), W_OK, AT_EACCESS) != 0) {
+        return Fault("cannot replace", path_, errno);
+    }
     return existing_ == Existing::kSkip ? path_ + " appeared meanwhile" : "";
 }
 
-// One try. Leaves the part closed, without a fault, when it lost its name meanwhile, or was a stale
-// one that is removed now.
+// Whether a file that is there is to be replaced, and keeps its rights.
+bool Target::Replaces(struct stat& old) const {
+    return existing_ == Existing::kReplace && rule_ != PartRule::kKeep &&
+           lstat(path_.c_str(), &old) == 0 && S_ISREG(old.st_mode);
+}
+
+// One try. Leaves the part closed, without a fault, when its directory had to be made, when it lost
+// its name meanwhile, or was a stale one that is removed now.
 std::string Target::OpenOnce() {
     constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
     std::string fault = Obstacle();
     if (!fault.empty()) return fault;
-    Descriptor file(open(part_.c_str(), flags | O_CREAT | O_EXCL, 0666));
+    struct stat old {};
+    const mode_t mode = Replaces(old) ? RightsToReplace(old) : 0666;
+    Descriptor file(open(part_.c_str(), flags | O_CREAT | O_EXCL, mode));
+    if (!file.IsOpen() && errno == ENOENT) return MakeDirectory(part_);
     const bool found = !file.IsOpen() && errno == EEXIST;
     if (found) file = Descriptor(open(part_.c_str(), flags));
     if (!file.IsOpen()) return Fault("cannot create", part_, errno);
@@ -172,6 +196,10 @@ Outcome Target::Store(double size, const std::string& sha256, bool sync) {
     if (differs.result != EndResult::kFinished) {
         spoiled_ = differs.result == EndResult::kMismatch;
         return differs;
+    }
+    struct stat old {};
+    if (const int error = Replaces(old) ? TakeRights(Part(), old) : 0; error != 0) {
+        return Local(Fault("cannot keep the permissions of", path_, error));
     }
     if (sync && fsync(Part()) != 0) return Local(Fault("cannot write", part_, errno));
     std::string fault = Rename();

@@ -2,6 +2,8 @@
 // step that renames it.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <string>
 
@@ -12,7 +14,7 @@
 // What becomes of an existing file with the final name.
 enum class Existing {
     kRefuse,   // it stays, the target cannot be opened
-    kReplace,  // the new one replaces it
+    kReplace,  // the new one replaces it, if this user may write to it, and takes over its rights
     kSkip,     // it stays and counts as the new one
 };
 
@@ -42,9 +44,9 @@ class Target : private Uncopyable {
     // empty, which may take long. Any thread may call.
     Outcome Skip(const std::string& sha256) const;
 
-    // Creates and locks the part; to be called until it has succeeded once. Refuses a final name
-    // that is anything but a regular file, whatever the rule says. Returns the fault in one line;
-    // empty when the part is open.
+    // Creates and locks the part, and the directories that are missing; to be called until it has
+    // succeeded once. Refuses a final name that is anything but a regular file, whatever the rule
+    // says. Returns the fault in one line; empty when the part is open.
     std::string Open();
     bool IsOpen() const { return file_.IsOpen(); }
 
@@ -71,6 +73,7 @@ class Target : private Uncopyable {
   private:
     bool StillNamed() const;
     std::string Obstacle() const;
+    bool Replaces(struct stat& old) const;
     std::string OpenOnce();
     std::string Rename() const;
     bool HasRecord() const;
