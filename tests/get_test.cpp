@@ -6,6 +6,7 @@
 #include <regex>
 
 #include "Console/get/filename.h"
+#include "Console/get/inputlist.h"
 #include "Console/screen/text.h"
 #include "common/platform.h"
 #include "support/http_server.h"
@@ -395,6 +396,28 @@ TEST(Get, InterruptedItLeavesNothingButTheList) {
         EXPECT_EQ(std::multiset<char>(left.begin(), left.end()),
                   std::multiset<char>(list.begin(), list.end()));
     });
+}
+
+TEST(Get, AListWithAPasswordIsForItsOwner) {
+    const TempDir directory;
+    const std::string path = directory.Path("list");
+    const mode_t mask = umask(022);
+    const std::pair<const char*, mode_t> rows[] = {
+        {"http://u:p@h/", 0600}, {"ftp://u:p@h", 0600},   {"u:p@h", 0600},
+        {"http://u@h", 0644},    {"http://u:@h/x", 0644}, {"http://h/u:p@h", 0644}};
+    for (const auto& [address, mode] : rows) {
+        FailedList list;
+        ASSERT_EQ(list.Open(path), "");
+        list.Add({"http://first"});
+        list.Add({address});
+        EXPECT_EQ(std::filesystem::status(path + ".part").permissions(),
+                  std::filesystem::perms(mode))
+            << address;
+        EXPECT_EQ(list.Finish(false), "");
+        EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(mode))
+            << address;
+    }
+    umask(mask);
 }
 
 // The file, slowly, or at once the part of it that is asked for.

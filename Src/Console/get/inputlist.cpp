@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "Console/base/address.h"
 #include "Console/get/digest.h"
 #include "Console/get/filename.h"
 #include "Console/screen/display.h"
@@ -53,6 +54,13 @@ std::string ListLine(const Request& request) {
     const bool expressed = line.find('\n') == std::string::npos &&
                            back.address == request.address && back.name == request.name;
     return expressed ? line : "";
+}
+
+// Whether the login of the address, if it has one, is more than a user.
+bool HoldsPassword(const std::string& address) {
+    const std::string login = AuthorityOf(address).login;
+    const std::size_t colon = login.find(':');
+    return colon != login.npos && colon + 1 < login.size();
 }
 
 }  // namespace
@@ -158,6 +166,7 @@ std::string FailedList::Open(const std::string& path) {
 void FailedList::Add(const Request& request, bool more) {
     if (!IsOpen() || request.address.empty()) return;
     const std::string line = ListLine(request);
+    if (HoldsPassword(request.address)) target_->MakePrivate();
     if (!line.empty()) lines_ += line + "\n";
     if (!more || lines_.size() > kBlock) Write();
 }

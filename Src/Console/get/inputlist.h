@@ -69,8 +69,9 @@ class FailedList {
     bool IsOpen() const { return target_ != nullptr; }
 
     // Appends the request. A line with a fault is written back as it was, so that it has the fault
-    // again; an overlong one is truncated; what the format cannot express is dropped. Does nothing
-    // while no list is open. `more`: others follow at once, so the line may wait for them.
+    // again; an overlong one is truncated; what the format cannot express is dropped. From the
+    // first address with a password on, the list is readable for its owner only. Does nothing while
+    // no list is open. `more`: others follow at once, so the line may wait for them.
     void Add(const Request& request, bool more = false);
 
     // Some requests could not be added: Finish leaves "PATH.part" and the list that was there.

@@ -178,6 +178,10 @@ std::string Target::OpenOnce() {
     return "";
 }
 
+void Target::MakePrivate() const {
+    static_cast<void>(fchmod(Part(), S_IRUSR | S_IWUSR));
+}
+
 bool Target::StillNamed() const {
     return IsNamed(Part(), part_);
 }

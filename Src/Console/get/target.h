@@ -53,6 +53,10 @@ class Target : private Uncopyable {
     // Descriptor of the part, which the object owns; -1 until it is open.
     int Part() const { return file_.Get(); }
 
+    // Lets nobody but the owner read or write the part, which is open; where the file system has
+    // modes. What it gets its name with stays so.
+    void MakePrivate() const;
+
     // Whether Open has found a part with a record, of whatever quality, and left both in place.
     bool FoundPart() const { return found_; }
 
