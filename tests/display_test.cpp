@@ -99,9 +99,13 @@ TEST(DisplayTop, AScreenOf80ColumnsShowsAllThatMatters) {
     EXPECT_EQ(table[0],
               "ID       STATE       DONE SPEED       AGE     PID     WORKER COMMAND  NAME");
     for (const std::string& line : table) EXPECT_LE(text::Width(line), 79) << line;
+    view.rows.push_back(view.rows[0]);
+    view.rows[0].task.id = "00162e6743fd5c5a";
+    view.rows[1].task.id = "00162e6743fd5c5b";
+    EXPECT_EQ(TopTable(view, 39)[1], "001...5a downloading 99 % a-nam...h.iso");
     // Narrower than the columns that always stay, and a name without a visible character.
     view.rows[0].task.path = "/dir/\u0301.part";
-    EXPECT_EQ(TopTable(view, 19).size(), 2U);
+    EXPECT_EQ(TopTable(view, 19).size(), 3U);
 }
 
 // ---- The real command.

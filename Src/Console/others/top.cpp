@@ -111,8 +111,8 @@ std::vector<int> Widths(const std::vector<Cells>& table, int gap) {
     return widths;
 }
 
-// Leaves columns out, then cuts the names, until the table fits the screen. Returns the gap between
-// columns.
+// Leaves columns out, then cuts the ids, then the names, until the table fits the screen. Returns
+// the gap between columns.
 int Fit(std::vector<Cells>& table, int columns) {
     int gap = kGap;
     const auto withoutName = [&] {
@@ -126,6 +126,12 @@ int Fit(std::vector<Cells>& table, int columns) {
         const auto at = std::find(table.front().begin(), table.front().end(), title);
         const auto column = at - table.front().begin();
         for (Cells& cells : table) cells.erase(cells.begin() + column);
+    }
+    if (withoutName() + kLeastOfName > columns) {
+        const std::vector<int> widths = Widths(table, 0);
+        const int missing = withoutName() + widths.back() - columns;
+        const int room = std::max(widths.front() - missing, static_cast<int>(kLeastOfId));
+        for (Cells& cells : table) cells.front() = text::CutMiddle(cells.front(), room);
     }
     const int room = columns - withoutName();
     for (Cells& cells : table) cells.back() = text::CutMiddle(cells.back(), room);
