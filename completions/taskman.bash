@@ -32,8 +32,8 @@ _taskman() {
     local options='-h --help'
     case ${COMP_WORDS[1]} in
     get)
-        options+=' -i --input -o --output -d --dir -f --force -s --skip-existing --sha256'
-        options+=' --no-continue -R --remote-time --failed --size --format -j --jobs -n --connections --tries'
+        options+=' -i --input -o --output -d --dir -f --force -s --skip-existing --number'
+        options+=' -J --server-name --sha256 --no-continue -R --remote-time --failed --size --format -j --jobs -n --connections --tries'
         options+=' --wait --timeout -x --proxy --worker --json -q --quiet -v --verbose'
         options+=' --progress --color'
         ;;

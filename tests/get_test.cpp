@@ -7,6 +7,7 @@
 
 #include "Console/get/filename.h"
 #include "Console/get/inputlist.h"
+#include "Console/get/numbering.h"
 #include "Console/screen/text.h"
 #include "common/platform.h"
 #include "support/http_server.h"
@@ -79,6 +80,12 @@ HttpServer& Server() {
         if (is("no-length")) return Reply::Head("", "bytes");
         if (is("shrinks")) return Reply::Head(std::exchange(g_size, ""), "bytes");
         if (is("leaves")) return Reply::Redirect("ftp://127.0.0.1:1/x");
+        if (is("named")) {
+            return Reply::Head(
+                "3\r\nContent-Disposition: x; filename=\"C:\\d\\a\\\"b\"; "
+                "filename*=utf-8''d%2Fr%2Ex",
+                "abc");
+        }
         if (is("404")) return Reply::Status(404, "no such file");
         return Reply::Ok("abc");
     });
@@ -147,6 +154,14 @@ const std::vector<Row>& Rows() {
         {"-f -j1 $/good $/good2 $/x/good", "exit 3", "good good2", "refused: another URL"},
         {"-j1 $/good.part $/good2 $/good", "exit 3", "good.part good2", "another URL"},
         {"$/good $/x/good", "exit 3", "good", "refused: another URL"},
+        {"--number $/good $/x/good $/y/good.part", "exit 0", "good good.1 good.2 good.part", "",
+         old},
+        {"-J -f -j1 $/named $/x/named $/good", "exit 3", "good r.x", "r.x: refused: another URL"},
+        {"-J --number $/named $/x/named $/y/named", "exit 0", "r.1.x r.2.x r.x", "3 of 3"},
+        {"-J $/named", "exit 3", "r.x", "r.x exists already", {{"r.x", "old"}}},
+        {"-J -s --sha256 + $/named", "exit 5", "r.x", "r.x: mismatch", {{"r.x", "old"}}},
+        {"-J -s $/named", "exit 0", "r.x", "r.x: skipped", {{"r.x", "old"}}},
+        {"-J -i list", "exit 0", "list mine", "", List("$/named\tmine")},
         {"-d a/b $/good x", "exit 2", "a", "1 of 2", {}, {{"a", ""}}},
         {"-d a $/good", "exit 3", "a", "refused: cannot create a/good.part", {{"a", "abc"}}},
         {"-d no/b $/good", "exit 3", "no", "cannot make the directory no/b", {{"no", "@gone/x"}}},
@@ -321,17 +336,40 @@ TEST(Get, NoAddressHasAHostileName) {
         {a248 + "%C3%A4", a248},
     };
     for (const auto& [path, name] : rows) EXPECT_EQ(NameFromAddress("http://h/" + path), name);
+    const std::pair<std::string, std::string> servers[] = {
+        {"C:\\d/..x\\.y\n", "y"},
+        {"x.PART", "x.PART_"},
+        {"x.part.info", "x.part.info_"},
+        {a248 + ".part", a248},
+        {"x/", ""},
+        {" ", ""},
+    };
+    for (const auto& [given, name] : servers) EXPECT_EQ(NameFromServer(given), name);
+    const std::pair<std::string, std::string> numbered[] = {
+        {"a.b/a", "a.b/a.7"},
+        {"a.iso", "a.7.iso"},
+        {"x/.tar.gz", "x/.tar.7.gz"},
+        {"x/a.tar.gz", "x/a.7.tar.gz"},
+        {".x", ".x.7"},
+        {"a.part", "a.part.7"},
+        {a248 + "bc.x", a248.substr(3) + ".7.x"},
+        {"a." + a248, "a." + a248.substr(3) + ".7"},
+    };
+    for (const auto& [path, name] : numbered) EXPECT_EQ(NumberedPath(path, 7), name);
 }
 
 TEST(Get, ATargetBelongsToOneDownload) {
     g_hold = true;
-    CommandRun run, other;
+    CommandRun run, other, next;
     Begin(run, "$/held");
     ASSERT_TRUE(run.Says("held: started"));
     Begin(other, "$/good -o " + run.Path("held"));
     EXPECT_EQ(other.End(), "exit 3");
     EXPECT_TRUE(Has(other.Err(), "another download writes")) << other.Err();
-    EXPECT_EQ(run.Files(), "held.part");
+    Begin(next, "--number $/good -o " + run.Path("held"));
+    EXPECT_EQ(next.End(), "exit 0");
+    EXPECT_EQ(run.Files(), "held.1 held.part");
+    unlink(run.Path("held.1").c_str());
     WriteFile(run.Path("held"), "mine");
     g_hold = false;
     EXPECT_EQ(run.End(), "exit 3");

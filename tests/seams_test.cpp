@@ -87,6 +87,11 @@ TEST(Target, IsOnTheDiskBeforeItHasItsName) {
         EXPECT_EQ(taken.Store(1, "").status, EXIT_STATUS_MISMATCH);
     }
     g_refused = -1;
+    Target next(directory.Path("x.y"), Existing::kNumber);
+    EXPECT_EQ(next.Open(), "");
+    for (const char* name : {"x.y", "x.1.y"}) WriteFile(directory.Path(name), "other");
+    EXPECT_EQ(next.Store(0, "").message, "");
+    EXPECT_EQ(next.Path(), directory.Path("x.2.y"));
 }
 
 TEST(Space, ThatIsReservedIsForRoot) {

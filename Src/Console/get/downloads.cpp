@@ -3,13 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <optional>
 #include <utility>
 
 #include "Console/base/signals.h"
 #include "TaskMan/manager.h"
-#include "TaskMan/partrecord.h"
 
 namespace {
 
@@ -17,16 +15,10 @@ namespace {
 constexpr int kMostAtOnce = 100;
 // Files that run: those with a task and those with a helper thread.
 constexpr std::size_t kMostRunning = 3 * TASK_SLOT_COUNT;
-// Finished files that are remembered, at some 40 bytes each; then all are forgotten.
-constexpr std::size_t kMostRemembered = 1'000'000;
 // For copying the rest of a list when the end is not to be held up.
 constexpr std::chrono::seconds kCopyTime{1};
 // For the manager to take a task while none runs.
 constexpr std::chrono::seconds kRefusalTime{30};
-
-std::size_t Hash(const std::string& path) {
-    return std::hash<std::string>{}(path);
-}
 
 }  // namespace
 
@@ -121,35 +113,31 @@ bool Downloads::Start(File& file) {
 // As Fetch::Begin, unless the outcome is known without it.
 std::optional<Outcome> Downloads::Begin(Fetch& file, bool& later) {
     if (std::optional<Outcome> verdict = file.Verdict()) return verdict;
-    if (Collides(file)) {
-        return Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL,
-                       "another URL of this command goes to " + file.View().path};
-    }
-    return file.Begin(later);
+    std::optional<Outcome> end;
+    do {
+        std::string fault = Collision(file);
+        end = fault.empty() ? file.Begin(later)
+                            : Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL, std::move(fault)};
+    } while (end && file.NextName());
+    return end;
 }
 
-// Whether this command already wrote this path or is writing it, or one file's final name is
-// another file's part or the record of that.
-bool Downloads::Collides(const Fetch& file) const {
-    const std::string& path = file.View().path;
-    const std::string part = file.PartPath();
-    if (part.empty()) return false;
-    const auto takes = [](const std::string& partPath, const std::string& name) {
-        return name == partPath || name == partPath + PART_RECORD_ENDING;
-    };
-    const auto clashes = [&](const File& other) {
-        const std::string theirs = other->PartPath();
-        return other.get() != &file && !theirs.empty() &&
-               (other->View().path == path || takes(part, other->View().path) ||
-                takes(theirs, path));
-    };
-    const auto finished = [this](const std::string& name) {
-        return written_.count(Hash(name)) > 0 && access(name.c_str(), F_OK) == 0;
-    };
-    return finished(path) || finished(part) || finished(part + PART_RECORD_ENDING) ||
-           std::any_of(running_.begin(), running_.end(),
-                       [&](const auto& r) { return clashes(r.second); }) ||
-           std::any_of(resolved_.begin(), resolved_.end(), clashes);
+std::string Downloads::Collision(const Fetch& file) const {
+    std::vector<const Fetch*> others;
+    for (const auto& [id, other] : running_) others.push_back(other.get());
+    for (const File& other : resolved_) others.push_back(other.get());
+    return names_.Collision(file, others);
+}
+
+// The server has given the file its name: declines it when that cannot be used.
+void Downloads::Name(Fetch& file) const {
+    if (file.Skips()) return file.Decline("");
+    std::string fault;
+    do {
+        fault = Collision(file);
+        if (fault.empty()) fault = file.Obstacle();
+    } while (!fault.empty() && file.NextName());
+    if (!fault.empty()) file.Decline(fault);
 }
 
 void Downloads::Handle(const Event& event) {
@@ -157,6 +145,7 @@ void Downloads::Handle(const Event& event) {
     if (found == running_.end()) return;
     Fetch& file = *found->second;
     std::optional<Outcome> end;
+    if (event.kind == Event::Kind::kState && file.TakeServerName(event)) Name(file);
     if (event.kind == Event::Kind::kEnd) {
         end = event.outcome;
     } else if (!IsFinalCode(event.code)) {
@@ -186,10 +175,7 @@ void Downloads::Report(File file, Outcome outcome) {
     const std::string kept = file->Release();
     Count(*file, std::move(outcome));
     if (!kept.empty()) display_.Note(kept);
-    if (finished) {
-        if (written_.size() == kMostRemembered) written_.clear();
-        written_.insert(Hash(file->View().path));
-    }
+    if (finished) names_.NoteWritten(file->View().path);
     if (print_paths_ && there) PrintPath(file->View().path);
 }
 

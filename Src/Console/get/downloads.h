@@ -6,13 +6,13 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "Console/base/events.h"
 #include "Console/get/fetch.h"
 #include "Console/get/get.h"
 #include "Console/get/inputlist.h"
+#include "Console/get/names.h"
 #include "Console/screen/display.h"
 
 // Works on the main thread. The manager runs from the first StartNext until the last task has ended
@@ -63,7 +63,8 @@ class Downloads : private Uncopyable {
     bool MoreToBegin() const;
     bool Start(File& file);
     std::optional<Outcome> Begin(Fetch& file, bool& later);
-    bool Collides(const Fetch& file) const;
+    std::string Collision(const Fetch& file) const;
+    void Name(Fetch& file) const;
     void Report(File file, Outcome outcome);
     void PrintPath(const std::string& path);
     void Count(const Fetch& file, Outcome outcome);
@@ -74,12 +75,12 @@ class Downloads : private Uncopyable {
     FailedList& failed_;
     EventQueue& events_;
     Display& display_;
-    std::size_t taken_ = 0;                      // addresses of the options
-    File next_{};                                // read, not begun
-    std::map<std::string, File> running_{};      // by their ids; a task or a helper thread runs
-    std::deque<File> resolved_{};                // pages whose file is to be downloaded next
-    std::vector<File> unchecked_{};              // reported at a stop, their checks still run
-    std::unordered_set<std::size_t> written_{};  // hashes of the paths of the last finished files
+    std::size_t taken_ = 0;                  // addresses of the options
+    File next_{};                            // read, not begun
+    std::map<std::string, File> running_{};  // by their ids; a task or a helper thread runs
+    std::deque<File> resolved_{};            // pages whose file is to be downloaded next
+    std::vector<File> unchecked_{};          // reported at a stop, their checks still run
+    Names names_{};
     std::optional<Clock::time_point> refused_since_{};  // the manager takes no task
     Totals totals_{};
     ExitStatus status_ = EXIT_STATUS_FINISHED;

@@ -70,7 +70,8 @@ Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events)
         const std::string& text = view_.address.empty() ? request_.name : view_.address;
         view_.name = text::CutMiddle(text::Printable(text), kMostOfAddress);
     } else {
-        SetPath(NameFromAddress(view_.address));
+        const bool later = options_.serverName && request_.name.empty();
+        SetPath(NameFromAddress(view_.address), later ? Naming::kLater : Naming::kNow);
     }
 }
 
@@ -80,13 +81,50 @@ void Fetch::ReadAddress() {
 }
 
 // `name` is what the address or the page makes of it; the user's own goes first.
-void Fetch::SetPath(const std::string& name) {
+void Fetch::SetPath(const std::string& name, Naming naming) {
     const std::string& wanted = request_.name.empty() ? name : request_.name;
+    const PartRule rule = options_.continues ? PartRule::kContinue : PartRule::kRemove;
     target_ =
-        std::make_unique<Target>(Join(options_.directory, wanted), options_.existing,
-                                 options_.continues ? PartRule::kContinue : PartRule::kRemove);
+        std::make_unique<Target>(Join(options_.directory, wanted), options_.existing, rule, naming);
+    view_.name = text::Printable(BaseName(wanted));
+    ShowPath();
+}
+
+void Fetch::ShowPath() {
     view_.path = target_->Path();
-    view_.name = text::Printable(BaseName(view_.path));
+    if (!view_.path.empty()) view_.name = text::Printable(BaseName(view_.path));
+}
+
+bool Fetch::TakeServerName(const Event& event) {
+    const bool told =
+        event.code == DOWNLOAD_STATE_FILE_SIZE || event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH;
+    if (!told || page_ || target_ == nullptr || !view_.path.empty()) return false;
+    const std::string name = NameFromServer(event.answer.strFileName);
+    target_->Name(Join(options_.directory, name.empty() ? NameFromAddress(view_.address) : name));
+    ShowPath();
+    return true;
+}
+
+bool Fetch::NextName() {
+    const bool open = target_ != nullptr && target_->IsOpen();
+    if (target_ == nullptr || (open && phase_ != Phase::kTask) || !target_->NextName())
+        return false;
+    ShowPath();
+    return true;
+}
+
+void Fetch::Decline(const std::string& fault) {
+    declined_ = fault;
+    target_->Spoil();
+    StopTask(id_.c_str());
+}
+
+// The helper thread compares the existing file, which is skipped, with its digest.
+void Fetch::CheckExisting() {
+    phase_ = Phase::kChecking;
+    helper_.Start(events_, id_, [target = target_.get(), sha256 = request_.sha256] {
+        return target->Skip(sha256);
+    });
 }
 
 std::string Fetch::PartPath() const {
@@ -106,10 +144,7 @@ std::optional<Outcome> Fetch::Begin(bool& later) {
         // The file may appear while its part is still somebody else's.
         const std::string fault = target_->Skips() ? "" : target_->Open();
         if (!target_->IsOpen() && target_->Skips()) {
-            phase_ = Phase::kChecking;
-            helper_.Start(events_, id_, [target = target_.get(), sha256 = request_.sha256] {
-                return target->Skip(sha256);
-            });
+            CheckExisting();
             return std::nullopt;
         }
         if (!fault.empty()) return Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL, fault};
@@ -193,6 +228,16 @@ std::optional<Outcome> Fetch::NoteEnd(const Event& event, bool stopping) {
     phase_ = Phase::kIdle;
     if (event.size != 0) view_.size = event.size;
     view_.answer = event.answer;
+    if (declined_ && declined_->empty()) {
+        CheckExisting();
+        return std::nullopt;
+    }
+    if (declined_) {
+        return Outcome{.result = EndResult::kRefused,
+                       .status = EXIT_STATUS_LOCAL,
+                       .message = *declined_,
+                       .code = event.code};
+    }
     if (event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH) {
         NoteBeginning(event.answer);
         Store();
@@ -252,6 +297,7 @@ std::string Fetch::GiveUpPart() const {
 std::string Fetch::Release() {
     helper_.Join();
     std::string kept = GiveUpPart();
+    if (target_ != nullptr) ShowPath();
     target_.reset();
     return kept;
 }

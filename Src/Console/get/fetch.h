@@ -64,6 +64,23 @@ class Fetch : private Uncopyable {
     // same call may succeed later.
     std::optional<Outcome> Begin(bool& later);
 
+    // Notes the name that the server gives the file. True when that was awaited and has come with
+    // this event: the view has the path, and the caller sees to it that it can be used.
+    bool TakeServerName(const Event& event);
+
+    // Turns to the next name, because the present one is taken. False when there is none.
+    bool NextName();
+
+    // Why the final path cannot be used, in one line; empty when it can, or is not known.
+    std::string Obstacle() const { return target_->Obstacle(); }
+
+    // Whether the final path is that of a file that is to stay and counts as finished.
+    bool Skips() const { return target_ != nullptr && target_->Skips(); }
+
+    // Stops the task, whose file cannot have the server's name: it is refused for that `fault`, or
+    // skipped when that is empty.
+    void Decline(const std::string& fault);
+
     // Notes what the task reported.
     void NoteState(const Event& event);
 
@@ -87,7 +104,9 @@ class Fetch : private Uncopyable {
 
   private:
     void ReadAddress();
-    void SetPath(const std::string& name);
+    void SetPath(const std::string& name, Naming naming = Naming::kNow);
+    void ShowPath();
+    void CheckExisting();
     bool AddTaskFor(std::string& reason, TaskRefusal& refusal);
     tagTaskRequest TaskRequest() const;
     void NoteBeginning(const tagTaskAnswer& answer);
@@ -102,6 +121,7 @@ class Fetch : private Uncopyable {
     std::string fault_{};  // why the address cannot be used; empty: it can
     Proxy proxy_{};        // for the address
     std::unique_ptr<Target> target_{};
+    std::optional<std::string> declined_{};  // why, empty: it is skipped
     std::string id_{};
     FileView view_{};
     double seconds_ = 0;

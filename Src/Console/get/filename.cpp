@@ -1,15 +1,17 @@
 #include "Console/get/filename.h"
 
+#include <strings.h>
+
 #include <algorithm>
 
 #include "Console/base/address.h"
 #include "Console/base/utf8.h"
+#include "TaskMan/partrecord.h"
 #include "common/stringutility.h"
 #include "common/sysutility.h"
 
 namespace {
 
-constexpr std::size_t kLongestName = 254 - std::string_view(".part").size();
 const std::string kNoName = "download";
 const std::string kVideoExtension = ".flv";
 
@@ -66,13 +68,25 @@ std::string NameFault(std::string_view name) {
 std::string NameFromAddress(std::string_view address) {
     const std::string decoded = utf8::PercentDecode(LastPart(address));
     // An encoded "/" separates, too: "dir%2Ffile" gives "file".
-    const std::string name = SafeName(AfterLast(decoded, '/'), kLongestName);
+    const std::string name = SafeName(AfterLast(decoded, '/'), LONGEST_NAME);
     return strutil::trim(name).empty() ? kNoName : name;
+}
+
+std::string NameFromServer(std::string_view text) {
+    std::string name = SafeName(AfterLast(AfterLast(text, '/'), '\\'), LONGEST_NAME - 1);
+    if (strutil::trim(name).empty()) return "";
+    const std::string part = TASK_PART_ENDING, record = part + PART_RECORD_ENDING;
+    for (const std::string& ending : {part, record, part + PART_RECORD_NEW_ENDING}) {
+        const std::size_t length = std::min(name.size(), ending.size());
+        // Some file systems take small and capital letters for the same.
+        if (strcasecmp(name.c_str() + name.size() - length, ending.c_str()) == 0) return name + '_';
+    }
+    return name;
 }
 
 std::string NameFromTitle(const std::string& title) {
     if (strutil::trim(title).empty()) return kNoName + kVideoExtension;
     const std::string name =
-        SafeName(sysutility::MakeFileName(title), kLongestName - kVideoExtension.size());
+        SafeName(sysutility::MakeFileName(title), LONGEST_NAME - kVideoExtension.size());
     return (strutil::trim(name).empty() ? kNoName : name) + kVideoExtension;
 }

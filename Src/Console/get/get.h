@@ -21,6 +21,7 @@ struct GetOptions {
     std::string failed{};     // list of what did not finish, to be written; empty: none
     int jobs = 4;             // files at once, 1 to 8
     Existing existing = Existing::kRefuse;
+    bool serverName = false;  // files have the names that the servers give
     bool continues = true;  // go on with what an earlier run has left, and leave it to a later one
     std::int32_t connections = 1;  // most of one file, 1 to 10
     bool remoteTime = false;       // files get the times that they have at their servers

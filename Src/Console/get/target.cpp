@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Console/get/digest.h"
+#include "Console/get/numbering.h"
 #include "Console/get/rights.h"
 #include "Console/screen/text.h"
 #include "TaskMan/othermanagers.h"
@@ -85,8 +86,28 @@ int RenameToNew(const char* from, const char* to) {
 
 }  // namespace
 
-Target::Target(const std::string& path, Existing existing, PartRule rule)
-    : path_(Followed(path)), part_(path_ + TASK_PART_ENDING), existing_(existing), rule_(rule) {}
+Target::Target(const std::string& path, Existing existing, PartRule rule, Naming naming)
+    : base_(Followed(path)),
+      path_(naming == Naming::kNow ? base_ : ""),
+      part_(base_ + TASK_PART_ENDING),
+      existing_(existing),
+      rule_(rule) {}
+
+void Target::Name(const std::string& path) {
+    base_ = path_ = Followed(path);
+    number_ = 0;
+    struct stat old {};
+    if (Replaces(old)) fchmod(Part(), RightsToReplace(old));
+}
+
+bool Target::NextName() {
+    if (hopeless_ || (existing_ != Existing::kNumber && !path_.empty())) return false;
+    number_ = path_.empty() ? number_ + 1 : FreeNumber(base_, number_ + 1);
+    const std::string path = NumberedPath(base_, number_);
+    if (!IsOpen()) part_ = path + TASK_PART_ENDING;
+    if (!path_.empty()) path_ = path;
+    return true;
+}
 
 bool Target::Skips() const {
     struct stat status {};
@@ -107,16 +128,20 @@ Outcome Target::Skip(const std::string& sha256) const {
 }
 
 std::string Target::Open() {
+    hopeless_ = true;
     if (part_.size() > kLongestPath) {
         return "the path is longer than " + std::to_string(kLongestPath) + " bytes";
     }
-    if (path_.find('\\') != std::string::npos) return "a backslash in the path";
+    if (part_.find('\\') != std::string::npos) return "a backslash in the path";
     // The previous owner may rename or unlink the part between our open and our flock: retry.
     for (int tries = 0; tries < 10; ++tries) {
         std::string fault = OpenOnce();
         if (fault.empty() && !IsOpen()) continue;
         // The previous owner may have given its part the final name just before.
-        if (IsOpen()) fault = Obstacle();
+        if (IsOpen()) {
+            hopeless_ = false;
+            fault = Obstacle();
+        }
         if (IsOpen() && !fault.empty()) {
             GiveUp();
             file_ = Descriptor();
@@ -126,12 +151,12 @@ std::string Target::Open() {
     return part_ + " keeps changing";
 }
 
-// Why the final name cannot be used; empty when it is free or may be replaced.
 std::string Target::Obstacle() const {
     struct stat status {};
-    if (lstat(path_.c_str(), &status) != 0) return "";
+    if (path_.empty() || lstat(path_.c_str(), &status) != 0) return "";
     if (S_ISLNK(status.st_mode)) return path_ + " is a link that leads to no regular file";
     if (!S_ISREG(status.st_mode)) return path_ + " is not a regular file";
+    if (existing_ == Existing::kNumber) return path_ + " exists already";
     if (existing_ == Existing::kRefuse) return path_ + " exists already (--force replaces it)";
     if (existing_ == Existing::kReplace &&
         faccessat(AT_FDCWD, path_.c_str(), W_OK, AT_EACCESS) != 0) {
@@ -150,8 +175,12 @@ bool Target::Replaces(struct stat& old) const {
 // its name meanwhile, or was a stale one that is removed now.
 std::string Target::OpenOnce() {
     constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    // With another name at hand nothing is waited for.
+    const bool numbers = existing_ == Existing::kNumber || path_.empty();
+    const auto patience = numbers ? std::chrono::seconds(0) : kLockPatience;
     std::string fault = Obstacle();
-    if (!fault.empty()) return fault;
+    hopeless_ = fault.empty();
+    if (!hopeless_) return fault;
     struct stat old {};
     const mode_t mode = Replaces(old) ? RightsToReplace(old) : 0666;
     Descriptor file(open(part_.c_str(), flags | O_CREAT | O_EXCL, mode));
@@ -162,7 +191,8 @@ std::string Target::OpenOnce() {
     struct stat status {};
     if (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         fault = part_ + " is not a regular file";
-    } else if (const int error = TryLock(file.Get(), kLockPatience); error != 0) {
+    } else if (const int error = TryLock(file.Get(), patience); error != 0) {
+        hopeless_ = error != EWOULDBLOCK;
         fault = error == EWOULDBLOCK ? "another download writes " + part_
                                      : Fault("cannot lock", part_, error);
     }
@@ -212,10 +242,13 @@ Outcome Target::Store(double size, const std::string& sha256, bool sync) {
     return {EndResult::kFinished, EXIT_STATUS_FINISHED, "", bytes};
 }
 
-std::string Target::Rename() const {
+std::string Target::Rename() {
     const bool replace = existing_ == Existing::kReplace;
-    const int error = replace ? (rename(part_.c_str(), path_.c_str()) == 0 ? 0 : errno)
-                              : RenameToNew(part_.c_str(), path_.c_str());
+    int error = EEXIST;
+    do {
+        error = replace ? (rename(part_.c_str(), path_.c_str()) == 0 ? 0 : errno)
+                        : RenameToNew(part_.c_str(), path_.c_str());
+    } while (error == EEXIST && NextName());
     if (error == 0) return "";
     if (error == EEXIST) return path_ + " appeared meanwhile (--force replaces it)";
     return Fault("cannot create", path_, error);

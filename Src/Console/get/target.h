@@ -16,6 +16,13 @@ enum class Existing {
     kRefuse,   // it stays, the target cannot be opened
     kReplace,  // the new one replaces it, if this user may write to it, and takes over its rights
     kSkip,     // it stays and counts as the new one
+    kNumber,   // it stays, the new one gets a number (numbering.h)
+};
+
+// When the final name of a target is known.
+enum class Naming {
+    kNow,    // from the first
+    kLater,  // Name tells it before the file is stored
 };
 
 // What becomes of a part that was not stored.
@@ -30,12 +37,24 @@ enum class PartRule {
 // stands beside it (TaskMan/partrecord.h).
 class Target : private Uncopyable {
   public:
-    // A path that is a link to a regular file stands for that file, and the link stays.
+    // A path that is a link to a regular file stands for that file, and the link stays. With kLater
+    // the part alone has its name from the path, with a number when that part is taken.
     explicit Target(const std::string& path, Existing existing = Existing::kRefuse,
-                    PartRule rule = PartRule::kRemove);
+                    PartRule rule = PartRule::kRemove, Naming naming = Naming::kNow);
 
     // Gives the part up.
     ~Target() { GiveUp(); }
+
+    // Tells the final path, of a file in the same directory.
+    void Name(const std::string& path);
+
+    // Turns to the next number, that of the part as long as there is no final name. False when
+    // there is to be none, or when Open has failed for another reason than a name that is taken.
+    bool NextName();
+
+    // Why the final name cannot be used, in one line; empty when it is free, may be replaced or is
+    // not known.
+    std::string Obstacle() const;
 
     // Whether the rule is kSkip and a regular file has the final name.
     bool Skips() const;
@@ -57,12 +76,16 @@ class Target : private Uncopyable {
     // modes. What it gets its name with stays so.
     void MakePrivate() const;
 
+    // Has the part removed, whatever the rule says: it is not what is wanted.
+    void Spoil() { spoiled_ = true; }
+
     // Whether Open has found a part with a record, of whatever quality, and left both in place.
     bool FoundPart() const { return found_; }
 
-    // The final step, once Open has succeeded: checks that the part has `size` bytes (below 0: any)
-    // and the digest (empty: any), waits with `sync` until it is on the disk, and renames it. May
-    // take long; one thread, which may be another one than that of the object, may call it once.
+    // The final step, once Open has succeeded and the final name is known: checks that the part has
+    // `size` bytes (below 0: any) and the digest (empty: any), waits with `sync` until it is on the
+    // disk, and renames it. May take long; one thread, which may be another one than that of the
+    // object, may call it once.
     Outcome Store(double size, const std::string& sha256, bool sync = true);
 
     // Unlinks the part and its record if the name is still this object's, unless the rule has it
@@ -70,24 +93,27 @@ class Target : private Uncopyable {
     // it cannot. Any thread may call, also while Store runs, which fails then.
     double GiveUp() const;
 
-    // The final path: of the file itself, when a link to it was given.
+    // The final path, empty as long as it is not known: of the file itself, when a link to it was
+    // given. Store may give it another number.
     const std::string& Path() const { return path_; }
     const std::string& PartPath() const { return part_; }
 
   private:
     bool StillNamed() const;
-    std::string Obstacle() const;
     bool Replaces(struct stat& old) const;
     std::string OpenOnce();
-    std::string Rename() const;
+    std::string Rename();
     bool HasRecord() const;
     void RemoveRecord() const;
 
-    const std::string path_;
-    const std::string part_;
+    std::string base_;     // the path without a number
+    unsigned number_ = 0;  // in the final name; in that of the part as long as there is none
+    std::string path_;
+    std::string part_;
     const Existing existing_;
     const PartRule rule_;
     Descriptor file_{};
     bool found_ = false;
+    bool hopeless_ = false;             // another number would be of no use
     std::atomic<bool> spoiled_{false};  // the part is not the file that was announced
 };

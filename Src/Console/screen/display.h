@@ -78,7 +78,7 @@ class Display : private Uncopyable {
     // The worker has told whether it goes on with a partial file: once for each beginning.
     virtual void Begun(const FileView& /*file*/) {}
 
-    // The file has ended. One that was refused had no Started.
+    // The file has ended. One that was refused or skipped may have had no Started.
     virtual void Ended(const FileView& file, const Outcome& outcome) = 0;
 
     // Shows a line at once; it is printable.

@@ -87,7 +87,9 @@ std::string TakeValue(std::string_view& list) {
         return value;
     }
     while (!list.empty() && list.front() != '"') {
-        if (list.front() == '\\' && list.size() > 1) list.remove_prefix(1);
+        // Before other characters it is that of a path, from servers that do not mask it.
+        const bool masks = list.starts_with("\\\"") || list.starts_with("\\\\");
+        if (masks) list.remove_prefix(1);
         value += list.front();
         list.remove_prefix(1);
     }
@@ -125,12 +127,11 @@ std::optional<ContentRange> ParseContentRange(std::string_view value) {
 
 std::string DispositionName(std::string_view value) {
     std::string name;
-    value.remove_prefix(std::min(value.find(';'), value.size()));
-    while (TakeChar(value, ';')) {
-        const std::size_t sign = value.find('=');
-        if (sign == value.npos) break;
-        const std::string_view key = Trim(value.substr(0, sign));
-        value = value.substr(sign + 1);
+    for (std::size_t sign; (sign = value.find('=')) != value.npos;) {
+        // Before the key may stand the type, which some servers leave out, and what has no value.
+        std::string_view key = value.substr(0, sign);
+        key = Trim(key.substr(key.rfind(';') + 1));
+        value.remove_prefix(sign + 1);
         value.remove_prefix(std::min(value.find_first_not_of(" \t"), value.size()));
         const std::string text = TakeValue(value);
         if (SameWord(key, "filename*")) {
