@@ -137,6 +137,19 @@ bool IsNum(const std::string& str, bool allowDecimalPoint) {
     return true;
 }
 
+std::string toLower(std::string_view text) {
+    std::string lower(text);
+    for (char& c : lower) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return lower;
+}
+
+bool holdsControl(std::string_view text) {
+    return std::any_of(text.begin(), text.end(),
+                       [](unsigned char c) { return c < ' ' || c == 0x7F; });
+}
+
 std::string toString(const bool& value) {
     return value ? "true" : "false";
 }

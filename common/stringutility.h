@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace strutil {
@@ -43,6 +44,12 @@ std::string string_replace(std::string& str, const std::string& from, const std:
 // Whether `str` consists of decimal digits; with `allowDecimalPoint`, one "." may stand between
 // them. Throws std::invalid_argument when `str` is empty.
 bool IsNum(const std::string& str, bool allowDecimalPoint);
+
+// The text with its ASCII letters in lower case.
+std::string toLower(std::string_view text);
+
+// Whether an ASCII control character is in the text: a line of a protocol holds none.
+bool holdsControl(std::string_view text);
 
 // "true" or "false".
 std::string toString(const bool& value);

@@ -16,7 +16,7 @@ _taskman_value() {
     -x | --proxy) _taskman_words 'none http:// socks4:// socks4a:// socks5:// socks5h://' ;;
     --progress) _taskman_words 'auto bar plain none' ;;
     --color) _taskman_words 'auto always never' ;;
-    --sha256 | --size | --format | --timeout) ;;
+    --sha256 | --size | --format | --timeout | -H | --header | -A | --user-agent) ;;
     *) return 1 ;;
     esac
 }
@@ -33,11 +33,13 @@ _taskman() {
     case ${COMP_WORDS[1]} in
     get)
         options+=' -i --input -o --output -d --dir -f --force -s --skip-existing --number'
-        options+=' -J --server-name --sha256 --no-continue -R --remote-time --failed --size --format -j --jobs -n --connections --tries'
-        options+=' --wait --timeout -x --proxy --worker --json -q --quiet -v --verbose'
+        options+=' -J --server-name --sha256 --no-continue -R --remote-time --failed'
+        options+=' --size --format -j --jobs -n --connections --tries --wait --timeout'
+        options+=' -H --header -A --user-agent -x --proxy'
+        options+=' --worker --json -q --quiet -v --verbose'
         options+=' --progress --color'
         ;;
-    info) options+=' --size --json --url -x --proxy --worker' ;;
+    info) options+=' --size --json --url -H --header -x --proxy --worker' ;;
     top) options+=' --once --json' ;;
     stop)
         options+=' --all'

@@ -10,6 +10,7 @@
 
 #include "TaskMan/taskcontext.h"
 #include "common/AutoLock.h"
+#include "common/address.h"
 #include "common/httputility.h"
 #include "common/stringutility.h"
 #include "common/sysutility.h"
@@ -168,6 +169,26 @@ TEST(Texts, AreWhatTheTableSays) {
         {HttpUtility::HtmlEntityDecode("&# +65x;&#x;&#;&#X41;"), std::string("A\0\0\0", 4)},
     };
     for (const auto& [actual, expected] : rows) EXPECT_EQ(actual, expected);
+}
+
+TEST(Addresses, HaveOneOrigin) {
+    const struct {
+        const char *one, *other;
+        bool same;
+    } rows[] = {
+        {"http://h/a?b", "HTTP://H:80#c", true},   {"http://h", "http://u:p@h/", true},
+        {"https://h:443", "https://h", true},      {"http://[::1]:8/", "http://[::1]:8", true},
+        {"http://h", "http://h/@other/", true},    {"http://h", "https://h", false},
+        {"http://h", "http://h:8", false},         {"https://h:80", "http://h:80", false},
+        {"http://h", "http://x.h", false},         {"http://h", "http://h@x/", false},
+        {"http://h", "http://h\\@x/", false},      {"http://[::1]", "http://[::1]:8", false},
+        {"http:///h", "http:///x", false},         {"ftp://h", "ftp://h", false},
+        {"http://h", "http://x/?http://h", false}, {"", "", false},
+    };
+    for (const auto& [one, other, same] : rows) {
+        EXPECT_EQ(SameOrigin(one, other), same) << one << " " << other;
+        EXPECT_EQ(SameOrigin(other, one), same) << one << " " << other;
+    }
 }
 
 TEST(Texts, AreRecognised) {

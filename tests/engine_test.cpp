@@ -561,6 +561,34 @@ TEST(Engine, ARunContinues) {
     }
 }
 
+// What is sent where: the task's own server leads to another one, which first breaks off.
+TEST(Engine, SecretsStayAtTheirServer) {
+    HttpServer other([](const std::string& request, std::size_t number) {
+        return Good(request, {}, number == 0 ? 1'000'000 : std::string::npos);
+    });
+    HttpServer server(
+        {Reply::Redirect("http://localhost:" + std::to_string(other.Port()) + "/file")});
+    const TempDir directory;
+    engine::Task task;
+    task.url = server.Url();
+    task.path = directory.Path("f.part");
+    task.headers = {"authorization: 1", "Cookie: 2", "Host: three", "X-Own: 4", "Accept:"};
+    Patient watcher;
+    EXPECT_EQ(Fetch(task, watcher).end, End::kFinished);
+    // What followed the redirect, and what went to its end at once.
+    ASSERT_EQ(other.RequestCount(), 2U);
+    for (const HttpServer* each : {&server, &other}) {
+        for (const std::string& request : each->Requests()) {
+            const bool own = each == &server;
+            EXPECT_EQ(Header(request, "authorization"), own ? "1" : "");
+            EXPECT_EQ(Header(request, "Cookie"), own ? "2" : "");
+            EXPECT_EQ(Header(request, "Host") == "three", own);
+            EXPECT_EQ(Header(request, "X-Own"), "4");
+            EXPECT_FALSE(Has(request, "Accept:"));
+        }
+    }
+}
+
 TEST(Engine, AFileThatIsTakenAwayIsNoticed) {
     HttpServer server({Reply::Head("9000000", "x").Stream(1000)});
     const TempDir directory;
@@ -623,6 +651,7 @@ TEST(Extended, TheWorkerAnswers) {
     // Twice as long as the slot's field.
     request.strUrl = server.Url("/" + std::string(2000, 'a'));
     request.bContinue = true;
+    request.Headers = {"User-Agent: own", "X-Own: 1"};
     const std::string good = EncodeRequest(request);
     request.strUrl = server.Url("/none");
     const struct {
@@ -652,6 +681,8 @@ TEST(Extended, TheWorkerAnswers) {
         EXPECT_EQ(run.Slot().dFileSize, static_cast<double>(kBody.size()));
         EXPECT_EQ(run.Answered().uReceived, kBody.size());
     }
+    const std::string asked = page.Requests().at(0);
+    EXPECT_TRUE(Header(asked, "X-Own") == "1" && Has(asked, "Firefox/3.6.17\r\n\r\n")) << asked;
 }
 
 TEST(Extended, TheManagersEndEndsTheWorker) {

@@ -76,6 +76,19 @@ TEST(Extended, RefusesWhatItCannotAccept) {
          [](Task&, Request& request) { request.strUrl = "http://" + std::string(16384, 'a'); }},
         {"the address holds a control character",
          [](Task& task, Request&) { SetField(task.szDownloadUrl, "http://h/\n"); }},
+        {"a header is NAME: VALUE", [](Task&, Request& request) { request.Headers = {"X"}; }},
+        {"the header If-Range is the worker's own",
+         [](Task&, Request& request) {
+             request.Headers = {"X:", "If-Range: \"1\""};
+         }},
+        {"the header X holds a control character",
+         [](Task&, Request& request) { request.Headers = {"X: secret\r\nRange: 1"}; }},
+        {"there are more than 64 headers",
+         [](Task&, Request& request) { request.Headers.assign(65, "X: 1"); }},
+        {"the request is longer than 65536 bytes",
+         [](Task&, Request& request) {
+             request.Headers.assign(64, "X: " + Repeated(102, "1234567890"));
+         }},
         {"the task id is empty", [](Task& task, Request&) { SetField(task.szTaskID, ""); }},
         {"the address of a page belongs into the task",
          [](Task& task, Request& request) { task.nCmd = 0, request.strUrl = "http://h/"; }},

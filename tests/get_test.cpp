@@ -238,6 +238,8 @@ const std::vector<Row>& Rows() {
         {"--tries 101 $/good", "exit 2", "", "--tries"},
         {"-n 11 $/good", "exit 2", "", "--connections: Value 11 not in range 1 to 10"},
         {"--progress fast $/good", "exit 2", "", "auto|bar|plain|none"},
+        {"-H X:1 -H Range:secret $/good", "exit 2", "", "--header: the header Range is the worker"},
+        {"--hedaer=secret $/good", "exit 2", "", "unknown option --hedaer ("},
         {"--sha256 12 $/good", "exit 2", "", "64 hexadecimal digits"},
         {"-x ftp://u:secret@h $/good", "exit 2", "", "--proxy: the scheme"},
         // Pages.

@@ -87,6 +87,7 @@ engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
     task.path = FieldText(slot.szFilePath);
     task.userAgent =
         request.strUserAgent.empty() ? "taskman/" TASKMAN_VERSION : request.strUserAgent;
+    task.headers = request.Headers;
     task.sha256 = request.strSha256;
     task.keeps = request.bContinue;
     task.connections = std::clamp(slot.nBlockCount, 1, 10);
@@ -101,10 +102,10 @@ engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
 }
 
 // False when libcurl provides no handle; nothing is reported then.
-bool RunPage(tagTaskContext& task) {
+bool RunPage(tagTaskContext& task, const tagTaskRequest& request) {
     CURL* curl = curl_easy_init();
     if (curl == nullptr) return false;
-    ParseDownloadUrl(curl, &task);
+    ResolvePage(curl, &task, request.Headers);
     curl_easy_cleanup(curl);
     return true;
 }
@@ -139,7 +140,7 @@ void RunExtended(ExtendedJob& job) {
         result.answer = {TaskReason::kRequest, job.refusal};
         if (!Wanted()) result.end = engine::End::kStopped;
     } else if (!IsDownloadCommand(job.task->nCmd)) {
-        if (RunPage(*job.task)) return AnnounceEnd();
+        if (RunPage(*job.task, job.request)) return AnnounceEnd();
         result.answer = {TaskReason::kLocal, "out of memory"};
     } else {
         SlotReport report;

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string_view>
 
+#include "Tarnwick/engine/headerlist.h"
 #include "Tarnwick/engine/judge.h"
 #include "Tarnwick/extended.h"
 #include "Tarnwick/jobstate.h"
@@ -31,8 +32,6 @@ constexpr std::size_t kLongestText = sizeof(tagTaskContext::szVideoInfo);
 
 static_assert(kSite.starts_with("http://") && kSite.ends_with("/"));
 
-using HeaderList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
-
 std::size_t OnPageData(char* data, std::size_t size, std::size_t count, void* buffer) noexcept {
     return KeepExceptions(kBreakOff, [&] {
         return static_cast<std::size_t>(writer_func(data, static_cast<int>(size),
@@ -58,12 +57,13 @@ void SetDefaults(const std::string& videoId) {
     g_DefaultTitle = videoId;
 }
 
-// The entry ends in a line end of its own, and libcurl adds another, which ends the request's head:
-// nothing behind it would count as a header.
-HeaderList MakeHeaders() {
-    char entry[256];
-    strutil::vsnpf(entry, sizeof entry, "%s\r\n", kUserAgent);
-    return HeaderList(curl_slist_append(nullptr, entry), curl_slist_free_all);
+// The last entry ends in a line end of its own, and libcurl adds another, which ends the request's
+// head: nothing behind it would count as a header.
+void MakeHeaders(const std::vector<std::string>& own, engine::HeaderList& headers) {
+    for (const std::string& line : own) {
+        if (!strutil::toLower(line).starts_with("user-agent:")) headers.Add(line);
+    }
+    headers.Add(std::string(kUserAgent) + kLineEnd);
 }
 
 void SetUpFetch(CURL* curl, const tagTaskContext& task, curl_slist* headers,
@@ -197,6 +197,10 @@ std::string Finish(TryStep outcome, const tagTaskContext& task, const std::strin
 }  // namespace
 
 std::string ParseDownloadUrl(void* curl, tagTaskContext* task) {
+    return ResolvePage(curl, task, {});
+}
+
+std::string ResolvePage(void* curl, tagTaskContext* task, const std::vector<std::string>& own) {
     if (task->nCmd == TASK_CMD_PARSE) SendStateMSG(DOWNLOAD_STATE_PARSE_START);
     const std::string_view page = FieldView(task->szOrgUrl);
     const std::string videoId = page.starts_with(kSite) ? VideoIdOf(page) : std::string();
@@ -207,14 +211,14 @@ std::string ParseDownloadUrl(void* curl, tagTaskContext* task) {
     SetDefaults(videoId);
     if (g_Exit) return {};
     std::string response;
-    HeaderList headers = MakeHeaders();
-    SetUpFetch(curl, *task, headers.get(), response);
+    engine::HeaderList headers;
+    MakeHeaders(own, headers);
+    SetUpFetch(curl, *task, headers.Get(), response);
     if (g_Exit) return {};
     ClampTries(*task);
     std::string text;
     tagTaskAnswer why;
     const TryStep outcome = Resolve(curl, *task, videoId, response, text, why);
-    headers.reset();
     return Finish(outcome, *task, text, why);
 }
 

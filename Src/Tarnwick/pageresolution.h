@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "TaskMan/taskcontext.h"
 
@@ -13,6 +14,9 @@
 //
 // `curl` is a fresh handle of the caller, who only releases it afterwards. Job thread only.
 std::string ParseDownloadUrl(void* curl, tagTaskContext* task);
+
+// The same with more header lines for each request. The User-Agent stays the fixed one.
+std::string ResolvePage(void* curl, tagTaskContext* task, const std::vector<std::string>& headers);
 
 // Write callback of the page fetch: appends the size * nmemb bytes at `data` to `buffer`, which
 // holds at most 64 MiB. Returns their number; or -1, which makes libcurl abort the transfer, when a

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <charconv>
 
-#include "Console/base/address.h"
+#include "common/address.h"
 #include "common/stringutility.h"
 
 namespace {
@@ -66,9 +66,9 @@ bool Covers(std::string entry, const std::string& host) {
 bool IsExempt(std::string_view list, std::string_view address) {
     const Authority asked = AuthorityOf(address);
     const std::string host = Bare(asked.host);
-    const bool secure = LowerCase(address.substr(0, 6)) == "https:";
+    const bool secure = strutil::toLower(address.substr(0, 6)) == "https:";
     const std::size_t port = asked.port.empty() ? (secure ? 443 : 80) : NumberOf(asked.port);
-    const std::vector<std::string> entries = strutil::split(LowerCase(list), ", \t");
+    const std::vector<std::string> entries = strutil::split(strutil::toLower(list), ", \t");
     return std::any_of(entries.begin(), entries.end(), [&](const std::string& entry) {
         const std::size_t colon = entry.find(':', entry.find(']') + 1);
         // Several colons without brackets are those of an IPv6 address.

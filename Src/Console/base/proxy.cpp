@@ -2,13 +2,12 @@
 
 #include <charconv>
 #include <cstdlib>
-#include <fstream>
 #include <initializer_list>
 #include <utility>
 
-#include "Console/base/address.h"
 #include "Console/base/noproxy.h"
-#include "Console/base/utf8.h"
+#include "Console/base/textfile.h"
+#include "common/address.h"
 #include "common/fieldtext.h"
 #include "common/stringutility.h"
 
@@ -34,9 +33,9 @@ std::int32_t TypeOf(std::string_view name) {
 // Splits "user:password" and decodes both.
 std::string ReadCredentials(std::string_view text, Proxy& proxy) {
     const std::size_t colon = text.find(':');
-    proxy.user = utf8::PercentDecode(text.substr(0, colon));
+    proxy.user = PercentDecode(text.substr(0, colon));
     if (colon != std::string_view::npos) {
-        proxy.password = utf8::PercentDecode(text.substr(colon + 1));
+        proxy.password = PercentDecode(text.substr(colon + 1));
     }
     if (proxy.user.empty() || proxy.user.find(':') != std::string::npos) {
         return "the user must neither be empty nor hold a colon";
@@ -83,22 +82,12 @@ Variable FirstSet(std::initializer_list<const char*> names) {
     return {};
 }
 
-// Reads the first line of a file, without blanks around it. Returns the fault; empty when it is
-// read.
-std::string FirstLine(const std::string& path, std::string& line) {
-    std::ifstream file(path);
-    line.clear();
-    if (!std::getline(file, line)) return "cannot read the first line of " + path;
-    line = strutil::trim(line);
-    return "";
-}
-
 }  // namespace
 
 std::string ParseProxy(std::string_view address, Proxy& proxy) {
     Proxy read;
     if (const std::size_t scheme = address.find("://"); scheme != std::string_view::npos) {
-        read.type = TypeOf(LowerCase(address.substr(0, scheme)));
+        read.type = TypeOf(strutil::toLower(address.substr(0, scheme)));
         if (read.type == -1) return "the scheme must be http, socks4, socks4a, socks5 or socks5h";
         address.remove_prefix(scheme + 3);
     }
@@ -116,7 +105,9 @@ std::string ParseProxy(std::string_view address, Proxy& proxy) {
 std::string ProxyRules::Set(const std::string& text) {
     std::string address = text;
     if (text.starts_with('@')) {
-        if (std::string fault = FirstLine(text.substr(1), address); !fault.empty()) return fault;
+        std::string fault = ReadFirstLine(text.substr(1), address);
+        if (!fault.empty()) return fault;
+        address = strutil::trim(address);
     }
     Proxy proxy;
     std::string fault = text == "none" ? "" : ParseProxy(address, proxy);
@@ -129,7 +120,7 @@ std::string ProxyRules::Set(const std::string& text) {
 std::string ProxyRules::For(std::string_view address, Proxy& proxy) const {
     proxy = proxy_;
     if (given_) return "";
-    const bool secure = LowerCase(address.substr(0, 6)) == "https:";
+    const bool secure = strutil::toLower(address.substr(0, 6)) == "https:";
     const Variable named = secure
                                ? FirstSet({"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
                                : FirstSet({"http_proxy", "all_proxy", "ALL_PROXY"});

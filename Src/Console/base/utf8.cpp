@@ -9,13 +9,6 @@ bool IsContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
 
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 }  // namespace
 
 Character First(std::string_view bytes) {
@@ -45,21 +38,6 @@ std::string_view Head(std::string_view bytes, std::size_t limit) {
     if (bytes.size() <= limit) return bytes;
     while (limit > 0 && IsContinuation(bytes[limit])) --limit;
     return bytes.substr(0, limit);
-}
-
-std::string PercentDecode(std::string_view text) {
-    std::string decoded;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const int high = i + 2 < text.size() ? HexDigit(text[i + 1]) : -1;
-        const int low = high >= 0 ? HexDigit(text[i + 2]) : -1;
-        if (text[i] != '%' || low < 0) {
-            decoded += text[i];
-        } else {
-            decoded += static_cast<char>(high * 16 + low);
-            i += 2;
-        }
-    }
-    return decoded;
 }
 
 std::string Hex(std::string_view bytes) {

@@ -23,9 +23,6 @@ bool IsControl(char32_t code);
 // The first `limit` bytes, or fewer, so that no character is cut in two.
 std::string_view Head(std::string_view bytes, std::size_t limit);
 
-// Replaces every %XX by the byte; anything else stays as it is.
-std::string PercentDecode(std::string_view text);
-
 // Two hexadecimal digits in lower case for each byte.
 std::string Hex(std::string_view bytes);
 

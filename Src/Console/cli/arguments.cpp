@@ -17,6 +17,10 @@ bool HasValue(const Option& option) {
     return *option.value != '\0';
 }
 
+bool MayRepeat(const Option& option) {
+    return std::string_view(option.value).ends_with("...");
+}
+
 // The name that messages use: the last one.
 std::string_view NameOf(const Option& option) {
     const std::string_view names = option.names;
@@ -82,7 +86,7 @@ std::string Parser::Parse(bool& help) {
         }
         if (literal || argument.size() < 2 || argument[0] != '-') {
             const std::size_t row = RowOf("");
-            const bool room = row < options_.size() && (HasValue(options_[row]) || !given_[row]);
+            const bool room = row < options_.size() && (MayRepeat(options_[row]) || !given_[row]);
             fault = room ? Store(row, argument) : "unexpected argument \"" + argument + "\"";
         } else if (argument == "--") {
             literal = true;
@@ -98,7 +102,7 @@ std::string Parser::ParseLong(const std::string& argument) {
     const std::size_t equals = argument.find('=');
     const std::string name = argument.substr(0, equals);
     const std::size_t row = RowOf(name);
-    if (row == options_.size()) return "unknown option " + argument;
+    if (row == options_.size()) return "unknown option " + name;  // a value may be a password
     if (equals == std::string::npos) {
         return HasValue(options_[row]) ? StoreNext(row, argument) : Store(row, "");
     }
@@ -129,7 +133,8 @@ std::string Parser::StoreNext(std::size_t row, const std::string& argument) {
 std::string Parser::Store(std::size_t row, const std::string& value) {
     const Option& option = options_[row];
     const std::string name(NameOf(option));
-    if (IsOption(option) && HasValue(option) && given_[row]) return name + ": given more than once";
+    const bool once = IsOption(option) && HasValue(option) && !MayRepeat(option);
+    if (once && given_[row]) return name + ": given more than once";
     given_[row] = true;
     const std::string fault = option.set(value);
     return fault.empty() ? "" : name + ": " + fault;

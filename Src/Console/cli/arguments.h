@@ -15,7 +15,8 @@ using Setter = std::function<std::string(const std::string& value)>;
 struct Option {
     const char* names;  // "-j,--jobs", "--tries"; of an argument: "URL"
     const char* value;  // what the help calls the value; empty: an option that takes none, or an
-                        // argument that is given once; "...": an argument that may be repeated
+                        // argument that is given once. With "..." at its end the option, or the
+                        // argument, may be repeated
     const char* help;   // lines of at most 51 columns, with "\n" between them
     Setter set;         // called each time it is given; with an empty text when it takes no value
     const char* excludes = nullptr;  // last name of an option that it cannot be given with

@@ -12,6 +12,10 @@
 VerbForm GetForm(Command& command);
 VerbForm InfoForm(Command& command);
 
+// Rows of both, which store into what all requests of the command have in common.
+Option HeaderRow(tagTaskRequest& request);
+Option UserAgentRow(tagTaskRequest& request);
+
 // One more text for which `fault` finds nothing wrong.
 Setter More(std::vector<std::string>& texts, std::string (*fault)(std::string_view));
 

@@ -69,6 +69,7 @@ std::string DigestFault(std::string_view digest) {
 // What is wrong with the options together; empty when nothing is.
 std::string GetFault(const GetOptions& get) {
     if (get.addresses.empty() && get.input.empty()) return "a URL is required, or --input";
+    if (std::string fault = RefusalOf(get.request); !fault.empty()) return fault;
     if (get.addresses.size() == 1 && get.input.empty()) return "";
     if (!get.output.empty()) return "--output takes one URL only";
     return get.sha256.empty() ? "" : "--sha256 takes one URL only";
@@ -117,6 +118,8 @@ VerbForm GetForm(Command& command) {
              Number(get.tries.seconds, 0, 300)},
             {"--timeout", "SEC", "time for a server to answer, 0 to 86400 (30); 0 is\nfor ever",
              Number(get.timeout, 0, 86400)},
+            HeaderRow(get.request),
+            UserAgentRow(get.request),
             ProxyRow(get.proxy),
             WorkerRow(get.worker),
             {"--json", "", "events for programs, one JSON object a line", Set(display.json, true)},
@@ -138,8 +141,9 @@ VerbForm InfoForm(Command& command) {
                 SizeRow(info.format, "choose the format whose frame comes closest"),
                 {"--json", "", "print one JSON object", Set(info.json, true), "--url"},
                 {"--url", "", "print just the address of the chosen format", Set(info.url, true)},
+                HeaderRow(info.request),
                 ProxyRow(info.proxy),
                 WorkerRow(info.worker),
             },
-            [&info] { return info.address.empty() ? "URL is required" : ""; }};
+            [&info] { return info.address.empty() ? "URL is required" : RefusalOf(info.request); }};
 }

@@ -11,6 +11,7 @@
 #include "Console/page/videopage.h"
 #include "Console/screen/text.h"
 #include "TaskMan/manager.h"
+#include "common/address.h"
 #include "common/fieldtext.h"
 
 namespace {
@@ -62,7 +63,8 @@ Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events)
     : request_(std::move(request)),
       options_(options),
       events_(events),
-      page_(options.format.Given() || options.resolveOnly) {
+      page_(options.format.Given() || options.resolveOnly),
+      carried_(options.request) {
     view_.address = request_.address;
     fault_ = request_.fault;
     if (fault_.empty()) ReadAddress();
@@ -178,7 +180,7 @@ bool Fetch::AddTaskFor(std::string& reason, TaskRefusal& refusal) {
 }
 
 tagTaskRequest Fetch::TaskRequest() const {
-    tagTaskRequest request;
+    tagTaskRequest request = carried_;
     if (page_) return request;
     request.strUrl = view_.address;
     request.strSha256 = request_.sha256;
@@ -280,6 +282,8 @@ std::optional<Outcome> Fetch::TakePage(const Event& event) {
         return outcome;
     }
     page_ = false;
+    // What was given for the site of the page is not for whom that names.
+    if (!SameOrigin(view_.address, format->address)) carried_.Headers.clear();
     view_.address = format->address;
     ReadAddress();
     SetPath(NameFromTitle(page.title));

@@ -117,9 +117,10 @@ class Fetch : private Uncopyable {
     const Request request_;
     const GetOptions& options_;
     EventQueue& events_;
-    bool page_;            // the address is that of a page
-    std::string fault_{};  // why the address cannot be used; empty: it can
-    Proxy proxy_{};        // for the address
+    bool page_;               // the address is that of a page
+    std::string fault_{};     // why the address cannot be used; empty: it can
+    Proxy proxy_{};           // for the address
+    tagTaskRequest carried_;  // what requests to it carry
     std::unique_ptr<Target> target_{};
     std::optional<std::string> declined_{};  // why, empty: it is skipped
     std::string id_{};

@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
-#include "Console/base/address.h"
 #include "Console/base/utf8.h"
 #include "TaskMan/partrecord.h"
+#include "common/address.h"
 #include "common/stringutility.h"
 #include "common/sysutility.h"
 
@@ -66,7 +66,7 @@ std::string NameFault(std::string_view name) {
 }
 
 std::string NameFromAddress(std::string_view address) {
-    const std::string decoded = utf8::PercentDecode(LastPart(address));
+    const std::string decoded = PercentDecode(LastPart(address));
     // An encoded "/" separates, too: "dir%2Ffile" gives "file".
     const std::string name = SafeName(AfterLast(decoded, '/'), LONGEST_NAME);
     return strutil::trim(name).empty() ? kNoName : name;

@@ -10,6 +10,7 @@
 #include "Console/page/pagetask.h"
 #include "Console/page/videopage.h"
 #include "Console/screen/display.h"
+#include "TaskMan/tasktext.h"
 
 // What the command line says.
 struct GetOptions {
@@ -29,6 +30,7 @@ struct GetOptions {
     std::int32_t timeout = 30;  // seconds for a server to answer; 0: for ever
     std::string worker{};       // program of the workers; empty: the installed one
     ProxyRules proxy{};
+    tagTaskRequest request{};  // what all requests carry: headers and the like
     FormatWish format{};       // when given, the addresses are those of pages
     bool resolveOnly = false;  // the addresses are those of pages, of which no file is downloaded
     DisplayOptions display{};

@@ -9,11 +9,11 @@
 #include <cerrno>
 #include <utility>
 
-#include "Console/base/address.h"
 #include "Console/get/digest.h"
 #include "Console/get/filename.h"
 #include "Console/screen/display.h"
 #include "Console/screen/text.h"
+#include "common/address.h"
 #include "common/sysutility.h"
 
 namespace {

@@ -176,6 +176,7 @@ int RunInfo(const InfoOptions& options) {
     GetOptions get;
     get.addresses = {options.address};
     get.proxy = options.proxy;
+    get.request = options.request;
     get.resolveOnly = true;
     const WakePipe& wake = signals::Install();
     EventQueue events(wake);

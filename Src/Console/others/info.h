@@ -5,6 +5,7 @@
 
 #include "Console/base/proxy.h"
 #include "Console/page/videopage.h"
+#include "TaskMan/tasktext.h"
 
 // What the command line says.
 struct InfoOptions {
@@ -13,6 +14,7 @@ struct InfoOptions {
     bool url = false;       // only the address of the chosen format
     std::string worker{};
     ProxyRules proxy{};
+    tagTaskRequest request{};  // what all requests carry
     FormatWish format{};
 };
 

@@ -64,8 +64,9 @@ struct tagTaskRequest {
     std::int32_t nTries = 5;           // 1 to 100, in a row and without progress
     std::int32_t nWaitSeconds = 10;    // 0 to 300, longest pause between two tries
 
-    // Header lines "Name: value", in the order in which they are sent. After a redirect
-    // Authorization and Cookie go to no other scheme, host or port.
+    // At most 64 header lines "Name: value", in the order in which they are sent. One without a
+    // value has the header not sent at all, such as "Accept:". After a redirect Authorization
+    // and Cookie go to no other scheme, host or port, and Host to no other host.
     std::vector<std::string> Headers{};
     // Basic or digest login, as the server asks for it, at the address's own scheme, host and port
     // only. Without a user: what the netrc file, a path, says of the host; empty: no login.
@@ -105,6 +106,10 @@ struct tagTaskAnswer {
     std::int32_t nConnections = 0;  // most of them at the same time
     std::int32_t nTries = 0;        // that failed
 };
+
+// Why the line cannot be one of the headers of a request, in one line and without its value; empty
+// when it can. The worker's own, such as Range, and those of a connection are refused.
+std::string RefusalOfHeader(std::string_view line);
 
 // Why the request cannot be served, in one line; empty when nothing speaks against it.
 std::string RefusalOf(const tagTaskRequest& request);

@@ -49,7 +49,6 @@ Connection::Connection(int id, const Shared& shared)
 Connection::~Connection() {
     End();
     curl_easy_cleanup(curl_);
-    curl_slist_free_all(headers_);
 }
 
 bool Connection::Ask(Request request) {
@@ -65,13 +64,12 @@ bool Connection::Ask(Request request) {
     curl_easy_setopt(curl_, CURLOPT_URL, request_.url.c_str());
     const std::optional<Range>& range = request_.asked.range;
     curl_easy_setopt(curl_, CURLOPT_RANGE, range ? RangeText(*range).c_str() : nullptr);
-    curl_slist_free_all(headers_);
-    headers_ = nullptr;
-    if (range && !request_.ifRange.empty()) {
-        headers_ = curl_slist_append(nullptr, ("If-Range: " + request_.ifRange).c_str());
-        if (headers_ == nullptr) return false;
+    headers_.Clear();
+    if (!headers_.Add(shared_.headers, request_.foreign)) return false;
+    if (range && !request_.ifRange.empty() && !headers_.Add("If-Range: " + request_.ifRange)) {
+        return false;
     }
-    curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_);
+    curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_.Get());
     busy_ = curl_multi_add_handle(shared_.multi, curl_) == CURLM_OK;
     return busy_;
 }

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "Tarnwick/engine/headerlist.h"
 #include "Tarnwick/engine/judge.h"
 #include "Tarnwick/engine/partfile.h"
 #include "common/uncopyable.h"
@@ -41,6 +42,7 @@ struct Request {
     std::string url{};
     Asked asked{};
     std::string ifRange{};  // value of that header; empty: none
+    bool foreign = false;   // the address has another origin than that of the task
 };
 
 class Connection : private Uncopyable {
@@ -48,6 +50,7 @@ class Connection : private Uncopyable {
     // What the connections of a transfer share.
     struct Shared {
         CURLM* multi;
+        const std::vector<std::string>& headers;  // of each request
         Blocks& blocks;
         PartFile& file;
         // Sets what is the same for all requests.
@@ -110,7 +113,7 @@ class Connection : private Uncopyable {
     const int id_;
     const Shared& shared_;
     CURL* const curl_;
-    curl_slist* headers_ = nullptr;
+    HeaderList headers_{};
     Request request_{};
     Answer answer_{};
     Judgement judgement_{};

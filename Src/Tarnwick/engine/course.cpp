@@ -56,6 +56,7 @@ Course::Course(const Task& task, Watcher& watcher)
       file_(task.path, task.keeps),
       multi_(curl_multi_init()),
       shared_{multi_,
+              task.headers,
               blocks_,
               file_,
               [this](CURL* curl) { Prepare(curl); },

@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "Tarnwick/engine/course.h"
+#include "common/address.h"
 
 namespace engine {
 namespace {
@@ -118,7 +119,10 @@ void Course::NoteGain() {
     gain_from_ = Received();
 }
 
+// libcurl guards a login against the redirects that it follows; where the course asks at their end
+// by itself, the guard is here.
 bool Course::Ask(Connection& connection, Request request) {
+    request.foreign = !SameOrigin(request.url, task_.url);
     if (!connection.Ask(std::move(request))) return false;
     ++result_.answer.nRequests;
     return true;

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "Tarnwick/engine/blocks.h"
 #include "TaskMan/tasktext.h"
@@ -20,7 +21,8 @@ struct Task {
     std::string url{};   // http or https
     std::string path{};  // of the partial file
     std::string userAgent{};
-    std::string sha256{};    // of the file when it is known: then only this proves it
+    std::vector<std::string> headers{};  // of each request, see tagTaskRequest
+    std::string sha256{};                // of the file when it is known: then only this proves it
     bool keeps = false;      // go on with what is there, keep a record (TaskMan/partrecord.h)
     int connections = 1;     // most of them, 1 to 10
     int answerSeconds = 30;  // to the end of an answer's headers; 0: for ever

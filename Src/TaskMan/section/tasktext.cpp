@@ -5,6 +5,8 @@
 #include <functional>
 #include <iterator>
 
+#include "common/stringutility.h"
+
 namespace {
 
 constexpr std::string_view kLineEnd = "\r\n";
@@ -126,27 +128,13 @@ std::string ReadLine(std::string_view line, Record& record) {
     return fault;
 }
 
-bool HoldsControls(std::string_view text) {
-    return std::any_of(text.begin(), text.end(),
-                       [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; });
-}
-
-bool IsDigest(std::string_view text) {
-    return text.size() == 64 &&
-           text.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
-}
-
-bool Within(std::int32_t value, std::int32_t least, std::int32_t most) {
-    return value >= least && value <= most;
-}
-
 // What no line may hold becomes a blank.
 std::string OneLine(std::string text, std::size_t most) {
     if (text.size() > most) text.resize(most);
     std::replace_if(
         text.begin(), text.end(),
-        [](char c) {
-            return HoldsControls({&c, 1});
+        [](const char& c) {
+            return strutil::holdsControl({&c, 1});
         },
         ' ');
     return text;
@@ -163,38 +151,6 @@ TaskReason ReasonOfName(std::string_view name) {
     return found == std::end(kReasonNames)
                ? TaskReason::kOther
                : static_cast<TaskReason>(found - std::begin(kReasonNames));
-}
-
-bool IsHttpAddress(std::string_view address) {
-    for (const std::string_view scheme : {"http://", "https://"}) {
-        if (address.size() > scheme.size() &&
-            std::equal(scheme.begin(), scheme.end(), address.begin(), [](char want, char have) {
-                return want == (have >= 'A' && have <= 'Z' ? have - 'A' + 'a' : have);
-            })) {
-            return true;
-        }
-    }
-    return false;
-}
-
-std::string RefusalOf(const tagTaskRequest& request) {
-    const std::string& url = request.strUrl;
-    if (url.size() > TASK_ADDRESS_MOST) return "the address is longer than 16384 bytes";
-    if (!url.empty() && !IsHttpAddress(url)) return "the address is neither http nor https";
-    if (HoldsControls(url)) return "the address holds a control character";
-    if (request.strUserAgent.size() > kTextMost || HoldsControls(request.strUserAgent)) {
-        return "the user agent is longer than 512 bytes or holds a control character";
-    }
-    if (!request.strSha256.empty() && !IsDigest(request.strSha256)) {
-        return "the SHA-256 digest is not of 64 hexadecimal digits";
-    }
-    constexpr std::int32_t kDay = 86400;
-    if (!Within(request.nAnswerSeconds, 0, kDay) || !Within(request.nStallSeconds, 0, kDay)) {
-        return "a time limit is not of 0 to 86400 seconds";
-    }
-    if (!Within(request.nTries, 1, 100)) return "the number of tries is not 1 to 100";
-    if (!Within(request.nWaitSeconds, 0, 300)) return "the longest pause is not 0 to 300 seconds";
-    return {};
 }
 
 std::string EncodeRequest(const tagTaskRequest& request) {

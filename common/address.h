@@ -1,9 +1,12 @@
-// Whom an address asks: the part between "http://" and the path.
+// What an address says before its path: scheme, login, host and port.
+//
+// Texts of any bytes will do. Nothing here keeps state; any thread may call.
 #pragma once
 
 #include <string>
 #include <string_view>
 
+// Whom an address asks: the part between "http://" and the path.
 struct Authority {
     std::string login{};  // "user:password" as it stands there, percent-encoded; empty: none
     std::string host{};   // ASCII letters in lower case; a name is decoded, "[IPv6]" as it stands
@@ -18,5 +21,9 @@ Authority AuthorityOf(std::string_view address);
 // tried. Names of any letters and numeric addresses are hosts; a port is 1 to 65535.
 std::string AuthorityFault(const Authority& authority);
 
-// The text with its ASCII letters in lower case.
-std::string LowerCase(std::string_view text);
+// Whether both addresses have the same scheme, http or https, the same host and port (RFC 6454, 4).
+// Hosts are compared as texts: two names of one host are two hosts.
+bool SameOrigin(std::string_view one, std::string_view other);
+
+// Replaces every %XX by the byte; anything else stays as it is.
+std::string PercentDecode(std::string_view text);

@@ -1,11 +1,11 @@
-#include "Console/base/address.h"
+#include "common/address.h"
 
 #include <arpa/inet.h>
 
 #include <algorithm>
 #include <charconv>
 
-#include "Console/base/utf8.h"
+#include "common/stringutility.h"
 
 namespace {
 
@@ -34,6 +34,24 @@ std::string HostFault(std::string_view host) {
     return "";
 }
 
+// "https://host:443"; empty for other schemes, and without a host.
+std::string Origin(std::string_view address) {
+    const std::string scheme = strutil::toLower(address.substr(0, address.find("://")));
+    if (scheme != "http" && scheme != "https") return "";
+    const Authority authority = AuthorityOf(address);
+    if (authority.host.empty()) return "";
+    const std::string usual = scheme == "http" ? "80" : "443";
+    return scheme + "://" + authority.host + ":" +
+           (authority.port.empty() ? usual : authority.port);
+}
+
+int HexDigit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
 }  // namespace
 
 Authority AuthorityOf(std::string_view address) {
@@ -51,7 +69,7 @@ Authority AuthorityOf(std::string_view address) {
     const std::size_t colon = address.find(':', bracket == address.npos ? 0 : bracket);
     const std::string_view host = address.substr(0, colon);
     authority.host =
-        LowerCase(bracket == address.npos ? utf8::PercentDecode(host) : std::string(host));
+        strutil::toLower(bracket == address.npos ? PercentDecode(host) : std::string(host));
     if (colon != address.npos) authority.port = address.substr(colon + 1);
     return authority;
 }
@@ -66,10 +84,22 @@ std::string AuthorityFault(const Authority& authority) {
     return sound && number >= 1 && number <= 65535 ? "" : "the port must be 1 to 65535";
 }
 
-std::string LowerCase(std::string_view text) {
-    std::string lower(text);
-    for (char& c : lower) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+bool SameOrigin(std::string_view one, std::string_view other) {
+    const std::string origin = Origin(one);
+    return !origin.empty() && origin == Origin(other);
+}
+
+std::string PercentDecode(std::string_view text) {
+    std::string decoded;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const int high = i + 2 < text.size() ? HexDigit(text[i + 1]) : -1;
+        const int low = high >= 0 ? HexDigit(text[i + 2]) : -1;
+        if (text[i] != '%' || low < 0) {
+            decoded += text[i];
+        } else {
+            decoded += static_cast<char>(high * 16 + low);
+            i += 2;
+        }
     }
-    return lower;
+    return decoded;
 }
