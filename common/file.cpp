@@ -42,6 +42,18 @@ int TryLock(int descriptor, std::chrono::milliseconds patience) {
     return error;
 }
 
+bool WriteAt(int descriptor, std::string_view bytes, std::uint64_t offset) {
+    while (!bytes.empty()) {
+        const ssize_t written =
+            pwrite(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (written == -1 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+        offset += static_cast<std::uint64_t>(written);
+    }
+    return true;
+}
+
 bool LacksSpace(const std::string& path, double size) {
     constexpr double kBlock = 512;  // unit of st_blocks
     struct stat file {};

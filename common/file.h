@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -48,6 +50,10 @@ bool IsOwnRegular(const struct stat& status);
 // Locks the open file for this process (flock, exclusive), trying for at most `patience`. Returns
 // 0; EWOULDBLOCK when somebody else has it locked; or another error number.
 int TryLock(int descriptor, std::chrono::milliseconds patience = std::chrono::milliseconds(0));
+
+// Writes all bytes at the offset, from the file's beginning. False when an error, which errno
+// tells, comes before the last one.
+bool WriteAt(int descriptor, std::string_view bytes, std::uint64_t offset);
 
 // Whether the file system of `path` has too little room for a file of `size` bytes there, of which
 // some may be there already. False when that cannot be said. May wait for the file system.

@@ -1,5 +1,6 @@
-// What differs from one operating system to the next, one source per system (platform_linux.cpp,
-// platform_macos.cpp). Nothing else in the tree asks on which system it runs.
+// What differs from one operating system to the next, in sources of each system
+// (platform_linux.cpp, confine_linux.cpp, and those of macos). Nothing else in the tree asks on
+// which system it runs.
 #pragma once
 
 #include <pthread.h>
@@ -171,5 +172,27 @@ int SyncData(int descriptor);
 
 // Changes with each start of the machine; empty where the system does not tell.
 std::string BootId();
+
+// ---- What a process gives up.
+
+// What it still needs of the file system. Paths lead through links; those that are not there are
+// skipped.
+struct Confinement {
+    std::vector<std::string> readable{};  // files, and directories with all below them
+    std::vector<std::string> writable{};  // the same, to be read as well; in directories regular
+                                          // files may be made, and nothing removed or renamed
+};
+
+// Takes from the calling thread, and from all threads and processes that it starts later, the right
+// to execute anything, to open files but those that are `left`, and, where the system knows that,
+// to signal processes outside of these. What is open already stays usable. Processes outside cannot
+// be traced, either. Returns 0, or an error number: ENOTSUP where the system has no such thing;
+// programs that are executed gain no rights even then. Nothing gives back what was taken.
+int Confine(const Confinement& left);
+
+// What Confine takes on this system, in words that do not change: "files"; "truncate", cutting them
+// by their name; "devices", controlling those that are opened later; "signals". None where it takes
+// nothing.
+std::vector<std::string> Confines();
 
 }  // namespace platform

@@ -524,7 +524,8 @@ TEST(Engine, ARunContinues) {
     EXPECT_TRUE(ReadPartRecord(task.path, record));
     EXPECT_EQ(BytesIn(record.have), 2'000'000U);
     const std::string part = ReadFile(task.path);
-    const std::string info = ReadFile(task.path + PART_RECORD_ENDING);
+    const std::string both = ReadFile(task.path + PART_RECORD_ENDING);
+    const std::string info = both.substr(0, both.find('\0'));
 
     HttpServer good([](const std::string& request, std::size_t) { return Good(request); });
     HttpServer other([](const std::string& request, std::size_t) {
@@ -544,6 +545,8 @@ TEST(Engine, ARunContinues) {
         {"a damaged record", good, part, elsewhere, 0, kBody},
         {"a torn record", good, part, info.substr(0, info.size() / 2), 0, kBody},
         {"only its first part", good, part, info.substr(0, info.find("time=")), 2'000'000, kBody},
+        {"its copy", good, part, std::string(PART_RECORD_COPY, 'x') + both.substr(PART_RECORD_COPY),
+         2'000'000, kBody},
         {"a shorter file", good, part.substr(1), info, 0, kBody},
         {"no record", good, part, "", 0, kBody},
     };
@@ -703,6 +706,37 @@ TEST(Extended, TheManagersEndEndsTheWorker) {
     PartRecord record;
     EXPECT_TRUE(ReadPartRecord(run.Output(), record));
     EXPECT_EQ(BytesIn(record.have), 100'000U);
+}
+
+TEST(Extended, AWorkerThatWasTakenOverHasItsOwnFileAlone) {
+    const std::vector<std::string> rights = platform::Confines();
+    if (rights.empty()) GTEST_SKIP() << "this kernel confines nothing";
+    HttpServer server([](const std::string& request, std::size_t) { return Good(request); });
+    tagTaskRequest request;
+    request.bContinue = true;
+    for (const bool confined : {false, true}) {
+        Extended run;
+        run.program = HOSTILE_WORKER_PATH;
+        run.environment.push_back("HOME=" + run.Path());
+        std::filesystem::create_directory(run.Path(".ssh"));
+        for (const char* name : {".ssh/id", "other.part", "victim", "cut"}) {
+            WriteFile(run.Path(name), "secret");
+        }
+        run.Request(server.Url());
+        confined ? run.Begin(EncodeRequest(request)) : run.Start();
+        EXPECT_EQ(run.End(), "exit 0");
+        EXPECT_EQ(run.Final(), 1U << DOWNLOAD_STATE_DOWNLOAD_FINISH) << run.Answered().strMessage;
+        EXPECT_TRUE(ReadFile(run.Output()) == kBody);
+        const std::string achieved = run.Err();
+        EXPECT_TRUE(achieved.ends_with("tried\n")) << achieved;
+        if (!confined) {
+            EXPECT_EQ(std::count(achieved.begin(), achieved.end(), '\n'), 13) << achieved;
+            continue;
+        }
+        for (const std::string& right : rights) EXPECT_FALSE(Has(achieved, right)) << achieved;
+        if (achieved != "tried\n") std::cout << "this kernel leaves " << achieved;
+        EXPECT_EQ(run.Files(), ".ssh cut other.part output output.info victim");
+    }
 }
 
 }  // namespace

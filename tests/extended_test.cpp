@@ -2,6 +2,7 @@
 #include <sys/mman.h>
 
 #include "TaskMan/deadmanagers.h"
+#include "TaskMan/partrecord.h"
 #include "support/campaign.h"
 #include "support/http_server.h"
 
@@ -151,7 +152,7 @@ TEST(Extended, GoesWithItsManagerAndLeavesWhatCanBeContinued) {
     const pid_t manager = fork();
     if (manager == 0) RunManager(part[0], worker), _exit(0);
     // A manager of another test may see the worker without its manager first, and kill it.
-    EXPECT_TRUE(WaitUntil([&] { return worker != 0 && FileExists(part[0] + ".info"); }));
+    EXPECT_TRUE(WaitUntil([&] { return worker != 0 && HasPartRecord(part[0]); }));
     const platform::ProcessWatch process(worker);
     kill(manager, SIGKILL);
     waitpid(manager, nullptr, 0);

@@ -9,6 +9,7 @@
 #include "Console/get/inputlist.h"
 #include "Console/get/numbering.h"
 #include "Console/screen/text.h"
+#include "TaskMan/partrecord.h"
 #include "common/platform.h"
 #include "support/http_server.h"
 #include "support/processes.h"
@@ -370,7 +371,7 @@ TEST(Get, ATargetBelongsToOneDownload) {
     EXPECT_TRUE(Has(other.Err(), "another download writes")) << other.Err();
     Begin(next, "--number $/good -o " + run.Path("held"));
     EXPECT_EQ(next.End(), "exit 0");
-    EXPECT_EQ(run.Files(), "held.1 held.part");
+    EXPECT_EQ(run.Files(), "held.1 held.part held.part.info");
     unlink(run.Path("held.1").c_str());
     WriteFile(run.Path("held"), "mine");
     g_hold = false;
@@ -498,7 +499,7 @@ TEST(Get, WhatDidNotFinishIsContinued) {
         const std::string target = " -o " + run.Path("file") + " " + server.Url();
         Begin(run, target);
         const platform::ProcessWatch worker(run.Worker());
-        ASSERT_TRUE(WaitUntil([&] { return FileExists(run.Path("file.part.info")); }));
+        ASSERT_TRUE(WaitUntil([&] { return HasPartRecord(run.Path("file.part")); }));
         if (how == "worker") {
             worker.Signal(SIGKILL);
         } else {

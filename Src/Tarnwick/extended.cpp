@@ -1,11 +1,13 @@
 #include "Tarnwick/extended.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <limits>
 
 #include "Tarnwick/channel.h"
+#include "Tarnwick/confinement.h"
 #include "Tarnwick/engine/transfer.h"
 #include "Tarnwick/jobstate.h"
 #include "Tarnwick/pageresolution.h"
@@ -126,9 +128,20 @@ bool IsExtended(const tagTaskContext& task) {
     return task.nReserved1 == TASK_EXTENDED;
 }
 
-ExtendedJob ReceiveJob(tagTaskContext* task) {
+ExtendedJob PrepareJob(tagTaskContext* task) {
+    using engine::Fault;
     ExtendedJob job{task};
-    job.refusal = ReceiveRequest(job.request, Wanted);
+    if (const std::string refusal = ReceiveRequest(job.request, Wanted); !refusal.empty()) {
+        job.fault = Fault{TaskReason::kRequest, 0, refusal};
+    } else if (IsDownloadCommand(task->nCmd)) {
+        job.file =
+            std::make_unique<engine::PartFile>(FieldText(task->szFilePath), job.request.bContinue);
+        job.fault = job.file->Open([] { return Wanted() && OwnsSlot(); });
+    }
+    if (job.fault) return job;
+    if (const std::string failure = Confine(job.request); !failure.empty()) {
+        job.fault = Fault{TaskReason::kLocal, 0, failure};
+    }
     return job;
 }
 
@@ -136,15 +149,15 @@ void RunExtended(ExtendedJob& job) {
     // A file beyond the limit is a fault like any other, not the process's end.
     std::signal(SIGXFSZ, SIG_IGN);
     engine::Result result;
-    if (!job.refusal.empty()) {
-        result.answer = {TaskReason::kRequest, job.refusal};
+    if (job.fault) {
+        result = engine::Failed(*job.fault);
         if (!Wanted()) result.end = engine::End::kStopped;
     } else if (!IsDownloadCommand(job.task->nCmd)) {
         if (RunPage(*job.task, job.request)) return AnnounceEnd();
-        result.answer = {TaskReason::kLocal, "out of memory"};
+        result = engine::Failed({TaskReason::kLocal, ENOMEM, "out of memory"});
     } else {
         SlotReport report;
-        result = engine::Fetch(TaskOf(*job.task, job.request), report);
+        result = engine::Fetch(TaskOf(*job.task, job.request), *job.file, report);
     }
     Report(result, *job.task);
     g_Exit = true;

@@ -2,8 +2,9 @@
 // of the slot, with code 10 and with the final code.
 #pragma once
 
-#include <string>
+#include <memory>
 
+#include "Tarnwick/engine/partfile.h"
 #include "TaskMan/taskcontext.h"
 #include "TaskMan/tasktext.h"
 
@@ -14,16 +15,18 @@ bool IsExtended(const tagTaskContext& task);
 struct ExtendedJob {
     tagTaskContext* task = nullptr;  // copy of its slot; outlives the job
     tagTaskRequest request{};
-    std::string refusal{};  // why there is no request, in one line; empty: there is one
+    std::unique_ptr<engine::PartFile> file{};  // of a download, open
+    engine::MaybeFault fault{};                // why there is nothing to do
 };
 
-// Waits for the request of `task`, as long as a stop is not requested and the manager lives. Main
-// thread only, before the job has a thread.
-ExtendedJob ReceiveJob(tagTaskContext* task);
+// Waits for the request of `task`, as long as a stop is not requested and the manager lives, opens
+// the partial file, and confines the process (confinement.h). Main thread only, once, before the
+// job has a thread.
+ExtendedJob PrepareJob(tagTaskContext* task);
 
-// Carries out an extended task, a download or a page, to its final code; a job without a request
-// fails with the reason `request`. Nothing is reported when the manager is gone, or the slot no
-// longer the task's: a partial file is left so that it can be continued. Job thread only.
+// Carries out an extended task, a download or a page, to its final code. Nothing is reported when
+// the manager is gone, or the slot no longer the task's: a partial file is left so that it can be
+// continued. Job thread only.
 void RunExtended(ExtendedJob& job);
 
 // The failure code of a page task; of an extended one with the answer. Job thread only.

@@ -133,7 +133,7 @@ void* RunExtendedJob(void* data) {
 }
 
 void StartExtendedJob() {
-    auto job = std::make_unique<ExtendedJob>(ReceiveJob(&g_TaskConData));
+    auto job = std::make_unique<ExtendedJob>(PrepareJob(&g_TaskConData));
     if (StartJobThread(RunExtendedJob, job.get())) static_cast<void>(job.release());
 }
 

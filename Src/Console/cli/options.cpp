@@ -9,6 +9,7 @@
 #include "Console/base/outcome.h"
 #include "Console/cli/arguments.h"
 #include "Console/cli/forms.h"
+#include "common/platform.h"
 
 Setter More(std::vector<std::string>& texts, std::string (*fault)(std::string_view)) {
     return [&texts, fault](const std::string& value) {
@@ -124,6 +125,15 @@ int Refuse(const std::string& reason, const std::string& verb) {
     return EXIT_STATUS_USAGE;
 }
 
+// The version, and what workers of this system give up (platform.h).
+std::string Version() {
+    std::string words;
+    for (const std::string& word : platform::Confines()) {
+        words += (words.empty() ? "" : ", ") + word;
+    }
+    return "taskman " TASKMAN_VERSION "\nconfinement: " + (words.empty() ? "none" : words) + "\n";
+}
+
 }  // namespace
 
 std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& command) {
@@ -139,7 +149,7 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Command& 
                                "",
                                {{"--version", "", "Print the version and exit", nullptr}}}));
     }
-    if (word == "--version") return print("taskman " TASKMAN_VERSION "\n");
+    if (word == "--version") return print(Version());
     if (word == "--") {
         std::fputs(kUsage, stderr);
         return EXIT_STATUS_USAGE;

@@ -76,7 +76,7 @@ std::string NameFromServer(std::string_view text) {
     std::string name = SafeName(AfterLast(AfterLast(text, '/'), '\\'), LONGEST_NAME - 1);
     if (strutil::trim(name).empty()) return "";
     const std::string part = TASK_PART_ENDING, record = part + PART_RECORD_ENDING;
-    for (const std::string& ending : {part, record, part + PART_RECORD_NEW_ENDING}) {
+    for (const std::string& ending : {part, record}) {
         const std::size_t length = std::min(name.size(), ending.size());
         // Some file systems take small and capital letters for the same.
         if (strcasecmp(name.c_str() + name.size() - length, ending.c_str()) == 0) return name + '_';

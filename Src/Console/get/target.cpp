@@ -197,7 +197,7 @@ std::string Target::OpenOnce() {
                                      : Fault("cannot lock", part_, error);
     }
     if (!fault.empty() || !IsNamed(file.Get(), part_)) return fault;
-    found_ = found && rule_ == PartRule::kContinue && HasRecord();
+    found_ = found && rule_ == PartRule::kContinue && HasPartRecord(part_);
     if (!found_) RemoveRecord();
     if (found && !found_) {
         // No download owns it, but a worker whose command was killed may still write into it.
@@ -254,10 +254,6 @@ std::string Target::Rename() {
     return Fault("cannot create", path_, error);
 }
 
-bool Target::HasRecord() const {
-    return access((part_ + PART_RECORD_ENDING).c_str(), F_OK) == 0;
-}
-
 void Target::RemoveRecord() const {
     // A list of what did not finish has none, and what stands beside it is somebody else's.
     if (rule_ != PartRule::kKeep) RemovePartRecord(part_);
@@ -265,7 +261,13 @@ void Target::RemoveRecord() const {
 
 double Target::GiveUp() const {
     struct stat status {};
-    if (!IsOpen() || !StillNamed() || fstat(Part(), &status) != 0) return -1;
+    if (!IsOpen()) return -1;
+    if (!StillNamed()) {
+        // Whoever took the part away has left what stood beside it.
+        if (access(part_.c_str(), F_OK) != 0) RemoveRecord();
+        return -1;
+    }
+    if (fstat(Part(), &status) != 0) return -1;
     if (rule_ == PartRule::kKeep && status.st_size > 0) return -1;
     const bool may = rule_ == PartRule::kContinue && !spoiled_;
     const double percent =

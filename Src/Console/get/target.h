@@ -103,7 +103,6 @@ class Target : private Uncopyable {
     bool Replaces(struct stat& old) const;
     std::string OpenOnce();
     std::string Rename();
-    bool HasRecord() const;
     void RemoveRecord() const;
 
     std::string base_;     // the path without a number

@@ -1,10 +1,12 @@
 // The text that stands beside a partial file, NAME.part.info, and tells which bytes of it are
 // there.
 //
-// Lines "key=value", each ended by LF, in two parts. The first, which is replaced as a whole, tells
-// what the file is and which bytes had reached the disk then. The second follows it and is written
-// over in place: which bytes the file has when only processes die. It holds no longer once the
-// machine was started anew. Each part ends with a checksum of all that stands before.
+// Lines "key=value", each ended by LF, in two parts. The first tells what the file is and which
+// bytes had reached the disk when it was written. The second follows it and is written over in
+// between: which bytes the file has when only processes die. It holds no longer once the machine
+// was started anew. Each part ends with a checksum of all that stands before. At offset 32768
+// stands a copy of both, which counts when the first part is damaged: it reaches the disk before a
+// new first part is written. An empty file is no record yet.
 //
 // The worker of an extended task writes it while it downloads, when its request says so. Any thread
 // may call; what is read may be any bytes.
@@ -18,9 +20,9 @@
 #include <string_view>
 #include <vector>
 
-constexpr const char* PART_RECORD_ENDING = ".info";          // behind the partial file's path
-constexpr const char* PART_RECORD_NEW_ENDING = ".info.new";  // of the one that will replace it
-constexpr std::size_t PART_RECORD_RANGES = 64;               // recorded; of more, the first
+constexpr const char* PART_RECORD_ENDING = ".info";  // behind the partial file's path
+constexpr std::size_t PART_RECORD_RANGES = 64;       // recorded; of more, the first
+constexpr std::size_t PART_RECORD_COPY = 32 * 1024;  // offset of the copy
 
 // Bytes `begin` up to, but not including, `end`.
 struct ByteRange {
@@ -59,7 +61,7 @@ std::string EncodePartHave(const PartRecord& record, std::string_view first);
 bool DecodePartRecord(std::string_view text, PartRecord& record);
 
 // Reads the record of the partial file `path`; `have` then holds what can be relied on today.
-// Returns false when there is a record and it is damaged.
+// Returns false when there is a record and it is damaged, and so is its copy.
 bool ReadPartRecord(const std::string& path, PartRecord& record);
 
 // Whether a file of `size` bytes can be the partial file that the record tells of: all that is in
@@ -71,7 +73,10 @@ bool FitsPartFile(const PartRecord& record, std::uint64_t size);
 // holds nothing or does not fit.
 double ContinuablePercent(const std::string& path, std::uint64_t size);
 
-// Removes the record of the partial file `path`, if there is one.
+// Whether the partial file `path` has a record, sound or not.
+bool HasPartRecord(const std::string& path);
+
+// Removes the record of the partial file `path`, if there is one; also an empty one.
 void RemovePartRecord(const std::string& path);
 
 // Number of bytes in the ranges.

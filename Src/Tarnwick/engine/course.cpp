@@ -45,15 +45,29 @@ bool Passed(Clock::time_point since, int seconds, Clock::time_point now) {
 
 }  // namespace
 
-Result Fetch(const Task& task, Watcher& watcher) {
+Result Fetch(const Task& task, PartFile& file, Watcher& watcher) {
     const Utf8Names names;
-    return Course(task, watcher).Run();
+    return Course(task, file, watcher).Run();
 }
 
-Course::Course(const Task& task, Watcher& watcher)
+Result Fetch(const Task& task, Watcher& watcher) {
+    PartFile file(task.path, task.keeps);
+    const MaybeFault fault = file.Open([&watcher] { return !watcher.EndAsked(); });
+    return fault ? Failed(*fault) : Fetch(task, file, watcher);
+}
+
+Result Failed(const Fault& fault) {
+    Result result;
+    result.answer.Reason = fault.reason;
+    result.answer.strMessage = fault.message;
+    result.answer.nErrno = fault.number;
+    return result;
+}
+
+Course::Course(const Task& task, PartFile& file, Watcher& watcher)
     : task_(task),
       watcher_(watcher),
-      file_(task.path, task.keeps),
+      file_(file),
       multi_(curl_multi_init()),
       shared_{multi_,
               task.headers,
@@ -96,9 +110,6 @@ Result Course::Run() {
 void Course::Open() {
     next_tick_ = Clock::now() + kTick;
     if (multi_ == nullptr) return GiveUp(TaskReason::kLocal, "out of memory");
-    if (MaybeFault fault = file_.Open([this] { return !watcher_.EndAsked(); })) {
-        return GiveUp(*fault);
-    }
     const PartRecord* found = file_.Found();
     if (found == nullptr) {
         result_.answer.strMessage = file_.Disregarded();

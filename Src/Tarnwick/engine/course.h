@@ -20,7 +20,7 @@ namespace engine {
 
 class Course : private Uncopyable {
   public:
-    Course(const Task& task, Watcher& watcher);
+    Course(const Task& task, PartFile& file, Watcher& watcher);
     ~Course();
 
     Result Run();
@@ -73,7 +73,7 @@ class Course : private Uncopyable {
 
     const Task& task_;
     Watcher& watcher_;
-    PartFile file_;
+    PartFile& file_;
     Blocks blocks_;
     CURLM* const multi_;
     Connection::Shared shared_;

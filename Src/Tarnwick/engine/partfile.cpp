@@ -30,22 +30,15 @@ constexpr auto kWriterPatience = 3s;
 // A writer elsewhere lives as long as its record is younger than this, in seconds.
 constexpr std::int64_t kWriterAge = 30;
 
-bool WriteAll(int file, const char* bytes, std::size_t size, std::uint64_t offset) {
-    while (size > 0) {
-        const ssize_t written = pwrite(file, bytes, size, static_cast<off_t>(offset));
-        if (written == -1 && errno == EINTR) continue;
-        if (written <= 0) return false;
-        bytes += written;
-        size -= static_cast<std::size_t>(written);
-        offset += static_cast<std::uint64_t>(written);
-    }
-    return true;
-}
-
 std::int64_t Started(pid_t pid) {
     const double age = platform::ProcessAge(pid);
     return age < 0 ? 0
                    : static_cast<std::int64_t>(std::time(nullptr)) - static_cast<std::int64_t>(age);
+}
+
+void NoteIn(PartRecord& record, const std::vector<ByteRange>& have) {
+    record.have = have;
+    record.time = static_cast<std::int64_t>(std::time(nullptr));
 }
 
 // Whether the process that is called so in a record is one that lives.
@@ -63,13 +56,7 @@ PartWriter ThisWriter() {
     return {host, platform::BootId(), getpid(), Started(getpid())};
 }
 
-PartFile::PartFile(const std::string& path, bool keeps)
-    : path_(path), info_(path + PART_RECORD_ENDING), keeps_(keeps) {}
-
-PartFile::~PartFile() {
-    if (record_file_ != -1) close(record_file_);
-    if (file_ != -1) close(file_);
-}
+PartFile::PartFile(const std::string& path, bool keeps) : path_(path), keeps_(keeps) {}
 
 Fault PartFile::LocalFault(const char* what, int number) const {
     const bool full = number == ENOSPC || number == EDQUOT;
@@ -79,6 +66,7 @@ Fault PartFile::LocalFault(const char* what, int number) const {
 
 MaybeFault PartFile::Open(const std::function<bool()>& patient) {
     if (MaybeFault fault = OpenFile()) return fault;
+    self_ = ThisWriter();
     started_ = synced_ = Clock::now();
     PartRecord record;
     bool sound = ReadPartRecord(path_, record);
@@ -88,9 +76,14 @@ MaybeFault PartFile::Open(const std::function<bool()>& patient) {
         sound = ReadPartRecord(path_, record);
     }
     if (!sound) disregarded_ = "the record of the partial file is damaged";
-    if (!keeps_ || record.size == 0) return std::nullopt;
+    if (!keeps_) {
+        RecordFile::Remove(path_);
+        return std::nullopt;
+    }
+    record_file_.Open(path_);
+    if (record.size == 0) return std::nullopt;
     struct stat status {};
-    if (fstat(file_, &status) != 0 ||
+    if (fstat(file_.Get(), &status) != 0 ||
         !FitsPartFile(record, static_cast<std::uint64_t>(status.st_size))) {
         disregarded_ = "the record of the partial file does not fit its size";
     } else if (!record.have.empty()) {
@@ -104,9 +97,10 @@ MaybeFault PartFile::Open(const std::function<bool()>& patient) {
 MaybeFault PartFile::OpenFile() {
     struct stat status {};
     if (path_.empty()) return Fault{TaskReason::kLocal, EINVAL, "no output path"};
-    file_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666);
-    if (file_ == -1) return LocalFault("cannot open", errno);
-    if (fstat(file_, &status) != 0) return LocalFault("cannot look at", errno);
+    constexpr int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK;
+    file_ = Descriptor(open(path_.c_str(), flags, 0666));
+    if (!file_.IsOpen()) return LocalFault("cannot open", errno);
+    if (fstat(file_.Get(), &status) != 0) return LocalFault("cannot look at", errno);
     if (!S_ISREG(status.st_mode)) {
         return Fault{TaskReason::kLocal, EINVAL, path_ + " is not a regular file"};
     }
@@ -115,16 +109,15 @@ MaybeFault PartFile::OpenFile() {
 
 MaybeFault PartFile::WaitForWriter(const PartWriter& writer, std::int64_t time,
                                    const std::function<bool()>& patient) {
-    const PartWriter self = ThisWriter();
     const Fault inUse{TaskReason::kLocal, EBUSY, "another process writes " + path_};
-    if (writer.host != self.host || writer.boot != self.boot) {
+    if (writer.host != self_.host || writer.boot != self_.boot) {
         // A machine that was started anew has no writer of before.
-        if (writer.host == self.host) return std::nullopt;
+        if (writer.host == self_.host) return std::nullopt;
         const std::int64_t age = static_cast<std::int64_t>(std::time(nullptr)) - time;
         return std::abs(age) < kWriterAge ? MaybeFault(inUse) : std::nullopt;
     }
     const Clock::time_point until = Clock::now() + kWriterPatience;
-    while (writer.pid != self.pid && Lives(writer)) {
+    while (writer.pid != self_.pid && Lives(writer)) {
         if (!patient() || Clock::now() >= until) return inUse;
         std::this_thread::sleep_for(20ms);
     }
@@ -135,10 +128,10 @@ MaybeFault PartFile::Restart() {
     found_.reset();
     DropRecord();
     struct stat status {};
-    if (fstat(file_, &status) != 0) return LocalFault("cannot look at", errno);
+    if (fstat(file_.Get(), &status) != 0) return LocalFault("cannot look at", errno);
     // A file system takes its time to cut a file, also one that is empty. Blocks without a size
     // were reserved for what was there before.
-    if ((status.st_size > 0 || status.st_blocks > 0) && ftruncate(file_, 0) != 0)
+    if ((status.st_size > 0 || status.st_blocks > 0) && ftruncate(file_.Get(), 0) != 0)
         return LocalFault("cannot empty", errno);
     return std::nullopt;
 }
@@ -146,10 +139,10 @@ MaybeFault PartFile::Restart() {
 MaybeFault PartFile::Describe(const PartRecord& about, std::uint64_t missing) {
     if (described_) return std::nullopt;
     struct statvfs system {};
-    if (fstatvfs(file_, &system) == 0 && system.f_blocks != 0) {
+    if (fstatvfs(file_.Get(), &system) == 0 && system.f_blocks != 0) {
         struct stat status {};
         const std::uint64_t room = std::uint64_t{system.f_bavail} * system.f_frsize;
-        fstat(file_, &status);
+        fstat(file_.Get(), &status);
         // What was reserved in an earlier run counts as room.
         const std::uint64_t taken = static_cast<std::uint64_t>(status.st_blocks) * 512;
         const std::uint64_t needed = std::min(missing, about.size - std::min(about.size, taken));
@@ -161,23 +154,23 @@ MaybeFault PartFile::Describe(const PartRecord& about, std::uint64_t missing) {
                              " MB are free"};
         }
         if (needed > 0 && room - needed >= kReserve) {
-            const int error = platform::ReserveRoom(file_, static_cast<off_t>(about.size));
+            const int error = platform::ReserveRoom(file_.Get(), static_cast<off_t>(about.size));
             reserved_ = error == 0;
             if (error == ENOSPC) return LocalFault("cannot reserve", error);
         }
     }
     if (!keeps_ || (about.validator.empty() && about.sha256.empty())) return std::nullopt;
     record_ = about;
-    record_.writer = ThisWriter();
+    record_.writer = self_;
     described_ = true;
     return std::nullopt;
 }
 
 MaybeFault PartFile::Write(const char* bytes, std::size_t size, std::uint64_t offset) {
-    if (!WriteAll(file_, bytes, size, offset)) return LocalFault("cannot write", errno);
+    if (!WriteAt(file_.Get(), {bytes, size}, offset)) return LocalFault("cannot write", errno);
     unpushed_ += size;
     if (described_ && unpushed_ >= kPushed && Clock::now() - started_ >= kPushFrom) {
-        platform::StartWriting(file_);
+        platform::StartWriting(file_.Get());
         unpushed_ = 0;
     }
     return std::nullopt;
@@ -186,7 +179,7 @@ MaybeFault PartFile::Write(const char* bytes, std::size_t size, std::uint64_t of
 MaybeFault PartFile::StillThere() const {
     struct stat open {};
     struct stat named {};
-    if (fstat(file_, &open) != 0) return LocalFault("cannot look at", errno);
+    if (fstat(file_.Get(), &open) != 0) return LocalFault("cannot look at", errno);
     if (stat(path_.c_str(), &named) == 0 && open.st_dev == named.st_dev &&
         open.st_ino == named.st_ino) {
         return std::nullopt;
@@ -198,7 +191,7 @@ MaybeFault PartFile::Tick(const std::vector<ByteRange>& have) {
     if (MaybeFault fault = StillThere()) return fault;
     if (!described_) return std::nullopt;
     if (Clock::now() - synced_ >= kSyncEvery) {
-        if (const int error = platform::SyncData(file_)) {
+        if (const int error = platform::SyncData(file_.Get())) {
             // What was lost the system tells only once.
             DropRecord();
             return LocalFault("cannot write", error);
@@ -207,7 +200,7 @@ MaybeFault PartFile::Tick(const std::vector<ByteRange>& have) {
         unpushed_ = 0;
         record_.synced = have;
         ReplaceRecord(have);
-    } else if (record_file_ == -1) {
+    } else if (!record_file_.Written()) {
         ReplaceRecord(have);
     } else {
         NoteHave(have);
@@ -218,14 +211,14 @@ MaybeFault PartFile::Tick(const std::vector<ByteRange>& have) {
 MaybeFault PartFile::Finish(const std::vector<ByteRange>& have, std::uint64_t size,
                             std::time_t modified) {
     struct stat status {};
-    if (fstat(file_, &status) != 0) return LocalFault("cannot look at", errno);
+    if (fstat(file_.Get(), &status) != 0) return LocalFault("cannot look at", errno);
     const auto length = static_cast<off_t>(size);
-    if (status.st_size != length && ftruncate(file_, length) != 0) {
+    if (status.st_size != length && ftruncate(file_.Get(), length) != 0) {
         return LocalFault("cannot cut", errno);
     }
     // A file system that keeps no such time makes no other file of it.
     const timespec times[] = {{0, UTIME_OMIT}, {modified, 0}};
-    if (modified >= 0) static_cast<void>(futimens(file_, times));
+    if (modified >= 0) static_cast<void>(futimens(file_.Get(), times));
     // Whoever asked for the file brings it to the disk before it gets its name.
     NoteHave(have);
     return StillThere();
@@ -233,59 +226,31 @@ MaybeFault PartFile::Finish(const std::vector<ByteRange>& have, std::uint64_t si
 
 void PartFile::Leave(const std::vector<ByteRange>& have) {
     struct stat status {};
-    if (file_ == -1 || fstat(file_, &status) != 0) return;
+    if (fstat(file_.Get(), &status) != 0) return;
     // Gives back what was reserved behind the end.
-    if (reserved_) reserved_ = ftruncate(file_, status.st_size) != 0;
+    if (reserved_) reserved_ = ftruncate(file_.Get(), status.st_size) != 0;
     // Without the file, a record would only be in the way.
     if (access(path_.c_str(), F_OK) != 0) return DropRecord();
     if (!described_ || have.empty() || StillThere()) return;
     NoteHave(have);  // should the process not be given the time that the disk takes
-    if (platform::SyncData(file_) != 0) return DropRecord();
+    if (platform::SyncData(file_.Get()) != 0) return DropRecord();
     record_.synced = have;
     ReplaceRecord(have);
 }
 
-// A new file with both parts, brought to the disk, takes the name. On a full disk there may be no
-// room for one, and still some in the old one's place.
 void PartFile::ReplaceRecord(const std::vector<ByteRange>& have) {
-    const std::string fresh = path_ + PART_RECORD_NEW_ENDING;
-    Descriptor file(open(fresh.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    std::string first = EncodePartRecord(record_);
-    if (file.Get() == -1 || !WriteAll(file.Get(), first.data(), first.size(), 0) ||
-        !WriteHave(file.Get(), first, have) || fsync(file.Get()) != 0 ||
-        rename(fresh.c_str(), info_.c_str()) != 0) {
-        unlink(fresh.c_str());
-        return NoteHave(have);
-    }
-    first_ = std::move(first);
-    if (record_file_ != -1) close(record_file_);
-    record_file_ = file.Release();
+    NoteIn(record_, have);
+    record_file_.Replace(record_);
 }
 
-// A second part that is written only partly does not count: `synced` does then.
 void PartFile::NoteHave(const std::vector<ByteRange>& have) {
-    if (record_file_ != -1) static_cast<void>(WriteHave(record_file_, first_, have));
+    NoteIn(record_, have);
+    record_file_.Note(record_);
 }
 
-// What was longer before goes on behind the end, where no reader looks.
-bool PartFile::WriteHave(int file, const std::string& first, const std::vector<ByteRange>& have) {
-    record_.have = have;
-    record_.time = static_cast<std::int64_t>(std::time(nullptr));
-    const std::string text = EncodePartHave(record_, first);
-    return WriteAll(file, text.data(), text.size(), first.size());
-}
-
-// After a restart of the machine an old record must not meet new data: its end reaches the disk
-// first.
 void PartFile::DropRecord() {
     described_ = false;
-    if (record_file_ != -1) close(std::exchange(record_file_, -1));
-    unlink((path_ + PART_RECORD_NEW_ENDING).c_str());
-    if (unlink(info_.c_str()) != 0) return;
-    const std::size_t slash = info_.rfind('/');
-    const std::string directory = slash == info_.npos ? "." : info_.substr(0, slash + 1);
-    const Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (opened.Get() != -1) fsync(opened.Get());
+    record_file_.Empty();
 }
 
 }  // namespace engine

@@ -1,9 +1,9 @@
 // The partial file of a download, and the record beside it that lets a later run go on.
 //
-// With a record, the file has a companion PATH.info (TaskMan/partrecord.h), and for a moment, while
-// that is replaced, PATH.info.new. The record is never the reason of a failure: where it cannot be
-// replaced, what an earlier one says stays true. The file's lock is the application's business;
-// where locks are only pretended, the writer in the record counts. One thread.
+// With a record, the file has a companion PATH.info (TaskMan/partrecord.h). That is never the
+// reason of a failure: where it cannot be replaced, what an earlier one says stays true. The file's
+// lock is the application's business; where locks are only pretended, the writer in the record
+// counts. One thread at a time; all that needs a right to files happens in Open.
 #pragma once
 
 #include <chrono>
@@ -12,8 +12,10 @@
 #include <optional>
 #include <string>
 
+#include "Tarnwick/engine/recordfile.h"
 #include "TaskMan/partrecord.h"
 #include "TaskMan/tasktext.h"
+#include "common/file.h"
 #include "common/uncopyable.h"
 
 namespace engine {
@@ -30,10 +32,10 @@ class PartFile : private Uncopyable {
   public:
     // `keeps`: with a record.
     PartFile(const std::string& path, bool keeps);
-    ~PartFile();
 
-    // Opens or makes the file; to be called once, first. When another process writes it that is
-    // about to end, waits for that, at most three seconds and as long as `patient` returns true.
+    // Opens or makes the file and, with a record, that, or removes it; to be called once, first.
+    // When another process writes it that is about to end, waits for that, at most three seconds
+    // and as long as `patient` returns true.
     MaybeFault Open(const std::function<bool()>& patient);
 
     // The record that was found, when it is sound and the file can be what it tells; with what can
@@ -75,17 +77,15 @@ class PartFile : private Uncopyable {
     MaybeFault StillThere() const;
     void ReplaceRecord(const std::vector<ByteRange>& have);
     void NoteHave(const std::vector<ByteRange>& have);
-    bool WriteHave(int file, const std::string& first, const std::vector<ByteRange>& have);
     void DropRecord();
     Fault LocalFault(const char* what, int number) const;
 
     const std::string path_;
-    const std::string info_;
     const bool keeps_;
-    int file_ = -1;
-    int record_file_ = -1;
-    PartRecord record_{};  // as it is on the disk
-    std::string first_{};  // its first part
+    Descriptor file_{};
+    RecordFile record_file_{};
+    PartRecord record_{};  // as it is to be written
+    PartWriter self_{};
     bool described_ = false;
     bool reserved_ = false;
     std::optional<PartRecord> found_{};

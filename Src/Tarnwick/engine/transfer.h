@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Tarnwick/engine/blocks.h"
+#include "Tarnwick/engine/partfile.h"
 #include "TaskMan/tasktext.h"
 
 namespace engine {
@@ -62,7 +63,13 @@ struct Result {
 
 // Fetches the file. Always returns: after success, the last try, or within 200 ms of a stop (a file
 // system that does not answer is waited for). A file that is not complete stays; when the task
-// keeps it and it can be continued, with a record.
+// keeps it and it can be continued, with a record. `file` is the task's, open already.
+Result Fetch(const Task& task, PartFile& file, Watcher& watcher);
+
+// Opens the file as well.
 Result Fetch(const Task& task, Watcher& watcher);
+
+// How a transfer ends that the fault keeps from beginning.
+Result Failed(const Fault& fault);
 
 }  // namespace engine

@@ -1,6 +1,7 @@
 #include "TaskMan/partrecord.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,7 +15,7 @@ namespace {
 
 constexpr std::string_view kTitle = "taskman partial file 1\n";
 constexpr std::string_view kCheck = "check=";
-constexpr std::size_t kMost = 64 * 1024;  // bytes of a record
+constexpr std::size_t kMost = 2 * PART_RECORD_COPY;
 
 // FNV-1a: it finds what was torn or cut, and is no protection from who means harm.
 std::uint64_t Checksum(std::string_view text) {
@@ -159,7 +160,12 @@ bool ReadPartRecord(const std::string& path, PartRecord& record) {
     const ssize_t size = pread(file, text.data(), text.size(), 0);
     close(file);
     text.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-    if (!DecodePartRecord(text, record)) return false;
+    if (text.empty()) return true;
+    const std::string_view whole = text;
+    if (!DecodePartRecord(whole.substr(0, PART_RECORD_COPY), record) &&
+        !DecodePartRecord(whole.substr(std::min(whole.size(), PART_RECORD_COPY)), record)) {
+        return false;
+    }
     const std::string& boot = record.writer.boot;
     if (record.time == 0 || boot.empty() || boot != platform::BootId()) record.have = record.synced;
     return true;
@@ -178,10 +184,13 @@ double ContinuablePercent(const std::string& path, std::uint64_t size) {
     return 100.0 * static_cast<double>(BytesIn(record.have)) / static_cast<double>(record.size);
 }
 
+bool HasPartRecord(const std::string& path) {
+    struct stat status {};
+    return stat((path + PART_RECORD_ENDING).c_str(), &status) == 0 && status.st_size > 0;
+}
+
 void RemovePartRecord(const std::string& path) {
-    for (const char* ending : {PART_RECORD_NEW_ENDING, PART_RECORD_ENDING}) {
-        unlink((path + ending).c_str());
-    }
+    unlink((path + PART_RECORD_ENDING).c_str());
 }
 
 std::uint64_t BytesIn(const std::vector<ByteRange>& ranges) {
