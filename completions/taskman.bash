@@ -33,6 +33,7 @@ _taskman() {
     case ${COMP_WORDS[1]} in
     get)
         options+=' -i --input -o --output -d --dir -f --force -s --skip-existing --number'
+        options+=' -N --newer'
         options+=' -J --server-name --sha256 --no-continue -R --remote-time --failed'
         options+=' --size --format -j --jobs -n --connections --tries --wait --timeout'
         options+=' -H --header -A --user-agent -x --proxy'

@@ -361,6 +361,35 @@ TEST(Get, NoAddressHasAHostileName) {
     for (const auto& [path, name] : numbered) EXPECT_EQ(NumberedPath(path, 7), name);
 }
 
+TEST(Get, NewerFilesOnly) {
+    HttpServer server([](const std::string& request, std::size_t) {
+        if (Has(request, "If-None-Match: W/\"1\"\r\n")) return Reply::Head("", "", 304);
+        return Reply().Send("HTTP/1.1 200 X\r\nETag: W/\"1\"\r\nContent-Length: 3\r\n\r\nabc");
+    });
+    const TempDir directory;
+    const std::string path = directory.Path("file");
+    WriteFile(path, "old");
+    if (platform::SetAttribute(Descriptor(open(path.c_str(), O_RDWR)).Get(), "user.x", "y") != 0) {
+        GTEST_SKIP() << "the file system keeps no attributes";
+    }
+    const auto get = [&](const std::string& arguments, const std::string& end) {
+        CommandRun run;
+        Begin(run, "-N -o " + path + " " + arguments);
+        EXPECT_EQ(run.End(), end);
+        EXPECT_EQ(ReadFile(path), "abc");
+        return run.Err() + run.Out();
+    };
+    const auto says = [](const std::string& told, const std::string& what) {
+        EXPECT_TRUE(Has(told, what)) << told;
+    };
+    says(get(server.Url(), "exit 0"), "file: finished");
+    says(get(server.Url(), "exit 0"), "file: unchanged\n" + path + "\n");
+    says(get(server.Url() + Filled(" --sha256 ~"), "exit 5"), "file: mismatch");
+    says(get(server.Url("/other"), "exit 0"), "file: finished");
+    WriteFile(path, "new");
+    says(get(server.Url("/other"), "exit 0"), "file: finished");
+}
+
 TEST(Get, ATargetBelongsToOneDownload) {
     g_hold = true;
     CommandRun run, other, next;

@@ -97,6 +97,8 @@ engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
     task.stallSeconds = request.nStallSeconds;
     task.tries = request.nTries;
     task.waitSeconds = request.nWaitSeconds;
+    task.ifNoneMatch = request.strIfNoneMatch;
+    task.ifModifiedSince = request.strIfModifiedSince;
     task.remoteTime = request.bRemoteTime;
     task.proxied = slot.bUseProxy != 0;
     task.prepare = [&slot](CURL* curl) { SetProxy(curl, slot); };

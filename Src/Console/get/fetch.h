@@ -106,7 +106,7 @@ class Fetch : private Uncopyable {
     void ReadAddress();
     void SetPath(const std::string& name, Naming naming = Naming::kNow);
     void ShowPath();
-    void CheckExisting();
+    void CheckExisting(EndResult result, std::int32_t code = -1);
     bool AddTaskFor(std::string& reason, TaskRefusal& refusal);
     tagTaskRequest TaskRequest() const;
     void NoteBeginning(const tagTaskAnswer& answer);

@@ -66,8 +66,8 @@ bool Connection::Ask(Request request) {
     curl_easy_setopt(curl_, CURLOPT_RANGE, range ? RangeText(*range).c_str() : nullptr);
     headers_.Clear();
     if (!headers_.Add(shared_.headers, request_.foreign)) return false;
-    if (range && !request_.ifRange.empty() && !headers_.Add("If-Range: " + request_.ifRange)) {
-        return false;
+    for (const std::string& line : request_.headers) {
+        if (!headers_.Add(line)) return false;
     }
     curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_.Get());
     busy_ = curl_multi_add_handle(shared_.multi, curl_) == CURLM_OK;

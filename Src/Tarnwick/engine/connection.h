@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Tarnwick/engine/headerlist.h"
 #include "Tarnwick/engine/judge.h"
@@ -41,8 +42,8 @@ class Rate {
 struct Request {
     std::string url{};
     Asked asked{};
-    std::string ifRange{};  // value of that header; empty: none
-    bool foreign = false;   // the address has another origin than that of the task
+    bool foreign = false;                // the address has another origin than that of the task
+    std::vector<std::string> headers{};  // lines "Name: value" of this one
 };
 
 class Connection : private Uncopyable {
