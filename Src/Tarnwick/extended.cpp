@@ -156,7 +156,7 @@ void RunExtended(ExtendedJob& job) {
         if (!Wanted()) result.end = engine::End::kStopped;
     } else if (!IsDownloadCommand(job.task->nCmd)) {
         if (RunPage(*job.task, job.request)) return AnnounceEnd();
-        result = engine::Failed({TaskReason::kLocal, ENOMEM, "out of memory"});
+        result = engine::Failed({TaskReason::kLocal, ENOMEM, NO_MEMORY});
     } else {
         SlotReport report;
         result = engine::Fetch(TaskOf(*job.task, job.request), *job.file, report);

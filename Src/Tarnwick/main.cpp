@@ -9,6 +9,7 @@
 #include "Tarnwick/transfer.h"
 #include "common/assertion.h"
 #include "common/sysutility.h"
+#include "common/uncaught.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ void ReadArguments(char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::set_terminate([] { EndUncaught("tarnwick: not enough memory for the task\n", 0); });
     IgnoreEnvironment();
     g_WorkPath = sysutility::GetCurrentPath(true);
     g_LogConfigFile = g_WorkPath + LOG_FILE;

@@ -119,8 +119,6 @@ bool StartJobThread(void* (*run)(void*), void* data) {
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     const int error = pthread_create(&g_pid, &attributes, run, data);
     pthread_attr_destroy(&attributes);
-    // Without a job thread nobody sets the flag that the main thread waits for.
-    if (error != 0) g_exit_download = g_Exit = true;
     return error == 0;
 }
 
@@ -134,7 +132,9 @@ void* RunExtendedJob(void* data) {
 
 void StartExtendedJob() {
     auto job = std::make_unique<ExtendedJob>(PrepareJob(&g_TaskConData));
-    if (StartJobThread(RunExtendedJob, job.get())) static_cast<void>(job.release());
+    ExtendedJob* const data = job.release();
+    // The main thread has nothing to do but to wait for the job.
+    if (!StartJobThread(RunExtendedJob, data)) RunExtendedJob(data);
 }
 
 void RunJob(CURL* curl, tagTaskContext* task) {
@@ -168,8 +168,9 @@ int ParseTask(const char* szTaskID) {
     CopySlot(&g_TaskConData, &copy);
     if (IsExtended(g_TaskConData)) {
         StartExtendedJob();
-    } else {
-        StartJobThread(ParseYoutube, &g_TaskConData);
+    } else if (!StartJobThread(ParseYoutube, &g_TaskConData)) {
+        // Without a job thread nobody sets the flag that is waited for.
+        g_exit_download = g_Exit = true;
     }
     WaitForJob();
     delete g_TaskInfo.mutexLock;

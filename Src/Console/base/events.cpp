@@ -15,7 +15,8 @@
 
 WakePipe::WakePipe() {
     int ends[2];
-    if (pipe(ends) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+    if (pipe(ends) != 0)
+        throw std::system_error(errno, std::generic_category(), "cannot make a pipe");
     for (const int end : ends) {
         fcntl(end, F_SETFD, FD_CLOEXEC);
         fcntl(end, F_SETFL, O_NONBLOCK);
@@ -70,4 +71,13 @@ void EventQueue::OnResult(void* queue, const char* szTaskID, std::int32_t nCode,
     event.remark = TaskRemark(szTaskID);
     event.text.assign(szText, nLength);
     static_cast<EventQueue*>(queue)->Add(std::move(event));
+}
+
+std::thread RunBeside(const std::function<void()>& work) {
+    try {
+        return std::thread(work);
+    } catch (const std::system_error&) {
+        work();
+        return {};
+    }
 }

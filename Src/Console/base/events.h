@@ -4,7 +4,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Console/base/outcome.h"
@@ -72,3 +74,7 @@ class EventQueue : private Uncopyable {
     Threading::Mutex mutex_;
     std::vector<Event> events_ TS_GUARDED_BY(mutex_);
 };
+
+// Runs the work on a thread of its own; where none can be started, here and now. Returns the
+// thread, which is to be joined if it can be.
+std::thread RunBeside(const std::function<void()>& work);

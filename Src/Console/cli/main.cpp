@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <new>
 
 #include "Console/base/outcome.h"
 #include "Console/cli/options.h"
@@ -10,6 +11,7 @@
 #include "Console/others/info.h"
 #include "Console/screen/display.h"
 #include "Console/screen/text.h"
+#include "common/uncaught.h"
 
 namespace {
 
@@ -19,6 +21,11 @@ void OpenStandardDescriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) == -1) static_cast<void>(open("/dev/null", O_RDWR));
     }
+}
+
+// For memory that runs out, on whatever thread. The workers notice that their manager is gone.
+[[noreturn]] void OnTerminate() {
+    EndUncaught("taskman: not enough memory for the command\n", EXIT_STATUS_FAILED);
 }
 
 int RunVerb(const Command& command) {
@@ -41,11 +48,14 @@ int RunVerb(const Command& command) {
 
 int main(int argc, char** argv) {
     OpenStandardDescriptors();
+    std::set_terminate(OnTerminate);
     text::UseUtf8();
     try {
         Command command;
         if (const auto status = ParseCommandLine(argc, argv, command)) return *status;
         return RunVerb(command);
+    } catch (const std::bad_alloc&) {
+        OnTerminate();
     } catch (const std::exception& error) {
         WriteAll(STDERR_FILENO, FaultLine(error.what()));
         return EXIT_STATUS_FAILED;

@@ -40,7 +40,7 @@ std::string FindablePath(const std::string& path) {
 }  // namespace
 
 void HelperThread::Start(EventQueue& events, const std::string& id, std::function<Outcome()> work) {
-    thread_ = std::thread([&events, id, work = std::move(work)] {
+    thread_ = RunBeside([&events, id, work = std::move(work)] {
         Event event{Event::Kind::kEnd, id};
         event.outcome = work();
         events.Add(std::move(event));

@@ -101,7 +101,7 @@ void Session::Finish(bool atOnce) {
 // The manager waits for its workers; meanwhile a signal can still cut everything short.
 void Session::EndManager() {
     std::atomic<bool> ended{false};
-    std::thread ender([this, &ended] {
+    std::thread ender = RunBeside([this, &ended] {
         EndTaskManager();
         ended = true;
         wake_.Wake();
@@ -110,7 +110,7 @@ void Session::EndManager() {
         LookAtSignals();
         wake_.Wait(timing::kTurn);
     }
-    ender.join();
+    if (ender.joinable()) ender.join();
 }
 
 // Ends without waiting for tasks: the workers are killed and reaped, and all names removed.

@@ -115,16 +115,24 @@ std::string Connection::FinalUrl() const {
 
 std::size_t Connection::OnHeader(char* data, std::size_t size, std::size_t count,
                                  void* self) noexcept {
+    auto& own = *static_cast<Connection*>(self);
+    own.threw_ = true;
     return KeepExceptions(kBreakOff, [&] {
-        static_cast<Connection*>(self)->TakeHeader({data, size * count});
+        own.TakeHeader({data, size * count});
+        own.threw_ = false;
         return size * count;
     });
 }
 
 std::size_t Connection::OnBody(char* data, std::size_t size, std::size_t count,
                                void* self) noexcept {
-    return KeepExceptions(
-        kBreakOff, [&] { return static_cast<Connection*>(self)->TakeBody(data, size * count); });
+    auto& own = *static_cast<Connection*>(self);
+    own.threw_ = true;
+    return KeepExceptions(kBreakOff, [&] {
+        const std::size_t taken = own.TakeBody(data, size * count);
+        own.threw_ = false;
+        return taken;
+    });
 }
 
 // Answers that libcurl follows or passes over by itself come by here as well: redirects, and 1xx.

@@ -86,6 +86,8 @@ class Connection : private Uncopyable {
     const Request& Current() const { return request_; }
     const Answer& Last() const { return answer_; }
     const MaybeFault& WriteFault() const { return fault_; }
+    // Whether there was no memory for what came.
+    bool Threw() const { return threw_; }
     const char* Message() const { return error_; }
     CURL* Handle() const { return curl_; }
     std::string FinalUrl() const;
@@ -119,6 +121,7 @@ class Connection : private Uncopyable {
     Answer answer_{};
     Judgement judgement_{};
     MaybeFault fault_{};
+    bool threw_ = false;  // also while a callback of libcurl works
     char error_[CURL_ERROR_SIZE] = "";
     bool busy_ = false;
     bool judged_ = false;

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <new>
 #include <utility>
 
 #include "Tarnwick/engine/curl.h"
@@ -47,7 +49,11 @@ bool Passed(Clock::time_point since, int seconds, Clock::time_point now) {
 
 Result Fetch(const Task& task, PartFile& file, Watcher& watcher) {
     const Utf8Names names;
-    return Course(task, file, watcher).Run();
+    try {
+        return Course(task, file, watcher).Run();
+    } catch (const std::bad_alloc&) {
+        return Failed({TaskReason::kLocal, ENOMEM, NO_MEMORY});
+    }
 }
 
 Result Fetch(const Task& task, Watcher& watcher) {
@@ -109,7 +115,7 @@ Result Course::Run() {
 
 void Course::Open() {
     next_tick_ = Clock::now() + kTick;
-    if (multi_ == nullptr) return GiveUp(TaskReason::kLocal, "out of memory");
+    if (multi_ == nullptr) return GiveUp(TaskReason::kLocal, NO_MEMORY);
     const PartRecord* found = file_.Found();
     if (found == nullptr) {
         result_.answer.strMessage = file_.Disregarded();

@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "Tarnwick/engine/course.h"
+#include "Tarnwick/engine/curl.h"
 
 namespace engine {
 namespace {
@@ -131,6 +132,7 @@ void Course::OnEnd(Connection& connection, CURLcode code) {
     result_.answer.nRequests += static_cast<std::int32_t>(redirects);
     if (connection.Dropped()) return connection.End();
     if (connection.WriteFault()) return GiveUp(*connection.WriteFault());
+    if (connection.Threw()) return GiveUp(TaskReason::kLocal, NO_MEMORY);
     const Answer& answer = connection.Last();
     const bool answered = connection.IsJudged() || (code == CURLE_OK && answer.status != 0);
     if (answered) {

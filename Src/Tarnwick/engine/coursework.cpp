@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "Tarnwick/engine/course.h"
+#include "Tarnwick/engine/curl.h"
 #include "common/address.h"
 
 namespace engine {
@@ -30,7 +31,7 @@ void Course::GiveWork() {
 
 void Course::BeginRound() {
     Connection* connection = connections_.empty() ? NewConnection() : connections_.front().get();
-    if (connection == nullptr) return GiveUp(TaskReason::kLocal, "out of memory");
+    if (connection == nullptr) return GiveUp(TaskReason::kLocal, NO_MEMORY);
     const bool several = ceiling_ > 1 && ranges_;
     connection->rest_until = {};
     bool asked = false;
@@ -45,7 +46,7 @@ void Course::BeginRound() {
         if (!begun_) AddConditions(request);
         asked = Ask(*connection, std::move(request));
     }
-    if (!asked) GiveUp(TaskReason::kLocal, "out of memory");
+    if (!asked) GiveUp(TaskReason::kLocal, NO_MEMORY);
 }
 
 void Course::GiveFurtherWork() {
@@ -55,8 +56,7 @@ void Course::GiveFurtherWork() {
         waiting = waiting || (connection->Busy() && !connection->IsJudged());
         if (connection->Busy() || now < connection->rest_until || BusyCount() >= ceiling_) continue;
         const auto range = MoreFor(connection->Id(), kLeastSteal);
-        if (range && !AskFor(*connection, *range))
-            return GiveUp(TaskReason::kLocal, "out of memory");
+        if (range && !AskFor(*connection, *range)) return GiveUp(TaskReason::kLocal, NO_MEMORY);
     }
     // Should all that are left have been refused, one of them begins again.
     round_judged_ = BusyCount() > 0 || over_ ||

@@ -5,6 +5,9 @@
 
 #include <cstddef>
 
+// What an answer says when memory runs out.
+constexpr const char* NO_MEMORY = "not enough memory for the transfer";
+
 // Follows redirects, at most 30. The first address and all others are http or https only: libcurl
 // refuses any other before it connects.
 void FollowRedirects(CURL* curl);

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "Tarnwick/engine/curl.h"
+
 namespace engine {
 namespace {
 
@@ -156,9 +158,11 @@ Judgement JudgeError(CURLcode code, const std::string& text, const Answer& answe
     Judgement judged{known ? found->verdict : Verdict::kAgain,
                      known ? found->reason : TaskReason::kBrokenOff,
                      text.empty() ? curl_easy_strerror(code) : text};
+    if (code == CURLE_OUT_OF_MEMORY) judged.message = NO_MEMORY;
     // libcurl has no other code for a header line beyond its limit.
     if (code == CURLE_OUT_OF_MEMORY && answer.status != 0) {
-        return {kFinal, TaskReason::kProtocol, "a header line of the answer is too long"};
+        return {kFinal, TaskReason::kProtocol,
+                "a header line of the answer is too long, or there is no memory for it"};
     }
     if (proxied && code == CURLE_COULDNT_CONNECT) {
         judged.reason = TaskReason::kProxy;

@@ -193,6 +193,11 @@ Refused Admit(const tagTaskInfo& taskinfo, const tagTaskRequest* request) {
     Descriptor channel;
     const char* failed = "cannot open the task's channel";
     int error = request == nullptr ? 0 : OpenChannel(*watch, *request, channel);
+    if (error == 0 && !StartScanner()) {
+        // One that starts and finds no task ends; that it can be started is known then.
+        failed = "cannot start the scanner thread";
+        error = EAGAIN;
+    }
     if (error == 0) {
         failed = "cannot create the task's lock";
         error = EnterTask(*watch, taskinfo);

@@ -160,7 +160,7 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory,
     }
     g_worker_path = program;
     if (const int error = StartThreads(); error != 0) {
-        strReason = sysutility::SystemFault("cannot start the supervisor", error);
+        strReason = sysutility::SystemFault("cannot start the threads of the task manager", error);
         RemoveSection();
         g_mainpid = -1;
         return -1;
