@@ -56,7 +56,7 @@ bool Connection::Ask(Request request) {
     request_ = std::move(request);
     answer_ = {};
     judgement_ = {};
-    judged_ = dropped_ = false;
+    judged_ = dropped_ = paused_ = false;
     got_ = 0;
     *error_ = '\0';
     asked_at_ = active_at_ = Clock::now();
@@ -66,8 +66,8 @@ bool Connection::Ask(Request request) {
     curl_easy_setopt(curl_, CURLOPT_RANGE, range ? RangeText(*range).c_str() : nullptr);
     headers_.Clear();
     if (!headers_.Add(shared_.headers, request_.foreign)) return false;
-    for (const std::string& line : request_.headers) {
-        if (!headers_.Add(line)) return false;
+    if (range && !request_.ifRange.empty() && !headers_.Add("If-Range: " + request_.ifRange)) {
+        return false;
     }
     curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_.Get());
     busy_ = curl_multi_add_handle(shared_.multi, curl_) == CURLM_OK;
@@ -79,13 +79,20 @@ void Connection::End() {
         last_rate_ = BytesPerSecond(Clock::now());
         curl_multi_remove_handle(shared_.multi, curl_);
     }
-    busy_ = false;
+    busy_ = paused_ = false;
+    shared_.bucket.Leave(id_);
     Forget();
 }
 
 void Connection::Drop() {
     dropped_ = true;
     Forget();
+}
+
+CURLcode Connection::Resume() {
+    paused_ = false;
+    active_at_ = Clock::now();
+    return curl_easy_pause(curl_, CURLPAUSE_CONT);
 }
 
 // A map that counts bytes which are not in the file would make a false record.
@@ -149,11 +156,18 @@ void Connection::TakeHeader(std::string_view line) {
 
 std::size_t Connection::TakeBody(const char* data, std::size_t size) {
     if (dropped_) return 0;
-    active_at_ = Clock::now();
+    if (!judged_) Judge();
+    const bool good = IsGood(judgement_.verdict);
+    const Clock::time_point now = Clock::now();
+    if (good && !shared_.bucket.Take(id_, size, now)) {
+        // libcurl keeps the piece, and reads no further.
+        paused_ = true;
+        return CURL_WRITEFUNC_PAUSE;
+    }
+    active_at_ = now;
     received_ += size;
     rate_.Add(size);
-    if (!judged_) Judge();
-    if (!IsGood(judgement_.verdict)) return 0;
+    if (!good) return 0;
     const std::uint64_t position = shared_.blocks.Left(id_).begin;
     const std::uint64_t mine = shared_.blocks.Advance(id_, size);
     got_ += mine;

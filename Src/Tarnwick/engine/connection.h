@@ -10,8 +10,8 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
+#include "Tarnwick/engine/bucket.h"
 #include "Tarnwick/engine/headerlist.h"
 #include "Tarnwick/engine/judge.h"
 #include "Tarnwick/engine/partfile.h"
@@ -42,8 +42,8 @@ class Rate {
 struct Request {
     std::string url{};
     Asked asked{};
-    bool foreign = false;                // the address has another origin than that of the task
-    std::vector<std::string> headers{};  // lines "Name: value" of this one
+    std::string ifRange{};  // value of that header; empty: none
+    bool foreign = false;   // the address has another origin than that of the task
 };
 
 class Connection : private Uncopyable {
@@ -54,6 +54,7 @@ class Connection : private Uncopyable {
         const std::vector<std::string>& headers;  // of each request
         Blocks& blocks;
         PartFile& file;
+        Bucket& bucket;  // in which each connection has its id
         // Sets what is the same for all requests.
         std::function<void(CURL*)> prepare;
         // Judges the answer, within curl_multi_perform, once its headers are complete. With a good
@@ -74,6 +75,10 @@ class Connection : private Uncopyable {
     // Ends nothing yet, but what comes from now on does not count; what was gathered is lost. May
     // be called within curl_multi_perform.
     void Drop();
+    // Goes on after a pause, as its turn has come in the bucket's row: takes what libcurl has kept,
+    // as if that were coming now. A code other than CURLE_OK ends the request; libcurl reports it
+    // nowhere else.
+    CURLcode Resume();
     // Writes what was gathered. What cannot be written is missing again in the map of blocks.
     MaybeFault Flush();
     // The judgement; made now when there is an answer without a body.
@@ -83,6 +88,8 @@ class Connection : private Uncopyable {
     bool Busy() const { return busy_; }
     bool Dropped() const { return dropped_; }
     bool IsJudged() const { return judged_; }
+    // Whether it waits in the bucket's row, with its body kept back.
+    bool Paused() const { return paused_; }
     const Request& Current() const { return request_; }
     const Answer& Last() const { return answer_; }
     const MaybeFault& WriteFault() const { return fault_; }
@@ -126,6 +133,7 @@ class Connection : private Uncopyable {
     bool busy_ = false;
     bool judged_ = false;
     bool dropped_ = false;
+    bool paused_ = false;
     std::unique_ptr<char[]> buffer_{};
     std::size_t filled_ = 0;
     std::uint64_t begin_ = 0;  // of the buffer's bytes in the file

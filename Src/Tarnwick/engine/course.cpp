@@ -17,8 +17,6 @@ using namespace std::chrono_literals;
 
 constexpr std::size_t kGather = 256 * 1024;
 constexpr std::size_t kGatherOfSeveral = 64 * 1024;
-constexpr long kReceive = 512L * 1024;
-constexpr long kReceiveOfSeveral = 128L * 1024;
 constexpr auto kTick = 1s;
 constexpr auto kLongestPoll = 100ms;
 constexpr long kConnectSeconds = 10;
@@ -79,6 +77,7 @@ Course::Course(const Task& task, PartFile& file, Watcher& watcher)
               task.headers,
               blocks_,
               file_,
+              bucket_,
               [this](CURL* curl) { Prepare(curl); },
               [this](Connection& connection) { return OnAnswer(connection); },
               task.connections > 1 ? kGatherOfSeveral : kGather},
@@ -102,7 +101,8 @@ Result Course::Run() {
         GiveWork();
         int running = 0;
         curl_multi_perform(multi_, &running);
-        const bool ended = HandleEnds();
+        bool ended = GoOn();
+        ended = HandleEnds() || ended;
         LookAtClocks();
         if (!over_ && Clock::now() >= next_tick_) Tick();
         Report();
@@ -146,10 +146,9 @@ void Course::Prepare(CURL* curl) const {
     FollowRedirects(curl);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
     curl_easy_setopt(curl, CURLOPT_USERAGENT, task_.userAgent.c_str());
-    const bool several = task_.connections > 1;
-    curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, several ? kReceiveOfSeveral : kReceive);
     // With HTTP/2 all ranges would share one connection.
-    if (several) curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
+    if (task_.connections > 1)
+        curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
     if (task_.prepare) task_.prepare(curl);
 }
 
@@ -192,7 +191,7 @@ void Course::LookAtClocks() {
         if (!connection->IsJudged() && Passed(connection->AskedAt(), task_.answerSeconds, now)) {
             judged.reason = TaskReason::kTimeout;
             judged.message = "no answer within " + std::to_string(task_.answerSeconds) + " s";
-        } else if (connection->IsJudged() &&
+        } else if (connection->IsJudged() && !connection->Paused() &&
                    Passed(connection->ActiveAt(), task_.stallSeconds, now)) {
             judged.reason = TaskReason::kStalled;
             judged.message = "no byte for " + std::to_string(task_.stallSeconds) + " s";
@@ -221,6 +220,7 @@ void Course::Poll() {
     const Clock::time_point now = Clock::now();
     Clock::duration wait = std::min<Clock::duration>(kLongestPoll, next_tick_ - now);
     if (rest_until_ > now) wait = std::min(wait, rest_until_ - now);
+    wait = std::min(wait, UntilGoOn(now));
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
     curl_multi_poll(multi_, nullptr, 0, static_cast<int>(std::max<long>(milliseconds, 1)), nullptr);
 }

@@ -1,6 +1,6 @@
 // The course of one transfer: what transfer.h promises. Sources: course.cpp keeps the
-// time, coursework.cpp gives out work, courseends.cpp says what follows an answer or the end of a
-// request.
+// time, coursework.cpp gives out work, courserate.cpp keeps the limit, courseends.cpp says what
+// follows an answer or the end of a request.
 //
 // Its life is a row of rounds. A round begins with one request; once that has been judged good,
 // further connections may be asked as well. When the last one has failed, the next round begins
@@ -43,7 +43,6 @@ class Course : private Uncopyable {
     void GiveWork();
     void BeginRound();
     void GiveFurtherWork();
-    void AddConditions(Request& request) const;
     bool Ask(Connection& connection, Request request);
     bool AskFor(Connection& connection, const Range& range);
     Connection* NewConnection();
@@ -51,10 +50,15 @@ class Course : private Uncopyable {
     void NoteGain();
     void NoteConnections();
 
+    // ---- courserate.cpp
+    bool GoOn();
+    Clock::duration UntilGoOn(Clock::time_point now) const;
+    long ReceiveSize();
+
     // ---- courseends.cpp
     Judgement OnAnswer(Connection& connection);
     Judgement BeginAnew(Connection& connection, const Answer& answer, std::uint64_t size);
-    Judgement GoOn(Connection& connection, const Judgement& judged);
+    Judgement TakePart(Connection& connection, const Judgement& judged);
     MaybeFault Describe();
     void OnEnd(Connection& connection, CURLcode code);
     void OnGood(Connection& connection, CURLcode code);
@@ -76,6 +80,7 @@ class Course : private Uncopyable {
     Watcher& watcher_;
     PartFile& file_;
     Blocks blocks_;
+    Bucket bucket_{};
     CURLM* const multi_;
     Connection::Shared shared_;
     std::vector<std::unique_ptr<Connection>> connections_{};  // by id

@@ -42,7 +42,7 @@ Judgement Course::OnAnswer(Connection& connection) {
             NoteAnswer(connection);
             return BeginAnew(connection, answer, answer.length);
         case Verdict::kPart:
-            return GoOn(connection, judged);
+            return TakePart(connection, judged);
         default:
             return judged;
     }
@@ -72,7 +72,7 @@ Judgement Course::BeginAnew(Connection& connection, const Answer& answer, std::u
 }
 
 // The part is what was asked for.
-Judgement Course::GoOn(Connection& connection, const Judgement& judged) {
+Judgement Course::TakePart(Connection& connection, const Judgement& judged) {
     const Answer& answer = connection.Last();
     if (!known_.any) {
         const std::uint64_t size = ParseContentRange(answer.contentRange)->size;

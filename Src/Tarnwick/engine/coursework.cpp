@@ -13,6 +13,7 @@ constexpr std::uint64_t kFirstRange = 1024 * 1024;  // of several connections: e
 // A connection that was just asked has the rate of the others until it has been silent for longer.
 constexpr auto kTrust = 2s;
 constexpr auto kStealEvery = 50ms;
+constexpr auto kStealAfterLimit = 500ms;  // has held back for the last time
 // Less than this factor a further connection has to bring, or it was the last; and the shortest
 // time that says something about it.
 constexpr double kLeastGain = 1.05;
@@ -43,7 +44,6 @@ void Course::BeginRound() {
         Request request{use_final_ ? final_url_ : task_.url};
         // What is there counts for nothing, but stays until the answer has come.
         if (several) request.asked.range = Range{0, kFirstRange};
-        if (!begun_) AddConditions(request);
         asked = Ask(*connection, std::move(request));
     }
     if (!asked) GiveUp(TaskReason::kLocal, NO_MEMORY);
@@ -79,6 +79,9 @@ std::optional<Range> Course::MoreFor(int id, std::uint64_t least) {
     if (auto range = blocks_.Take(id, kUnknown, smallest)) return range;
     const Clock::time_point now = Clock::now();
     if (BusyCount() == 0 || !CanContinue() || now < next_steal_) return std::nullopt;
+    // The others bring as much as may come; and a part that is taken away costs what its owner has
+    // on the way.
+    if (bucket_.HeldBack(now - kStealAfterLimit)) return std::nullopt;
     std::vector<double> rates(std::max<std::size_t>(connections_.size(), id + 1), 0.0);
     double sum = 0.0;
     for (const auto& connection : connections_) {
@@ -113,26 +116,20 @@ void Course::NoteGain() {
     const Clock::time_point now = Clock::now();
     const double seconds = std::chrono::duration<double>(now - gain_since_).count();
     if (seconds < kGainSeconds) return;
-    const double rate = static_cast<double>(Received() - gain_from_) / seconds;
-    if (gain_rate_ > 0.0 && rate < gain_rate_ * kLeastGain) ceiling_ = BusyCount();
+    // Under the limit there is nothing to be seen of a gain.
+    const bool held = bucket_.HeldBack(gain_since_);
+    const double rate = held ? 0.0 : static_cast<double>(Received() - gain_from_) / seconds;
+    if (!held && gain_rate_ > 0.0 && rate < gain_rate_ * kLeastGain) ceiling_ = BusyCount();
     gain_rate_ = rate;
     gain_since_ = now;
     gain_from_ = Received();
-}
-
-void Course::AddConditions(Request& request) const {
-    const auto add = [&request](const char* name, const std::string& value) {
-        if (!value.empty()) request.headers.push_back(name + value);
-    };
-    add("If-None-Match: ", task_.ifNoneMatch);
-    add("If-Modified-Since: ", task_.ifModifiedSince);
-    request.asked.conditional = !request.headers.empty();
 }
 
 // libcurl guards a login against the redirects that it follows; where the course asks at their end
 // by itself, the guard is here.
 bool Course::Ask(Connection& connection, Request request) {
     request.foreign = !SameOrigin(request.url, task_.url);
+    curl_easy_setopt(connection.Handle(), CURLOPT_BUFFERSIZE, ReceiveSize());
     if (!connection.Ask(std::move(request))) return false;
     ++result_.answer.nRequests;
     return true;
@@ -142,7 +139,7 @@ bool Course::AskFor(Connection& connection, const Range& range) {
     Request request{use_final_ || round_judged_ ? final_url_ : task_.url};
     if (request.url.empty()) request.url = task_.url;
     request.asked = {range, BusyCount() > 0};
-    if (!known_.validator.empty()) request.headers = {"If-Range: " + known_.validator};
+    request.ifRange = known_.validator;
     if (Ask(connection, std::move(request))) return true;
     blocks_.Release(connection.Id());
     return false;

@@ -33,10 +33,6 @@ struct Task {
     bool proxied = false;    // `prepare` sets a proxy
     // Sets on each new handle what the task asks for beyond this; may be empty.
     std::function<void(CURL*)> prepare{};
-    // Conditions, values of these headers, for as long as nothing of the file has come; empty:
-    // none. An answer that names them ends the transfer with the reason kUnchanged.
-    std::string ifNoneMatch{};
-    std::string ifModifiedSince{};
     bool remoteTime = false;  // the complete file gets the time that Last-Modified tells
 };
 
@@ -46,6 +42,9 @@ class Watcher {
     virtual ~Watcher() = default;
     // Whether the transfer is to end now; asked at least ten times a second.
     virtual bool EndAsked() = 0;
+    // The limit on what comes, in bytes per second; 0: none. Asked as often. What waits because of
+    // it counts neither as silence nor as slow.
+    virtual std::uint64_t MostPerSecond() { return 0; }
     // An answer was judged good: the size of the file, or kUnknown, and what is known so far. Once,
     // and again each time the file begins anew.
     virtual void Known(std::uint64_t size, const tagTaskAnswer& answer) = 0;
