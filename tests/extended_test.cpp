@@ -90,6 +90,7 @@ TEST(Extended, RefusesWhatItCannotAccept) {
          [](Task&, Request& request) {
              request.Headers.assign(64, "X: " + Repeated(102, "1234567890"));
          }},
+        {"the rate is below 0", [](Task&, Request& request) { request.nRate = -1; }},
         {"the task id is empty", [](Task& task, Request&) { SetField(task.szTaskID, ""); }},
         {"the address of a page belongs into the task",
          [](Task& task, Request& request) { task.nCmd = 0, request.strUrl = "http://h/"; }},
@@ -102,6 +103,26 @@ TEST(Extended, RefusesWhatItCannotAccept) {
         EXPECT_EQ(-1, AddTask(task, request, reason));
         EXPECT_EQ(expected, reason);
     }
+}
+
+TEST(Extended, HasARateThatMayChange) {
+    Campaign campaign;
+    HttpServer server({Reply::Ok(std::string(3'000'000, 'x'))});
+    tagTaskRequest request;
+    request.nRate = 8;
+    Course& course = campaign.Add(campaign.Task(server.Url()), &request);
+    std::size_t came = 0;
+    const auto comes = [&] { return (came = ReadFile(campaign.Output(course)).size()) > 0; };
+    EXPECT_TRUE(WaitUntil(comes));
+    EXPECT_LT(came, 1'000'000U);
+    EXPECT_EQ(-1, SetTaskRate(course.id.c_str(), -1));
+    EXPECT_EQ(0, SetTaskRate(course.id.c_str(), 0));
+    Campaign::Follow(course);
+    EXPECT_EQ(3, course.code);
+    EXPECT_EQ(-1, SetTaskRate(course.id.c_str(), 1));
+    Course& plain = campaign.Add("claim,stop");
+    EXPECT_EQ(-1, SetTaskRate(plain.id.c_str(), 1));
+    KillWorkers();
 }
 
 TEST(Extended, HasItsChannelAlone) {

@@ -30,6 +30,10 @@ class SlotReport : public engine::Watcher {
   public:
     bool EndAsked() override { return !Wanted() || !OwnsSlot(); }
 
+    std::uint64_t MostPerSecond() override {
+        return static_cast<std::uint64_t>(std::max(LoadRate(*g_CurTaskContext_prt), 0)) * 1024;
+    }
+
     void Known(std::uint64_t size, const tagTaskAnswer& answer) override {
         const bool before = std::exchange(announced_, size != engine::kUnknown);
         // Without a size nothing is told, unless one that was told counts no more.
@@ -97,8 +101,6 @@ engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
     task.stallSeconds = request.nStallSeconds;
     task.tries = request.nTries;
     task.waitSeconds = request.nWaitSeconds;
-    task.ifNoneMatch = request.strIfNoneMatch;
-    task.ifModifiedSince = request.strIfModifiedSince;
     task.remoteTime = request.bRemoteTime;
     task.proxied = slot.bUseProxy != 0;
     task.prepare = [&slot](CURL* curl) { SetProxy(curl, slot); };

@@ -86,6 +86,13 @@ bool TaskAnswer(const char* szTaskID, tagTaskAnswer& answer);
 // does not end within ten seconds is killed. Returns 0, or -1 when there is no such task.
 int StopTask(const char* szTaskID);
 
+// Limits the rate of an extended download, from now on, to so many KiB per second of what comes on
+// all its connections together; 0: no limit. tagTaskRequest::nRate is the limit with which it
+// begins. Its worker obeys within a tenth of a second, or as soon as it runs; what it has to hold
+// back counts as no silence of the server. Returns 0; or -1, and nothing is changed, when there is
+// no such task, it has ended, it is no extended download, or the number is below 0.
+int SetTaskRate(const char* szTaskID, std::int32_t nRate);
+
 // How long a worker may wait for a server before it is killed and its task has failed: neither a
 // size probe nor a page fetch ends by itself when a server accepts and stays silent. And how often
 // the transfer of a file may start over without the file having grown before the task is stopped: a

@@ -4,8 +4,8 @@
 // A task manager owns one section of POSIX shared memory. It holds eight slots, one per task, and a
 // common area. TM below is the task manager, W the worker that serves the slot. Every write of a
 // worker, and every take-and-clear of the manager, happens under the task's named lock, a
-// Threading::Mutex whose name is the task id. Without the lock W reads nControl, and the request
-// once before it claims the slot.
+// Threading::Mutex whose name is the task id. Without the lock W reads nControl and nReserved3, and
+// the request once before it claims the slot.
 //
 // All numbers are little-endian, all texts zero-padded byte arrays. A reader treats texts as
 // unterminated (common/fieldtext.h): the other side may have died in the middle of one.
@@ -104,7 +104,7 @@ struct tagTaskContext {
     double dSpeed;                  // W writes with bit 5: bytes per second; default -1
     std::int32_t nDownloadInfoTag;  // TM writes: copied into the download info file; default -1
     std::int32_t nControl;          // TM writes, one aligned store: 2 asks to stop; default -1
-    std::int32_t nReserved3;        // default -1
+    std::int32_t nReserved3;        // TM writes, one aligned store: limit in KiB/s; default -1
     char szVideoInfo[20000];        // W writes with bit 1; a text of 20000 bytes has no terminator
     std::int32_t nReserved4;        // nobody
 };
@@ -230,6 +230,11 @@ void SetStateBit(tagTaskContext& slot, tagDownloadStateCode code);
 // The slot's control word, which the other side may write at any time.
 std::int32_t LoadControl(const tagTaskContext& slot);
 void StoreControl(tagTaskContext& slot, std::int32_t nControl);
+
+// The limit on the rate of an extended download (nReserved3), in KiB per second; -1 and 0: none.
+// The other side may write it at any time.
+std::int32_t LoadRate(const tagTaskContext& slot);
+void StoreRate(tagTaskContext& slot, std::int32_t nRate);
 
 // The log of the task module.
 extern TraceLog::TraceLog LogOut;

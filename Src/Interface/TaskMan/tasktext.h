@@ -85,6 +85,8 @@ struct tagTaskRequest {
     std::string strIfNoneMatch{};      // ETags; a server that has still one of them: kUnchanged
     std::string strIfModifiedSince{};  // an HTTP date, for the same
     std::int32_t nRetryAfter = 120;    // 0 to 86400, longest Retry-After in seconds that is obeyed
+    std::int32_t nRate = 0;            // KiB per second at the start; 0: no limit. It stands in the
+                                       // slot (nReserved3), not in the text: SetTaskRate changes it
     bool bEndsWhenBusy = false;        // a status of 429 or 503 ends the task at once: the
                                        // application waits, with all that goes to that host
 };

@@ -79,10 +79,7 @@ std::string RefusalOf(const tagTaskRequest& request) {
     }
     if (!Within(request.nTries, 1, 100)) return "the number of tries is not 1 to 100";
     if (!Within(request.nWaitSeconds, 0, 300)) return "the longest pause is not 0 to 300 seconds";
-    if (!Within(request.nRetryAfter, 0, kDay)) return "the longest wait is not 0 to 86400 seconds";
-    if (strutil::holdsControl(request.strIfNoneMatch + request.strIfModifiedSince)) {
-        return "a condition holds a control character";
-    }
+    if (request.nRate < 0) return "the rate is below 0";
     if (std::string refusal = RefusalOfHeaders(request.Headers); !refusal.empty()) return refusal;
     return EncodeRequest(request).size() > TASK_REQUEST_MOST
                ? "the request is longer than 65536 bytes"

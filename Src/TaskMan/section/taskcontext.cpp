@@ -136,3 +136,11 @@ std::int32_t LoadControl(const tagTaskContext& slot) {
 void StoreControl(tagTaskContext& slot, std::int32_t nControl) {
     __atomic_store_n(&slot.nControl, nControl, __ATOMIC_RELEASE);
 }
+
+std::int32_t LoadRate(const tagTaskContext& slot) {
+    return __atomic_load_n(&slot.nReserved3, __ATOMIC_RELAXED);
+}
+
+void StoreRate(tagTaskContext& slot, std::int32_t nRate) {
+    __atomic_store_n(&slot.nReserved3, nRate, __ATOMIC_RELAXED);
+}

@@ -105,18 +105,19 @@ sem_t* MakeSemaphore(Watch& watch) {
 
 // Writes the request into the slot and enters the task into the map, all under the map lock: a
 // scanner that finds the map empty clears all slots, and a counter must be raised before the
-// scanner can lower it. The semaphore is created under that lock, too, immediately before the slot
-// shows its name: in between a sweep could take it for a dead manager's, or miss it after a crash.
-// Returns 0; or an error number when the semaphore cannot be created, and the task is not entered
-// then.
-int EnterTask(Watch& watch, const tagTaskInfo& taskinfo) {
+// scanner can lower it. `rate` goes into nReserved3. The semaphore is created under that lock, too,
+// immediately before the slot shows its name: in between a sweep could take it for a dead
+// manager's, or miss it after a crash. Returns 0; or an error number when the semaphore cannot be
+// created, and the task is not entered then.
+int EnterTask(Watch& watch, const tagTaskInfo& taskinfo, std::int32_t rate) {
     auto node = std::make_unique<tagTaskNode>(watch.id.c_str());
     static_cast<tagTaskInfo&>(*node) = taskinfo;
     node->nTaskIndex = watch.nTaskIndex;
     node->pCallbackParam = &watch;
     node->pfnResultCallback = OnResult;
     node->pfnStateCallback = OnState;
-    const tagTaskContext request = SlotOf(taskinfo);
+    tagTaskContext request = SlotOf(taskinfo);
+    request.nReserved3 = rate;
 
     Threading::AutoLock tally(&g_tally_mutex);
     Threading::AutoLock map(&g_access_taskmap_mutex);
@@ -149,6 +150,7 @@ int OpenChannel(Watch& watch, const tagTaskRequest& request, Descriptor& workers
     Threading::AutoLock hold(&g_watch_mutex);
     watch.bExtended = true;
     watch.answerLimit = AnswerLimit(request);
+    watch.nRate = request.nRate;
     return watch.channel.Open(EncodeRequest(request), workersEnd);
 }
 
@@ -200,7 +202,7 @@ Refused Admit(const tagTaskInfo& taskinfo, const tagTaskRequest* request) {
     }
     if (error == 0) {
         failed = "cannot create the task's lock";
-        error = EnterTask(*watch, taskinfo);
+        error = EnterTask(*watch, taskinfo, request == nullptr ? -1 : request->nRate);
     }
     std::string program;
     {

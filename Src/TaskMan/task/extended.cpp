@@ -1,9 +1,10 @@
 #include "TaskMan/task/extended.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "TaskMan/task/admission.h"
-#include "TaskMan/task/watch.h"
+#include "TaskMan/task/supervisor.h"
 #include "TaskMan/timing.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
@@ -45,6 +46,21 @@ std::chrono::seconds AnswerLimit(const tagTaskRequest& request) {
     const timing::Milliseconds round =
         seconds(request.nAnswerSeconds + request.nStallSeconds) + pause;
     return std::chrono::ceil<seconds>((request.nTries + 1) * round + timing::kOwnLimits);
+}
+
+void ExchangeRate(const Watch& watch, tagTaskContext& slot) {
+    if (watch.bExtended && LoadRate(slot) != watch.nRate) StoreRate(slot, watch.nRate);
+}
+
+int SetTaskRate(const char* szTaskID, std::int32_t nRate) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    Watch* watch = FindWatch(szTaskID);
+    if (watch == nullptr || !watch->bExtended || !IsDownloadCommand(watch->nCmd) ||
+        watch->stage.state >= Stage::kEnded || nRate < 0) {
+        return -1;
+    }
+    if (std::exchange(watch->nRate, nRate) != nRate) WakeSupervisor();
+    return 0;
 }
 
 void KeepAnswer(int nTaskIndex, const tagTaskContext& slot) {

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "TaskMan/task/extended.h"
 #include "TaskMan/task/scanner.h"
 #include "TaskMan/task/throttle.h"
 #include "TaskMan/taskman.h"
@@ -102,6 +103,7 @@ void Inspect(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
         return;
     }
     if (own) ExchangeStop(watch, slot, now);
+    if (own) ExchangeRate(watch, slot);
     if (watch.worker.state >= Worker::kDead) {
         SpeakForTheDead(watch, slot, now);
         watch.stage.Advance(Stage::kEnded, now);

@@ -86,6 +86,7 @@ struct Watch {
     Channel channel;
     std::chrono::seconds answerLimit{0};  // of its download, once that is claimed; 0: none
     std::optional<tagTaskAnswer> answer;  // its worker's last one
+    std::int32_t nRate = -1;              // what its slot is to hold in nReserved3
 
     // The application's callbacks; set before the node enters the map, then only read.
     void* pCallbackParam = nullptr;
