@@ -11,6 +11,7 @@ _taskman_value() {
     -d | --dir) compopt -o dirnames ;;
     -j | --jobs) _taskman_words '1 2 3 4 5 6 7 8' ;;
     -n | --connections) _taskman_words '1 2 3 4 5 6 7 8 9 10' ;;
+    --limit-rate) _taskman_words '100k 1m 10m' ;;
     --tries) _taskman_words '1 5 20 100' ;;
     --wait) _taskman_words '0 10 60 300' ;;
     -x | --proxy) _taskman_words 'none http:// socks4:// socks4a:// socks5:// socks5h://' ;;
@@ -33,9 +34,9 @@ _taskman() {
     case ${COMP_WORDS[1]} in
     get)
         options+=' -i --input -o --output -d --dir -f --force -s --skip-existing --number'
-        options+=' -N --newer'
         options+=' -J --server-name --sha256 --no-continue -R --remote-time --failed'
-        options+=' --size --format -j --jobs -n --connections --tries --wait --timeout'
+        options+=' --size --format -j --jobs -n --connections --limit-rate --tries'
+        options+=' --wait --timeout'
         options+=' -H --header -A --user-agent -x --proxy'
         options+=' --worker --json -q --quiet -v --verbose'
         options+=' --progress --color'

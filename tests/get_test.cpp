@@ -8,6 +8,7 @@
 #include "Console/get/filename.h"
 #include "Console/get/inputlist.h"
 #include "Console/get/numbering.h"
+#include "Console/get/rateshares.h"
 #include "Console/screen/text.h"
 #include "TaskMan/partrecord.h"
 #include "common/platform.h"
@@ -228,6 +229,10 @@ const std::vector<Row>& Rows() {
         // Usage.
         {"", "exit 2", "", "taskman get --help"},
         {"-j", "exit 2", "", "-j: a value is missing"},
+        {"--limit-rate 1023 x", "exit 2", "", "--limit-rate: Value 1023 is no rate of 1k to"},
+        {"--limit-rate 1025G x", "exit 2", "", "Value 1025G is no rate"},
+        {"--limit-rate 1kb x", "exit 2", "", "Value 1kb is no rate"},
+        {"--limit-rate 1024g $/good", "exit 0", "good"},
         {"-oa -ob x", "exit 2", "", "--output: given more than once"},
         {"--dir= b x", "exit 2", "", "--dir: the value is empty"},
         {"-j+3 x", "exit 2", "", "--jobs: "},
@@ -359,35 +364,6 @@ TEST(Get, NoAddressHasAHostileName) {
         {"a." + a248, "a." + a248.substr(3) + ".7"},
     };
     for (const auto& [path, name] : numbered) EXPECT_EQ(NumberedPath(path, 7), name);
-}
-
-TEST(Get, NewerFilesOnly) {
-    HttpServer server([](const std::string& request, std::size_t) {
-        if (Has(request, "If-None-Match: W/\"1\"\r\n")) return Reply::Head("", "", 304);
-        return Reply().Send("HTTP/1.1 200 X\r\nETag: W/\"1\"\r\nContent-Length: 3\r\n\r\nabc");
-    });
-    const TempDir directory;
-    const std::string path = directory.Path("file");
-    WriteFile(path, "old");
-    if (platform::SetAttribute(Descriptor(open(path.c_str(), O_RDWR)).Get(), "user.x", "y") != 0) {
-        GTEST_SKIP() << "the file system keeps no attributes";
-    }
-    const auto get = [&](const std::string& arguments, const std::string& end) {
-        CommandRun run;
-        Begin(run, "-N -o " + path + " " + arguments);
-        EXPECT_EQ(run.End(), end);
-        EXPECT_EQ(ReadFile(path), "abc");
-        return run.Err() + run.Out();
-    };
-    const auto says = [](const std::string& told, const std::string& what) {
-        EXPECT_TRUE(Has(told, what)) << told;
-    };
-    says(get(server.Url(), "exit 0"), "file: finished");
-    says(get(server.Url(), "exit 0"), "file: unchanged\n" + path + "\n");
-    says(get(server.Url() + Filled(" --sha256 ~"), "exit 5"), "file: mismatch");
-    says(get(server.Url("/other"), "exit 0"), "file: finished");
-    WriteFile(path, "new");
-    says(get(server.Url("/other"), "exit 0"), "file: finished");
 }
 
 TEST(Get, ATargetBelongsToOneDownload) {
@@ -557,6 +533,80 @@ TEST(Get, WhatDidNotFinishIsContinued) {
         EXPECT_TRUE(begin == came || (begin < came && (how == "worker" || also == "INT")))
             << begin << " of " << came;
     });
+}
+
+TEST(RateShares, AreAsTheTableSays) {
+    constexpr double kAny = 1e9;
+    // What a file's server can send in the first and in the second minute, and what comes in the
+    // second one; KiB per second.
+    struct File {
+        double first, then, comes;
+    };
+    const struct {
+        const char* name;
+        std::uint64_t rate;
+        std::vector<File> files;
+    } rows[] = {
+        {"one", 100 << 10, {{kAny, kAny, 100}}},
+        {"two and a half each", 20 << 10, std::vector<File>(8, {kAny, kAny, 2.5})},
+        {"a fraction", 1500, {{kAny, kAny, 1500.0 / 1024}}},
+        {"slow ones",
+         1000 << 10,
+         {{50, 50, 50}, {70, 70, 70}, {kAny, kAny, 430}, {kAny, kAny, 430}}},
+        {"a dead one", 100 << 10, {{0, 0, 0}, {kAny, kAny, 97}}},
+        {"one gets faster", 100 << 10, {{5, kAny, 48}, {kAny, kAny, 52}}},
+        {"one gets slower", 100 << 10, {{kAny, 10, 10}, {kAny, kAny, 84}}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        RateShares shares(row.rate);
+        EXPECT_EQ(shares.MostFiles(), row.rate / 1024);
+        std::map<std::string, double> now, told;  // bytes per second; told a second later
+        std::vector<double> came(row.files.size());
+        for (std::size_t i = 0; i < row.files.size(); ++i) told[std::to_string(i)] = -1;
+        double given = 0;
+        for (int second = 0; second < 120; ++second) {
+            shares.ShareOut(told);
+            told = std::exchange(now, {});
+            for (std::size_t i = 0; i < row.files.size(); ++i) {
+                const std::string name = std::to_string(i);
+                if (second == 0) told[name] = -1;
+                const File& file = row.files[i];
+                const double comes =
+                    std::min<double>(shares.Of(name), second < 60 ? file.first : file.then);
+                now[name] = comes * 1024;
+                if (second >= 60) came[i] += comes / 60;
+                given += shares.Of(name) * 1024;
+            }
+            EXPECT_LE(given, static_cast<double>(row.rate) * (second + 1));
+            shares.NextSecond();
+        }
+        for (std::size_t i = 0; i < row.files.size(); ++i) {
+            EXPECT_NEAR(came[i], row.files[i].comes, 0.05 * row.files[i].comes) << i;
+        }
+    }
+}
+
+TEST(Get, TheRateGoesToTheFilesThatRun) {
+    HttpServer server([](const std::string& request, std::size_t) {
+        return Reply::Ok(std::string(Has(request, "/small") ? 60'000 : 9'000'000, 'x'));
+    });
+    CommandRun run;
+    Begin(run, "--limit-rate 100k " + server.Url("/small") + " " + server.Url("/big"));
+    const auto shares = [&] {
+        std::string section = ReadFile("/dev/shm/" + SectionName(run.Pid()));
+        section.resize(SHARE_MEM_SIZE);
+        std::multiset<int> rates;
+        for (int i = 0; i < TASK_SLOT_COUNT; ++i) {
+            const tagTaskContext& slot = *SlotAt({0, section.data(), nullptr}, i);
+            if (*slot.szTaskID != '\0') rates.insert(slot.nReserved3);
+        }
+        return rates;
+    };
+    EXPECT_TRUE(WaitUntil([&] { return shares() == std::multiset<int>{50, 50}; }));
+    EXPECT_TRUE(WaitUntil([&] { return shares() == std::multiset<int>{100}; }));
+    run.Signal(SIGINT);
+    EXPECT_EQ(run.End(), "signal 2");
 }
 
 TEST(Get, NeitherAListWithoutALineNorABlockedSignalDelaysTheEnd) {

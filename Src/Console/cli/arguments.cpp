@@ -196,6 +196,24 @@ Setter Number(std::int32_t& number, std::int32_t least, std::int32_t most) {
     };
 }
 
+Setter Rate(std::uint64_t& rate) {
+    return [&rate](const std::string& text) -> std::string {
+        constexpr std::uint64_t kLeast = 1ULL << 10;
+        constexpr std::uint64_t kMost = 1ULL << 40;
+        std::uint64_t value = 0;
+        const char* end = text.data() + text.size();
+        const auto [stop, error] = std::from_chars(text.data(), end, value);
+        const std::string_view unit(stop, end);
+        const std::size_t power = unit.empty() ? 0 : 1 + std::string_view("kKmMgG").find(unit) / 2;
+        if (error != std::errc() || unit.size() > 1 || power > 3 || value > kMost >> 10 * power ||
+            value << 10 * power < kLeast) {
+            return "Value " + text + " is no rate of 1k to 1024g (bytes per second, or k, m, g)";
+        }
+        rate = value << 10 * power;
+        return "";
+    };
+}
+
 int WordIndex(std::string_view words, std::string_view word) {
     for (int index = 0;; ++index) {
         const std::size_t end = words.find('|');

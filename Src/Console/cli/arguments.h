@@ -63,6 +63,10 @@ Setter Text(std::string& text, std::string (*fault)(std::string_view) = EmptyFau
 // A number of the range, in decimal digits only.
 Setter Number(std::int32_t& number, std::int32_t least, std::int32_t most);
 
+// A number of bytes per second, also with k, m or g (powers of 1024, in either case) behind it,
+// from 1k to 1024g.
+Setter Rate(std::uint64_t& rate);
+
 // Position of the word among `words`, which "|" separates; -1 when it is none of them.
 int WordIndex(std::string_view words, std::string_view word);
 

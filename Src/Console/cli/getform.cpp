@@ -70,11 +70,6 @@ std::string DigestFault(std::string_view digest) {
 std::string GetFault(const GetOptions& get) {
     if (get.addresses.empty() && get.input.empty()) return "a URL is required, or --input";
     if (std::string fault = RefusalOf(get.request); !fault.empty()) return fault;
-    // It is the file with the final name that is asked about.
-    if (get.newer && (get.serverName || get.existing == Existing::kNumber)) {
-        return "--newer excludes --number and --server-name";
-    }
-    if (get.newer && get.existing == Existing::kSkip) return "--newer excludes --skip-existing";
     if (get.addresses.size() == 1 && get.input.empty()) return "";
     if (!get.output.empty()) return "--output takes one URL only";
     return get.sha256.empty() ? "" : "--sha256 takes one URL only";
@@ -104,8 +99,6 @@ VerbForm GetForm(Command& command) {
              Set(get.existing, Existing::kNumber), "--force"},
             {"-J,--server-name", "", "give files the names that the servers give",
              Set(get.serverName, true), "--output"},
-            {"-N,--newer", "", "replace existing files that have changed at the\nserver",
-             Set(get.newer, true)},
             {"--sha256", "HEX", "SHA-256 digest of the file (one URL only)",
              Text(get.sha256, DigestFault)},
             {"--no-continue", "", "neither continue partial files nor keep them",
@@ -119,6 +112,9 @@ VerbForm GetForm(Command& command) {
             {"-j,--jobs", "N", "files at once, 1 to 8 (4)", Number(get.jobs, 1, 8)},
             {"-n,--connections", "N", "most connections for one file, 1 to 10 (1)",
              Number(get.connections, 1, 10)},
+            {"--limit-rate", "RATE",
+             "most bytes per second of all files together, also\nwith k, m or g, 1k to 1024g",
+             Rate(get.limitRate)},
             {"--tries", "N", "tries in a row without progress, 1 to 100 (5)",
              Number(get.tries.count, 1, 100)},
             {"--wait", "SEC", "longest pause between tries, 0 to 300 (10)",
@@ -135,11 +131,7 @@ VerbForm GetForm(Command& command) {
             {"--progress", kForms, "how the progress is shown", Word(display.progress, kForms)},
             {"--color", kColours, "when to use colours", Word(display.colour, kColours)},
         },
-        [&get] {
-            std::string fault = GetFault(get);
-            if (get.newer) get.existing = Existing::kReplace;
-            return fault;
-        }};
+        [&get] { return GetFault(get); }};
 }
 
 VerbForm InfoForm(Command& command) {

@@ -29,11 +29,13 @@ Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& fai
       failed_(failed),
       events_(events),
       display_(display),
+      limit_(options.limitRate),
       print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json && !options.resolveOnly) {
     totals_.files = totals_.waiting = options.addresses.size();
 }
 
 bool Downloads::StartNext() {
+    limit_.Update(running_);
     while (!resolved_.empty() && FreeSlotCount() > 0) {
         if (!Start(resolved_.front())) return false;
         resolved_.pop_front();
@@ -72,7 +74,7 @@ bool Downloads::MayRun() const {
     });
     return !stopping_ && running_.size() < kMostRunning &&
            resolved_.size() + static_cast<std::size_t>(tasks) <
-               static_cast<std::size_t>(options_.jobs);
+               std::min(static_cast<std::size_t>(options_.jobs), limit_.MostFiles());
 }
 
 bool Downloads::HasRoom() const {
@@ -116,7 +118,7 @@ std::optional<Outcome> Downloads::Begin(Fetch& file, bool& later) {
     std::optional<Outcome> end;
     do {
         std::string fault = Collision(file);
-        end = fault.empty() ? file.Begin(later)
+        end = fault.empty() ? file.Begin(limit_.MakeRoomFor(file, running_), later)
                             : Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL, std::move(fault)};
     } while (end && file.NextName());
     return end;
@@ -170,12 +172,12 @@ void Downloads::Handle(const Event& event) {
 }
 
 void Downloads::Report(File file, Outcome outcome) {
-    const bool there = IsThere(outcome.result);
-    const bool mine = there && outcome.result != EndResult::kSkipped;
+    const bool finished = outcome.result == EndResult::kFinished;
+    const bool there = finished || outcome.result == EndResult::kSkipped;
     const std::string kept = file->Release();
     Count(*file, std::move(outcome));
     if (!kept.empty()) display_.Note(kept);
-    if (mine) names_.NoteWritten(file->View().path);
+    if (finished) names_.NoteWritten(file->View().path);
     if (print_paths_ && there) PrintPath(file->View().path);
 }
 
@@ -198,9 +200,6 @@ void Downloads::Count(const Fetch& file, Outcome outcome) {
             break;
         case EndResult::kSkipped:
             ++totals_.skipped;
-            break;
-        case EndResult::kUnchanged:
-            ++totals_.unchanged;
             break;
         case EndResult::kStopped:
             ++totals_.stopped;

@@ -13,6 +13,7 @@
 #include "Console/get/get.h"
 #include "Console/get/inputlist.h"
 #include "Console/get/names.h"
+#include "Console/get/ratelimit.h"
 #include "Console/screen/display.h"
 
 // Works on the main thread. The manager runs from the first StartNext until the last task has ended
@@ -82,6 +83,7 @@ class Downloads : private Uncopyable {
     std::vector<File> unchecked_{};          // reported at a stop, their checks still run
     Names names_{};
     std::optional<Clock::time_point> refused_since_{};  // the manager takes no task
+    RateLimit limit_;
     Totals totals_{};
     ExitStatus status_ = EXIT_STATUS_FINISHED;
     bool stopping_ = false;

@@ -46,6 +46,8 @@ class Fetch : private Uncopyable {
                     // command does not wait for it
     };
     Phase Now() const { return phase_; }
+    // Whether the next task, or the one that runs, is that of a page.
+    bool IsPage() const { return page_; }
 
     const Request& Asked() const { return request_; }
     const FileView& View() const { return view_; }
@@ -61,8 +63,9 @@ class Fetch : private Uncopyable {
 
     // Begins the next task, or the comparison of an existing file with its digest. Returns the
     // outcome when that is impossible. `later`: the manager cannot take the task at present; the
-    // same call may succeed later.
-    std::optional<Outcome> Begin(bool& later);
+    // same call may succeed later. `rate` is the limit with which a download begins, in KiB per
+    // second; 0: none.
+    std::optional<Outcome> Begin(std::int32_t rate, bool& later);
 
     // Notes the name that the server gives the file. True when that was awaited and has come with
     // this event: the view has the path, and the caller sees to it that it can be used.
@@ -106,9 +109,9 @@ class Fetch : private Uncopyable {
     void ReadAddress();
     void SetPath(const std::string& name, Naming naming = Naming::kNow);
     void ShowPath();
-    void CheckExisting(EndResult result, std::int32_t code = -1);
-    bool AddTaskFor(std::string& reason, TaskRefusal& refusal);
-    tagTaskRequest TaskRequest() const;
+    void CheckExisting();
+    bool AddTaskFor(std::int32_t rate, std::string& reason, TaskRefusal& refusal);
+    tagTaskRequest TaskRequest(std::int32_t rate) const;
     void NoteBeginning(const tagTaskAnswer& answer);
     void Store();
     std::optional<Outcome> TakePage(const Event& event);
