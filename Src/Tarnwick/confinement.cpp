@@ -50,8 +50,8 @@ platform::Confinement Needs(const tagTaskRequest& request) {
     for (const char* path : authorities) {
         if (path != nullptr) needs.readable.emplace_back(path);
     }
-    for (const std::string& path : {request.strCaFile, request.strCertFile, request.strKeyFile,
-                                    request.strNetrc, LibraryDirectory()}) {
+    for (const std::string& path :
+         {request.strCaFile, request.strCertFile, request.strKeyFile, LibraryDirectory()}) {
         needs.readable.push_back(path);
     }
     std::erase(needs.readable, "");
