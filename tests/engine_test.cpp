@@ -376,6 +376,7 @@ TEST(Engine, ATryContinues) {
     const Served fresh{kBody, "\"1\"",
                        std::string(kOld) + "Date: Mon, 01 Jan 2024 00:00:01 GMT\r\n"};
     const Served bare{kBody, ""};
+    const Served whole{kBody, "\"one\"", "Accept-Ranges: none\r\n"};
     const auto broken = TaskReason::kBrokenOff;
     Tell({
         {"ten breaks", inPieces(300'000, {}), 1, {}, 11},
@@ -385,6 +386,7 @@ TEST(Engine, ATryContinues) {
         {"a weak tag is no proof", inPieces(1'000'000, weak), 1, broken, 4},
         {"nor is a young date", inPieces(1'000'000, young), 1, broken, 4},
         {"nor is a tag of a second", inPieces(1'000'000, fresh), 1, broken, 4},
+        {"no parts are served", inPieces(1'000'000, whole), 1, broken, 4},
         {"several, and nothing tells", Then({}, bare), 4, {}, 2},
         {"nothing new each time",
          Torn([](const std::string& request, std::size_t) { return Good(request, {}, 0); }), 1,

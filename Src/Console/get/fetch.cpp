@@ -302,7 +302,8 @@ std::string Fetch::GiveUpPart() const {
     const double percent = target_ == nullptr ? -1 : target_->GiveUp();
     if (percent < 0) return "";
     return "kept " + text::Printable(target_->PartPath()) + " (" + text::Percent(percent) +
-           " %): the same command continues it";
+           " %): the same command continues it" +
+           (view_.answer.bParts ? "" : " if the server serves parts");
 }
 
 std::string Fetch::Release() {

@@ -164,6 +164,7 @@ void Answer::AddLine(std::string_view line) {
                    {"content-length", contentLength},
                    {"transfer-encoding", transferEncoding},
                    {"content-range", contentRange},
+                   {"accept-ranges", acceptRanges},
                    {"content-type", contentType},
                    {"content-encoding", contentEncoding},
                    {"content-disposition", contentDisposition},
@@ -191,6 +192,12 @@ bool FitsValidator(const Answer& answer, const std::string& validator) {
 
 bool IsEncoded(const Answer& answer) {
     return !answer.contentEncoding.empty() && !SameWord(answer.contentEncoding, "identity");
+}
+
+std::optional<bool> ServesParts(const Answer& answer) {
+    if (answer.status == 206 || SameWord(answer.acceptRanges, "bytes")) return true;
+    if (SameWord(answer.acceptRanges, "none")) return false;
+    return std::nullopt;
 }
 
 int RetryAfter(const Answer& answer) {

@@ -37,6 +37,7 @@ struct Answer {
     std::string contentLength{};
     std::string transferEncoding{};
     std::string contentRange{};
+    std::string acceptRanges{};
     std::string contentType{};
     std::string contentEncoding{};
     std::string contentDisposition{};
@@ -57,6 +58,10 @@ bool FitsValidator(const Answer& answer, const std::string& validator);
 
 // Whether the body has other bytes than the file, for the way only.
 bool IsEncoded(const Answer& answer);
+
+// Whether the server serves parts of the file, as the answer shows or says; nothing when it tells
+// neither that nor the opposite.
+std::optional<bool> ServesParts(const Answer& answer);
 
 // Seconds the server asks to wait; 0 when it does not say. At most 2^31 - 1.
 int RetryAfter(const Answer& answer);

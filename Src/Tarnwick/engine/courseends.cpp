@@ -120,6 +120,9 @@ void Course::NoteAnswer(const Connection& connection) {
     told.strFinalUrl = final_url_;
     told.strETag = answer.etag;
     told.strLastModified = answer.lastModified;
+    const std::optional<bool> parts = ServesParts(answer);
+    ranges_ = ranges_ && parts.value_or(true);
+    told.bParts = ranges_ && parts.value_or(false);
     told.strFileName = DispositionName(answer.contentDisposition);
     gain_since_ = Clock::now();
     gain_from_ = Received();

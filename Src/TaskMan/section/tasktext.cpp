@@ -59,6 +59,7 @@ void ForEachKey(tagTaskAnswer& answer, Visit visit) {
     visit("requests", answer.nRequests);
     visit("connections", answer.nConnections);
     visit("tries", answer.nTries);
+    visit("parts", answer.bParts);
 }
 
 // ---- Values to texts and back. Write leaves what has its default out; Read is false for a value
