@@ -13,7 +13,6 @@
 #include "Tarnwick/engine/bucket.h"
 #include "Tarnwick/engine/judge.h"
 #include "Tarnwick/engine/transfer.h"
-#include "Tarnwick/netrc.h"
 #include "common/fieldtext.h"
 #include "support/http_server.h"
 #include "support/processes.h"
@@ -343,6 +342,7 @@ TEST(Engine, RetriesByClass) {
         {"401", Status(401), 4, http},
         {"501", Status(501), 1, http},
         {"300", Status(300), 1, http},
+        {"304 that nobody asked for", Always(Answer(304, "", "")), 1, http},
         {"503 for ever", Status(503), 1, http, 3},
         {"503 twice", Then({Answer(503, Length(0), ""), Answer(503, Length(0), "")}), 1, {}, 3},
         {"an hour", Status(429, "Retry-After: 3600\r\n"), 1, http},
@@ -587,6 +587,7 @@ TEST(Engine, ARunContinues) {
     task.path = directory.Path("f.part");
     task.keeps = true;
     task.tries = 1;
+    task.ifNoneMatch = "\"none\"";
     const auto run = [&] {
         Patient watcher;
         return Fetch(task, watcher);
@@ -638,6 +639,8 @@ TEST(Engine, ARunContinues) {
         EXPECT_EQ(result.end, End::kFinished) << result.answer.strMessage;
         EXPECT_EQ(result.answer.uHad, row.had);
         EXPECT_EQ(row.from.RequestCount() - before, 1U);
+        const std::string last = row.from.Requests().back();
+        EXPECT_NE(Has(last, "Range: "), Has(last, "If-None-Match: "));
         EXPECT_TRUE(ReadFile(task.path) == row.body);
     }
 }
@@ -667,73 +670,6 @@ TEST(Engine, SecretsStayAtTheirServer) {
             EXPECT_EQ(Header(request, "X-Own"), "4");
             EXPECT_FALSE(Has(request, "Accept:"));
         }
-    }
-}
-
-TEST(Engine, LogsInWhereItIsAsked) {
-    HttpServer foreign({Answer(401, "WWW-Authenticate: Basic realm=\"x\"\r\n" + Length(0), "")});
-    const std::string basic = "Basic am9lOnA6";  // joe:p:
-    const struct {
-        std::string challenge, proof, path, password;
-        TaskReason reason;
-        std::size_t requests;
-    } rows[] = {
-        {"Basic", basic, "/", "p:", TaskReason::kNone, 3},
-        {"Digest nonce=\"n\", qop=\"auth\",", "Digest username=\"joe\"", "/",
-         "p:", TaskReason::kNone, 3},
-        {"Basic", basic, "/", "wrong", TaskReason::kHttpStatus, 2},
-        {"Bearer", "none", "/", "p:", TaskReason::kHttpStatus, 1},
-        {"Basic", basic, "/away", "p:", TaskReason::kHttpStatus, 1},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.challenge + row.path + row.password);
-        HttpServer server([&](const std::string& request, std::size_t) {
-            if (Has(request, "/away")) return Reply::Redirect(foreign.Url());
-            const bool proven = Header(request, "Authorization").starts_with(row.proof);
-            const bool whole = !Header(request, "Range").empty();
-            if (proven) return Good(request, {}, whole ? std::string::npos : 1'000'000);
-            return Answer(
-                401, "WWW-Authenticate: " + row.challenge + " realm=\"x\"\r\n" + Length(4), "nope");
-        });
-        const TempDir directory;
-        engine::Task task;
-        task.url = server.Url(row.path);
-        task.path = directory.Path("f.part");
-        task.user = "joe";
-        task.password = row.password;
-        Patient watcher;
-        const Result result = Fetch(task, watcher);
-        EXPECT_EQ(result.answer.Reason, row.reason) << result.answer.strMessage;
-        EXPECT_EQ(server.RequestCount(), row.requests);
-    }
-    for (const std::string& request : foreign.Requests()) {
-        EXPECT_EQ(Header(request, "Authorization"), "");
-    }
-}
-
-TEST(Netrc, TellsTheLoginOfAHost) {
-    const std::string rest = "machine other login o password x\n";
-    const struct {
-        std::string text, login;
-    } rows[] = {
-        {"machine h login u password p", "u p"},
-        {rest + "machine H\n\tpassword p\r\n\taccount a login u\n" + rest, "u p"},
-        {"default login d password p\nmachine h login u password p", "d p"},
-        {"machine h login u password p default login d", "u p"},
-        {rest + "default login d", "d "},
-        {"machine h login \"u \\\"v\" password #1", "u \"v #1"},
-        {"# machine h login u\n" + rest, " "},
-        {"macdef m\nmachine h login u\n\nmachine h login v password p", "v p"},
-        {"machine h password p", " p"},
-        {"machine h login", " "},
-        {"machine", " "},
-        {"machine h login \"u", "u "},
-        {"", " "},
-    };
-    for (const auto& [text, login] : rows) {
-        std::string user = "before", password;
-        FindLogin(text, "h", user, password);
-        EXPECT_EQ(user + " " + password, login) << text;
     }
 }
 
@@ -792,7 +728,9 @@ class Extended : public WorkerRun {
 
 TEST(Extended, TheWorkerAnswers) {
     HttpServer server([](const std::string& request, std::size_t) {
-        return request.find("/none") == std::string::npos ? Good(request) : Reply::Status(404, "x");
+        if (Has(request, "/none")) return Reply::Status(404, "x");
+        const bool old = Has(request, "-Match: \"1\"\r\nIf-Modified-Since: then\r\n");
+        return old ? Answer(304, "", "") : Good(request);
     });
     HttpServer page({Reply::Status(410, "x")});
     tagTaskRequest request;
@@ -801,6 +739,9 @@ TEST(Extended, TheWorkerAnswers) {
     request.bContinue = true;
     request.Headers = {"User-Agent: own", "X-Own: 1"};
     const std::string good = EncodeRequest(request);
+    request.strIfNoneMatch = "\"1\"";
+    request.strIfModifiedSince = "then";
+    const std::string newer = EncodeRequest(request);
     request.strUrl = server.Url("/none");
     const struct {
         const char* name;
@@ -811,6 +752,7 @@ TEST(Extended, TheWorkerAnswers) {
     } rows[] = {
         {"a file", good, false, 3, TaskReason::kNone},
         {"404", EncodeRequest(request), false, 7, TaskReason::kHttpStatus},
+        {"nothing newer", newer, false, 7, TaskReason::kUnchanged},
         {"no text", "garbage\r\n\r\n", false, 7, TaskReason::kRequest},
         {"a page", good, true, 6, TaskReason::kHttpStatus},
     };

@@ -89,9 +89,6 @@ HttpServer& Server() {
                 "abc");
         }
         if (is("404")) return Reply::Status(404, "no such file");
-        if (is("login") && !Has(request, "Basic am9lOnNlY3JldA==")) {
-            return Reply::Head("0\r\nWWW-Authenticate: Basic realm=x", "", 401);
-        }
         return Reply::Ok("abc");
     });
     return server;
@@ -192,21 +189,6 @@ const std::vector<Row>& Rows() {
         {"--sha256 ~ $/good", "exit 5", "", "mismatch: good.part has the SHA-256 digest ba78"},
         {"--worker /bin/true $/good", "exit 1", "", "good: died: "},
         {"--worker / $/good", "exit 1", "", "no worker program at /"},
-        // Logins, of which nothing is told.
-        {"-v http://joe:secret@^/login", "exit 0", "login", ", http://127.0.0.1:"},
-        {"-u joe:other http://joe:secret@^/login", "exit 0", "login"},
-        {"-u joe:wrong $/login", "exit 1", "", "login: failed: HTTP 401\n"},
-        {"-u @file $/login", "exit 0", "file login", "", {{"file", "joe:secret\r\n"}}},
-        {"--netrc=file $/login",
-         "exit 0",
-         "file login",
-         "",
-         {{"file", "machine 127.0.0.1 login joe password secret"}}},
-        {"--netrc=none $/login", "exit 2", "", "--netrc: cannot read "},
-        {"--netrc=. $/login", "exit 2", "", "/. is not a regular file"},
-        {"--netrc=list -u joe $/login", "exit 2", "list", "--user excludes --netrc", List("#")},
-        {"http://joe:secret@x@^/login http://joe:secret@h/\x1b", "exit 2", "", "written %40"},
-        {"info --json http://joe:secret@h/?v=x", "exit 4", "", "\"address\":\"http://h/?v=x\""},
         // In several orders: the smallest status wins.
         {"x $/404 $/good", "exit 1", "good", "1 of 3 files finished, 2 failed"},
         {"$/good2 $/good x", "exit 2", "good good2", "", old},
@@ -382,6 +364,35 @@ TEST(Get, NoAddressHasAHostileName) {
         {"a." + a248, "a." + a248.substr(3) + ".7"},
     };
     for (const auto& [path, name] : numbered) EXPECT_EQ(NumberedPath(path, 7), name);
+}
+
+TEST(Get, NewerFilesOnly) {
+    HttpServer server([](const std::string& request, std::size_t) {
+        if (Has(request, "If-None-Match: W/\"1\"\r\n")) return Reply::Head("", "", 304);
+        return Reply().Send("HTTP/1.1 200 X\r\nETag: W/\"1\"\r\nContent-Length: 3\r\n\r\nabc");
+    });
+    const TempDir directory;
+    const std::string path = directory.Path("file");
+    WriteFile(path, "old");
+    if (platform::SetAttribute(Descriptor(open(path.c_str(), O_RDWR)).Get(), "user.x", "y") != 0) {
+        GTEST_SKIP() << "the file system keeps no attributes";
+    }
+    const auto get = [&](const std::string& arguments, const std::string& end) {
+        CommandRun run;
+        Begin(run, "-N -o " + path + " " + arguments);
+        EXPECT_EQ(run.End(), end);
+        EXPECT_EQ(ReadFile(path), "abc");
+        return run.Err() + run.Out();
+    };
+    const auto says = [](const std::string& told, const std::string& what) {
+        EXPECT_TRUE(Has(told, what)) << told;
+    };
+    says(get(server.Url(), "exit 0"), "file: finished");
+    says(get(server.Url(), "exit 0"), "file: unchanged\n" + path + "\n");
+    says(get(server.Url() + Filled(" --sha256 ~"), "exit 5"), "file: mismatch");
+    says(get(server.Url("/other"), "exit 0"), "file: finished");
+    WriteFile(path, "new");
+    says(get(server.Url("/other"), "exit 0"), "file: finished");
 }
 
 TEST(Get, ATargetBelongsToOneDownload) {

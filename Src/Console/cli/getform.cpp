@@ -70,6 +70,11 @@ std::string DigestFault(std::string_view digest) {
 std::string GetFault(const GetOptions& get) {
     if (get.addresses.empty() && get.input.empty()) return "a URL is required, or --input";
     if (std::string fault = RefusalOf(get.request); !fault.empty()) return fault;
+    // It is the file with the final name that is asked about.
+    if (get.newer && (get.serverName || get.existing == Existing::kNumber)) {
+        return "--newer excludes --number and --server-name";
+    }
+    if (get.newer && get.existing == Existing::kSkip) return "--newer excludes --skip-existing";
     if (get.addresses.size() == 1 && get.input.empty()) return "";
     if (!get.output.empty()) return "--output takes one URL only";
     return get.sha256.empty() ? "" : "--sha256 takes one URL only";
@@ -99,6 +104,8 @@ VerbForm GetForm(Command& command) {
              Set(get.existing, Existing::kNumber), "--force"},
             {"-J,--server-name", "", "give files the names that the servers give",
              Set(get.serverName, true), "--output"},
+            {"-N,--newer", "", "replace existing files that have changed at the\nserver",
+             Set(get.newer, true)},
             {"--sha256", "HEX", "SHA-256 digest of the file (one URL only)",
              Text(get.sha256, DigestFault)},
             {"--no-continue", "", "neither continue partial files nor keep them",
@@ -122,8 +129,6 @@ VerbForm GetForm(Command& command) {
             {"--timeout", "SEC", "time for a server to answer, 0 to 86400 (30); 0 is\nfor ever",
              Number(get.timeout, 0, 86400)},
             HeaderRow(get.request),
-            UserRow(get.request),
-            NetrcRow(get.request),
             UserAgentRow(get.request),
             ProxyRow(get.proxy),
             WorkerRow(get.worker),
@@ -133,7 +138,11 @@ VerbForm GetForm(Command& command) {
             {"--progress", kForms, "how the progress is shown", Word(display.progress, kForms)},
             {"--color", kColours, "when to use colours", Word(display.colour, kColours)},
         },
-        [&get] { return GetFault(get); }};
+        [&get] {
+            std::string fault = GetFault(get);
+            if (get.newer) get.existing = Existing::kReplace;
+            return fault;
+        }};
 }
 
 VerbForm InfoForm(Command& command) {
@@ -147,8 +156,6 @@ VerbForm InfoForm(Command& command) {
                 {"--json", "", "print one JSON object", Set(info.json, true), "--url"},
                 {"--url", "", "print just the address of the chosen format", Set(info.url, true)},
                 HeaderRow(info.request),
-                UserRow(info.request),
-                NetrcRow(info.request),
                 ProxyRow(info.proxy),
                 WorkerRow(info.worker),
             },

@@ -172,12 +172,12 @@ void Downloads::Handle(const Event& event) {
 }
 
 void Downloads::Report(File file, Outcome outcome) {
-    const bool finished = outcome.result == EndResult::kFinished;
-    const bool there = finished || outcome.result == EndResult::kSkipped;
+    const bool there = IsThere(outcome.result);
+    const bool mine = there && outcome.result != EndResult::kSkipped;
     const std::string kept = file->Release();
     Count(*file, std::move(outcome));
     if (!kept.empty()) display_.Note(kept);
-    if (finished) names_.NoteWritten(file->View().path);
+    if (mine) names_.NoteWritten(file->View().path);
     if (print_paths_ && there) PrintPath(file->View().path);
 }
 
@@ -200,6 +200,9 @@ void Downloads::Count(const Fetch& file, Outcome outcome) {
             break;
         case EndResult::kSkipped:
             ++totals_.skipped;
+            break;
+        case EndResult::kUnchanged:
+            ++totals_.unchanged;
             break;
         case EndResult::kStopped:
             ++totals_.stopped;

@@ -1,17 +1,14 @@
 #include "Console/get/fetch.h"
 
-#include <semaphore.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <utility>
 
 #include "Console/get/filename.h"
+#include "Console/get/origin.h"
 #include "Console/page/pagetask.h"
-#include "Console/page/videopage.h"
 #include "Console/screen/text.h"
 #include "TaskMan/manager.h"
-#include "common/address.h"
 #include "common/fieldtext.h"
 
 namespace {
@@ -28,11 +25,6 @@ std::string Join(const std::string& directory, const std::string& name) {
 
 std::string BaseName(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
-}
-
-// Clamps what another process wrote to [0, most]; NaN becomes 0.
-double Clamped(double value, double most) {
-    return value >= 0 ? std::min(value, most) : 0;
 }
 
 // The path for a task's slot: absolute, so that a sweep finds the part from any directory, unless
@@ -66,8 +58,8 @@ Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events)
       page_(options.format.Given() || options.resolveOnly),
       carried_(options.request) {
     view_.address = request_.address;
-    ReadAddress();
-    if (!request_.fault.empty()) fault_ = request_.fault;
+    fault_ = request_.fault;
+    if (fault_.empty()) ReadAddress();
     if (!fault_.empty() || page_) {
         const std::string& text = view_.address.empty() ? request_.name : view_.address;
         view_.name = text::CutMiddle(text::Printable(text), kMostOfAddress);
@@ -78,10 +70,7 @@ Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events)
 }
 
 void Fetch::ReadAddress() {
-    fault_ = TakeLogin(view_.address, carried_.strUser, carried_.strPassword);
-    if (fault_.empty()) fault_ = RefusalOf(carried_);
-    if (fault_.empty())
-        fault_ = AddressFault(view_.address, page_ ? PAGE_ADDRESS_MOST : TASK_ADDRESS_MOST);
+    fault_ = AddressFault(view_.address, page_ ? PAGE_ADDRESS_MOST : TASK_ADDRESS_MOST);
     if (fault_.empty()) fault_ = options_.proxy.For(view_.address, proxy_);
 }
 
@@ -124,11 +113,16 @@ void Fetch::Decline(const std::string& fault) {
     StopTask(id_.c_str());
 }
 
-// The helper thread compares the existing file, which is skipped, with its digest.
-void Fetch::CheckExisting() {
+// The helper thread compares the existing file, which is to end so, with its digest.
+void Fetch::CheckExisting(EndResult result, std::int32_t code) {
     phase_ = Phase::kChecking;
-    helper_.Start(events_, id_, [target = target_.get(), sha256 = request_.sha256] {
-        return target->Skip(sha256);
+    helper_.Start(events_, id_, [=, target = target_.get(), sha256 = request_.sha256] {
+        Outcome outcome = target->Skip(sha256);
+        outcome.code = code;
+        if (outcome.result != EndResult::kSkipped || result == EndResult::kSkipped) return outcome;
+        outcome.result = result;
+        outcome.message.clear();
+        return outcome;
     });
 }
 
@@ -149,7 +143,7 @@ std::optional<Outcome> Fetch::Begin(std::int32_t rate, bool& later) {
         // The file may appear while its part is still somebody else's.
         const std::string fault = target_->Skips() ? "" : target_->Open();
         if (!target_->IsOpen() && target_->Skips()) {
-            CheckExisting();
+            CheckExisting(EndResult::kSkipped);
             return std::nullopt;
         }
         if (!fault.empty()) return Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL, fault};
@@ -188,133 +182,15 @@ tagTaskRequest Fetch::TaskRequest(std::int32_t rate) const {
     request.strUrl = view_.address;
     request.strSha256 = request_.sha256;
     request.bContinue = options_.continues;
+    if (options_.newer) {
+        const Marks marks = OriginMarks(target_->Path(), view_.address);
+        request.strIfNoneMatch = marks.etag;
+        request.strIfModifiedSince = marks.lastModified;
+    }
     request.bRemoteTime = options_.remoteTime;
     request.nAnswerSeconds = options_.timeout;
     request.nTries = options_.tries.count;
     request.nWaitSeconds = options_.tries.seconds;
     request.nRate = rate;
     return request;
-}
-
-void Fetch::NoteState(const Event& event) {
-    if (!page_ && event.code != DOWNLOAD_STATE_FILE_SIZE) view_.answered = true;
-    switch (event.code) {
-        case DOWNLOAD_STATE_FILE_SIZE:
-            view_.size = event.value < 0 ? -1 : Clamped(event.value, 1e18);
-            NoteBeginning(event.answer);
-            break;
-        case DOWNLOAD_STATE_PROGRESS:
-            view_.percent = Clamped(event.value, 100);
-            break;
-        case DOWNLOAD_STATE_SPEED:
-            view_.speed.Note(Clamped(event.value, 1e12), Clock::now());
-            break;
-        default:
-            break;
-    }
-}
-
-// Comes with each beginning of the file, and with its end for one too short to have told before.
-void Fetch::NoteBeginning(const tagTaskAnswer& answer) {
-    view_.answer = answer;
-    if (begun_with_ == answer.uHad) return;
-    begun_with_ = answer.uHad;
-    beginning_ = true;
-    const auto had = static_cast<double>(answer.uHad);
-    view_.percent = view_.size > 0 ? Clamped(100 * had / view_.size, 100) : 0;
-}
-
-double Fetch::Seconds() const {
-    if (phase_ != Phase::kTask) return seconds_;
-    return std::chrono::duration<double>(Clock::now() - view_.started).count();
-}
-
-std::optional<Outcome> Fetch::NoteEnd(const Event& event, bool stopping) {
-    seconds_ = Seconds();
-    phase_ = Phase::kIdle;
-    if (event.size != 0) view_.size = event.size;
-    view_.answer = event.answer;
-    if (declined_ && declined_->empty()) {
-        CheckExisting();
-        return std::nullopt;
-    }
-    if (declined_) {
-        return Outcome{.result = EndResult::kRefused,
-                       .status = EXIT_STATUS_LOCAL,
-                       .message = *declined_,
-                       .code = event.code};
-    }
-    if (event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH) {
-        NoteBeginning(event.answer);
-        Store();
-        return std::nullopt;
-    }
-    if (page_ && event.code == DOWNLOAD_STATE_PARSE_FINISH && !stopping) return TakePage(event);
-    Outcome outcome = page_ ? PageFailure(view_.address, event) : TaskFailure(event);
-    if (stopping) outcome = {EndResult::kStopped, EXIT_STATUS_STOPPED};
-    outcome.code = event.code;
-    return outcome;
-}
-
-// All bytes have arrived: the helper thread checks them and renames the part.
-void Fetch::Store() {
-    view_.answered = true;
-    view_.percent = 100;
-    phase_ = Phase::kStoring;
-    const auto work = [target = target_.get(), size = view_.size, sha256 = request_.sha256] {
-        Outcome outcome = target->Store(size, sha256);
-        outcome.code = DOWNLOAD_STATE_DOWNLOAD_FINISH;
-        return outcome;
-    };
-    helper_.Start(events_, id_, work);
-}
-
-// The page gives the file its name and its address; from here on it is like any other.
-std::optional<Outcome> Fetch::TakePage(const Event& event) {
-    Outcome outcome;
-    outcome.code = event.code;
-    if (options_.resolveOnly) {
-        view_.information = event.text;
-        return outcome;
-    }
-    const VideoPage page = ReadVideoPage(event.text);
-    const VideoFormat* format = Choose(page, options_.format);
-    if (format == nullptr) {
-        outcome.result = EndResult::kFailed;
-        outcome.status = EXIT_STATUS_UNRESOLVED;
-        outcome.message = NO_SUCH_FORMAT;
-        return outcome;
-    }
-    page_ = false;
-    // What was given for the site of the page is not for whom that names.
-    if (!SameOrigin(view_.address, format->address)) {
-        carried_.Headers.clear();
-        carried_.strUser = carried_.strPassword = "";
-    }
-    view_.address = format->address;
-    ReadAddress();
-    SetPath(NameFromTitle(page.title));
-    return std::nullopt;
-}
-
-// Gives the part up. Returns the line that tells what stays; empty when nothing does.
-std::string Fetch::GiveUpPart() const {
-    const double percent = target_ == nullptr ? -1 : target_->GiveUp();
-    if (percent < 0) return "";
-    return "kept " + text::Printable(target_->PartPath()) + " (" + text::Percent(percent) +
-           " %): the same command continues it" +
-           (view_.answer.bParts ? "" : " if the server serves parts");
-}
-
-std::string Fetch::Release() {
-    helper_.Join();
-    std::string kept = GiveUpPart();
-    if (target_ != nullptr) ShowPath();
-    target_.reset();
-    return kept;
-}
-
-std::string Fetch::Abandon() const {
-    if (phase_ == Phase::kTask) sem_unlink(id_.c_str());
-    return GiveUpPart();
 }

@@ -109,7 +109,7 @@ class Fetch : private Uncopyable {
     void ReadAddress();
     void SetPath(const std::string& name, Naming naming = Naming::kNow);
     void ShowPath();
-    void CheckExisting();
+    void CheckExisting(EndResult result, std::int32_t code = -1);
     bool AddTaskFor(std::int32_t rate, std::string& reason, TaskRefusal& refusal);
     tagTaskRequest TaskRequest(std::int32_t rate) const;
     void NoteBeginning(const tagTaskAnswer& answer);

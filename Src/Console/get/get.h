@@ -25,8 +25,9 @@ struct GetOptions {
     bool serverName = false;  // files have the names that the servers give
     bool continues = true;  // go on with what an earlier run has left, and leave it to a later one
     std::int32_t connections = 1;  // most of one file, 1 to 10
-    bool remoteTime = false;       // files get the times that they have at their servers
-    std::uint64_t limitRate = 0;   // bytes per second of all files together; 0: no limit
+    bool newer = false;  // replace only what has changed since it was stored; existing is kReplace
+    bool remoteTime = false;      // files get the times that they have at their servers
+    std::uint64_t limitRate = 0;  // bytes per second of all files together; 0: no limit
     Tries tries{};
     std::int32_t timeout = 30;  // seconds for a server to answer; 0: for ever
     std::string worker{};       // program of the workers; empty: the installed one

@@ -119,7 +119,8 @@ Outcome Target::Skip(const std::string& sha256) const {
     Outcome skipped{EndResult::kSkipped};
     skipped.message = path_ + " exists already";
     struct stat status {};
-    if (stat(path_.c_str(), &status) == 0) skipped.bytes = static_cast<double>(status.st_size);
+    if (stat(path_.c_str(), &status) != 0) return Local(Fault("cannot read", path_, errno));
+    skipped.bytes = static_cast<double>(status.st_size);
     if (sha256.empty()) return skipped;
     const Descriptor file(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file.IsOpen()) return Local(Fault("cannot read", path_, errno));

@@ -12,7 +12,6 @@
 #include "Console/screen/display.h"
 #include "Console/screen/jsontext.h"
 #include "Console/screen/text.h"
-#include "common/address.h"
 
 namespace {
 
@@ -166,14 +165,10 @@ std::string PageJson(const VideoPage& page, const VideoFormat* taken) {
     return JsonLine(all);
 }
 
-int RunInfo(const InfoOptions& given) {
-    InfoOptions options = given;
-    tagTaskRequest& request = options.request;
-    std::string fault = TakeLogin(options.address, request.strUser, request.strPassword);
-    if (fault.empty()) fault = RefusalOf(request);
+int RunInfo(const InfoOptions& options) {
     InfoDisplay display(options);
     Proxy proxy;
-    if (fault.empty()) fault = AddressFault(options.address, PAGE_ADDRESS_MOST);
+    std::string fault = AddressFault(options.address, PAGE_ADDRESS_MOST);
     if (fault.empty()) fault = options.proxy.For(options.address, proxy);
     if (!fault.empty()) {
         return Fail(display, {EndResult::kRefused, EXIT_STATUS_USAGE, std::move(fault)});

@@ -112,6 +112,7 @@ std::string SummaryLine(const Totals& totals) {
         if (count > 0) line += ", " + std::to_string(count) + what;
     };
     add(totals.skipped, " skipped");
+    add(totals.unchanged, " unchanged");
     add(totals.Failed(), " failed");
     add(totals.stopped, " stopped");
     add(totals.waiting, " not begun");
@@ -148,8 +149,7 @@ std::string TaskLine(const FileView& file) {
 }
 
 std::string Coloured(const std::string& line, EndResult result) {
-    const bool wrong = result != EndResult::kFinished && result != EndResult::kSkipped &&
-                       result != EndResult::kStopped;
+    const bool wrong = !IsThere(result) && result != EndResult::kStopped;
     return wrong ? "\x1b[31m" + line + "\x1b[0m" : line;
 }
 

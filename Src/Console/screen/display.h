@@ -36,7 +36,7 @@ class SmoothSpeed {
 struct FileView {
     std::string name{};     // printable
     std::string id{};       // of its last task; empty when it never had one
-    std::string address{};  // as it was given, or as its page gave it; without a login
+    std::string address{};  // as it was given, or as its page gave it
     std::string path{};     // where the file goes; empty while that is unknown
     double size = -1;       // bytes; below 0 while unknown
     double percent = 0;     // 0 to 100
@@ -57,10 +57,11 @@ struct Totals {
     std::size_t finished = 0;
     std::size_t skipped = 0;  // was there before
     std::size_t stopped = 0;
-    std::size_t ended = 0;     // finished, skipped, stopped or failed
-    double finishedBytes = 0;  // of the finished files
+    std::size_t ended = 0;      // all of these, and what failed
+    double finishedBytes = 0;   // of the finished files
+    std::size_t unchanged = 0;  // was there before, and the server has nothing newer
 
-    std::size_t Failed() const { return ended - finished - skipped - stopped; }
+    std::size_t Failed() const { return ended - finished - skipped - unchanged - stopped; }
 };
 
 // Calls come from one thread. A FileView stays at its address from Started to Ended.
@@ -126,8 +127,8 @@ bool CanDraw(int descriptor);
 // "file.iso: finished, 100 % of 64.0 MiB in 4.1 s, 15.6 MiB/s"; "file.iso: failed: HTTP 404"
 std::string EndLine(const FileView& file, const Outcome& outcome);
 
-// "2 of 6 files finished, 1 skipped, 1 failed, 1 stopped, 1 not begun"; empty when there is but one
-// file.
+// "2 of 7 files finished, 1 skipped, 1 unchanged, 1 failed, 1 stopped, 1 not begun"; empty when
+// there is but one file.
 std::string SummaryLine(const Totals& totals);
 
 // What a worker has reported: "file.iso: code 10: 64.0 MiB are to come"

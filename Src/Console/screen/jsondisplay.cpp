@@ -53,6 +53,7 @@ void JsonDisplay::Finish(const Totals& totals, int status) {
     event["files"] = totals.files;
     event["finished"] = totals.finished;
     event["skipped"] = totals.skipped;
+    event["unchanged"] = totals.unchanged;
     event["failed"] = totals.Failed();
     event["stopped"] = totals.stopped;
     event["not_begun"] = totals.waiting;

@@ -10,12 +10,12 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Tarnwick/engine/bucket.h"
 #include "Tarnwick/engine/headerlist.h"
 #include "Tarnwick/engine/judge.h"
 #include "Tarnwick/engine/partfile.h"
-#include "Tarnwick/engine/transfer.h"
 #include "common/uncopyable.h"
 
 namespace engine {
@@ -43,8 +43,8 @@ class Rate {
 struct Request {
     std::string url{};
     Asked asked{};
-    std::string ifRange{};  // value of that header; empty: none
-    bool foreign = false;   // the address has another origin than that of the task
+    bool foreign = false;                // the address has another origin than that of the task
+    std::vector<std::string> headers{};  // lines "Name: value" of this one
 };
 
 class Connection : private Uncopyable {
@@ -52,7 +52,7 @@ class Connection : private Uncopyable {
     // What the connections of a transfer share.
     struct Shared {
         CURLM* multi;
-        const Task& task;  // headers and login
+        const std::vector<std::string>& headers;  // of each request
         Blocks& blocks;
         PartFile& file;
         Bucket& bucket;  // in which each connection has its id
@@ -98,7 +98,6 @@ class Connection : private Uncopyable {
     bool Threw() const { return threw_; }
     const char* Message() const { return error_; }
     CURL* Handle() const { return curl_; }
-    // Of the last request that libcurl has sent, behind redirects; without a login.
     std::string FinalUrl() const;
     // Bytes of this request's body that went into the file; and of all bodies.
     std::uint64_t Got() const { return got_; }
@@ -121,7 +120,6 @@ class Connection : private Uncopyable {
     void Forget();
     bool Gather(const char* data, std::size_t size, std::uint64_t position);
     void Judge();
-    bool IsChallenge() const;
 
     const int id_;
     const Shared& shared_;

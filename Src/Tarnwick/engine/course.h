@@ -43,6 +43,7 @@ class Course : private Uncopyable {
     void GiveWork();
     void BeginRound();
     void GiveFurtherWork();
+    void AddConditions(Request& request) const;
     bool Ask(Connection& connection, Request request);
     bool AskFor(Connection& connection, const Range& range);
     Connection* NewConnection();

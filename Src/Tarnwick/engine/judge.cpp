@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "Tarnwick/engine/curl.h"
-#include "common/address.h"
 
 namespace engine {
 namespace {
@@ -72,6 +71,9 @@ bool IsPassing(int status) {
 }
 
 Judgement JudgeStatus(const Answer& answer, const Asked& asked) {
+    if (answer.status == 304 && asked.conditional) {
+        return {Verdict::kFinal, TaskReason::kUnchanged, "the server has nothing newer"};
+    }
     Judgement judged{Verdict::kFinal, TaskReason::kHttpStatus,
                      "HTTP " + std::to_string(answer.status), RetryAfter(answer)};
     if (answer.status == 407) judged.reason = TaskReason::kProxy;
@@ -168,8 +170,7 @@ Judgement JudgeError(CURLcode code, const std::string& text, const Answer& answe
     }
     if (code == CURLE_UNSUPPORTED_PROTOCOL && IsRedirect(answer)) {
         judged.reason = TaskReason::kRedirects;
-        judged.message =
-            "redirected to what is neither http nor https: " + WithoutLogin(answer.location);
+        judged.message = "redirected to what is neither http nor https: " + answer.location;
     }
     if (code == CURLE_URL_MALFORMAT) judged.message = "the address is malformed";
     constexpr std::string_view kCertificate = "SSL certificate problem: ";

@@ -23,9 +23,7 @@ struct Task {
     std::string path{};  // of the partial file
     std::string userAgent{};
     std::vector<std::string> headers{};  // of each request, see tagTaskRequest
-    std::string user{};                  // for a login at the origin of `url`; empty: none
-    std::string password{};
-    std::string sha256{};    // of the file when it is known: then only this proves it
+    std::string sha256{};                // of the file when it is known: then only this proves it
     bool keeps = false;      // go on with what is there, keep a record (TaskMan/partrecord.h)
     int connections = 1;     // most of them, 1 to 10
     int answerSeconds = 30;  // to the end of an answer's headers; 0: for ever
@@ -35,6 +33,10 @@ struct Task {
     bool proxied = false;    // `prepare` sets a proxy
     // Sets on each new handle what the task asks for beyond this; may be empty.
     std::function<void(CURL*)> prepare{};
+    // Conditions, values of these headers, for as long as nothing of the file has come; empty:
+    // none. An answer that names them ends the transfer with the reason kUnchanged.
+    std::string ifNoneMatch{};
+    std::string ifModifiedSince{};
     bool remoteTime = false;  // the complete file gets the time that Last-Modified tells
 };
 
