@@ -16,7 +16,7 @@ end
 
 set -l get -c taskman -n '__fish_seen_subcommand_from get'
 complete $get -s i -l input -rF -d 'list of more addresses'
-complete $get -s o -l output -rF -d 'name of the file'
+complete $get -s o -l output -rF -d 'name of the file, or -'
 complete $get -s d -l dir -xa '(__fish_complete_directories)' -d 'directory for the files'
 complete $get -s f -l force -d 'replace existing files'
 complete $get -s s -l skip-existing -d 'take existing files for finished ones'

@@ -78,6 +78,7 @@ HttpServer& Server() {
         if (is("idle")) return Reply::Head("1000").Send(std::string(500, 'x'), 2000);
         if (is("slow")) return Reply::Head("100000000").Stream(100'000);
         if (is("silent")) return Reply().Silence();
+        if (is("plenty")) return Reply::Ok(std::string(1'000'000, 'x'));
         if (is("empty")) return Reply::Ok("");
         if (is("no-length")) return Reply::Head("", "bytes");
         if (is("shrinks")) return Reply::Head(std::exchange(g_size, ""), "bytes");
@@ -228,6 +229,7 @@ const std::vector<Row>& Rows() {
         {"$/good --failed a/x", "exit 0", "a good", "", {}, {{"a", ""}}},
         // Usage.
         {"", "exit 2", "", "taskman get --help"},
+        {"-o - --json $/good", "exit 2", "", "--json and --output - exclude each other"},
         {"-j", "exit 2", "", "-j: a value is missing"},
         {"--limit-rate 1023 x", "exit 2", "", "--limit-rate: Value 1023 is no rate of 1k to"},
         {"--limit-rate 1025G x", "exit 2", "", "Value 1025G is no rate"},
@@ -686,17 +688,39 @@ TEST(Get, ABrokenOutputEndsLikeSigterm) {
     close(device);
 }
 
+TEST(Get, StandardOutputGetsACheckedFile) {
+    for (const bool fits : {true, false}) {
+        CommandRun run;
+        run.environment.push_back("TMPDIR=" + run.Path());
+        Begin(run, std::string("-o - $/good --sha256 ") + (fits ? "+" : "~"));
+        EXPECT_EQ(run.End(), fits ? "exit 0" : "exit 5");
+        EXPECT_EQ(run.Out() + run.Files(), fits ? "abc" : "");
+    }
+    CommandRun slow;
+    Begin(slow, "-o - -d . $/slow");
+    EXPECT_TRUE(slow.Worker() > 0 && slow.Files().ends_with(".part"));
+    struct stat part {};
+    stat(slow.Path(slow.Files()).c_str(), &part);
+    EXPECT_EQ(part.st_mode & 07777, 0600U);
+    slow.Signal(SIGINT);
+    EXPECT_EQ(slow.End(), "signal 2");
+    EXPECT_EQ(slow.Out() + slow.Files(), "");
+}
+
 TEST(Get, AReaderThatTakesNothingDelaysNoEnd) {
-    Pipe output;
-    CommandRun run;
-    WriteFile(run.Path("list"), Repeated(2000, "x\n"));
-    run.output = output.ends[1];
-    Begin(run, "--json -i list");
-    int held = 0;
-    EXPECT_TRUE(
-        WaitUntil([&] { return ioctl(output.ends[0], FIONREAD, &held) == 0 && held > 50'000; }));
-    run.Signal(SIGINT);
-    EXPECT_EQ(run.End(), "signal 2");
+    for (const char* arguments : {"--json -i list", "-o - -d . $/plenty"}) {
+        Pipe output;
+        CommandRun run;
+        WriteFile(run.Path("list"), Repeated(2000, "x\n"));
+        run.output = output.ends[1];
+        Begin(run, arguments);
+        int held = 0;
+        EXPECT_TRUE(WaitUntil(
+            [&] { return ioctl(output.ends[0], FIONREAD, &held) == 0 && held > 50'000; }));
+        run.Signal(SIGINT);
+        EXPECT_EQ(run.End(), "signal 2");
+        EXPECT_EQ(run.Files(), "list");
+    }
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include "Console/cli/forms.h"
 #include "Console/get/digest.h"
 #include "Console/get/filename.h"
@@ -66,15 +68,23 @@ std::string DigestFault(std::string_view digest) {
     return IsDigest(digest) ? "" : "64 hexadecimal digits are needed";
 }
 
+std::string OutputNameFault(std::string_view name) {
+    return name == OUTPUT_NAME ? "" : NameFault(name);
+}
+
 // What is wrong with the options together; empty when nothing is.
 std::string GetFault(const GetOptions& get) {
     if (get.addresses.empty() && get.input.empty()) return "a URL is required, or --input";
     if (std::string fault = RefusalOf(get.request); !fault.empty()) return fault;
     // It is the file with the final name that is asked about.
-    if (get.newer && (get.serverName || get.existing == Existing::kNumber)) {
-        return "--newer excludes --number and --server-name";
+    if (get.newer && (get.serverName || get.existing == Existing::kNumber || get.ToOutput())) {
+        return "--newer excludes --number, --server-name and --output -";
     }
     if (get.newer && get.existing == Existing::kSkip) return "--newer excludes --skip-existing";
+    if (get.ToOutput() && get.display.json) return "--json and --output - exclude each other";
+    if (get.ToOutput() && isatty(STDOUT_FILENO) == 1) {
+        return "--output -: no file is written to a terminal";
+    }
     if (get.addresses.size() == 1 && get.input.empty()) return "";
     if (!get.output.empty()) return "--output takes one URL only";
     return get.sha256.empty() ? "" : "--sha256 takes one URL only";
@@ -94,7 +104,8 @@ VerbForm GetForm(Command& command) {
         {
             {"URL", "...", "http or https addresses", More(get.addresses, NoFault)},
             {"-i,--input", "FILE", "list of more URLs; - is standard input", Text(get.input)},
-            {"-o,--output", "FILE", "name of the file (one URL only)", Text(get.output, NameFault)},
+            {"-o,--output", "FILE", "name of the one file; - is standard output",
+             Text(get.output, OutputNameFault)},
             {"-d,--dir", "DIR", "directory for the files", Text(get.directory)},
             {"-f,--force", "", "replace existing files", Set(get.existing, Existing::kReplace),
              "--skip-existing"},

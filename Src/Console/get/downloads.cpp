@@ -30,7 +30,8 @@ Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& fai
       events_(events),
       display_(display),
       limit_(options.limitRate),
-      print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json && !options.resolveOnly) {
+      print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json && !options.resolveOnly &&
+                   !options.ToOutput()) {
     totals_.files = totals_.waiting = options.addresses.size();
 }
 
@@ -56,7 +57,8 @@ bool Downloads::StartNext() {
 
 InputList::Taken Downloads::TakeRequest(Request& request) {
     if (taken_ < options_.addresses.size()) {
-        request = {options_.addresses[taken_++], options_.output, options_.sha256, ""};
+        const std::string name = options_.ToOutput() ? "" : options_.output;
+        request = {options_.addresses[taken_++], name, options_.sha256, ""};
         return InputList::Taken::kRequest;
     }
     const InputList::Taken taken = list_.Take(request);

@@ -1,11 +1,11 @@
 #include "Console/get/fetch.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <utility>
 
 #include "Console/get/filename.h"
 #include "Console/get/origin.h"
+#include "Console/get/standardoutput.h"
 #include "Console/page/pagetask.h"
 #include "Console/screen/text.h"
 #include "TaskMan/manager.h"
@@ -15,41 +15,11 @@ namespace {
 
 constexpr int kMostOfAddress = 100;  // columns, of one that is refused
 
-std::string Join(const std::string& directory, const std::string& name) {
-    if (!directory.empty() && name.front() != '/') {
-        return directory + (directory.back() == '/' ? "" : "/") + name;
-    }
-    // A program that is given the path must not take it for an option.
-    return name.front() == '-' ? "./" + name : name;
-}
-
 std::string BaseName(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-// The path for a task's slot: absolute, so that a sweep finds the part from any directory, unless
-// the task would be refused for that.
-std::string FindablePath(const std::string& path) {
-    std::error_code error;
-    std::string absolute = std::filesystem::absolute(path, error);
-    const bool usable = !error && absolute.size() < sizeof(tagTaskInfo::szFilePath) &&
-                        absolute.find('\\') == std::string::npos;
-    return usable ? absolute : path;
-}
-
 }  // namespace
-
-void HelperThread::Start(EventQueue& events, const std::string& id, std::function<Outcome()> work) {
-    thread_ = RunBeside([&events, id, work = std::move(work)] {
-        Event event{Event::Kind::kEnd, id};
-        event.outcome = work();
-        events.Add(std::move(event));
-    });
-}
-
-void HelperThread::Join() {
-    if (thread_.joinable()) thread_.join();
-}
 
 Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events)
     : request_(std::move(request)),
@@ -77,10 +47,15 @@ void Fetch::ReadAddress() {
 // `name` is what the address or the page makes of it; the user's own goes first.
 void Fetch::SetPath(const std::string& name, Naming naming) {
     const std::string& wanted = request_.name.empty() ? name : request_.name;
-    const PartRule rule = options_.continues ? PartRule::kContinue : PartRule::kRemove;
-    target_ =
-        std::make_unique<Target>(Join(options_.directory, wanted), options_.existing, rule, naming);
     view_.name = text::Printable(BaseName(wanted));
+    if (options_.ToOutput()) {
+        target_ = std::make_unique<Target>(PrivatePath(options_.directory), Existing::kRefuse,
+                                           PartRule::kRemove, Naming::kNever);
+        return;
+    }
+    const PartRule rule = options_.continues ? PartRule::kContinue : PartRule::kRemove;
+    target_ = std::make_unique<Target>(PathIn(options_.directory, wanted), options_.existing, rule,
+                                       naming);
     ShowPath();
 }
 
@@ -92,9 +67,10 @@ void Fetch::ShowPath() {
 bool Fetch::TakeServerName(const Event& event) {
     const bool told =
         event.code == DOWNLOAD_STATE_FILE_SIZE || event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH;
-    if (!told || page_ || target_ == nullptr || !view_.path.empty()) return false;
+    const bool awaited = options_.serverName && !page_ && target_ != nullptr && view_.path.empty();
+    if (!told || !awaited) return false;
     const std::string name = NameFromServer(event.answer.strFileName);
-    target_->Name(Join(options_.directory, name.empty() ? NameFromAddress(view_.address) : name));
+    target_->Name(PathIn(options_.directory, name.empty() ? NameFromAddress(view_.address) : name));
     ShowPath();
     return true;
 }
@@ -181,7 +157,7 @@ tagTaskRequest Fetch::TaskRequest(std::int32_t rate) const {
     if (page_) return request;
     request.strUrl = view_.address;
     request.strSha256 = request_.sha256;
-    request.bContinue = options_.continues;
+    request.bContinue = options_.continues && !options_.ToOutput();
     if (options_.newer) {
         const Marks marks = OriginMarks(target_->Path(), view_.address);
         request.strIfNoneMatch = marks.etag;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Console/base/proxy.h"
+#include "Console/get/standardoutput.h"
 #include "Console/get/target.h"
 #include "Console/page/pagetask.h"
 #include "Console/page/videopage.h"
@@ -16,7 +17,7 @@
 struct GetOptions {
     std::vector<std::string> addresses{};
     std::string input{};      // list of more addresses; "-": standard input; empty: none
-    std::string output{};     // name of the only file; empty: taken from the address
+    std::string output{};     // name of the only file, or OUTPUT_NAME; empty: from the address
     std::string sha256{};     // digest of the only file; empty: unknown
     std::string directory{};  // where files go; empty: the working directory
     std::string failed{};     // list of what did not finish, to be written; empty: none
@@ -36,6 +37,8 @@ struct GetOptions {
     FormatWish format{};       // when given, the addresses are those of pages
     bool resolveOnly = false;  // the addresses are those of pages, of which no file is downloaded
     DisplayOptions display{};
+
+    bool ToOutput() const { return output == OUTPUT_NAME; }
 };
 
 // Downloads what the options name and returns the exit status. After SIGINT, SIGTERM or SIGHUP it

@@ -12,6 +12,7 @@
 #include "Console/get/digest.h"
 #include "Console/get/numbering.h"
 #include "Console/get/rights.h"
+#include "Console/get/standardoutput.h"
 #include "Console/screen/text.h"
 #include "TaskMan/othermanagers.h"
 #include "TaskMan/partrecord.h"
@@ -90,6 +91,7 @@ Target::Target(const std::string& path, Existing existing, PartRule rule, Naming
     : base_(Followed(path)),
       path_(naming == Naming::kNow ? base_ : ""),
       part_(base_ + TASK_PART_ENDING),
+      naming_(naming),
       existing_(existing),
       rule_(rule) {}
 
@@ -183,7 +185,8 @@ std::string Target::OpenOnce() {
     hopeless_ = fault.empty();
     if (!hopeless_) return fault;
     struct stat old {};
-    const mode_t mode = Replaces(old) ? RightsToReplace(old) : 0666;
+    mode_t mode = Replaces(old) ? RightsToReplace(old) : 0666;
+    if (naming_ == Naming::kNever) mode = S_IRUSR | S_IWUSR;
     Descriptor file(open(part_.c_str(), flags | O_CREAT | O_EXCL, mode));
     if (!file.IsOpen() && errno == ENOENT) return MakeDirectory(part_);
     const bool found = !file.IsOpen() && errno == EEXIST;
@@ -221,17 +224,21 @@ Outcome Target::Store(double size, const std::string& sha256, bool sync) {
     struct stat status {};
     if (fstat(Part(), &status) != 0 || !StillNamed()) return Local(part_ + " was taken away");
     const auto bytes = static_cast<double>(status.st_size);
+    // Its name goes first: however the command ends from here on, nothing stays.
+    const bool named = naming_ != Naming::kNever;
+    if (!named) GiveUp();
     if (size >= 0 && bytes != size) {
         spoiled_ = true;
         return {EndResult::kMismatch, EXIT_STATUS_MISMATCH,
                 std::to_string(status.st_size) + " bytes arrived, the server announced " +
                     std::to_string(static_cast<long long>(size))};
     }
-    Outcome differs = DigestFault(Part(), part_, sha256);
+    Outcome differs = DigestFault(Part(), named ? part_ : "the file", sha256);
     if (differs.result != EndResult::kFinished) {
         spoiled_ = differs.result == EndResult::kMismatch;
         return differs;
     }
+    if (!named) return WriteToOutput(Part());
     struct stat old {};
     if (const int error = Replaces(old) ? TakeRights(Part(), old) : 0; error != 0) {
         return Local(Fault("cannot keep the permissions of", path_, error));

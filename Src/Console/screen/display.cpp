@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -35,8 +36,8 @@ Detail DetailOf(const DisplayOptions& options) {
 // Waits until the descriptor takes bytes or has failed. False when the command is to end and it
 // still takes none.
 bool AwaitRoom(int descriptor) {
-    constexpr int kTurn = 250;  // milliseconds
-    static int turns = 8;       // that are left, over all calls, once the command is to end
+    constexpr int kTurn = 250;         // milliseconds
+    static std::atomic<int> turns{8};  // that are left, over all calls, once the command is to end
     pollfd room{descriptor, POLLOUT, 0};
     while (poll(&room, 1, kTurn) < 1) {
         const int stops = signals::StopCount();
