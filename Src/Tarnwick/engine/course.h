@@ -65,6 +65,7 @@ class Course : private Uncopyable {
     void OnGood(Connection& connection, CURLcode code);
     void OnFailure(Connection& connection, const Judgement& judged);
     void FailRound(const Judgement& judged, bool gotBytes);
+    bool MayServeOnce(const Judgement& judged) const;
     bool IsStuck();
     void StartOver();
     std::time_t RemoteTime() const;
