@@ -26,7 +26,7 @@ namespace {
 constexpr std::size_t kLongestPath = sizeof(tagTaskInfo::szFilePath) - 1;
 // The worker of a killed command stores how far it came before it exits, and a sweep locks a part
 // for moments, to see whether it is in use.
-constexpr std::chrono::seconds kLockPatience{1};
+constexpr std::chrono::seconds kPartPatience{1};
 
 std::string Fault(const char* what, const std::string& path, int error) {
     return sysutility::SystemFault(what + (" " + path), error);
@@ -180,7 +180,7 @@ std::string Target::OpenOnce() {
     constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
     // With another name at hand nothing is waited for.
     const bool numbers = existing_ == Existing::kNumber || path_.empty();
-    const auto patience = numbers ? std::chrono::seconds(0) : kLockPatience;
+    const auto patience = numbers ? std::chrono::seconds(0) : kPartPatience;
     std::string fault = Obstacle();
     hopeless_ = fault.empty();
     if (!hopeless_) return fault;
