@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr const char* kAtSign = "\"@\" in a user or password must be written %40";
+
 // What libcurl refuses in the name of a host. A "%" that begins no encoded byte is let through.
 constexpr std::string_view kInNoHost = " !\"#$&'()*+,/:;<=>?@[\\]^`{}";
 
@@ -28,10 +30,29 @@ std::string HostFault(std::string_view host) {
     for (const char c : host) {
         if (static_cast<unsigned char>(c) < ' ' || c == '\x7F') return "a control byte in the host";
         if (kInNoHost.find(c) == kInNoHost.npos) continue;
-        if (c == '@') return "\"@\" in a user or password must be written %40";
+        if (c == '@') return kAtSign;
         return std::string("no host has a \"") + c + "\" in its name";
     }
     return "";
+}
+
+struct Span {
+    std::size_t begin;
+    std::size_t end;
+};
+
+// Where the login and its "@" stand in the address.
+Span LoginIn(std::string_view address) {
+    const std::size_t scheme = address.find("://");
+    const std::size_t path = address.find_first_of("/?#");
+    std::size_t begin = 0;
+    if (scheme != address.npos && scheme < path) {
+        // libcurl takes "http:///host" for "http://host".
+        begin = std::min(address.find_first_not_of('/', scheme + 1), address.size());
+    }
+    const std::string_view rest = address.substr(begin);
+    const std::size_t at = rest.substr(0, rest.find_first_of("/?#")).rfind('@');
+    return {begin, at == rest.npos ? begin : begin + at + 1};
 }
 
 // "https://host:443"; empty for other schemes, and without a host.
@@ -53,6 +74,25 @@ int HexDigit(char c) {
 }
 
 }  // namespace
+
+std::string WithoutLogin(std::string_view address) {
+    const Span login = LoginIn(address);
+    return std::string(address.substr(0, login.begin)).append(address.substr(login.end));
+}
+
+std::string TakeLogin(std::string& address, std::string& user, std::string& password) {
+    const Span span = LoginIn(address);
+    const std::string text = address.substr(span.begin, span.end - span.begin);
+    address = WithoutLogin(address);
+    if (text.size() < 2) return "";
+    const std::string_view login = std::string_view(text).substr(0, text.size() - 1);
+    const std::size_t colon = login.find(':');
+    if (login.find('@') != login.npos) return kAtSign;
+    if (colon == 0) return "the address holds a password without a user";
+    user = PercentDecode(login.substr(0, colon));
+    password = colon == login.npos ? "" : PercentDecode(login.substr(colon + 1));
+    return "";
+}
 
 Authority AuthorityOf(std::string_view address) {
     const std::size_t scheme = address.find("://");

@@ -21,6 +21,15 @@ Authority AuthorityOf(std::string_view address);
 // tried. Names of any letters and numeric addresses are hosts; a port is 1 to 65535.
 std::string AuthorityFault(const Authority& authority);
 
+// The address without the login that it may hold, whatever its scheme: all up to the last "@"
+// before the path, so that nothing of a password is left.
+std::string WithoutLogin(std::string_view address);
+
+// Takes the login off the address and decodes its percent escapes. Returns why it is of no use, in
+// one line and without any part of it. Empty: `user` and `password` are those of the address; or as
+// before, when it has none.
+std::string TakeLogin(std::string& address, std::string& user, std::string& password);
+
 // Whether both addresses have the same scheme, http or https, the same host and port (RFC 6454, 4).
 // Hosts are compared as texts: two names of one host are two hosts.
 bool SameOrigin(std::string_view one, std::string_view other);

@@ -17,7 +17,7 @@ _taskman_value() {
     -x | --proxy) _taskman_words 'none http:// socks4:// socks4a:// socks5:// socks5h://' ;;
     --progress) _taskman_words 'auto bar plain none' ;;
     --color) _taskman_words 'auto always never' ;;
-    --sha256 | --size | --format | --timeout | -H | --header | -A | --user-agent) ;;
+    --sha256 | --size | --format | --timeout | -H | --header | -u | --user | -A | --user-agent) ;;
     *) return 1 ;;
     esac
 }
@@ -38,11 +38,11 @@ _taskman() {
         options+=' -J --server-name --sha256 --no-continue -R --remote-time --failed'
         options+=' --size --format -j --jobs -n --connections --limit-rate --tries'
         options+=' --wait --timeout'
-        options+=' -H --header -A --user-agent -x --proxy'
+        options+=' -H --header -u --user --netrc -A --user-agent -x --proxy'
         options+=' --worker --json -q --quiet -v --verbose'
         options+=' --progress --color'
         ;;
-    info) options+=' --size --json --url -H --header -x --proxy --worker' ;;
+    info) options+=' --size --json --url -H --header -u --user --netrc -x --proxy --worker' ;;
     top) options+=' --once --json' ;;
     stop)
         options+=' --all'

@@ -191,6 +191,28 @@ TEST(Addresses, HaveOneOrigin) {
     }
 }
 
+TEST(Addresses, LoseTheirLogins) {
+    const std::string at = "\"@\" in a user or password must be written %40";
+    const struct {
+        std::string address, rest, user, password, fault = "";
+    } rows[] = {
+        {"http://h/a@b", "http://h/a@b", "-", "-"},
+        {"HTTPS://joe:s%40%3a:%2@h:1/a@b", "HTTPS://h:1/a@b", "joe", "s@::%2"},
+        {"http://joe@h?x", "http://h?x", "joe", ""},
+        {"http://@h", "http://h", "-", "-"},
+        {"http:///joe:secret@h/", "http:///h/", "joe", "secret"},
+        {"joe:secret@h/://x@y", "h/://x@y", "joe", "secret"},
+        {"ftp://joe:se@cret@h", "ftp://h", "-", "-", at},
+        {"http://:secret@h", "http://h", "-", "-", "the address holds a password without a user"},
+    };
+    for (const auto& row : rows) {
+        std::string address = row.address, user = "-", password = "-";
+        EXPECT_EQ(TakeLogin(address, user, password), row.fault) << row.address;
+        EXPECT_EQ(address, row.rest);
+        EXPECT_EQ(user + " " + password, row.user + " " + row.password) << row.address;
+    }
+}
+
 TEST(Texts, AreRecognised) {
     for (const char* name : {".hidden", "a|b", " \t\r\n"})
         EXPECT_FALSE(CheckFileName(name)) << name;

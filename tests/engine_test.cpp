@@ -13,6 +13,7 @@
 #include "Tarnwick/engine/bucket.h"
 #include "Tarnwick/engine/judge.h"
 #include "Tarnwick/engine/transfer.h"
+#include "Tarnwick/netrc.h"
 #include "common/fieldtext.h"
 #include "support/http_server.h"
 #include "support/processes.h"
@@ -670,6 +671,73 @@ TEST(Engine, SecretsStayAtTheirServer) {
             EXPECT_EQ(Header(request, "X-Own"), "4");
             EXPECT_FALSE(Has(request, "Accept:"));
         }
+    }
+}
+
+TEST(Engine, LogsInWhereItIsAsked) {
+    HttpServer foreign({Answer(401, "WWW-Authenticate: Basic realm=\"x\"\r\n" + Length(0), "")});
+    const std::string basic = "Basic am9lOnA6";  // joe:p:
+    const struct {
+        std::string challenge, proof, path, password;
+        TaskReason reason;
+        std::size_t requests;
+    } rows[] = {
+        {"Basic", basic, "/", "p:", TaskReason::kNone, 3},
+        {"Digest nonce=\"n\", qop=\"auth\",", "Digest username=\"joe\"", "/",
+         "p:", TaskReason::kNone, 3},
+        {"Basic", basic, "/", "wrong", TaskReason::kHttpStatus, 2},
+        {"Bearer", "none", "/", "p:", TaskReason::kHttpStatus, 1},
+        {"Basic", basic, "/away", "p:", TaskReason::kHttpStatus, 1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.challenge + row.path + row.password);
+        HttpServer server([&](const std::string& request, std::size_t) {
+            if (Has(request, "/away")) return Reply::Redirect(foreign.Url());
+            const bool proven = Header(request, "Authorization").starts_with(row.proof);
+            const bool whole = !Header(request, "Range").empty();
+            if (proven) return Good(request, {}, whole ? std::string::npos : 1'000'000);
+            return Answer(
+                401, "WWW-Authenticate: " + row.challenge + " realm=\"x\"\r\n" + Length(4), "nope");
+        });
+        const TempDir directory;
+        engine::Task task;
+        task.url = server.Url(row.path);
+        task.path = directory.Path("f.part");
+        task.user = "joe";
+        task.password = row.password;
+        Patient watcher;
+        const Result result = Fetch(task, watcher);
+        EXPECT_EQ(result.answer.Reason, row.reason) << result.answer.strMessage;
+        EXPECT_EQ(server.RequestCount(), row.requests);
+    }
+    for (const std::string& request : foreign.Requests()) {
+        EXPECT_EQ(Header(request, "Authorization"), "");
+    }
+}
+
+TEST(Netrc, TellsTheLoginOfAHost) {
+    const std::string rest = "machine other login o password x\n";
+    const struct {
+        std::string text, login;
+    } rows[] = {
+        {"machine h login u password p", "u p"},
+        {rest + "machine H\n\tpassword p\r\n\taccount a login u\n" + rest, "u p"},
+        {"default login d password p\nmachine h login u password p", "d p"},
+        {"machine h login u password p default login d", "u p"},
+        {rest + "default login d", "d "},
+        {"machine h login \"u \\\"v\" password #1", "u \"v #1"},
+        {"# machine h login u\n" + rest, " "},
+        {"macdef m\nmachine h login u\n\nmachine h login v password p", "v p"},
+        {"machine h password p", " p"},
+        {"machine h login", " "},
+        {"machine", " "},
+        {"machine h login \"u", "u "},
+        {"", " "},
+    };
+    for (const auto& [text, login] : rows) {
+        std::string user = "before", password;
+        FindLogin(text, "h", user, password);
+        EXPECT_EQ(user + " " + password, login) << text;
     }
 }
 

@@ -24,6 +24,9 @@ int Sockets(pid_t pid) {
 TEST(Extended, TellsWhatBecameOfIt) {
     Campaign campaign;
     HttpServer server([](const std::string& request, std::size_t) {
+        if (Has(request, "login") && !Has(request, "Basic am9lOnNlY3JldA==")) {
+            return Reply::Head("0\r\nWWW-Authenticate: Basic realm=x", "", 401);
+        }
         return Has(request, "none") ? Reply::Status(404, "x") : Reply::Ok("body");
     });
     const std::string died = "the worker died";
@@ -36,6 +39,7 @@ TEST(Extended, TellsWhatBecameOfIt) {
     } rows[] = {
         {server.Url("/") + std::string(TASK_ADDRESS_MOST - 100, 'a'), 3, TaskReason::kNone, 1},
         {server.Url("/none"), 7, TaskReason::kHttpStatus, 1},
+        {"http://joe:secret@" + server.Url("/login").substr(7), 3, TaskReason::kNone, 2},
         {"http://name.invalid/", 7, TaskReason::kNameNotFound, 1},
         {"http://fault/claim,flood,answer,finish", 3, TaskReason::kNone, 7},
         {"http://fault/claim,answer,size,taken,lock,tear,kill", 7, TaskReason::kNone, 7, died},
@@ -46,7 +50,9 @@ TEST(Extended, TellsWhatBecameOfIt) {
         tagTaskRequest request;
         request.strUrl = row.address;
         request.nTries = 1;
-        courses.push_back(&campaign.Add(campaign.Task(""), &request));
+        tagTaskInfo task = campaign.Task("");
+        SetField(task.szOrgUrl, row.address);
+        courses.push_back(&campaign.Add(task, &request));
     }
     for (std::size_t i = 0; i < std::size(rows); ++i) {
         SCOPED_TRACE(rows[i].address.substr(0, 50));
@@ -57,12 +63,12 @@ TEST(Extended, TellsWhatBecameOfIt) {
         EXPECT_EQ(rows[i].requests, courses[i]->answer.nRequests);
     }
     EXPECT_EQ("body", ReadFile(campaign.Output(*courses[0])));
-    EXPECT_EQ(2U, server.RequestCount());
+    EXPECT_EQ(4U, server.RequestCount());
     // A record that says so, but has no request, is plain: its worker asks twice.
     tagTaskInfo plain = campaign.Task(server.Url());
     plain.nReserved1 = TASK_EXTENDED;
     Campaign::Follow(campaign.Add(plain));
-    EXPECT_EQ(4U, server.RequestCount());
+    EXPECT_EQ(6U, server.RequestCount());
 }
 
 TEST(Extended, RefusesWhatItCannotAccept) {
@@ -77,6 +83,11 @@ TEST(Extended, RefusesWhatItCannotAccept) {
          [](Task&, Request& request) { request.strUrl = "http://" + std::string(16384, 'a'); }},
         {"the address holds a control character",
          [](Task& task, Request&) { SetField(task.szDownloadUrl, "http://h/\n"); }},
+        {"the user holds a colon", [](Task&, Request& request) { request.strUser = "a:b"; }},
+        {"there is a password and no user",
+         [](Task&, Request& request) { request.strPassword = "secret"; }},
+        {"the netrc file: its path is not absolute",
+         [](Task&, Request& request) { request.strNetrc = ".netrc"; }},
         {"a header is NAME: VALUE", [](Task&, Request& request) { request.Headers = {"X"}; }},
         {"the header If-Range is the worker's own",
          [](Task&, Request& request) {

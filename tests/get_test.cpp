@@ -90,6 +90,9 @@ HttpServer& Server() {
                 "abc");
         }
         if (is("404")) return Reply::Status(404, "no such file");
+        if (is("login") && !Has(request, "Basic am9lOnNlY3JldA==")) {
+            return Reply::Head("0\r\nWWW-Authenticate: Basic realm=x", "", 401);
+        }
         return Reply::Ok("abc");
     });
     return server;
@@ -190,6 +193,21 @@ const std::vector<Row>& Rows() {
         {"--sha256 ~ $/good", "exit 5", "", "mismatch: good.part has the SHA-256 digest ba78"},
         {"--worker /bin/true $/good", "exit 1", "", "good: died: "},
         {"--worker / $/good", "exit 1", "", "no worker program at /"},
+        // Logins, of which nothing is told.
+        {"-v http://joe:secret@^/login", "exit 0", "login", ", http://127.0.0.1:"},
+        {"-u joe:other http://joe:secret@^/login", "exit 0", "login"},
+        {"-u joe:wrong $/login", "exit 1", "", "login: failed: HTTP 401\n"},
+        {"-u @file $/login", "exit 0", "file login", "", {{"file", "joe:secret\r\n"}}},
+        {"--netrc=file $/login",
+         "exit 0",
+         "file login",
+         "",
+         {{"file", "machine 127.0.0.1 login joe password secret"}}},
+        {"--netrc=none $/login", "exit 2", "", "--netrc: cannot read "},
+        {"--netrc=. $/login", "exit 2", "", "/. is not a regular file"},
+        {"--netrc=list -u joe $/login", "exit 2", "list", "--user excludes --netrc", List("#")},
+        {"http://joe:secret@x@^/login http://joe:secret@h/\x1b", "exit 2", "", "written %40"},
+        {"info --json http://joe:secret@h/?v=x", "exit 4", "", "\"address\":\"http://h/?v=x\""},
         // In several orders: the smallest status wins.
         {"x $/404 $/good", "exit 1", "good", "1 of 3 files finished, 2 failed"},
         {"$/good2 $/good x", "exit 2", "good good2", "", old},

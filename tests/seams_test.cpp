@@ -232,6 +232,27 @@ TEST_F(Supervised, ExtendedDownloadsHaveTheTimeOfTheirRequests) {
     }
 }
 
+TEST(Slots, HoldNoLogin) {
+    for (const int command : {TASK_CMD_PARSE, TASK_CMD_DOWNLOAD}) {
+        for (const bool own : {false, true}) {
+            tagTaskInfo task("id");
+            task.nCmd = command;
+            task.nTaskKind = 0;
+            task.nBlockCount = 1;
+            tagTaskRequest request;
+            request.strUser = "other";
+            SetField(task.szDownloadUrl, "http://joe:secret@h/file");
+            SetField(task.szOrgUrl, "http://joe:secret@h/page");
+            if (own && command == TASK_CMD_DOWNLOAD) request.strUrl = "http://joe:secret@h/file";
+            EXPECT_EQ(RefusalOfExtended(task, request), "");
+            EXPECT_EQ(FieldView(task.szDownloadUrl), "http://h/file");
+            EXPECT_EQ(FieldView(task.szOrgUrl), "http://h/page");
+            EXPECT_EQ(request.strUser + request.strPassword, "joesecret");
+            EXPECT_EQ(request.strUrl, command == TASK_CMD_DOWNLOAD ? "http://h/file" : "");
+        }
+    }
+}
+
 TEST_F(Supervised, AWorkerThatTheKernelHoldsIsDeadInTheEnd) {
     Look(30);
     Look(31.9);

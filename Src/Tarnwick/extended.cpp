@@ -10,9 +10,11 @@
 #include "Tarnwick/confinement.h"
 #include "Tarnwick/engine/transfer.h"
 #include "Tarnwick/jobstate.h"
+#include "Tarnwick/netrc.h"
 #include "Tarnwick/pageresolution.h"
 #include "Tarnwick/statereport.h"
 #include "Tarnwick/transfer.h"
+#include "common/address.h"
 #include "common/fieldtext.h"
 
 namespace {
@@ -89,11 +91,13 @@ class SlotReport : public engine::Watcher {
 
 engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
     engine::Task task;
-    task.url = request.strUrl.empty() ? FieldText(slot.szDownloadUrl) : request.strUrl;
+    task.url = request.strUrl;
     task.path = FieldText(slot.szFilePath);
     task.userAgent =
         request.strUserAgent.empty() ? "taskman/" TASKMAN_VERSION : request.strUserAgent;
     task.headers = request.Headers;
+    task.user = request.strUser;
+    task.password = request.strPassword;
     task.sha256 = request.strSha256;
     task.keeps = request.bContinue;
     task.connections = std::clamp(slot.nBlockCount, 1, 10);
@@ -109,10 +113,23 @@ engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
     return task;
 }
 
+// Puts into the request what its slot and its files add to it. Returns why that is impossible.
+std::string Complete(tagTaskRequest& request, const tagTaskContext& slot) {
+    const bool download = IsDownloadCommand(slot.nCmd);
+    if (!download || request.strUrl.empty()) {
+        request.strUrl = FieldText(download ? slot.szDownloadUrl : slot.szOrgUrl);
+    }
+    std::string fault = TakeLogin(request.strUrl, request.strUser, request.strPassword);
+    if (!fault.empty() || request.strNetrc.empty() || !request.strUser.empty()) return fault;
+    return ReadNetrc(request.strNetrc, AuthorityOf(request.strUrl).host, request.strUser,
+                     request.strPassword);
+}
+
 // False when libcurl provides no handle; nothing is reported then.
 bool RunPage(tagTaskContext& task, const tagTaskRequest& request) {
     CURL* curl = curl_easy_init();
     if (curl == nullptr) return false;
+    SetLogin(curl, request.strUser, request.strPassword);
     ResolvePage(curl, &task, request.Headers);
     curl_easy_cleanup(curl);
     return true;
@@ -137,7 +154,10 @@ bool IsExtended(const tagTaskContext& task) {
 ExtendedJob PrepareJob(tagTaskContext* task) {
     using engine::Fault;
     ExtendedJob job{task};
-    if (const std::string refusal = ReceiveRequest(job.request, Wanted); !refusal.empty()) {
+    std::string refusal = ReceiveRequest(job.request, Wanted);
+    // The netrc file holds logins of other hosts, too: who takes the job over must not read it.
+    if (refusal.empty()) refusal = Complete(job.request, *task);
+    if (!refusal.empty()) {
         job.fault = Fault{TaskReason::kRequest, 0, refusal};
     } else if (IsDownloadCommand(task->nCmd)) {
         job.file =

@@ -4,6 +4,8 @@
 #include <charconv>
 #include <utility>
 
+#include "common/address.h"
+
 namespace {
 
 // Column of the help in which the descriptions begin; lines have 80.
@@ -15,6 +17,11 @@ bool IsOption(const Option& option) {
 
 bool HasValue(const Option& option) {
     return *option.value != '\0';
+}
+
+// Whether the argument behind the option is its value when it has none of its own.
+bool NeedsValue(const Option& option) {
+    return HasValue(option) && *option.value != '[';
 }
 
 bool MayRepeat(const Option& option) {
@@ -29,7 +36,7 @@ std::string_view NameOf(const Option& option) {
 
 std::string HelpLine(const char* names, const char* value, std::string_view help) {
     std::string line = std::string("  ") + names;
-    if (*value != '\0') line += std::string(" ") + value;
+    if (*value != '\0') line += (*value == '[' ? "" : " ") + std::string(value);
     if (line.size() < kHelpColumn) {
         line.resize(kHelpColumn, ' ');
     } else {
@@ -87,7 +94,8 @@ std::string Parser::Parse(bool& help) {
         if (literal || argument.size() < 2 || argument[0] != '-') {
             const std::size_t row = RowOf("");
             const bool room = row < options_.size() && (MayRepeat(options_[row]) || !given_[row]);
-            fault = room ? Store(row, argument) : "unexpected argument \"" + argument + "\"";
+            fault = room ? Store(row, argument)
+                         : "unexpected argument \"" + WithoutLogin(argument) + "\"";
         } else if (argument == "--") {
             literal = true;
         } else {
@@ -104,7 +112,7 @@ std::string Parser::ParseLong(const std::string& argument) {
     const std::size_t row = RowOf(name);
     if (row == options_.size()) return "unknown option " + name;  // a value may be a password
     if (equals == std::string::npos) {
-        return HasValue(options_[row]) ? StoreNext(row, argument) : Store(row, "");
+        return NeedsValue(options_[row]) ? StoreNext(row, argument) : Store(row, "");
     }
     if (equals + 1 == argument.size()) return name + ": the value is empty";
     if (!HasValue(options_[row])) return "an option that takes no value has one";

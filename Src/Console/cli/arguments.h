@@ -16,9 +16,9 @@ struct Option {
     const char* names;  // "-j,--jobs", "--tries"; of an argument: "URL"
     const char* value;  // what the help calls the value; empty: an option that takes none, or an
                         // argument that is given once. With "..." at its end the option, or the
-                        // argument, may be repeated
+                        // argument, may be repeated; "[=NAME]": may be left out
     const char* help;   // lines of at most 51 columns, with "\n" between them
-    Setter set;         // called each time it is given; with an empty text when it takes no value
+    Setter set;         // called each time it is given; with an empty text when it has no value
     const char* excludes = nullptr;  // last name of an option that it cannot be given with
 };
 
@@ -36,9 +36,10 @@ struct VerbForm {
 std::string HelpText(const VerbForm& form);
 
 // Reads the arguments behind the verb: "--name value", "--name=value", "-n value", "-nvalue", and
-// "-abc" for options without values; after "--" nothing is an option. Names are not abbreviated.
-// Returns what is wrong in one line, with bytes of the arguments as they are; empty when all of it
-// is stored, or when `help` was set: then nothing else counts.
+// "-abc" for options without values; a value that may be left out stands behind "=" only; after
+// "--" nothing is an option. Names are not abbreviated. Returns what is wrong in one line, with
+// bytes of the arguments as they are; empty when all of it is stored, or when `help` was set: then
+// nothing else counts.
 std::string ParseArguments(const VerbForm& form, const std::vector<std::string>& arguments,
                            bool& help);
 

@@ -14,6 +14,8 @@ VerbForm InfoForm(Command& command);
 
 // Rows of both, which store into what all requests of the command have in common.
 Option HeaderRow(tagTaskRequest& request);
+Option UserRow(tagTaskRequest& request);
+Option NetrcRow(tagTaskRequest& request);
 Option UserAgentRow(tagTaskRequest& request);
 
 // One more text for which `fault` finds nothing wrong.

@@ -1,8 +1,16 @@
 // The options that say what each request to a server carries.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 #include <utility>
 
 #include "Console/base/textfile.h"
 #include "Console/cli/forms.h"
+#include "common/file.h"
+#include "common/sysutility.h"
 
 namespace {
 
@@ -20,6 +28,37 @@ std::string AddHeaders(const std::string& text, std::vector<std::string>& header
     return "";
 }
 
+// "USER" or "USER:PASSWORD", also from the first line of "@FILE".
+std::string SetUser(const std::string& text, tagTaskRequest& request) {
+    std::string login = text;
+    if (text.starts_with('@')) {
+        if (std::string fault = ReadFirstLine(text.substr(1), login); !fault.empty()) return fault;
+    }
+    const std::size_t colon = login.find(':');
+    request.strUser = login.substr(0, colon);
+    request.strPassword = colon == std::string::npos ? "" : login.substr(colon + 1);
+    return request.strUser.empty() ? "the user is empty" : RefusalOf(request);
+}
+
+// A file that the workers are to read, which may run elsewhere.
+std::string SetFile(const std::string& text, std::string& path) {
+    std::error_code error;
+    path = std::filesystem::absolute(text, error);
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
+        return sysutility::SystemFault("cannot read " + path, errno);
+    }
+    return S_ISREG(status.st_mode) ? "" : path + " is not a regular file";
+}
+
+std::string SetNetrc(const std::string& text, std::string& path) {
+    if (!text.empty()) return SetFile(text, path);
+    const char* home = std::getenv("HOME");
+    if (home == nullptr || *home == '\0') return "HOME is not set: name the file";
+    return SetFile(std::string(home) + "/.netrc", path);
+}
+
 }  // namespace
 
 Option HeaderRow(tagTaskRequest& request) {
@@ -27,6 +66,18 @@ Option HeaderRow(tagTaskRequest& request) {
             "\"NAME: VALUE\", sent with each request; without\n"
             "VALUE not sent at all; @FILE reads lines of a file",
             [&request](const std::string& text) { return AddHeaders(text, request.Headers); }};
+}
+
+Option UserRow(tagTaskRequest& request) {
+    return {"-u,--user", "USER[:PASSWORD]|@FILE",
+            "login, basic or digest; @FILE reads it from the\n"
+            "first line of a file",
+            [&request](const std::string& text) { return SetUser(text, request); }, "--netrc"};
+}
+
+Option NetrcRow(tagTaskRequest& request) {
+    return {"--netrc", "[=FILE]", "logins of hosts from FILE, or from ~/.netrc",
+            [&request](const std::string& text) { return SetNetrc(text, request.strNetrc); }};
 }
 
 Option UserAgentRow(tagTaskRequest& request) {

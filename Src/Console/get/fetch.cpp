@@ -9,6 +9,7 @@
 #include "Console/page/pagetask.h"
 #include "Console/screen/text.h"
 #include "TaskMan/manager.h"
+#include "common/address.h"
 #include "common/fieldtext.h"
 
 namespace {
@@ -28,8 +29,8 @@ Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events)
       page_(options.format.Given() || options.resolveOnly),
       carried_(options.request) {
     view_.address = request_.address;
-    fault_ = request_.fault;
-    if (fault_.empty()) ReadAddress();
+    ReadAddress();
+    if (!request_.fault.empty()) fault_ = request_.fault;
     if (!fault_.empty() || page_) {
         const std::string& text = view_.address.empty() ? request_.name : view_.address;
         view_.name = text::CutMiddle(text::Printable(text), kMostOfAddress);
@@ -40,7 +41,10 @@ Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events)
 }
 
 void Fetch::ReadAddress() {
-    fault_ = AddressFault(view_.address, page_ ? PAGE_ADDRESS_MOST : TASK_ADDRESS_MOST);
+    fault_ = TakeLogin(view_.address, carried_.strUser, carried_.strPassword);
+    if (fault_.empty()) fault_ = RefusalOf(carried_);
+    if (fault_.empty())
+        fault_ = AddressFault(view_.address, page_ ? PAGE_ADDRESS_MOST : TASK_ADDRESS_MOST);
     if (fault_.empty()) fault_ = options_.proxy.For(view_.address, proxy_);
 }
 

@@ -12,6 +12,7 @@
 #include "Console/screen/display.h"
 #include "Console/screen/jsontext.h"
 #include "Console/screen/text.h"
+#include "common/address.h"
 
 namespace {
 
@@ -165,10 +166,14 @@ std::string PageJson(const VideoPage& page, const VideoFormat* taken) {
     return JsonLine(all);
 }
 
-int RunInfo(const InfoOptions& options) {
+int RunInfo(const InfoOptions& given) {
+    InfoOptions options = given;
+    tagTaskRequest& request = options.request;
+    std::string fault = TakeLogin(options.address, request.strUser, request.strPassword);
+    if (fault.empty()) fault = RefusalOf(request);
     InfoDisplay display(options);
     Proxy proxy;
-    std::string fault = AddressFault(options.address, PAGE_ADDRESS_MOST);
+    if (fault.empty()) fault = AddressFault(options.address, PAGE_ADDRESS_MOST);
     if (fault.empty()) fault = options.proxy.For(options.address, proxy);
     if (!fault.empty()) {
         return Fail(display, {EndResult::kRefused, EXIT_STATUS_USAGE, std::move(fault)});

@@ -36,7 +36,7 @@ class SmoothSpeed {
 struct FileView {
     std::string name{};     // printable
     std::string id{};       // of its last task; empty when it never had one
-    std::string address{};  // as it was given, or as its page gave it
+    std::string address{};  // as it was given, or as its page gave it; without a login
     std::string path{};     // where the file goes; empty while that is unknown
     double size = -1;       // bytes; below 0 while unknown
     double percent = 0;     // 0 to 100

@@ -69,13 +69,14 @@ struct tagTaskRequest {
     // and Cookie go to no other scheme, host or port, and Host to no other host.
     std::vector<std::string> Headers{};
     // Basic or digest login, as the server asks for it, at the address's own scheme, host and port
-    // only. Without a user: what the netrc file, a path, says of the host; empty: no login.
-    std::string strUser{};
-    std::string strPassword{};
-    std::string strNetrc{};
+    // only. A login in the address goes first; AddTask takes it out, so that it stands in no slot.
+    // Without a user: what the netrc file says of the host; without that: no login.
+    std::string strUser{};      // at most 1024 bytes, without a colon
+    std::string strPassword{};  // at most 1024 bytes
+    std::string strNetrc{};     // absolute path
 
-    // Paths of PEM files. Without strCaFile the system's authorities are trusted, with it no
-    // others.
+    // Absolute paths of PEM files. Without strCaFile the system's authorities are trusted, with it
+    // no others.
     std::string strCaFile{};
     std::string strCertFile{};
     std::string strKeyFile{};  // empty: it stands in strCertFile

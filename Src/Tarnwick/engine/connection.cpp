@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "Tarnwick/engine/curl.h"
+#include "common/address.h"
 
 namespace engine {
 namespace {
@@ -64,8 +65,9 @@ bool Connection::Ask(Request request) {
     curl_easy_setopt(curl_, CURLOPT_URL, request_.url.c_str());
     const std::optional<Range>& range = request_.asked.range;
     curl_easy_setopt(curl_, CURLOPT_RANGE, range ? RangeText(*range).c_str() : nullptr);
+    SetLogin(curl_, request_.foreign ? "" : shared_.task.user, shared_.task.password);
     headers_.Clear();
-    if (!headers_.Add(shared_.headers, request_.foreign)) return false;
+    if (!headers_.Add(shared_.task.headers, request_.foreign)) return false;
     for (const std::string& line : request_.headers) {
         if (!headers_.Add(line)) return false;
     }
@@ -117,7 +119,8 @@ const Judgement& Connection::JudgeLate() {
 std::string Connection::FinalUrl() const {
     const char* url = nullptr;
     curl_easy_getinfo(curl_, CURLINFO_EFFECTIVE_URL, &url);
-    return url == nullptr ? request_.url : url;
+    // As in a redirect that libcurl follows, a login that the server names does not count.
+    return url == nullptr ? request_.url : WithoutLogin(url);
 }
 
 std::size_t Connection::OnHeader(char* data, std::size_t size, std::size_t count,
@@ -149,9 +152,15 @@ void Connection::TakeHeader(std::string_view line) {
     if (line.find_first_not_of("\r\n") != line.npos) {
         answer_.AddLine(line);
     } else if (answer_.status == 200 || answer_.status == 203 || answer_.status == 206 ||
-               answer_.status >= 400) {
+               (answer_.status >= 400 && !IsChallenge())) {
         Judge();
     }
+}
+
+// Whether libcurl may answer by logging in, and another answer come. If it does not, the body that
+// it hands over, or the end, tells.
+bool Connection::IsChallenge() const {
+    return answer_.status == 401 && !request_.foreign && !shared_.task.user.empty();
 }
 
 std::size_t Connection::TakeBody(const char* data, std::size_t size) {

@@ -16,6 +16,7 @@
 #include "Tarnwick/engine/headerlist.h"
 #include "Tarnwick/engine/judge.h"
 #include "Tarnwick/engine/partfile.h"
+#include "Tarnwick/engine/transfer.h"
 #include "common/uncopyable.h"
 
 namespace engine {
@@ -52,7 +53,7 @@ class Connection : private Uncopyable {
     // What the connections of a transfer share.
     struct Shared {
         CURLM* multi;
-        const std::vector<std::string>& headers;  // of each request
+        const Task& task;  // headers and login
         Blocks& blocks;
         PartFile& file;
         Bucket& bucket;  // in which each connection has its id
@@ -98,6 +99,7 @@ class Connection : private Uncopyable {
     bool Threw() const { return threw_; }
     const char* Message() const { return error_; }
     CURL* Handle() const { return curl_; }
+    // Of the last request that libcurl has sent, behind redirects; without a login.
     std::string FinalUrl() const;
     // Bytes of this request's body that went into the file; and of all bodies.
     std::uint64_t Got() const { return got_; }
@@ -120,6 +122,7 @@ class Connection : private Uncopyable {
     void Forget();
     bool Gather(const char* data, std::size_t size, std::uint64_t position);
     void Judge();
+    bool IsChallenge() const;
 
     const int id_;
     const Shared& shared_;

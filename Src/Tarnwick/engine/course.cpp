@@ -74,7 +74,7 @@ Course::Course(const Task& task, PartFile& file, Watcher& watcher)
       file_(file),
       multi_(curl_multi_init()),
       shared_{multi_,
-              task.headers,
+              task,
               blocks_,
               file_,
               bucket_,

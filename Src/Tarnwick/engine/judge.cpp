@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Tarnwick/engine/curl.h"
+#include "common/address.h"
 
 namespace engine {
 namespace {
@@ -170,7 +171,8 @@ Judgement JudgeError(CURLcode code, const std::string& text, const Answer& answe
     }
     if (code == CURLE_UNSUPPORTED_PROTOCOL && IsRedirect(answer)) {
         judged.reason = TaskReason::kRedirects;
-        judged.message = "redirected to what is neither http nor https: " + answer.location;
+        judged.message =
+            "redirected to what is neither http nor https: " + WithoutLogin(answer.location);
     }
     if (code == CURLE_URL_MALFORMAT) judged.message = "the address is malformed";
     constexpr std::string_view kCertificate = "SSL certificate problem: ";

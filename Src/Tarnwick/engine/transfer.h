@@ -23,7 +23,9 @@ struct Task {
     std::string path{};  // of the partial file
     std::string userAgent{};
     std::vector<std::string> headers{};  // of each request, see tagTaskRequest
-    std::string sha256{};                // of the file when it is known: then only this proves it
+    std::string user{};                  // for a login at the origin of `url`; empty: none
+    std::string password{};
+    std::string sha256{};    // of the file when it is known: then only this proves it
     bool keeps = false;      // go on with what is there, keep a record (TaskMan/partrecord.h)
     int connections = 1;     // most of them, 1 to 10
     int answerSeconds = 30;  // to the end of an answer's headers; 0: for ever

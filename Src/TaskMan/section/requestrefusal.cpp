@@ -35,6 +35,29 @@ std::string RefusalOfHeaders(const std::vector<std::string>& lines) {
     return {};
 }
 
+std::string RefusalOfLogin(const tagTaskRequest& request) {
+    constexpr std::size_t kMost = 1024;
+    for (const std::string& text : {request.strUser, request.strPassword}) {
+        if (text.size() > kMost || strutil::holdsControl(text)) {
+            return "user or password is longer than 1024 bytes or holds a control character";
+        }
+    }
+    if (request.strUser.find(':') != std::string::npos) return "the user holds a colon";
+    return request.strUser.empty() && !request.strPassword.empty()
+               ? "there is a password and no user"
+               : "";
+}
+
+// The worker may run in another directory.
+std::string RefusalOfFile(const char* what, const std::string& path) {
+    constexpr std::size_t kMost = 4095;
+    if (path.empty()) return {};
+    if (!path.starts_with('/')) return std::string(what) + ": its path is not absolute";
+    return path.size() > kMost || strutil::holdsControl(path)
+               ? std::string(what) + ": its path is too long or holds a control character"
+               : "";
+}
+
 }  // namespace
 
 bool IsHttpAddress(std::string_view address) {
@@ -84,7 +107,10 @@ std::string RefusalOf(const tagTaskRequest& request) {
     if (strutil::holdsControl(request.strIfNoneMatch + request.strIfModifiedSince)) {
         return "a condition holds a control character";
     }
-    if (std::string refusal = RefusalOfHeaders(request.Headers); !refusal.empty()) return refusal;
+    for (std::string refusal : {RefusalOfHeaders(request.Headers), RefusalOfLogin(request),
+                                RefusalOfFile("the netrc file", request.strNetrc)}) {
+        if (!refusal.empty()) return refusal;
+    }
     return EncodeRequest(request).size() > TASK_REQUEST_MOST
                ? "the request is longer than 65536 bytes"
                : "";

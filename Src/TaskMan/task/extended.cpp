@@ -7,6 +7,7 @@
 #include "TaskMan/task/supervisor.h"
 #include "TaskMan/timing.h"
 #include "common/AutoLock.h"
+#include "common/address.h"
 #include "common/fieldtext.h"
 
 namespace {
@@ -24,16 +25,21 @@ bool HoldsAnswer(const tagTaskContext& slot) {
 
 std::string RefusalOfExtended(tagTaskInfo& taskinfo, tagTaskRequest& request) {
     taskinfo.nReserved1 = TASK_EXTENDED;
-    if (!IsDownloadCommand(taskinfo.nCmd)) {
-        if (!request.strUrl.empty()) return "the address of a page belongs into the task";
-    } else if (static_cast<std::uint32_t>(taskinfo.nBlockCount - 1) >= 10) {
+    const bool download = IsDownloadCommand(taskinfo.nCmd);
+    if (!download && !request.strUrl.empty()) return "the address of a page belongs into the task";
+    if (download && static_cast<std::uint32_t>(taskinfo.nBlockCount - 1) >= 10) {
         return "the number of connections is not 1 to 10";
-    } else if (request.strUrl.empty()) {
-        request.strUrl = FieldText(taskinfo.szDownloadUrl);
-    } else {
-        SetField(taskinfo.szDownloadUrl, request.strUrl);
     }
-    std::string reason = RefusalOf(taskinfo);
+    auto& asked = download ? taskinfo.szDownloadUrl : taskinfo.szOrgUrl;
+    auto& other = download ? taskinfo.szOrgUrl : taskinfo.szDownloadUrl;
+    const bool own = !request.strUrl.empty();
+    std::string address = own ? request.strUrl : FieldText(asked);
+    std::string reason = TakeLogin(address, request.strUser, request.strPassword);
+    if (own || address.size() < FieldView(asked).size()) SetField(asked, address);
+    if (download) request.strUrl = address;
+    const std::string rest = WithoutLogin(FieldView(other));
+    if (rest.size() < FieldView(other).size()) SetField(other, rest);
+    if (reason.empty()) reason = RefusalOf(taskinfo);
     return reason.empty() ? RefusalOf(request) : reason;
 }
 

@@ -10,7 +10,8 @@
 #include "TaskMan/tasktext.h"
 
 // Makes the record the one of an extended task and gives it and the request of a download the same
-// address: the record as much of it as has room. Returns why the task is refused, in one line;
+// address: the record as much of it as has room. A login in an address goes from there into the
+// request. Returns why the task is refused, in one line;
 // empty when nothing in the two speaks against it.
 std::string RefusalOfExtended(tagTaskInfo& taskinfo, tagTaskRequest& request);
 
