@@ -208,6 +208,11 @@ const std::vector<Row>& Rows() {
         {"--netrc=list -u joe $/login", "exit 2", "list", "--user excludes --netrc", List("#")},
         {"http://joe:secret@x@^/login http://joe:secret@h/\x1b", "exit 2", "", "written %40"},
         {"info --json http://joe:secret@h/?v=x", "exit 4", "", "\"address\":\"http://h/?v=x\""},
+        // Whom to trust, and as whom to appear.
+        {"--insecure $/good", "exit 0", "good", "taskman: warning: certificates of servers"},
+        {"info --insecure --json http://h/", "exit 4", "", "\"insecure\":true,\"exit\":4}"},
+        {"--cert=none $/good", "exit 2", "", "--cert: cannot read "},
+        {"--key=list $/good", "exit 2", "list", "a key and no certificate", List("#")},
         // In several orders: the smallest status wins.
         {"x $/404 $/good", "exit 1", "good", "1 of 3 files finished, 2 failed"},
         {"$/good2 $/good x", "exit 2", "good good2", "", old},

@@ -72,10 +72,10 @@ std::string OutputNameFault(std::string_view name) {
     return name == OUTPUT_NAME ? "" : NameFault(name);
 }
 
-// What is wrong with the options together; empty when nothing is.
-std::string GetFault(const GetOptions& get) {
+// Completes the options. What is wrong with them together; empty when nothing is.
+std::string GetFault(GetOptions& get) {
     if (get.addresses.empty() && get.input.empty()) return "a URL is required, or --input";
-    if (std::string fault = RefusalOf(get.request); !fault.empty()) return fault;
+    if (std::string fault = CompleteRequest(get.request); !fault.empty()) return fault;
     // It is the file with the final name that is asked about.
     if (get.newer && (get.serverName || get.existing == Existing::kNumber || get.ToOutput())) {
         return "--newer excludes --number, --server-name and --output -";
@@ -143,6 +143,10 @@ VerbForm GetForm(Command& command) {
             UserRow(get.request),
             NetrcRow(get.request),
             UserAgentRow(get.request),
+            AuthoritiesRow(get.request),
+            CertificateRow(get.request),
+            KeyRow(get.request),
+            InsecureRow(get.request),
             ProxyRow(get.proxy),
             WorkerRow(get.worker),
             {"--json", "", "events for programs, one JSON object a line", Set(display.json, true)},
@@ -171,8 +175,14 @@ VerbForm InfoForm(Command& command) {
                 HeaderRow(info.request),
                 UserRow(info.request),
                 NetrcRow(info.request),
+                AuthoritiesRow(info.request),
+                CertificateRow(info.request),
+                KeyRow(info.request),
+                InsecureRow(info.request),
                 ProxyRow(info.proxy),
                 WorkerRow(info.worker),
             },
-            [&info] { return info.address.empty() ? "URL is required" : RefusalOf(info.request); }};
+            [&info] {
+                return info.address.empty() ? "URL is required" : CompleteRequest(info.request);
+            }};
 }

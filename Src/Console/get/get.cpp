@@ -24,6 +24,7 @@ int RunGet(const GetOptions& options) {
     if (!fault.empty()) return refuse(EXIT_STATUS_USAGE, fault);
     if (!options.failed.empty()) fault = failed.Open(options.failed);
     if (!fault.empty()) return refuse(EXIT_STATUS_LOCAL, fault);
+    if (options.request.bInsecure) display->Warn(INSECURE_WARNING);
     Downloads downloads(options, list, failed, events, *display);
     return Session(downloads, "download", wake, events, *display).Run(options.worker);
 }

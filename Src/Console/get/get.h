@@ -41,6 +41,9 @@ struct GetOptions {
     bool ToOutput() const { return output == OUTPUT_NAME; }
 };
 
+// What every run with such requests tells.
+constexpr const char* INSECURE_WARNING = "certificates of servers are not checked (--insecure)";
+
 // Downloads what the options name and returns the exit status. After SIGINT, SIGTERM or SIGHUP it
 // does not return: everything is stopped and tidied, then the process ends by that signal.
 int RunGet(const GetOptions& options);

@@ -88,6 +88,9 @@ class Display : private Uncopyable {
     // Shows at once what is wrong with the command as a whole. `fault` may hold any bytes.
     virtual void Fault(const std::string& fault);
 
+    // Shows at once what the user has to know in every run; it is printable.
+    virtual void Warn(const std::string& warning) { Note("taskman: warning: " + warning); }
+
     // The present state, several times a second.
     virtual void Refresh(const std::vector<const FileView*>& /*running*/,
                          const Totals& /*totals*/) {}

@@ -48,6 +48,13 @@ void JsonDisplay::Note(const std::string& line) {
     WriteAll(STDERR_FILENO, line + "\n");
 }
 
+void JsonDisplay::Warn(const std::string& warning) {
+    Display::Warn(warning);
+    Json event = NewEvent("warning");
+    SetText(event, "message", warning);
+    Tell(event);
+}
+
 void JsonDisplay::Finish(const Totals& totals, int status) {
     Json event = NewEvent("summary");
     event["files"] = totals.files;

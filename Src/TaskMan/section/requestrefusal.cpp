@@ -108,8 +108,14 @@ std::string RefusalOf(const tagTaskRequest& request) {
         return "a condition holds a control character";
     }
     for (std::string refusal : {RefusalOfHeaders(request.Headers), RefusalOfLogin(request),
-                                RefusalOfFile("the netrc file", request.strNetrc)}) {
+                                RefusalOfFile("the netrc file", request.strNetrc),
+                                RefusalOfFile("the authorities", request.strCaFile),
+                                RefusalOfFile("the certificate", request.strCertFile),
+                                RefusalOfFile("the certificate's key", request.strKeyFile)}) {
         if (!refusal.empty()) return refusal;
+    }
+    if (request.strCertFile.empty() && !request.strKeyFile.empty()) {
+        return "there is a key and no certificate";
     }
     return EncodeRequest(request).size() > TASK_REQUEST_MOST
                ? "the request is longer than 65536 bytes"
