@@ -29,10 +29,12 @@ Mutex::Mutex(const char* name)
 Mutex::Mutex(const char* name, sem_t* opened)
     : m_nInitValue(1), m_strName(name), m_bNamed(true), m_NamedLock(opened), m_Mutex() {}
 
+Mutex::Mutex(Lent lent) : m_nInitValue(1), m_bNamed(true), m_NamedLock(lent.semaphore), m_Mutex() {}
+
 Mutex::~Mutex() {
     if (!m_bNamed) {
         pthread_mutex_destroy(&m_Mutex);
-    } else if (m_NamedLock != nullptr) {
+    } else if (m_NamedLock != nullptr && !m_strName.empty()) {
         sem_close(m_NamedLock);
         sem_unlink(m_strName.c_str());
         m_NamedLock = nullptr;

@@ -27,6 +27,13 @@ class TS_CAPABILITY("mutex") Mutex {
     // Cannot fail.
     Mutex(const char* name, sem_t* opened);
 
+    // The named form over a semaphore that somebody else closes and whose name somebody else
+    // removes.
+    struct Lent {
+        sem_t* semaphore;
+    };
+    explicit Mutex(Lent lent);
+
     // Closes the semaphore and removes its name; a process that still has it open keeps using it.
     virtual ~Mutex();
 
@@ -41,7 +48,7 @@ class TS_CAPABILITY("mutex") Mutex {
 
   private:
     int m_nInitValue;         // value a new semaphore gets: 1, free
-    std::string m_strName;    // empty in the process-local form
+    std::string m_strName;    // empty in the process-local form, and when the semaphore is lent
     bool m_bNamed;            // which of the two forms this is
     sem_t* m_NamedLock;       // NULL in the process-local form and after destruction
     pthread_mutex_t m_Mutex;  // used by the process-local form only

@@ -1,16 +1,16 @@
 // What differs from one operating system to the next, in sources of each system
-// (platform_linux.cpp, confine_linux.cpp, files_linux.cpp, and those of macos). Nothing else in the
-// tree asks on which system it runs.
+// (platform_linux.cpp, confine_linux.cpp, lending_linux.cpp, and those of macos). Nothing else in
+// the tree asks on which system it runs.
 #pragma once
 
 #include <pthread.h>
-#include <sys/stat.h>
+#include <semaphore.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "common/file.h"
@@ -69,8 +69,8 @@ struct OpenFile {
 OpenFile LookAtOpenFile(pid_t pid, const std::string& path, int nDescriptor);
 
 // Refers to one process. On Linux from 5.3 on it never means another process that reuses the pid of
-// an ended one; elsewhere it may. A watch that was moved from may only be assigned or destroyed.
-// One thread at a time, but for the const operations.
+// an ended one; elsewhere it may. Copies share what they have of the system. One thread at a time
+// for each, but for the const operations.
 class ProcessWatch {
   public:
     ProcessWatch() : ProcessWatch(-1) {}
@@ -93,11 +93,12 @@ class ProcessWatch {
     pid_t Pid() const { return pid_; }
 
   private:
-    friend void WaitForEnd(const std::vector<const ProcessWatch*>&, const class Waker&, int,
+    friend void WaitForEnd(const std::vector<ProcessWatch>&, const class Waker&, int,
                            const std::vector<int>&);
 
     pid_t pid_;
-    Descriptor file_{};  // of the process, where the system has such a thing
+    // Of the process, where the system has such a thing.
+    std::shared_ptr<const Descriptor> file_ = std::make_shared<const Descriptor>();
 };
 
 // Wakes a thread that waits in WaitForEnd. A Wake() that comes before the wait ends it at once; any
@@ -111,7 +112,7 @@ class Waker {
     void Wake() const;
 
   private:
-    friend void WaitForEnd(const std::vector<const ProcessWatch*>&, const Waker&, int,
+    friend void WaitForEnd(const std::vector<ProcessWatch>&, const Waker&, int,
                            const std::vector<int>&);
 
     void Forget() const;  // all calls of Wake() until now
@@ -124,10 +125,9 @@ class Waker {
 // somebody has called waker.Wake(), one of the descriptors in `readable` has something to read or
 // is at its end, or `milliseconds`, 0 or more, have passed. It may return early for no reason:
 // after a signal, or because the system offers nothing to wait on, and then after 20 milliseconds
-// at most. So the caller looks anew in any case. None of the watches may be changed or destroyed
-// meanwhile.
-void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
-                int milliseconds, const std::vector<int>& readable = {});
+// at most. So the caller looks anew in any case.
+void WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker, int milliseconds,
+                const std::vector<int>& readable = {});
 
 // A process: its id and its arguments, argv[0] first.
 struct Process {
@@ -155,6 +155,15 @@ bool MapsSharedMemory(pid_t pid, const std::string& name);
 // list them.
 std::vector<std::string> OwnSemaphoreNames();
 
+// A descriptor of the named semaphore, for a process that may not open it by its name. Returns 0 or
+// an error number: ENOTSUP where the system has no such thing.
+int SemaphoreFile(const std::string& name, Descriptor& file);
+
+// The semaphore of such a descriptor, which may be closed then; null when it is none. Until
+// UnmapSemaphore.
+sem_t* MapSemaphore(int file);
+void UnmapSemaphore(sem_t* semaphore);
+
 // Copies bytes out of a shared-memory object, also out of one that has lost them meanwhile: false
 // then, and when it never had them.
 bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset);
@@ -172,20 +181,11 @@ void StartWriting(int descriptor);
 // Brings the contents of the file to the disk, not its times. Returns 0 or an error number.
 int SyncData(int descriptor);
 
-// ---- What the file system keeps beside the bytes of a file.
+// ---- This process and its machine.
 
-constexpr std::size_t ATTRIBUTE_MOST = 2048;  // bytes of a value that is read
-
-// Stores a value as the extended attribute `name` of the file, in place of the one that it has.
-// Returns 0 or an error number: ENOTSUP where the file system has no such attributes, ENOSPC or
-// E2BIG when the value is too long for it.
-int SetAttribute(int descriptor, const char* name, std::string_view value);
-
-// The value of an extended attribute; empty when the file has none of that name, or a longer one.
-std::string Attribute(int descriptor, const char* name);
-
-// When the contents of the file were last modified, in nanoseconds since 1970.
-std::int64_t Modified(const struct stat& status);
+// Bytes of memory that this process has for itself; 0 where the system does not tell. Any call but
+// the first needs no right to files.
+std::size_t PrivateMemory();
 
 // Changes with each start of the machine; empty where the system does not tell.
 std::string BootId();

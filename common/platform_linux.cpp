@@ -1,10 +1,12 @@
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <poll.h>
 #include <sys/auxv.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -79,6 +81,10 @@ std::int64_t Position(pid_t pid, int descriptor) {
     return position;
 }
 
+std::int64_t Modified(const struct stat& status) {
+    return std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec;
+}
+
 }  // namespace
 
 int ExecutablePath(char* buffer, std::uint32_t* size) {
@@ -143,6 +149,11 @@ std::vector<std::string> SharedMemoryNames() {
     return names;
 }
 
+int RenameToNew(const char* from, const char* to) {
+    constexpr unsigned kNoReplace = 1;
+    return syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, kNoReplace) == 0 ? 0 : errno;
+}
+
 OpenFile LookAtOpenFile(pid_t pid, const std::string& path, int nDescriptor) {
     struct stat file {};
     struct stat open {};
@@ -178,24 +189,24 @@ bool HasEnded(pid_t pid) {
 
 ProcessWatch::ProcessWatch(pid_t pid) : pid_(pid) {
     if (pid < 1) return;
-    file_ = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    file_ = std::make_shared<const Descriptor>(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     // Reaped before the watch began: the pid may be another process's later.
-    if (!file_.IsOpen() && errno == ESRCH) pid_ = -1;
+    if (!file_->IsOpen() && errno == ESRCH) pid_ = -1;
 }
 
 bool ProcessWatch::Gone() const {
     if (pid_ < 1) return true;
-    if (!file_.IsOpen()) return HasEnded(pid_);
-    pollfd ended{file_.Get(), POLLIN, 0};
+    if (!file_->IsOpen()) return HasEnded(pid_);
+    pollfd ended{file_->Get(), POLLIN, 0};
     return poll(&ended, 1, 0) == 1;
 }
 
 void ProcessWatch::Signal(int number) const {
     if (pid_ < 1) return;
-    if (!file_.IsOpen()) {
+    if (!file_->IsOpen()) {
         kill(pid_, number);
     } else {
-        syscall(SYS_pidfd_send_signal, file_.Get(), number, nullptr, 0);
+        syscall(SYS_pidfd_send_signal, file_->Get(), number, nullptr, 0);
     }
 }
 
@@ -203,8 +214,8 @@ void ProcessWatch::Reap() const {
     constexpr auto kByDescriptor = static_cast<idtype_t>(3);  // P_PIDFD
     siginfo_t ended{};
     // Kernels before 5.4 know the descriptor, but do not reap by it.
-    if (file_.IsOpen() &&
-        (waitid(kByDescriptor, static_cast<id_t>(file_.Get()), &ended, WEXITED | WNOHANG) == 0 ||
+    if (file_->IsOpen() &&
+        (waitid(kByDescriptor, static_cast<id_t>(file_->Get()), &ended, WEXITED | WNOHANG) == 0 ||
          errno != EINVAL)) {
         return;
     }
@@ -224,14 +235,14 @@ void Waker::Forget() const {
     eventfd_read(reader_.Get(), &count);
 }
 
-void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
-                int milliseconds, const std::vector<int>& readable) {
+void WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker, int milliseconds,
+                const std::vector<int>& readable) {
     constexpr int kPoll = 20;
     std::vector<pollfd> waits{{waker.reader_.Get(), POLLIN, 0}};
     for (const int descriptor : readable) waits.push_back({descriptor, POLLIN, 0});
-    for (const ProcessWatch* process : processes) {
-        if (process->pid_ < 1) milliseconds = 0;
-        waits.push_back({process->file_.Get(), POLLIN, 0});
+    for (const ProcessWatch& process : processes) {
+        if (process.pid_ < 1) milliseconds = 0;
+        waits.push_back({process.file_->Get(), POLLIN, 0});
     }
     for (const pollfd& wait : waits) {
         if (wait.fd == -1) milliseconds = std::min(milliseconds, kPoll);
@@ -326,6 +337,23 @@ std::vector<std::string> OwnSemaphoreNames() {
 bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset) {
     // A mapping would end the process with SIGBUS when the bytes are not there.
     return pread(descriptor, buffer, size, offset) == static_cast<ssize_t>(size);
+}
+
+int ReserveRoom(int descriptor, off_t size) {
+    struct statfs system {};
+    if (fstatfs(descriptor, &system) == 0 &&
+        (system.f_type == TMPFS_MAGIC || system.f_type == RAMFS_MAGIC)) {
+        return ENOTSUP;
+    }
+    return fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size) == 0 ? 0 : errno;
+}
+
+void StartWriting(int descriptor) {
+    sync_file_range(descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
+int SyncData(int descriptor) {
+    return fdatasync(descriptor) == 0 ? 0 : errno;
 }
 
 std::string BootId() {

@@ -56,6 +56,10 @@ std::vector<std::string> SharedMemoryNames() {
     return {};
 }
 
+int RenameToNew(const char* from, const char* to) {
+    return renamex_np(from, to, RENAME_EXCL) == 0 ? 0 : errno;
+}
+
 OpenFile LookAtOpenFile(pid_t, const std::string&, int) {
     return {};
 }
@@ -103,8 +107,8 @@ void Waker::Forget() const {
     }
 }
 
-void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& waker,
-                int milliseconds, const std::vector<int>& readable) {
+void WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker, int milliseconds,
+                const std::vector<int>& readable) {
     constexpr int kPoll = 20;
     const Descriptor queue(kqueue());
     bool complete = queue.IsOpen();
@@ -117,9 +121,9 @@ void WaitForEnd(const std::vector<const ProcessWatch*>& processes, const Waker& 
     add(waker.reader_.Get(), EVFILT_READ, 0);
     for (const int descriptor : readable) add(descriptor, EVFILT_READ, 0);
     // A zombie cannot be added.
-    for (const ProcessWatch* process : processes) {
-        if (process->Gone()) milliseconds = 0;
-        add(process->Pid(), EVFILT_PROC, NOTE_EXIT);
+    for (const ProcessWatch& process : processes) {
+        if (process.Gone()) milliseconds = 0;
+        add(process.Pid(), EVFILT_PROC, NOTE_EXIT);
     }
     if (!complete) milliseconds = std::min(milliseconds, kPoll);
     const timespec time{milliseconds / 1000, milliseconds % 1000 * 1'000'000L};
@@ -163,6 +167,20 @@ bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offs
     std::memcpy(buffer, static_cast<const char*>(mapping) + offset, size);
     munmap(mapping, static_cast<std::size_t>(end));
     return true;
+}
+
+int ReserveRoom(int descriptor, off_t size) {
+    fstore_t room{F_ALLOCATEALL, F_PEOFPOSMODE, 0, size, 0};
+    struct stat status {};
+    if (fstat(descriptor, &status) == 0)
+        room.fst_length = std::max<off_t>(size - status.st_size, 0);
+    return fcntl(descriptor, F_PREALLOCATE, &room) == 0 ? 0 : errno;
+}
+
+void StartWriting(int /*descriptor*/) {}
+
+int SyncData(int descriptor) {
+    return fcntl(descriptor, F_FULLFSYNC) == 0 ? 0 : errno;
 }
 
 std::string BootId() {

@@ -110,6 +110,46 @@ TEST(Workers, EndTheirOwnTaskOnlyWhateverKillsThem) {
     ExpectInTime(fates);
 }
 
+// Workers that stay, killed or stopped for a while as they wait, take their next task or carry it
+// out.
+TEST(Workers, ThatStayMayDieAtAnyTime) {
+    const std::string body = TestBytes(20000);
+    std::atomic<int> ended[8]{};
+    const Clock::time_point end = Clock::now() + std::chrono::seconds(Setting("SECONDS", 5));
+    Campaign campaign;
+    SetTaskLimits({.nIdleSeconds = 1});
+    const HttpServer server({Reply::Head("20000").Send(body, 100 * body.size())});
+    const auto work = [&](std::minstd_rand& random) {
+        const tagTaskRequest request;
+        const Course& course = campaign.Add(campaign.Task(server.Url()), &request);
+        EXPECT_TRUE(WaitUntil([&] { return course.finals > 0; }));
+        ++ended[course.code];
+        EXPECT_EQ(course.remark, course.code == 3 ? "" : kDied);
+        EXPECT_TRUE(course.code != 3 || body == ReadFile(campaign.Output(course)));
+        // Its worker may reach the end of its time.
+        if (random() % 32 == 0) SleepUpTo(random, milliseconds(2000));
+    };
+    // One that was there a while ago has claimed its first task.
+    std::map<pid_t, Clock::time_point> seen;
+    const auto disturb = [&](std::minstd_rand& random) {
+        SleepUpTo(random, milliseconds(10));
+        const pid_t worker = g_WorkerPid[random() % TASK_SLOT_COUNT];
+        const auto since = seen.emplace(worker, Clock::now()).first->second;
+        if (worker < 1 || Clock::now() - since < milliseconds(300)) return;
+        const platform::ProcessWatch process(worker);
+        process.Signal(random() % 2 == 0 ? SIGKILL : SIGSTOP);
+        SleepUpTo(random, milliseconds(50));
+        process.Signal(SIGCONT);
+    };
+    InParallel(TASK_SLOT_COUNT + 1, [&](std::size_t i) {
+        for (std::minstd_rand random = Random(i); Clock::now() < end;) {
+            i < TASK_SLOT_COUNT ? work(random) : disturb(random);
+        }
+    });
+    SetTaskLimits({});
+    std::printf("%d tasks finished, the workers of %d died\n", ended[3].load(), ended[7].load());
+}
+
 // Worth most with a race detector. A task may come just when the scanner ends.
 TEST(Tasks, ComeStopAndEndAtOnce) {
     std::atomic<int> added{0};

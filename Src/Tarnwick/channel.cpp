@@ -4,10 +4,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <string_view>
+
+#include "common/descriptors.h"
 
 namespace {
 
@@ -19,6 +22,26 @@ constexpr auto kPatience = std::chrono::seconds(10);
 bool Readable() {
     pollfd channel{kChannel, POLLIN, 0};
     return poll(&channel, 1, 100) == 1;
+}
+
+// The other end may be full, or closed.
+void Send(std::string_view line) {
+    static_cast<void>(send(kChannel, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
+}
+
+// Takes the line with the id of the next task, which comes in one piece with its request; empty
+// when that is not what has come.
+std::string TakeTaskLine(std::vector<Descriptor>& files) {
+    constexpr std::string_view kKey = TASK_CHANNEL_TASK;
+    constexpr std::string_view kLineEnd = "\r\n";
+    char bytes[128];
+    const ssize_t got = recv(kChannel, bytes, sizeof bytes, MSG_PEEK | MSG_DONTWAIT);
+    const std::string_view text(bytes, got > 0 ? static_cast<std::size_t>(got) : 0);
+    const std::size_t end = text.find(kLineEnd);
+    if (!text.starts_with(kKey) || end == text.npos) return {};
+    std::string id(text.substr(kKey.size(), end - kKey.size()));
+    const auto size = static_cast<ssize_t>(end + kLineEnd.size());
+    return ReceiveWith(kChannel, bytes, end + kLineEnd.size(), files) == size ? id : "";
 }
 
 // Whether the request's empty line has come, whatever stands behind it.
@@ -55,7 +78,20 @@ bool ManagerGone() {
     return got == 0 || (got == -1 && errno != EAGAIN && errno != EINTR);
 }
 
+std::string AwaitTask(std::chrono::seconds patience, std::vector<Descriptor>& files) {
+    using std::chrono::milliseconds;
+    Send(TASK_CHANNEL_IDLE);
+    const auto until = std::chrono::steady_clock::now() + patience;
+    for (;;) {
+        const auto left = std::chrono::ceil<milliseconds>(until - std::chrono::steady_clock::now());
+        pollfd channel{kChannel, POLLIN, 0};
+        const int count =
+            poll(&channel, 1, static_cast<int>(std::max(left, milliseconds(0)).count()));
+        if (count == 1) return TakeTaskLine(files);
+        if (count == 0 || errno != EINTR) return {};
+    }
+}
+
 void AnnounceEnd() {
-    const std::string_view line = TASK_CHANNEL_END;
-    static_cast<void>(send(kChannel, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
+    Send(TASK_CHANNEL_END);
 }

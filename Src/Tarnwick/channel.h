@@ -2,17 +2,25 @@
 // keeps. Nobody waits for the other side here, but the worker for its request.
 #pragma once
 
+#include <chrono>
 #include <string>
+#include <vector>
 
 #include "TaskMan/tasktext.h"
+#include "common/file.h"
 
 // Reads the request, which the manager has sent with the start. Returns why there is none, in one
 // line: it is malformed, incomplete after ten seconds, or `wanted` has returned false; it is asked
-// ten times a second. Empty: `request` holds it. Main thread only, once.
+// ten times a second. Empty: `request` holds it. Main thread only, once for each task.
 std::string ReceiveRequest(tagTaskRequest& request, bool (*wanted)());
 
 // Whether the manager has closed its end, which it does by dying as well. Any thread may call.
 bool ManagerGone();
+
+// Tells the manager that this worker waits for its next task, and waits for that, at most
+// `patience`. Returns the task's id, with its files in `files`; the request is in the channel then.
+// Empty when none has come, or the manager is gone. Main thread only, without a job.
+std::string AwaitTask(std::chrono::seconds patience, std::vector<Descriptor>& files);
 
 // Tells the manager that the slot holds the final code. A manager that is gone, or whose end is
 // full, is told nothing.

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 
 #include "common/file.h"
@@ -58,11 +57,8 @@ platform::Confinement Needs(const tagTaskRequest& request) {
     std::erase(needs.readable, "");
     needs.writable = {"/dev/null"};
 #ifdef TASKMAN_REPORTS
-    // A build to be tested, whose sanitizers look at the process and write what they find. Without
-    // its program for the names of functions, which cannot be executed, a report shows addresses;
-    // the pipe to it must not be the end of that.
-    std::signal(SIGPIPE, SIG_IGN);
-    needs.readable.emplace_back("/proc/self");
+    // A build to be tested, whose sanitizers look at the process and write what they find.
+    needs.readable.emplace_back("/proc");
     needs.writable.emplace_back(TASKMAN_REPORTS);
 #endif
     return needs;
@@ -84,12 +80,17 @@ void LeaveTerminal() {
     if (null.IsOpen()) dup2(null.Get(), STDERR_FILENO);
 }
 
-}  // namespace
-
-std::string Confine(const tagTaskRequest& request) {
+std::string GiveUp(const tagTaskRequest& request) {
     SwitchOffCoreDumps();
     LeaveTerminal();
     const int error = platform::Confine(Needs(request));
     if (error == 0 || error == ENOTSUP) return "";
     return sysutility::SystemFault("cannot confine the worker", error);
+}
+
+}  // namespace
+
+std::string Confine(const tagTaskRequest& request) {
+    static const std::string failure = GiveUp(request);
+    return failure;
 }

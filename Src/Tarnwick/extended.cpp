@@ -16,6 +16,7 @@
 #include "Tarnwick/transfer.h"
 #include "common/address.h"
 #include "common/fieldtext.h"
+#include "common/platform.h"
 
 namespace {
 
@@ -105,14 +106,9 @@ engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
     task.stallSeconds = request.nStallSeconds;
     task.tries = request.nTries;
     task.waitSeconds = request.nWaitSeconds;
-    task.ifNoneMatch = request.strIfNoneMatch;
-    task.ifModifiedSince = request.strIfModifiedSince;
     task.remoteTime = request.bRemoteTime;
     task.proxied = slot.bUseProxy != 0;
-    task.prepare = [&slot, &request](CURL* curl) {
-        SetProxy(curl, slot);
-        SetTls(curl, request);
-    };
+    task.prepare = [&slot](CURL* curl) { SetProxy(curl, slot); };
     return task;
 }
 
@@ -133,20 +129,22 @@ bool RunPage(tagTaskContext& task, const tagTaskRequest& request) {
     CURL* curl = curl_easy_init();
     if (curl == nullptr) return false;
     SetLogin(curl, request.strUser, request.strPassword);
-    SetTls(curl, request);
     ResolvePage(curl, &task, request.Headers);
     curl_easy_cleanup(curl);
     return true;
 }
 
-void Report(const engine::Result& result, const tagTaskContext& task) {
+// Returns whether a worker can be relied on that has ended so: with a file, or because somebody
+// asked it to, and told.
+bool Report(const engine::Result& result, const tagTaskContext& task) {
     tagDownloadStateCode code = FailureCode(task);
     if (result.end == engine::End::kFinished) code = DOWNLOAD_STATE_DOWNLOAD_FINISH;
     if (result.end == engine::End::kStopped) code = DOWNLOAD_STATE_STOPPED;
     // Whoever took the slot, or the manager's end, does not want to know.
-    if ((result.end == engine::End::kStopped && !StopRequested()) || !OwnsSlot()) return;
+    if ((result.end == engine::End::kStopped && !StopRequested()) || !OwnsSlot()) return false;
     ReportAnswer(EncodeAnswer(result.answer), code);
     AnnounceEnd();
+    return result.end != engine::End::kFailed;
 }
 
 }  // namespace
@@ -154,6 +152,18 @@ void Report(const engine::Result& result, const tagTaskContext& task) {
 bool IsExtended(const tagTaskContext& task) {
     return task.nReserved1 == TASK_EXTENDED;
 }
+
+namespace {
+
+// Opens the partial file and its record, unless they were handed over.
+engine::MaybeFault OpenFile(engine::PartFile& file) {
+    if (g_HandedOver.size() < 2) return file.Open([] { return Wanted() && OwnsSlot(); });
+    Descriptor record;
+    if (g_HandedOver.size() > 2) record = std::move(g_HandedOver[2]);
+    return file.Take(std::move(g_HandedOver[1]), std::move(record));
+}
+
+}  // namespace
 
 ExtendedJob PrepareJob(tagTaskContext* task) {
     using engine::Fault;
@@ -166,9 +176,10 @@ ExtendedJob PrepareJob(tagTaskContext* task) {
     } else if (IsDownloadCommand(task->nCmd)) {
         job.file =
             std::make_unique<engine::PartFile>(FieldText(task->szFilePath), job.request.bContinue);
-        job.fault = job.file->Open([] { return Wanted() && OwnsSlot(); });
+        job.fault = OpenFile(*job.file);
     }
     if (job.fault) return job;
+    platform::PrivateMemory();  // the first call, for those between tasks
     if (const std::string failure = Confine(job.request); !failure.empty()) {
         job.fault = Fault{TaskReason::kLocal, 0, failure};
     }
@@ -187,9 +198,10 @@ void RunExtended(ExtendedJob& job) {
         result = engine::Failed({TaskReason::kLocal, ENOMEM, NO_MEMORY});
     } else {
         SlotReport report;
-        result = engine::Fetch(TaskOf(*job.task, job.request), *job.file, report);
+        if (g_Pool == nullptr) g_Pool = std::make_unique<engine::Pool>();
+        result = engine::Fetch(TaskOf(*job.task, job.request), *job.file, report, *g_Pool);
     }
-    Report(result, *job.task);
+    if (Report(result, *job.task)) g_StaySeconds = job.request.nStaySeconds;
     g_Exit = true;
 }
 

@@ -16,6 +16,10 @@ tagTaskContext* g_CurTaskContext_prt = nullptr;
 pthread_t g_pid{};
 std::atomic<bool> g_exit_download{false};
 
+std::int32_t g_StaySeconds = 0;
+std::unique_ptr<engine::Pool> g_Pool;
+std::vector<Descriptor> g_HandedOver;
+
 std::uint64_t g_FileSize = 0;
 std::int32_t g_TryCount = 0;
 double g_Progress = 0.0;

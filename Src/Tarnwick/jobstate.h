@@ -1,18 +1,22 @@
 // The state of the worker process: what it was started with, its task, and its transfers.
 //
-// A worker carries out one job. The main thread fills the first two groups before it starts the job
-// thread, on which libcurl's callbacks run as well. From then on only the job thread touches the
-// task and the transfers, until its last step, which sets g_exit_download. Any thread may read or
-// set that flag at any time.
+// A worker carries out one job at a time. The main thread fills the first two groups before it
+// starts the job thread, on which libcurl's callbacks run as well. From then on only the job thread
+// touches the task and the transfers, until its last step, which sets g_exit_download. Any thread
+// may read or set that flag at any time.
 #pragma once
 
 #include <pthread.h>
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <vector>
 
+#include "Tarnwick/engine/transfer.h"
 #include "TaskMan/taskcontext.h"
+#include "common/file.h"
 
 // The source that the worker's assertions name, all but main's.
 constexpr const char* kWorkerSource = "Src/Tarnwick/tarnwick";
@@ -36,6 +40,14 @@ extern tagTaskContext g_TaskConData;          // private copy of the slot; the j
 extern tagTaskContext* g_CurTaskContext_prt;  // the live slot; null before the claim
 extern pthread_t g_pid;                       // the job thread, detached
 extern std::atomic<bool> g_exit_download;     // the job has ended: the process may exit
+
+// ---- What stays for the next task, and what comes with it.
+
+extern std::int32_t g_StaySeconds;            // how long this one wants it to be waited for; 0: not
+extern std::unique_ptr<engine::Pool> g_Pool;  // null before the first transfer of an extended task
+// Lock, partial file and record, which a worker that has given up its rights cannot open. Empty for
+// the first task, and where none came.
+extern std::vector<Descriptor> g_HandedOver;
 
 // ---- The transfers.
 

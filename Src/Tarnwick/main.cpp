@@ -1,10 +1,11 @@
 // tarnwick: carries out one task of a task manager and exits with status 0 whatever the outcome,
-// which it reports in the task's slot.
+// which it reports in the task's slot. A task may ask for it to wait for another one.
 //
 //   tarnwick TASK_ID SLOT_INDEX MANAGER_PID
 #include <cstdlib>
 
 #include "Tarnwick/jobstate.h"
+#include "Tarnwick/nexttask.h"
 #include "Tarnwick/tarnwick.h"
 #include "Tarnwick/transfer.h"
 #include "common/assertion.h"
@@ -36,7 +37,10 @@ int main(int argc, char** argv) {
     assertion::Require(argc >= 4, "main", "Src/Tarnwick/main", "false", 61);
     ReadArguments(argv);
     g_ShareName = SectionName(g_ParentPid);
-    ParseTask(g_TaskID.c_str());
+    do {
+        ParseTask(g_TaskID.c_str());
+    } while (NextTask());
+    g_Pool.reset();
     UnLoadCurlLib();
     exit(0);
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "Tarnwick/channel.h"
 #include "Tarnwick/download.h"
@@ -20,6 +21,7 @@
 #include "common/fieldtext.h"
 #include "common/platform.h"
 #include "common/sysutility.h"
+#include "common/uncopyable.h"
 
 namespace {
 
@@ -102,6 +104,24 @@ void FillTaskInfo(tagTaskNode& info, const tagTaskContext& slot) {
     info.nTryInterval = ClampTries(slot.nTryInterval);
 }
 
+// The task's lock for the length of a scope: opened by its name, unless it was handed over.
+class TaskLock : private Uncopyable {
+  public:
+    TaskLock() {
+        if (!g_HandedOver.empty()) lent_ = platform::MapSemaphore(g_HandedOver.front().Get());
+        g_TaskInfo.mutexLock =
+            lent_ != nullptr ? new Threading::Mutex(Threading::Mutex::Lent{lent_})
+                             : new Threading::Mutex(static_cast<const char*>(g_TaskInfo.szTaskID));
+    }
+    ~TaskLock() {
+        delete std::exchange(g_TaskInfo.mutexLock, nullptr);
+        if (lent_ != nullptr) platform::UnmapSemaphore(lent_);
+    }
+
+  private:
+    sem_t* lent_ = nullptr;
+};
+
 // Claims the slot by writing this process's id into it.
 void ClaimSlot(tagTaskContext& live, tagTaskContext& copy, Threading::Mutex* lock) {
     Threading::AutoLock hold(lock);
@@ -163,7 +183,7 @@ int ParseTask(const char* szTaskID) {
 
     tagTaskContext& copy = g_TaskContext[g_TaskIndex];
     FillTaskInfo(g_TaskInfo, copy);
-    g_TaskInfo.mutexLock = new Threading::Mutex(g_TaskInfo.szTaskID);
+    const TaskLock lock;
     ClaimSlot(*live, copy, g_TaskInfo.mutexLock);
     CopySlot(&g_TaskConData, &copy);
     if (IsExtended(g_TaskConData)) {
@@ -173,8 +193,6 @@ int ParseTask(const char* szTaskID) {
         g_exit_download = g_Exit = true;
     }
     WaitForJob();
-    delete g_TaskInfo.mutexLock;
-    g_TaskInfo.mutexLock = nullptr;
     return 0;
 }
 

@@ -6,9 +6,12 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <optional>
 #include <sstream>
 
 #include "TaskMan/taskcontext.h"
+#include "TaskMan/tasktext.h"
 #include "common/fieldtext.h"
 
 // Takes and releases the lock as the steps say, not as a scope does.
@@ -20,12 +23,12 @@ int main(int /*argc*/, char** argv) TS_NO_ANALYSIS {
     const std::string address = FieldText(slot.szDownloadUrl);
     const std::string fault = "http://fault/";
     if (!address.starts_with(fault)) return execv(TARNWICK_PATH, argv);
-    Threading::Mutex lock(argv[1]);
+    std::optional<Threading::Mutex> lock(argv[1]);
     std::istringstream steps(address.substr(fault.size()));
     for (std::string step; std::getline(steps, step, ',');) {
-        if (step == "claim" || step == "lock") lock.Lock();
+        if (step == "claim" || step == "lock") lock->Lock();
         if (step == "claim") slot.nPid = getpid();
-        if (step == "claim" || step == "unlock") lock.UnLock();
+        if (step == "claim" || step == "unlock") lock->UnLock();
         if (step == "report") SetStateBit(slot, DOWNLOAD_STATE_PROGRESS);
         if (step == "finish") SetStateBit(slot, DOWNLOAD_STATE_DOWNLOAD_FINISH);
         if (step == "answer") SetField(slot.szVideoInfo, "requests=7\r\n");
@@ -35,6 +38,13 @@ int main(int /*argc*/, char** argv) TS_NO_ANALYSIS {
             usleep(1000);
         // Sends into its channel what there is room for.
         while (step == "flood" && send(STDIN_FILENO, "flood", 5, MSG_DONTWAIT) == 5) continue;
+        // Waits for its next task when it has read the request of this one.
+        char text[4096] = "";
+        if (step == "idle" && recv(STDIN_FILENO, text, sizeof text, 0) > 0)
+            send(STDIN_FILENO, TASK_CHANNEL_IDLE, 6, 0);
+        if (step == "next" && recv(STDIN_FILENO, text, sizeof text - 1, 0) > 0)
+            lock.emplace(std::string(text, 5, std::strcspn(text, "\r") - 5).c_str());
+        if (step == "deaf") close(STDIN_FILENO), pause();
         if (step == "kill") raise(SIGKILL);
         if (step == "stop") raise(SIGSTOP);
         if (step == "abort") abort();

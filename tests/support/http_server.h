@@ -49,6 +49,13 @@ class Reply {
     Reply& Pause(std::chrono::milliseconds time) {
         return Do([=](int connection) { return ClientStays(connection, time.count()); });
     }
+    // Waits for a further request.
+    Reply& Receive() {
+        return Do([](int connection) {
+            char block[4096];
+            return recv(connection, block, sizeof block, 0) > 0;
+        });
+    }
     Reply& Silence() { return Pause(std::chrono::milliseconds(-1)); }
     // Once the client's system has what was sent; the client itself may be behind: pause first
     // when that matters.

@@ -30,8 +30,7 @@ Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& fai
       events_(events),
       display_(display),
       limit_(options.limitRate),
-      print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json && !options.resolveOnly &&
-                   !options.ToOutput()) {
+      print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json && !options.resolveOnly) {
     totals_.files = totals_.waiting = options.addresses.size();
 }
 
@@ -57,8 +56,7 @@ bool Downloads::StartNext() {
 
 InputList::Taken Downloads::TakeRequest(Request& request) {
     if (taken_ < options_.addresses.size()) {
-        const std::string name = options_.ToOutput() ? "" : options_.output;
-        request = {options_.addresses[taken_++], name, options_.sha256, ""};
+        request = {options_.addresses[taken_++], options_.output, options_.sha256, ""};
         return InputList::Taken::kRequest;
     }
     const InputList::Taken taken = list_.Take(request);
@@ -174,12 +172,12 @@ void Downloads::Handle(const Event& event) {
 }
 
 void Downloads::Report(File file, Outcome outcome) {
-    const bool there = IsThere(outcome.result);
-    const bool mine = there && outcome.result != EndResult::kSkipped;
+    const bool finished = outcome.result == EndResult::kFinished;
+    const bool there = finished || outcome.result == EndResult::kSkipped;
     const std::string kept = file->Release();
     Count(*file, std::move(outcome));
     if (!kept.empty()) display_.Note(kept);
-    if (mine) names_.NoteWritten(file->View().path);
+    if (finished) names_.NoteWritten(file->View().path);
     if (print_paths_ && there) PrintPath(file->View().path);
 }
 
@@ -202,9 +200,6 @@ void Downloads::Count(const Fetch& file, Outcome outcome) {
             break;
         case EndResult::kSkipped:
             ++totals_.skipped;
-            break;
-        case EndResult::kUnchanged:
-            ++totals_.unchanged;
             break;
         case EndResult::kStopped:
             ++totals_.stopped;

@@ -57,7 +57,6 @@ class InfoDisplay : public Display {
         nlohmann::ordered_json end{{"v", JSON_VERSION}, {"event", "end"}};
         SetText(end, "address", options_.address);
         SetAnswer(end, answer_, message_);
-        if (options_.request.bInsecure) end["insecure"] = true;
         end["exit"] = status;
         Write(JsonLine(end));
     }
@@ -106,8 +105,7 @@ int Write(const InfoOptions& options, const VideoPage& page, InfoDisplay& displa
         }
         out = text::Printable(taken->address) + "\n";
     } else {
-        out = options.json ? PageJson(page, taken, options.request.bInsecure)
-                           : PageTable(page, taken);
+        out = options.json ? PageJson(page, taken) : PageTable(page, taken);
     }
     display.Write(out);
     return EXIT_STATUS_FINISHED;
@@ -145,7 +143,7 @@ std::string PageTable(const VideoPage& page, const VideoFormat* taken) {
     return table;
 }
 
-std::string PageJson(const VideoPage& page, const VideoFormat* taken, bool insecure) {
+std::string PageJson(const VideoPage& page, const VideoFormat* taken) {
     nlohmann::ordered_json all{{"v", JSON_VERSION}, {"event", "page"}};
     SetText(all, "title", page.title);
     all["length_seconds"] = nullptr;
@@ -165,7 +163,6 @@ std::string PageJson(const VideoPage& page, const VideoFormat* taken, bool insec
         entry["taken"] = &format == taken;
         all["formats"].push_back(std::move(entry));
     }
-    if (insecure) all["insecure"] = true;
     return JsonLine(all);
 }
 
@@ -186,7 +183,6 @@ int RunInfo(const InfoOptions& given) {
     get.proxy = options.proxy;
     get.request = options.request;
     get.resolveOnly = true;
-    if (request.bInsecure) display.Warn(INSECURE_WARNING);
     const WakePipe& wake = signals::Install();
     EventQueue events(wake);
     InputList noList;

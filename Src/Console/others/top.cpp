@@ -87,7 +87,7 @@ Cells CellsOf(const TaskRow& row) {
     const auto percent = PercentOf(task);
     const auto speed = SpeedOf(task);
     const pid_t pid = PidOf(row);
-    return {task.id,
+    return {task.id.empty() ? "-" : task.id,
             StateName(task),
             percent ? std::to_string(std::lround(*percent)) + " %" : "-",
             speed ? text::Size(*speed) + "/s" : "-",
@@ -95,7 +95,7 @@ Cells CellsOf(const TaskRow& row) {
             pid > 0 ? std::to_string(pid) : "-",
             row.worker > 0 ? "alive" : "gone",
             size ? text::Size(*size) : "-",
-            CommandName(task),
+            task.id.empty() ? "-" : CommandName(task),
             std::to_string(task.nManagerPid),
             text::Printable(NameOf(task))};
 }
@@ -142,11 +142,7 @@ nlohmann::ordered_json OrNull(std::optional<double> value) {
     return value ? Number(*value) : nlohmann::ordered_json();
 }
 
-nlohmann::ordered_json ObjectOf(const TaskRow& row) {
-    const OtherTask& task = row.task;
-    nlohmann::ordered_json object{{"event", "task"}, {"id", task.id}};
-    object["manager"] = task.nManagerPid;
-    object["slot"] = task.nTaskIndex;
+void AddTask(nlohmann::ordered_json& object, const OtherTask& task) {
     SetText(object, "name", NameOf(task));
     SetText(object, "address", task.address);
     SetText(object, "path", task.path);
@@ -155,12 +151,30 @@ nlohmann::ordered_json ObjectOf(const TaskRow& row) {
     object["percent"] = OrNull(PercentOf(task));
     object["size"] = OrNull(SizeOf(task));
     object["speed"] = OrNull(SpeedOf(task));
+}
+
+nlohmann::ordered_json ObjectOf(const TaskRow& row) {
+    const OtherTask& task = row.task;
+    nlohmann::ordered_json object{{"event", "worker"}};
+    if (!task.id.empty()) object = {{"event", "task"}, {"id", task.id}};
+    object["manager"] = task.nManagerPid;
+    object["slot"] = task.nTaskIndex;
+    if (task.id.empty()) {
+        object["state"] = StateName(task);
+    } else {
+        AddTask(object, task);
+    }
     object["pid"] = nullptr;
     if (PidOf(row) > 0) object["pid"] = PidOf(row);
     object["age"] = nullptr;
     if (row.age) object["age"] = std::round(*row.age * 1000) / 1000;
     object["alive"] = row.worker > 0;
     return object;
+}
+
+// The process was started like a worker for this slot of a manager that lives.
+TaskRow RowOf(OtherTask task, const WorkerProcess& worker) {
+    return {std::move(task), worker.pid, InRange(platform::ProcessAge(worker.pid), 0, kMostBytes)};
 }
 
 std::vector<std::string> LiveLines(const TopView& view) {
@@ -186,23 +200,34 @@ std::optional<TopView> ReadTop(int manager) {
     }
     TopView view;
     view.managers = manager == 0 ? managers.size() : 1;
-    const std::vector<WorkerProcess> workers = ListWorkers();
+    std::vector<WorkerProcess> workers = ListWorkers();
     for (OtherTask& task : ListTasks()) {
         if (manager != 0 && task.nManagerPid != manager) continue;
-        TaskRow row{std::move(task)};
-        const auto worker = std::find_if(
-            workers.begin(), workers.end(),
-            [&row](const WorkerProcess& process) { return Serves(process, row.task); });
-        if (worker != workers.end()) {
-            row.worker = worker->pid;
-            row.age = InRange(platform::ProcessAge(worker->pid), 0, kMostBytes);
+        const auto worker =
+            std::find_if(workers.begin(), workers.end(),
+                         [&task](const WorkerProcess& process) { return Serves(process, task); });
+        if (worker == workers.end()) {
+            view.rows.push_back({std::move(task)});
+        } else {
+            view.rows.push_back(RowOf(std::move(task), *worker));
+            workers.erase(worker);
         }
-        view.rows.push_back(std::move(row));
+    }
+    for (const WorkerProcess& worker : workers) {
+        if (std::count(managers.begin(), managers.end(), worker.nManagerPid) == 0 ||
+            (manager != 0 && worker.nManagerPid != manager)) {
+            continue;
+        }
+        OtherTask none;
+        none.nManagerPid = worker.nManagerPid;
+        none.nTaskIndex = worker.nTaskIndex;
+        view.idle.push_back(RowOf(std::move(none), worker));
     }
     return view;
 }
 
 const char* StateName(const OtherTask& task) {
+    if (task.id.empty()) return "idle";
     const auto reported = [&task](tagDownloadStateCode code) {
         return (task.nStateBits >> code & 1U) != 0;
     };
@@ -220,7 +245,9 @@ const char* StateName(const OtherTask& task) {
 std::vector<std::string> TopTable(const TopView& view, int columns) {
     std::vector<Cells> table{kTitles};
     const std::size_t idLength = columns > 0 ? IdLength(view) : std::string::npos;
-    for (const TaskRow& row : view.rows) {
+    std::vector<TaskRow> rows = view.rows;
+    rows.insert(rows.end(), view.idle.begin(), view.idle.end());
+    for (const TaskRow& row : rows) {
         table.push_back(CellsOf(row));
         std::string& id = table.back().front();
         id = id.substr(0, idLength);
@@ -244,6 +271,7 @@ std::string TopJson(const TopView& view) {
                                   {"managers", view.managers},
                                   {"tasks", view.rows.size()}});
     for (const TaskRow& row : view.rows) lines += JsonLine(ObjectOf(row));
+    for (const TaskRow& row : view.idle) lines += JsonLine(ObjectOf(row));
     return lines;
 }
 

@@ -29,6 +29,7 @@ struct TaskRow {
 struct TopView {
     std::size_t managers = 0;
     std::vector<TaskRow> rows{};
+    std::vector<TaskRow> idle{};  // workers that wait for a task: theirs is empty but for the slot
 };
 
 // Of one manager, or with 0 of all; nothing when that one does not live.
@@ -37,11 +38,11 @@ std::optional<TopView> ReadTop(int manager);
 // The state of the task in a word, as docs/json.md lists them.
 const char* StateName(const OtherTask& task);
 
-// A line with the titles of the columns and one for each task, without line ends, printable. For a
-// screen of `columns` columns some columns are left out, ids are cut to where they differ, and
-// names to what fits; 0: everything is shown. A screen too narrow for the columns that always stay
-// gets wider lines.
+// A line with the titles of the columns and one for each task and idle worker, without line ends,
+// printable. For a screen of `columns` columns some columns are left out, ids are cut to where they
+// differ, and names to what fits; 0: everything is shown. A screen too narrow for the columns that
+// always stay gets wider lines.
 std::vector<std::string> TopTable(const TopView& view, int columns);
 
-// A line with an object for the whole, and one for each task.
+// A line with an object for the whole, and one for each task and idle worker.
 std::string TopJson(const TopView& view);

@@ -101,6 +101,13 @@ struct tagTaskLimits {
     std::int32_t nAnswerSeconds = 30;  // a download, to its code 10 or 2; 0: for ever
     std::int32_t nPageSeconds = 90;    // a page, to its final code; 0: for ever
     std::int32_t nStartsOver = 10;     // 0: for ever
+    // Of extended downloads, for those that are added from now on. A worker whose task has ended
+    // with code 3 or 8 may wait for another one, which then needs no start, and finds the
+    // connections of the one before: one with the same files but for the output, login, headers and
+    // proxy, and without a partial file to go on with.
+    std::int32_t nIdleSeconds =
+        0;  // for how long, at most 3600; 0: each task has a worker of its own
+    std::int32_t nTasksPerWorker = 100;  // after so many it exits
 };
 
 // Sets the limits for all tasks, from now on.
@@ -124,7 +131,7 @@ double TaskFileSize(const char* szTaskID);
 
 // Number of further tasks that AddTask has room for now, 0 to 8; 0 while no manager runs, and while
 // all tasks are refused because workers end at once. A slot is free again when its task's final
-// callback has returned and its worker process is gone.
+// callback has returned and its worker process is gone, or waits for another task.
 int FreeSlotCount();
 
 // Called when a slot may have become free for AddTask: a task's final callback has returned and its

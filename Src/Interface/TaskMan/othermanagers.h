@@ -67,5 +67,6 @@ std::vector<WorkerProcess> ListWorkers();
 // The worker with this process id; one with the pid -1 when that process is none.
 WorkerProcess WorkerOf(pid_t pid);
 
-// Whether the process was started for this task.
+// Whether the process was started for this task, or for an earlier one in the same slot and has
+// claimed this one.
 bool Serves(const WorkerProcess& worker, const OtherTask& task);

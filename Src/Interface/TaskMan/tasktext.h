@@ -25,6 +25,12 @@ constexpr std::size_t TASK_ADDRESS_MOST = 16 * 1024;  // bytes of an address
 // What the worker sends over its channel once its final code is in the slot.
 constexpr const char* TASK_CHANNEL_END = "end\r\n";
 
+// What a worker sends that stays once it has forgotten its task, and the beginning of what it gets
+// then: the line has the id of its next task, whose slot is filled, and the request follows in the
+// same piece.
+constexpr const char* TASK_CHANNEL_IDLE = "idle\r\n";
+constexpr const char* TASK_CHANNEL_TASK = "task=";
+
 // Why a task ended otherwise than finished. Each has a name that does not change.
 enum class TaskReason {
     kNone,          // ""
@@ -75,8 +81,8 @@ struct tagTaskRequest {
     std::string strPassword{};  // at most 1024 bytes
     std::string strNetrc{};     // absolute path
 
-    // Absolute paths of PEM files, for all servers, also behind redirects. Without strCaFile the
-    // system's authorities are trusted, with it no others. A key must not be encrypted.
+    // Absolute paths of PEM files. Without strCaFile the system's authorities are trusted, with it
+    // no others.
     std::string strCaFile{};
     std::string strCertFile{};
     std::string strKeyFile{};  // empty: it stands in strCertFile
@@ -90,6 +96,10 @@ struct tagTaskRequest {
                                        // slot (nReserved3), not in the text: SetTaskRate changes it
     bool bEndsWhenBusy = false;        // a status of 429 or 503 ends the task at once: the
                                        // application waits, with all that goes to that host
+
+    // 0 to 3600 seconds for which the worker waits for another task when this one, a download, has
+    // ended with code 3 or 8. AddTask sets it (tagTaskLimits).
+    std::int32_t nStaySeconds = 0;
 };
 
 // What became of an extended task. Numbers are 0 and texts empty where nothing is known.

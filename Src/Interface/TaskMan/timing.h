@@ -24,6 +24,7 @@ constexpr Milliseconds kAbandonedLock{1250};
 constexpr Milliseconds kStuckLock{5000};      // busy for so long: a living worker hangs with it
 constexpr Milliseconds kStopPatience{10000};  // a size probe does not see the stop word
 constexpr Milliseconds kExitPatience{10000};  // from a worker's final code to its exit
+constexpr Milliseconds kHandOver{5000};       // for a worker that waits to claim its next task
 // The kernel may hold a killed worker for as long as a disk does not answer. It runs no code of its
 // own any more.
 constexpr Milliseconds kKillPatience{2000};

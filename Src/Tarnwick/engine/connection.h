@@ -10,7 +10,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "Tarnwick/engine/bucket.h"
 #include "Tarnwick/engine/headerlist.h"
@@ -44,8 +43,8 @@ class Rate {
 struct Request {
     std::string url{};
     Asked asked{};
-    bool foreign = false;                // the address has another origin than that of the task
-    std::vector<std::string> headers{};  // lines "Name: value" of this one
+    std::string ifRange{};  // value of that header; empty: none
+    bool foreign = false;   // the address has another origin than that of the task
 };
 
 class Connection : private Uncopyable {

@@ -45,10 +45,10 @@ bool Passed(Clock::time_point since, int seconds, Clock::time_point now) {
 
 }  // namespace
 
-Result Fetch(const Task& task, PartFile& file, Watcher& watcher) {
+Result Fetch(const Task& task, PartFile& file, Watcher& watcher, const Pool& pool) {
     const Utf8Names names;
     try {
-        return Course(task, file, watcher).Run();
+        return Course(task, file, watcher, pool.Multi()).Run();
     } catch (const std::bad_alloc&) {
         return Failed({TaskReason::kLocal, ENOMEM, NO_MEMORY});
     }
@@ -57,7 +57,7 @@ Result Fetch(const Task& task, PartFile& file, Watcher& watcher) {
 Result Fetch(const Task& task, Watcher& watcher) {
     PartFile file(task.path, task.keeps);
     const MaybeFault fault = file.Open([&watcher] { return !watcher.EndAsked(); });
-    return fault ? Failed(*fault) : Fetch(task, file, watcher);
+    return fault ? Failed(*fault) : Fetch(task, file, watcher, Pool());
 }
 
 Result Failed(const Fault& fault) {
@@ -68,11 +68,11 @@ Result Failed(const Fault& fault) {
     return result;
 }
 
-Course::Course(const Task& task, PartFile& file, Watcher& watcher)
+Course::Course(const Task& task, PartFile& file, Watcher& watcher, CURLM* multi)
     : task_(task),
       watcher_(watcher),
       file_(file),
-      multi_(curl_multi_init()),
+      multi_(multi),
       shared_{multi_,
               task,
               blocks_,
@@ -84,11 +84,6 @@ Course::Course(const Task& task, PartFile& file, Watcher& watcher)
       random_(static_cast<unsigned>(getpid()) ^
               static_cast<unsigned>(Clock::now().time_since_epoch().count())),
       ceiling_(std::clamp(task.connections, 1, 10)) {}
-
-Course::~Course() {
-    connections_.clear();
-    curl_multi_cleanup(multi_);
-}
 
 Result Course::Run() {
     Open();

@@ -20,8 +20,7 @@ namespace engine {
 
 class Course : private Uncopyable {
   public:
-    Course(const Task& task, PartFile& file, Watcher& watcher);
-    ~Course();
+    Course(const Task& task, PartFile& file, Watcher& watcher, CURLM* multi);
 
     Result Run();
 
@@ -43,7 +42,6 @@ class Course : private Uncopyable {
     void GiveWork();
     void BeginRound();
     void GiveFurtherWork();
-    void AddConditions(Request& request) const;
     bool Ask(Connection& connection, Request request);
     bool AskFor(Connection& connection, const Range& range);
     Connection* NewConnection();
@@ -65,7 +63,6 @@ class Course : private Uncopyable {
     void OnGood(Connection& connection, CURLcode code);
     void OnFailure(Connection& connection, const Judgement& judged);
     void FailRound(const Judgement& judged, bool gotBytes);
-    bool MayServeOnce(const Judgement& judged) const;
     bool IsStuck();
     void StartOver();
     std::time_t RemoteTime() const;

@@ -51,9 +51,13 @@ bool Lives(const PartWriter& writer) {
 }  // namespace
 
 PartWriter ThisWriter() {
-    char host[256] = "";
-    gethostname(host, sizeof host - 1);
-    return {host, platform::BootId(), getpid(), Started(getpid())};
+    // A confined process cannot look anew.
+    static const PartWriter writer = [] {
+        char host[256] = "";
+        gethostname(host, sizeof host - 1);
+        return PartWriter{host, platform::BootId(), getpid(), Started(getpid())};
+    }();
+    return writer;
 }
 
 PartFile::PartFile(const std::string& path, bool keeps) : path_(path), keeps_(keeps) {}
@@ -66,8 +70,6 @@ Fault PartFile::LocalFault(const char* what, int number) const {
 
 MaybeFault PartFile::Open(const std::function<bool()>& patient) {
     if (MaybeFault fault = OpenFile()) return fault;
-    self_ = ThisWriter();
-    started_ = synced_ = Clock::now();
     PartRecord record;
     bool sound = ReadPartRecord(path_, record);
     if (record.size != 0) {
@@ -95,11 +97,23 @@ MaybeFault PartFile::Open(const std::function<bool()>& patient) {
 // A pipe without a reader would block for ever; what is neither pipe nor file cannot be continued
 // or measured.
 MaybeFault PartFile::OpenFile() {
-    struct stat status {};
     if (path_.empty()) return Fault{TaskReason::kLocal, EINVAL, "no output path"};
     constexpr int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK;
     file_ = Descriptor(open(path_.c_str(), flags, 0666));
     if (!file_.IsOpen()) return LocalFault("cannot open", errno);
+    return Begin();
+}
+
+MaybeFault PartFile::Take(Descriptor file, Descriptor record) {
+    file_ = std::move(file);
+    record_file_.Take(std::move(record));
+    return Begin();
+}
+
+MaybeFault PartFile::Begin() {
+    self_ = ThisWriter();
+    started_ = synced_ = Clock::now();
+    struct stat status {};
     if (fstat(file_.Get(), &status) != 0) return LocalFault("cannot look at", errno);
     if (!S_ISREG(status.st_mode)) {
         return Fault{TaskReason::kLocal, EINVAL, path_ + " is not a regular file"};

@@ -38,6 +38,9 @@ class PartFile : private Uncopyable {
     // and as long as `patient` returns true.
     MaybeFault Open(const std::function<bool()>& patient);
 
+    // Takes over the file, and with a record an empty one, instead: both are open.
+    MaybeFault Take(Descriptor file, Descriptor record);
+
     // The record that was found, when it is sound and the file can be what it tells; with what can
     // be relied on in `have`. Null without one. Valid until the first of the operations below.
     const PartRecord* Found() const { return found_ ? &*found_ : nullptr; }
@@ -72,6 +75,7 @@ class PartFile : private Uncopyable {
     using Clock = std::chrono::steady_clock;
 
     MaybeFault OpenFile();
+    MaybeFault Begin();
     MaybeFault WaitForWriter(const PartWriter& writer, std::int64_t time,
                              const std::function<bool()>& patient);
     MaybeFault StillThere() const;

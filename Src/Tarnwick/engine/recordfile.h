@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TaskMan/partrecord.h"
@@ -20,6 +21,9 @@ class RecordFile {
     // What is no regular file of this user's, or has other names, is replaced. To be called once,
     // first; without it, the others do nothing.
     void Open(const std::string& path);
+
+    // Takes over an empty one that is open, instead.
+    void Take(Descriptor file) { file_ = std::move(file); }
 
     // Writes both parts, and brings them to the disk.
     void Replace(const PartRecord& record);

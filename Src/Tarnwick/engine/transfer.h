@@ -1,8 +1,8 @@
 // The transfer of one file: requests, connections, retries, and the partial file, from the first
 // request to the complete file or the reason why not.
 //
-// It has no state beyond the object: several transfers in one process, each on a thread of its own,
-// do not disturb each other. libcurl has to be prepared for the process before.
+// It has no state beyond its objects: several transfers in one process, each on a thread of its
+// own, do not disturb each other. libcurl has to be prepared for the process before.
 #pragma once
 
 #include <curl/curl.h>
@@ -14,8 +14,21 @@
 #include "Tarnwick/engine/blocks.h"
 #include "Tarnwick/engine/partfile.h"
 #include "TaskMan/tasktext.h"
+#include "common/uncopyable.h"
 
 namespace engine {
+
+// Connections that outlive a transfer, with the names that were looked up for them: the next one
+// to the same server finds them open. One transfer at a time uses it.
+class Pool : private Uncopyable {
+  public:
+    Pool() : multi_(curl_multi_init()) {}
+    ~Pool() { curl_multi_cleanup(multi_); }
+    CURLM* Multi() const { return multi_; }  // null: there was no memory
+
+  private:
+    CURLM* const multi_;
+};
 
 // What is to be fetched, and how.
 struct Task {
@@ -35,10 +48,6 @@ struct Task {
     bool proxied = false;    // `prepare` sets a proxy
     // Sets on each new handle what the task asks for beyond this; may be empty.
     std::function<void(CURL*)> prepare{};
-    // Conditions, values of these headers, for as long as nothing of the file has come; empty:
-    // none. An answer that names them ends the transfer with the reason kUnchanged.
-    std::string ifNoneMatch{};
-    std::string ifModifiedSince{};
     bool remoteTime = false;  // the complete file gets the time that Last-Modified tells
 };
 
@@ -72,10 +81,11 @@ struct Result {
 
 // Fetches the file. Always returns: after success, the last try, or within 200 ms of a stop (a file
 // system that does not answer is waited for). A file that is not complete stays; when the task
-// keeps it and it can be continued, with a record. `file` is the task's, open already.
-Result Fetch(const Task& task, PartFile& file, Watcher& watcher);
+// keeps it and it can be continued, with a record. `file` is the task's, open already. The
+// connections come from `pool` and stay there.
+Result Fetch(const Task& task, PartFile& file, Watcher& watcher, const Pool& pool);
 
-// Opens the file as well.
+// The same with connections of its own; opens the file as well.
 Result Fetch(const Task& task, Watcher& watcher);
 
 // How a transfer ends that the fault keeps from beginning.

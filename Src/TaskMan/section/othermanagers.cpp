@@ -74,5 +74,5 @@ WorkerProcess WorkerOf(pid_t pid) {
 
 bool Serves(const WorkerProcess& worker, const OtherTask& task) {
     return worker.nManagerPid == task.nManagerPid && worker.nTaskIndex == task.nTaskIndex &&
-           worker.id == task.id;
+           (worker.id == task.id || worker.pid == task.nPid);
 }

@@ -41,6 +41,7 @@ void ForEachKey(tagTaskRequest& request, Visit visit) {
     visit("if-modified-since", request.strIfModifiedSince);
     visit("retry-after", request.nRetryAfter);
     visit("ends-when-busy", request.bEndsWhenBusy);
+    visit("stay", request.nStaySeconds);
 }
 
 template <class Visit>

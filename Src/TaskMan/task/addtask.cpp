@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "TaskMan/section/ownsection.h"
@@ -14,16 +15,15 @@
 #include "TaskMan/task/counts.h"
 #include "TaskMan/task/delivery.h"
 #include "TaskMan/task/extended.h"
+#include "TaskMan/task/idleworkers.h"
 #include "TaskMan/task/scanner.h"
+#include "TaskMan/task/start.h"
 #include "TaskMan/task/supervisor.h"
 #include "TaskMan/task/throttle.h"
 #include "TaskMan/taskman.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
 #include "common/sysutility.h"
-#include "common/thread.h"
-
-Threading::Mutex g_start_tarnwick_mutex;
 
 namespace {
 
@@ -57,19 +57,32 @@ bool SectionHasName() {
     return true;
 }
 
-// Takes a free slot for the task, unless something is in its way.
-Refused TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, Watch*& taken) {
-    Threading::AutoLock hold(&g_watch_mutex);
-    if (g_phase != ManagerPhase::kRunning) return Never("the task manager is not running");
-    if (Clock::now() < g_refuse_until) return Later(REFUSED_FOR_NOW);
-    if (!SectionHasName()) return Never("the section has lost its name (RemoveIPC=?)");
-    const std::string id = FieldText(taskinfo.szTaskID);
-    taken = nullptr;
+// What an extended task has beyond others. A worker that may stay is told so by its request.
+void ExtendWatch(Watch& watch, tagTaskRequest request) TS_REQUIRES(g_watch_mutex) {
+    watch.bExtended = true;
+    watch.answerLimit = AnswerLimit(request);
+    watch.nRate = request.nRate;
+    ++watch.nTasks;
+    request.nStaySeconds = 0;
+    if (IsDownloadCommand(watch.nCmd) && watch.nTasks < g_limits.nTasksPerWorker) {
+        request.nStaySeconds = std::clamp(g_limits.nIdleSeconds, 0, 3600);
+    }
+    watch.stay = std::chrono::seconds(request.nStaySeconds);
+    watch.request = EncodeRequest(request);
+}
+
+// A slot that is free, or why there is none.
+Refused FindSlot(const std::string& id, const std::string& path, const Traits* traits,
+                 Watch*& found) TS_REQUIRES(g_watch_mutex) {
+    Fit best = Fit::kUnable;
+    found = nullptr;
     for (int i = 0; i < TASK_SLOT_COUNT; ++i) {
         Watch& watch = g_Watches[i];
         if (watch.stage.state == Stage::kFree) {
-            if (taken != nullptr) continue;
-            taken = &watch;
+            const Fit fit = FitOf(i, traits);
+            if (found != nullptr && fit >= best) continue;
+            found = &watch;
+            best = fit;
             watch.nTaskIndex = i;
         } else if (IdsCollide(watch.id, id)) {
             return Later("the task id is in use");
@@ -77,7 +90,29 @@ Refused TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, Watch*& t
             return Later("another task writes this file");
         }
     }
-    if (taken == nullptr) return Later("all slots are taken");
+    if (found == nullptr) return Later("all slots are taken");
+    if (best <= Fit::kAble) {
+        TakeIdleWorker(*found);
+    } else {
+        DropIdleWorker(found->nTaskIndex);
+    }
+    return {};
+}
+
+// Takes a free slot for the task, unless something is in its way.
+Refused TakeSlot(const tagTaskInfo& taskinfo, const tagTaskRequest* request, Watch*& taken) {
+    const std::string path = OutputPath(taskinfo);
+    std::optional<Traits> traits;
+    if (request != nullptr && IsDownloadCommand(taskinfo.nCmd)) {
+        traits = TraitsOf(taskinfo, *request, path);
+    }
+    Threading::AutoLock hold(&g_watch_mutex);
+    if (g_phase != ManagerPhase::kRunning) return Never("the task manager is not running");
+    if (Clock::now() < g_refuse_until) return Later(REFUSED_FOR_NOW);
+    if (!SectionHasName()) return Never("the section has lost its name (RemoveIPC=?)");
+    const std::string id = FieldText(taskinfo.szTaskID);
+    Refused refused = FindSlot(id, path, traits ? &*traits : nullptr, taken);
+    if (refused.kind != TaskRefusal::kNone) return refused;
     g_TaskFileSize[taken->nTaskIndex] = 0.0;
     g_TaskEndTaken[taken->nTaskIndex] = false;
     taken->stage.Advance(Stage::kEntered, Clock::now());
@@ -88,6 +123,10 @@ Refused TakeSlot(const tagTaskInfo& taskinfo, const std::string& path, Watch*& t
     taken->pCallbackParam = taskinfo.pCallbackParam;
     taken->pfnResultCallback = taskinfo.pfnResultCallback;
     taken->pfnStateCallback = taskinfo.pfnStateCallback;
+    if (request != nullptr) {
+        if (traits) taken->traits = std::move(*traits);
+        ExtendWatch(*taken, *request);
+    }
     return {};
 }
 
@@ -135,66 +174,15 @@ int EnterTask(Watch& watch, const tagTaskInfo& taskinfo, std::int32_t rate) {
     return 0;
 }
 
-// A child that is forked and executes nothing would keep the channels beyond the manager's death:
-// the workers would go on.
-void GiveChildrenNoChannel() {
-    static const int registered = pthread_atfork(nullptr, nullptr, []() TS_NO_ANALYSIS {
-        for (Watch& watch : g_Watches) watch.channel.Close();
-    });
-    static_cast<void>(registered);
-}
-
-// Makes the task an extended one. Returns an error number.
-int OpenChannel(Watch& watch, const tagTaskRequest& request, Descriptor& workersEnd) {
-    GiveChildrenNoChannel();
-    Threading::AutoLock hold(&g_watch_mutex);
-    watch.bExtended = true;
-    watch.answerLimit = AnswerLimit(request);
-    watch.nRate = request.nRate;
-    return watch.channel.Open(EncodeRequest(request), workersEnd);
-}
-
-// Runs StartProgram on a thread of its own and waits for it. When no process could be made, the
-// process id stays -1, and the supervisor ends the task like that of any dead worker.
-void StartWorker(Watch& watch, const std::string& program, const Descriptor& channel) {
-    auto start = std::make_unique<tagStartParam>();
-    SetField(start->szProgramPath, program);
-    SetField(start->szTaskID, watch.id);
-    SetField(start->szTaskIndex, std::to_string(watch.nTaskIndex));
-    SetField(start->szMainPid, std::to_string(g_mainpid));
-    start->nChannel = channel.Get();
-    std::atomic<pid_t>& pid = g_WorkerPid[watch.nTaskIndex];
-    {
-        Threading::AutoLock one(&g_start_tarnwick_mutex);
-        pthread_t thread{};
-        pid = -1;
-        if (StartThread(&thread, StartProgram, start.get(), false) == 0) {
-            static_cast<void>(start.release());
-            pthread_join(thread, nullptr);
-        }
-    }
-    {
-        Threading::AutoLock hold(&g_watch_mutex);
-        const Clock::time_point now = Clock::now();
-        watch.process = platform::ProcessWatch(pid);
-        watch.worker.Advance(Worker::kAlive, now);
-        watch.lookAt = now;
-        // A worker that hangs before claiming gets the same limit, counted from its start.
-        if (watch.stage.state == Stage::kEntered) watch.stage.since = now;
-    }
-    g_end_event.Set();
-    WakeSupervisor();
-}
-
-// Enters the task and starts its worker. An extended task has a request, which is in its channel
-// before anybody sees the task.
+// Enters the task and gives it to a worker. An extended task has a request; that of a worker which
+// is to be started is in its channel before anybody sees the task.
 Refused Admit(const tagTaskInfo& taskinfo, const tagTaskRequest* request) {
     Watch* watch = nullptr;
-    Refused refused = TakeSlot(taskinfo, OutputPath(taskinfo), watch);
+    Refused refused = TakeSlot(taskinfo, request, watch);
     if (refused.kind != TaskRefusal::kNone || watch == nullptr) return refused;
     Descriptor channel;
     const char* failed = "cannot open the task's channel";
-    int error = request == nullptr ? 0 : OpenChannel(*watch, *request, channel);
+    int error = OpenChannel(*watch, channel);
     if (error == 0 && !StartScanner()) {
         // One that starts and finds no task ends; that it can be started is known then.
         failed = "cannot start the scanner thread";
@@ -204,20 +192,17 @@ Refused Admit(const tagTaskInfo& taskinfo, const tagTaskRequest* request) {
         failed = "cannot create the task's lock";
         error = EnterTask(*watch, taskinfo, request == nullptr ? -1 : request->nRate);
     }
-    std::string program;
-    {
+    if (error != 0) {
         Threading::AutoLock hold(&g_watch_mutex);
-        if (error != 0) {
-            FreeWatch(*watch);
-            WakeSupervisor();
-            refused = Later(sysutility::SystemFault(failed, error));
-            if (!PassesByItself(error)) refused.kind = TaskRefusal::kNever;
-            return refused;
-        }
-        program = g_worker_path;
+        if (watch->bHandedOver) DropWorker(*watch);
+        FreeWatch(*watch);
+        WakeSupervisor();
+        refused = Later(sysutility::SystemFault(failed, error));
+        if (!PassesByItself(error)) refused.kind = TaskRefusal::kNever;
+        return refused;
     }
     StartScanner();
-    StartWorker(*watch, program, channel);
+    GiveToWorker(*watch, channel);
     return {};
 }
 

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "TaskMan/tasktext.h"
+#include "common/descriptors.h"
 #include "common/platform.h"
 
 namespace {
@@ -33,11 +34,12 @@ void WidenBuffer(const Descriptor& end, int option) {
 Channel& Channel::operator=(Channel&& other) noexcept {
     Close();
     end_ = other.end_.exchange(-1);
-    heard_ = other.heard_;
+    heard_ = std::exchange(other.heard_, {});
+    over_ = std::exchange(other.over_, false);
     return *this;
 }
 
-int Channel::Open(std::string_view text, Descriptor& worker) {
+int Channel::Open(Descriptor& worker) {
     Descriptor own;
     Descriptor other;
     int error = platform::StreamPair(own, other);
@@ -46,22 +48,34 @@ int Channel::Open(std::string_view text, Descriptor& worker) {
     if (error != 0) return error;
     WidenBuffer(own, SO_SNDBUF);
     WidenBuffer(other, SO_RCVBUF);
-    const ssize_t sent = send(own.Get(), text.data(), text.size(), MSG_DONTWAIT);
-    if (sent == -1) return errno;
-    if (static_cast<std::size_t>(sent) < text.size()) return ENOBUFS;
     Close();
     end_ = own.Release();
     worker = std::move(other);
     return 0;
 }
 
+int Channel::Send(std::string_view text, const std::vector<Descriptor>& files) {
+    heard_.clear();
+    over_ = false;
+    const ssize_t sent = SendWith(end_, text, files);
+    if (sent == -1) return errno;
+    return static_cast<std::size_t>(sent) < text.size() ? ENOBUFS : 0;
+}
+
 bool Channel::Heard() {
+    constexpr std::size_t kMost = 64;
     const int end = Awaited();
     if (end == -1) return false;
-    char bytes[64];
-    const ssize_t got = recv(end, bytes, sizeof bytes, MSG_DONTWAIT);
-    heard_ = got >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
-    return heard_;
+    char bytes[kMost];
+    const ssize_t got = recv(end, bytes, kMost - heard_.size(), MSG_DONTWAIT);
+    if (got == -1 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return false;
+    if (got > 0) heard_.append(bytes, static_cast<std::size_t>(got));
+    over_ = got <= 0 || heard_.size() == kMost;
+    return true;
+}
+
+bool Channel::SaysIdle() const {
+    return end_ != -1 && heard_.ends_with(TASK_CHANNEL_IDLE);
 }
 
 void Channel::Close() {

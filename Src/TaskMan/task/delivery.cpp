@@ -16,6 +16,7 @@ void NoteReport(Watch& watch, std::int32_t nCode) {
         (nCode == DOWNLOAD_STATE_FILE_SIZE || nCode == DOWNLOAD_STATE_DOWNLOAD_START)) {
         watch.stage.Advance(Stage::kAnswered, Clock::now());
     }
+    if (IsFinalCode(nCode)) watch.nFinalCode = nCode;
     // A task that finished all the same has nothing remarkable about its end.
     if (nCode == DOWNLOAD_STATE_DOWNLOAD_FINISH || nCode == DOWNLOAD_STATE_PARSE_FINISH) {
         watch.remark.clear();

@@ -11,6 +11,7 @@
 #include "TaskMan/sweep/sweep.h"
 #include "TaskMan/task/delivery.h"
 #include "TaskMan/task/diskwatch.h"
+#include "TaskMan/task/idleworkers.h"
 #include "TaskMan/task/managerevent.h"
 #include "TaskMan/task/scanner.h"
 #include "TaskMan/task/supervisor.h"
@@ -48,8 +49,9 @@ bool NoTaskLeft() {
 }
 
 bool IsQuiet() {
-    return !ScannerRuns() &&
-           EveryWatch([](const Watch& watch) { return watch.stage.state == Stage::kFree; });
+    if (ScannerRuns()) return false;
+    Threading::AutoLock hold(&g_watch_mutex);
+    return UsedWatchCount() == 0 && NoIdleWorkers();
 }
 
 // Ends the threads. The supervisor is the first: it would start the scanner anew. Returns whether
@@ -77,10 +79,14 @@ void EndWorkers() {
     const platform::Waker nobody;
     const Clock::time_point deadline = Clock::now() + timing::kWorkersEnd;
     for (;;) {
-        std::vector<const platform::ProcessWatch*> left;
+        std::vector<platform::ProcessWatch> left;
         for (const Watch* watch : UsedWatches()) {
-            if (!watch->process.Gone()) left.push_back(&watch->process);
+            if (!watch->process.Gone()) left.push_back(watch->process);
             watch->process.Reap();
+        }
+        {
+            Threading::AutoLock hold(&g_watch_mutex);
+            SuperviseIdleWorkers(Clock::now(), left);
         }
         const auto wait = std::chrono::ceil<timing::Milliseconds>(deadline - Clock::now());
         if (left.empty() || wait.count() <= 0) return;
@@ -211,6 +217,8 @@ void KillWorkers() {
         const Worker state = watch.worker.state;
         if (state != Worker::kNotStarted && state != Worker::kGone) watch.process.Signal(SIGKILL);
     }
+    DropIdleWorkers();
+    WakeSupervisor();
 }
 
 int EndTaskManager() {
@@ -221,6 +229,8 @@ int EndTaskManager() {
         for (Watch& watch : g_Watches) {
             if (watch.stage.state != Stage::kFree) AskToStop(watch);
         }
+        DropIdleWorkers();
+        WakeSupervisor();
     }
     g_end_event.WaitUntil(Clock::now() + timing::kTasksEnd, NoTaskLeft);
     // With no task left the scanner ends by itself, and workers exit after their final code.

@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "TaskMan/task/extended.h"
+#include "TaskMan/task/idleworkers.h"
 #include "TaskMan/task/scanner.h"
+#include "TaskMan/task/start.h"
 #include "TaskMan/task/throttle.h"
 #include "TaskMan/taskman.h"
 #include "TaskMan/timing.h"
@@ -88,6 +90,13 @@ void SpeakForTheDead(Watch& watch, tagTaskContext& slot, Clock::time_point now)
     EndScannerPause();
 }
 
+// Whether the task was handed over to a worker that waited and has died without claiming it: at the
+// end of its time, perhaps. Nobody knows yet how the task would have gone.
+bool IsUnanswered(const Watch& watch, const tagTaskContext& slot) {
+    return watch.bHandedOver && watch.worker.state == Worker::kGone && slot.nPid == -1 &&
+           watch.stop.state == Stop::kNo;
+}
+
 // Looks at the slot; the caller holds the task's lock.
 void Inspect(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
     // From the moment in which the scanner has taken a final code the slot is the scanner's alone,
@@ -105,11 +114,14 @@ void Inspect(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
     if (own) ExchangeStop(watch, slot, now);
     if (own) ExchangeRate(watch, slot);
     if (watch.worker.state >= Worker::kDead) {
+        if (IsUnanswered(watch, slot) && StartAnew(watch)) return;
         SpeakForTheDead(watch, slot, now);
         watch.stage.Advance(Stage::kEnded, now);
         return;
     }
-    if (slot.nPid == watch.process.Pid()) watch.stage.Advance(Stage::kClaimed, now);
+    if (slot.nPid == watch.process.Pid() && watch.stage.Advance(Stage::kClaimed, now)) {
+        watch.request.clear();
+    }
     if (own && IsAnswered(watch, slot)) watch.stage.Advance(Stage::kAnswered, now);
 }
 
@@ -120,6 +132,8 @@ std::chrono::seconds AnswerLimitOf(const Watch& watch) TS_REQUIRES(g_watch_mutex
     if (watch.bExtended && watch.stage.state == Stage::kClaimed) return watch.answerLimit;
     return std::chrono::seconds(g_limits.nAnswerSeconds);
 }
+
+constexpr const char* kNotTaken = "the worker did not take the task";
 
 // What a living worker has to do next, by when, and what is said when it does not.
 struct Limit {
@@ -139,11 +153,12 @@ Limit LimitOf(const Watch& watch) TS_REQUIRES(g_watch_mutex) {
     const std::chrono::seconds answer = AnswerLimitOf(watch);
     switch (watch.stage.state) {
         case Stage::kEntered:
+            if (watch.bHandedOver) consider(watch.stage.since, timing::kHandOver, kNotTaken);
+            [[fallthrough]];
         case Stage::kClaimed:
             if (answer.count() <= 0) break;
             consider(watch.stage.since, answer,
-                     watch.stage.state == Stage::kClaimed ? TASK_REMARK_NO_ANSWER
-                                                          : "the worker did not take the task");
+                     watch.stage.state == Stage::kClaimed ? TASK_REMARK_NO_ANSWER : kNotTaken);
             break;
         case Stage::kEnded:
         case Stage::kDelivered:
@@ -211,7 +226,7 @@ Clock::time_point NextLook(const Watch& watch, Clock::time_point now) TS_REQUIRE
 // What a look at all tasks has found.
 struct Round {
     Clock::time_point due = kNever;  // of the next one
-    std::vector<const platform::ProcessWatch*> processes;
+    std::vector<platform::ProcessWatch> processes;
     std::vector<int> channels;
     bool bScannerNeeded = false;
     bool bSlotFreed = false;
@@ -223,14 +238,15 @@ Round LookAtAll() {
     const Clock::time_point now = Clock::now();
     MakeUpForPause(now);
     for (Watch& watch : g_Watches) {
+        if (watch.channel.Heard()) EndScannerPause();
         watch.lookAt = Supervise(watch, now);
         round.due = std::min(round.due, watch.lookAt);
         if (watch.worker.state == Worker::kNotStarted) continue;
         if (watch.stage.state != Stage::kDelivered) round.bScannerNeeded = true;
-        if (watch.worker.state != Worker::kGone) round.processes.push_back(&watch.process);
-        if (watch.channel.Heard()) EndScannerPause();
+        if (watch.worker.state != Worker::kGone) round.processes.push_back(watch.process);
         if (watch.channel.Awaited() != -1) round.channels.push_back(watch.channel.Awaited());
     }
+    round.due = std::min(round.due, SuperviseIdleWorkers(now, round.processes));
     if (g_refuse_until != Clock::time_point{}) {
         if (now >= g_refuse_until) {
             g_refuse_until = {};
@@ -307,6 +323,8 @@ Clock::time_point Supervise(Watch& watch, Clock::time_point now) {
         FreeWatch(watch);
         return kNever;
     }
+    KeepIfIdle(watch, now);
+    if (watch.stage.state == Stage::kFree) return kNever;
     InspectIfFree(watch, now);
     if (watch.worker.state == Worker::kAlive) {
         const Limit limit = LimitOf(watch);

@@ -3,7 +3,8 @@
 // The scanner owns the nodes of the map; nothing else may hold on to one. Everybody else works on a
 // watch: it has a handle of its own on the task's semaphore, follows the worker process, and stands
 // between the scanner and the application's callbacks. Watch i belongs to slot i, so that a slot is
-// free exactly when its watch is: after the final callback has returned and the worker is gone.
+// free exactly when its watch is: after the final callback has returned and the worker is gone, or
+// waits for its next task.
 #pragma once
 
 #include <semaphore.h>
@@ -63,6 +64,16 @@ struct StateSince {
     }
 };
 
+// What a task brings with it for its worker, which may get another task when that brings the same.
+struct Traits {
+    std::string origin{};  // scheme, host and port: there may be a connection
+    // Its files other than the output, login, headers and proxy: its worker gives up all other
+    // files, and nothing of one login is to be found where another one is used.
+    std::string reach{};
+    bool bNeedsFiles = false;  // more of them than a worker gets that waited for the task
+    bool bKeeps = false;       // it keeps a record
+};
+
 struct Watch {
     StateSince<Stage> stage;  // kEntered counts from the start of the worker
     StateSince<Worker> worker;
@@ -87,6 +98,14 @@ struct Watch {
     std::chrono::seconds answerLimit{0};  // of its download, once that is claimed; 0: none
     std::optional<tagTaskAnswer> answer;  // its worker's last one
     std::int32_t nRate = -1;              // what its slot is to hold in nReserved3
+    std::string request;                  // its text, until the worker has claimed the task
+    Traits traits;
+
+    // Of a worker that may get further tasks.
+    std::chrono::seconds stay{0};  // how long it waits for the next one; 0: it exits
+    std::int32_t nTasks = 0;       // that it has got, this one included
+    bool bHandedOver = false;      // it had another task before, and has not claimed this one
+    std::int32_t nFinalCode = -1;  // the one that was delivered
 
     // The application's callbacks; set before the node enters the map, then only read.
     void* pCallbackParam = nullptr;

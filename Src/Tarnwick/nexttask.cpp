@@ -1,0 +1,32 @@
+#include "Tarnwick/nexttask.h"
+
+#include <utility>
+
+#include "Tarnwick/channel.h"
+#include "Tarnwick/jobstate.h"
+#include "common/platform.h"
+
+namespace {
+
+constexpr std::size_t kMostMemory = 8 * 1024 * 1024;
+
+// What the task has left in the process; its own memory it has freed itself.
+void ForgetTask() {
+    static_cast<tagTaskInfo&>(g_TaskInfo) = tagTaskInfo("");
+    g_TaskConData = tagTaskContext();
+    for (tagTaskContext& slot : g_TaskContext) slot = tagTaskContext();
+    g_HandedOver.clear();
+    g_CurTaskContext_prt = nullptr;
+    g_exit_download = g_Exit = false;
+}
+
+}  // namespace
+
+bool NextTask() {
+    const std::chrono::seconds stay(std::exchange(g_StaySeconds, 0));
+    if (stay.count() == 0) return false;
+    ForgetTask();
+    if (platform::PrivateMemory() > kMostMemory) return false;
+    g_TaskID = AwaitTask(stay, g_HandedOver);
+    return !g_TaskID.empty();
+}

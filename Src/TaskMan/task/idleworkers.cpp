@@ -1,0 +1,145 @@
+#include "TaskMan/task/idleworkers.h"
+
+#include <algorithm>
+#include <csignal>
+#include <utility>
+
+#include "TaskMan/partrecord.h"
+#include "TaskMan/taskman.h"
+#include "TaskMan/timing.h"
+#include "common/address.h"
+#include "common/fieldtext.h"
+
+IdleWorker g_IdleWorkers[TASK_SLOT_COUNT];
+
+namespace {
+
+// Killed, not yet reaped.
+std::vector<platform::ProcessWatch> g_dropped TS_GUARDED_BY(g_watch_mutex);
+
+// The worker of a task that ended so has done what it was asked to.
+bool EndedWell(std::int32_t nCode) {
+    return nCode == DOWNLOAD_STATE_DOWNLOAD_FINISH || nCode == DOWNLOAD_STATE_STOPPED;
+}
+
+void Drop(const platform::ProcessWatch& process) TS_REQUIRES(g_watch_mutex) {
+    process.Signal(SIGKILL);
+    g_dropped.push_back(process);
+}
+
+}  // namespace
+
+Traits TraitsOf(const tagTaskInfo& taskinfo, const tagTaskRequest& request,
+                const std::string& path) {
+    const Authority authority = AuthorityOf(request.strUrl);
+    const std::string scheme = request.strUrl.substr(0, request.strUrl.find("://"));
+    std::string reach;
+    const auto add = [&](std::string_view text) { reach.append(text).push_back('\0'); };
+    const std::string own[] = {request.strCaFile, request.strCertFile, request.strKeyFile,
+                               request.strNetrc,  request.strUser,     request.strPassword,
+                               authority.login};
+    add(request.bInsecure ? "insecure" : "");
+    for (const std::string& text : own) add(text);
+    for (const std::string& header : request.Headers) add(header);
+    if (taskinfo.bUseProxy != 0) {
+        add(FieldView(taskinfo.szProxyHost));
+        add(std::to_string(taskinfo.nProxyPort) + ' ' + std::to_string(taskinfo.nProxyType));
+        add(FieldView(taskinfo.szProxyUser));
+        add(FieldView(taskinfo.szProxyPassword));
+    }
+    return {scheme + "://" + authority.host + ":" + authority.port, std::move(reach),
+            HasPartRecord(path) || !request.strNetrc.empty(), request.bContinue};
+}
+
+Fit FitOf(int nTaskIndex, const Traits* traits) {
+    const IdleWorker& idle = g_IdleWorkers[nTaskIndex];
+    if (idle.process.Gone()) return Fit::kEmpty;
+    if (traits == nullptr || traits->bNeedsFiles || traits->reach != idle.traits.reach) {
+        return Fit::kUnable;
+    }
+    return traits->origin == idle.traits.origin ? Fit::kConnected : Fit::kAble;
+}
+
+void TakeIdleWorker(Watch& watch) {
+    IdleWorker idle = std::exchange(g_IdleWorkers[watch.nTaskIndex], {});
+    watch.process = std::move(idle.process);
+    watch.channel = std::move(idle.channel);
+    watch.nTasks = idle.nTasks;
+    watch.bHandedOver = true;
+}
+
+void DropIdleWorker(int nTaskIndex) {
+    const IdleWorker idle = std::exchange(g_IdleWorkers[nTaskIndex], {});
+    if (idle.process.Pid() < 1) return;
+    g_WorkerPid[nTaskIndex] = 0;
+    Drop(idle.process);
+}
+
+void DropWorker(Watch& watch) {
+    watch.channel.Close();
+    Drop(std::exchange(watch.process, {}));
+    watch.nTasks = 0;
+    watch.bHandedOver = false;
+}
+
+void KeepIfIdle(Watch& watch, Clock::time_point now) {
+    if (watch.stage.state != Stage::kDelivered || watch.worker.state != Worker::kAlive ||
+        !watch.channel.SaysIdle()) {
+        return;
+    }
+    if (watch.stay.count() == 0 || !EndedWell(watch.nFinalCode) ||
+        g_phase != ManagerPhase::kRunning) {
+        // It exits at the end of file.
+        return watch.channel.Close();
+    }
+    const int slot = watch.nTaskIndex;
+    IdleWorker& idle = g_IdleWorkers[slot];
+    idle.process = watch.process;
+    idle.channel = std::move(watch.channel);
+    idle.traits = std::move(watch.traits);
+    idle.nTasks = watch.nTasks;
+    idle.until = now + watch.stay + timing::kExitPatience;
+    const pid_t pid = g_WorkerPid[slot];
+    FreeWatch(watch);
+    g_WorkerPid[slot] = pid;
+}
+
+Clock::time_point SuperviseIdleWorkers(Clock::time_point now,
+                                       std::vector<platform::ProcessWatch>& processes) {
+    Clock::time_point due = Clock::time_point::max();
+    for (int i = 0; i < TASK_SLOT_COUNT; ++i) {
+        IdleWorker& idle = g_IdleWorkers[i];
+        if (idle.process.Pid() < 1) continue;
+        if (idle.process.Gone()) {
+            g_WorkerPid[i] = 0;
+            idle.process.Reap();
+            idle = {};
+            continue;
+        }
+        if (now >= idle.until) {
+            DropIdleWorker(i);
+            continue;
+        }
+        due = std::min(due, idle.until);
+        processes.push_back(idle.process);
+    }
+    const std::size_t before = g_dropped.size();
+    std::erase_if(g_dropped, [](const platform::ProcessWatch& process) {
+        if (!process.Gone()) return false;
+        process.Reap();
+        return true;
+    });
+    if (g_dropped.size() < before) g_end_event.Set();
+    processes.insert(processes.end(), g_dropped.begin(), g_dropped.end());
+    return due;
+}
+
+void DropIdleWorkers() {
+    for (int i = 0; i < TASK_SLOT_COUNT; ++i) DropIdleWorker(i);
+}
+
+bool NoIdleWorkers() {
+    return g_dropped.empty() &&
+           std::all_of(std::begin(g_IdleWorkers), std::end(g_IdleWorkers),
+                       [](const IdleWorker& idle) { return idle.process.Pid() < 1; });
+}

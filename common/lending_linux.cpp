@@ -1,0 +1,45 @@
+// What a process uses of which it cannot find the name any more.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "common/platform.h"
+
+namespace platform {
+
+int SemaphoreFile(const std::string& name, Descriptor& file) {
+    const std::string path = "/dev/shm/sem." + name;
+    file = Descriptor(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    return file.IsOpen() ? 0 : errno;
+}
+
+sem_t* MapSemaphore(int file) {
+    struct stat status {};
+    if (fstat(file, &status) != 0 || status.st_size < off_t{sizeof(sem_t)}) return nullptr;
+    void* mapped = mmap(nullptr, sizeof(sem_t), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    return mapped == MAP_FAILED ? nullptr : static_cast<sem_t*>(mapped);
+}
+
+void UnmapSemaphore(sem_t* semaphore) {
+    munmap(semaphore, sizeof(sem_t));
+}
+
+std::size_t PrivateMemory() {
+    static const Descriptor file(open("/proc/self/statm", O_RDONLY | O_CLOEXEC));
+    char text[256] = "";
+    long resident = 0;
+    long shared = 0;
+    // In pages; what is mapped from files counts as shared.
+    if (pread(file.Get(), text, sizeof text - 1, 0) < 1 ||
+        std::sscanf(text, "%*d %ld %ld", &resident, &shared) != 2) {
+        return 0;
+    }
+    return static_cast<std::size_t>(std::max(resident - shared, 0L) * sysconf(_SC_PAGESIZE));
+}
+
+}  // namespace platform
