@@ -15,6 +15,7 @@ from servers import Server
 
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
 OURS, OURS4, OURS8 = "taskman get", "taskman get -n4", "taskman get -n8"
+RATE, RATE4 = "taskman get --limit-rate 8m", "taskman get -n4 --limit-rate 8m"
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -144,6 +145,11 @@ ROWS = {
         (Goal("bytes sent, but for those under way at a break, to the size",
               lambda _, lines: (lines.sent - lines.lost) / lines.files / (64 * MIB), 1.01),),
         lambda run, load: Lines(run.source / load.names[0], 32 * MIB, breaks=10)),
+    "rate": Row(
+        "8 files of 10 MiB, all at 8 MiB/s", 8, 10 * MIB, (RATE, RATE4),
+        tuple(Goal(f"{title}, difference of the time from size / rate",
+                   lambda costs, _, tool=tool: abs(costs[tool]["end"] / 10 - 1), 0.05)
+              for title, tool in (("one connection", RATE), ("four connections", RATE4)))),
     "disk": Row("1 GiB, to a disk", 1, GIB, (OURS, "curl", "floor"), processor(0.60), on_disk=True),
     "memory": Row("1 GiB, in memory", 1, GIB, (OURS, "curl", "floor"), processor(0.85)),
     "small": Row(

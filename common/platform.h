@@ -1,16 +1,18 @@
 // What differs from one operating system to the next, in sources of each system
-// (platform_linux.cpp, confine_linux.cpp, lending_linux.cpp, and those of macos). Nothing else in
-// the tree asks on which system it runs.
+// (platform_linux.cpp, confine_linux.cpp, files_linux.cpp, lending_linux.cpp, and those of macos).
+// Nothing else in the tree asks on which system it runs.
 #pragma once
 
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/file.h"
@@ -180,6 +182,21 @@ void StartWriting(int descriptor);
 
 // Brings the contents of the file to the disk, not its times. Returns 0 or an error number.
 int SyncData(int descriptor);
+
+// ---- What the file system keeps beside the bytes of a file.
+
+constexpr std::size_t ATTRIBUTE_MOST = 2048;  // bytes of a value that is read
+
+// Stores a value as the extended attribute `name` of the file, in place of the one that it has.
+// Returns 0 or an error number: ENOTSUP where the file system has no such attributes, ENOSPC or
+// E2BIG when the value is too long for it.
+int SetAttribute(int descriptor, const char* name, std::string_view value);
+
+// The value of an extended attribute; empty when the file has none of that name, or a longer one.
+std::string Attribute(int descriptor, const char* name);
+
+// When the contents of the file were last modified, in nanoseconds since 1970.
+std::int64_t Modified(const struct stat& status);
 
 // ---- This process and its machine.
 

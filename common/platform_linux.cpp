@@ -1,12 +1,10 @@
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/magic.h>
 #include <poll.h>
 #include <sys/auxv.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -81,10 +79,6 @@ std::int64_t Position(pid_t pid, int descriptor) {
     return position;
 }
 
-std::int64_t Modified(const struct stat& status) {
-    return std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec;
-}
-
 }  // namespace
 
 int ExecutablePath(char* buffer, std::uint32_t* size) {
@@ -147,11 +141,6 @@ std::vector<std::string> SharedMemoryNames() {
     while (const dirent* entry = readdir(directory)) names.emplace_back(entry->d_name);
     closedir(directory);
     return names;
-}
-
-int RenameToNew(const char* from, const char* to) {
-    constexpr unsigned kNoReplace = 1;
-    return syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, kNoReplace) == 0 ? 0 : errno;
 }
 
 OpenFile LookAtOpenFile(pid_t pid, const std::string& path, int nDescriptor) {
@@ -337,23 +326,6 @@ std::vector<std::string> OwnSemaphoreNames() {
 bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset) {
     // A mapping would end the process with SIGBUS when the bytes are not there.
     return pread(descriptor, buffer, size, offset) == static_cast<ssize_t>(size);
-}
-
-int ReserveRoom(int descriptor, off_t size) {
-    struct statfs system {};
-    if (fstatfs(descriptor, &system) == 0 &&
-        (system.f_type == TMPFS_MAGIC || system.f_type == RAMFS_MAGIC)) {
-        return ENOTSUP;
-    }
-    return fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size) == 0 ? 0 : errno;
-}
-
-void StartWriting(int descriptor) {
-    sync_file_range(descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
-}
-
-int SyncData(int descriptor) {
-    return fdatasync(descriptor) == 0 ? 0 : errno;
 }
 
 std::string BootId() {

@@ -56,10 +56,6 @@ std::vector<std::string> SharedMemoryNames() {
     return {};
 }
 
-int RenameToNew(const char* from, const char* to) {
-    return renamex_np(from, to, RENAME_EXCL) == 0 ? 0 : errno;
-}
-
 OpenFile LookAtOpenFile(pid_t, const std::string&, int) {
     return {};
 }
@@ -167,20 +163,6 @@ bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offs
     std::memcpy(buffer, static_cast<const char*>(mapping) + offset, size);
     munmap(mapping, static_cast<std::size_t>(end));
     return true;
-}
-
-int ReserveRoom(int descriptor, off_t size) {
-    fstore_t room{F_ALLOCATEALL, F_PEOFPOSMODE, 0, size, 0};
-    struct stat status {};
-    if (fstat(descriptor, &status) == 0)
-        room.fst_length = std::max<off_t>(size - status.st_size, 0);
-    return fcntl(descriptor, F_PREALLOCATE, &room) == 0 ? 0 : errno;
-}
-
-void StartWriting(int /*descriptor*/) {}
-
-int SyncData(int descriptor) {
-    return fcntl(descriptor, F_FULLFSYNC) == 0 ? 0 : errno;
 }
 
 std::string BootId() {

@@ -7,7 +7,7 @@ _taskman_words() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "${COMP_WORDS[COM
 # Completes the value of option $1; false when it takes none.
 _taskman_value() {
     case $1 in
-    -i | --input | -o | --output | --failed | --worker) compopt -o default ;;
+    -i | --input | -o | --output | --failed | --worker | --cacert | --cert | --key) compopt -o default ;;
     -d | --dir) compopt -o dirnames ;;
     -j | --jobs) _taskman_words '1 2 3 4 5 6 7 8' ;;
     -n | --connections) _taskman_words '1 2 3 4 5 6 7 8 9 10' ;;
@@ -34,14 +34,19 @@ _taskman() {
     case ${COMP_WORDS[1]} in
     get)
         options+=' -i --input -o --output -d --dir -f --force -s --skip-existing --number'
+        options+=' -N --newer'
         options+=' -J --server-name --sha256 --no-continue --fresh-workers -R --remote-time --failed'
         options+=' --size --format -j --jobs -n --connections --limit-rate --tries'
         options+=' --wait --timeout'
-        options+=' -H --header -u --user --netrc -A --user-agent -x --proxy'
+        options+=' -H --header -u --user --netrc -A --user-agent'
+        options+=' --cacert --cert --key --insecure -x --proxy'
         options+=' --worker --json -q --quiet -v --verbose'
         options+=' --progress --color'
         ;;
-    info) options+=' --size --json --url -H --header -u --user --netrc -x --proxy --worker' ;;
+    info)
+        options+=' --size --json --url -H --header -u --user --netrc'
+        options+=' --cacert --cert --key --insecure -x --proxy --worker'
+        ;;
     top) options+=' --once --json' ;;
     stop)
         options+=' --all'

@@ -148,7 +148,7 @@ TEST(DisplayJson, AProgramReadsEvents) {
         R"({"event":"end","file":4,"result":"skipped","code":null,"address":"$/old",)"
         R"("path":"old","bytes":3,"reason":null,"message":"old exists already","status":null,)"
         R"("retry_after":null,"size":null,"had":0,"received":0,"requests":0})",
-        R"({"event":"summary","files":4,"finished":1,"skipped":1,"failed":2,"stopped":0,)"
+        R"({"event":"summary","files":4,"finished":1,"skipped":1,"unchanged":0,"failed":2,"stopped":0,)"
         R"("not_begun":0,"bytes":5,"exit":1})"};
     EXPECT_EQ(events, expected);
 }

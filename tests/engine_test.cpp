@@ -343,6 +343,7 @@ TEST(Engine, RetriesByClass) {
         {"401", Status(401), 4, http},
         {"501", Status(501), 1, http},
         {"300", Status(300), 1, http},
+        {"304 that nobody asked for", Always(Answer(304, "", "")), 1, http},
         {"503 for ever", Status(503), 1, http, 3},
         {"503 twice", Then({Answer(503, Length(0), ""), Answer(503, Length(0), "")}), 1, {}, 3},
         {"an hour", Status(429, "Retry-After: 3600\r\n"), 1, http},
@@ -587,6 +588,7 @@ TEST(Engine, ARunContinues) {
     task.path = directory.Path("f.part");
     task.keeps = true;
     task.tries = 1;
+    task.ifNoneMatch = "\"none\"";
     const auto run = [&] {
         Patient watcher;
         return Fetch(task, watcher);
@@ -638,6 +640,8 @@ TEST(Engine, ARunContinues) {
         EXPECT_EQ(result.end, End::kFinished) << result.answer.strMessage;
         EXPECT_EQ(result.answer.uHad, row.had);
         EXPECT_EQ(row.from.RequestCount() - before, 1U);
+        const std::string last = row.from.Requests().back();
+        EXPECT_NE(Has(last, "Range: "), Has(last, "If-None-Match: "));
         EXPECT_TRUE(ReadFile(task.path) == row.body);
     }
 }
@@ -792,7 +796,9 @@ class Extended : public WorkerRun {
 
 TEST(Extended, TheWorkerAnswers) {
     HttpServer server([](const std::string& request, std::size_t) {
-        return request.find("/none") == std::string::npos ? Good(request) : Reply::Status(404, "x");
+        if (Has(request, "/none")) return Reply::Status(404, "x");
+        const bool old = Has(request, "-Match: \"1\"\r\nIf-Modified-Since: then\r\n");
+        return old ? Answer(304, "", "") : Good(request);
     });
     HttpServer page({Reply::Status(410, "x")});
     tagTaskRequest request;
@@ -801,6 +807,9 @@ TEST(Extended, TheWorkerAnswers) {
     request.bContinue = true;
     request.Headers = {"User-Agent: own", "X-Own: 1"};
     const std::string good = EncodeRequest(request);
+    request.strIfNoneMatch = "\"1\"";
+    request.strIfModifiedSince = "then";
+    const std::string newer = EncodeRequest(request);
     request.strUrl = server.Url("/none");
     const struct {
         const char* name;
@@ -811,6 +820,7 @@ TEST(Extended, TheWorkerAnswers) {
     } rows[] = {
         {"a file", good, false, 3, TaskReason::kNone},
         {"404", EncodeRequest(request), false, 7, TaskReason::kHttpStatus},
+        {"nothing newer", newer, false, 7, TaskReason::kUnchanged},
         {"no text", "garbage\r\n\r\n", false, 7, TaskReason::kRequest},
         {"a page", good, true, 6, TaskReason::kHttpStatus},
     };

@@ -88,6 +88,10 @@ TEST(Extended, RefusesWhatItCannotAccept) {
          [](Task&, Request& request) { request.strPassword = "secret"; }},
         {"the netrc file: its path is not absolute",
          [](Task&, Request& request) { request.strNetrc = ".netrc"; }},
+        {"the authorities: its path is not absolute",
+         [](Task&, Request& request) { request.strCaFile = "x"; }},
+        {"there is a key and no certificate",
+         [](Task&, Request& request) { request.strKeyFile = "/x"; }},
         {"a header is NAME: VALUE", [](Task&, Request& request) { request.Headers = {"X"}; }},
         {"the header If-Range is the worker's own",
          [](Task&, Request& request) {

@@ -78,6 +78,7 @@ HttpServer& Server() {
         if (is("idle")) return Reply::Head("1000").Send(std::string(500, 'x'), 2000);
         if (is("slow")) return Reply::Head("100000000").Stream(100'000);
         if (is("silent")) return Reply().Silence();
+        if (is("plenty")) return Reply::Ok(std::string(1'000'000, 'x'));
         if (is("empty")) return Reply::Ok("");
         if (is("no-length")) return Reply::Head("", "bytes");
         if (is("shrinks")) return Reply::Head(std::exchange(g_size, ""), "bytes");
@@ -207,6 +208,11 @@ const std::vector<Row>& Rows() {
         {"--netrc=list -u joe $/login", "exit 2", "list", "--user excludes --netrc", List("#")},
         {"http://joe:secret@x@^/login http://joe:secret@h/\x1b", "exit 2", "", "written %40"},
         {"info --json http://joe:secret@h/?v=x", "exit 4", "", "\"address\":\"http://h/?v=x\""},
+        // Whom to trust, and as whom to appear.
+        {"--insecure $/good", "exit 0", "good", "taskman: warning: certificates of servers"},
+        {"info --insecure --json http://h/", "exit 4", "", "\"insecure\":true,\"exit\":4}"},
+        {"--cert=none $/good", "exit 2", "", "--cert: cannot read "},
+        {"--key=list $/good", "exit 2", "list", "a key and no certificate", List("#")},
         // In several orders: the smallest status wins.
         {"x $/404 $/good", "exit 1", "good", "1 of 3 files finished, 2 failed"},
         {"$/good2 $/good x", "exit 2", "good good2", "", old},
@@ -246,6 +252,7 @@ const std::vector<Row>& Rows() {
         {"$/good --failed a/x", "exit 0", "a good", "", {}, {{"a", ""}}},
         // Usage.
         {"", "exit 2", "", "taskman get --help"},
+        {"-o - --json $/good", "exit 2", "", "--json and --output - exclude each other"},
         {"-j", "exit 2", "", "-j: a value is missing"},
         {"--limit-rate 1023 x", "exit 2", "", "--limit-rate: Value 1023 is no rate of 1k to"},
         {"--limit-rate 1025G x", "exit 2", "", "Value 1025G is no rate"},
@@ -382,6 +389,35 @@ TEST(Get, NoAddressHasAHostileName) {
         {"a." + a248, "a." + a248.substr(3) + ".7"},
     };
     for (const auto& [path, name] : numbered) EXPECT_EQ(NumberedPath(path, 7), name);
+}
+
+TEST(Get, NewerFilesOnly) {
+    HttpServer server([](const std::string& request, std::size_t) {
+        if (Has(request, "If-None-Match: W/\"1\"\r\n")) return Reply::Head("", "", 304);
+        return Reply().Send("HTTP/1.1 200 X\r\nETag: W/\"1\"\r\nContent-Length: 3\r\n\r\nabc");
+    });
+    const TempDir directory;
+    const std::string path = directory.Path("file");
+    WriteFile(path, "old");
+    if (platform::SetAttribute(Descriptor(open(path.c_str(), O_RDWR)).Get(), "user.x", "y") != 0) {
+        GTEST_SKIP() << "the file system keeps no attributes";
+    }
+    const auto get = [&](const std::string& arguments, const std::string& end) {
+        CommandRun run;
+        Begin(run, "-N -o " + path + " " + arguments);
+        EXPECT_EQ(run.End(), end);
+        EXPECT_EQ(ReadFile(path), "abc");
+        return run.Err() + run.Out();
+    };
+    const auto says = [](const std::string& told, const std::string& what) {
+        EXPECT_TRUE(Has(told, what)) << told;
+    };
+    says(get(server.Url(), "exit 0"), "file: finished");
+    says(get(server.Url(), "exit 0"), "file: unchanged\n" + path + "\n");
+    says(get(server.Url() + Filled(" --sha256 ~"), "exit 5"), "file: mismatch");
+    says(get(server.Url("/other"), "exit 0"), "file: finished");
+    WriteFile(path, "new");
+    says(get(server.Url("/other"), "exit 0"), "file: finished");
 }
 
 TEST(Get, ATargetBelongsToOneDownload) {
@@ -675,17 +711,39 @@ TEST(Get, ABrokenOutputEndsLikeSigterm) {
     close(device);
 }
 
+TEST(Get, StandardOutputGetsACheckedFile) {
+    for (const bool fits : {true, false}) {
+        CommandRun run;
+        run.environment.push_back("TMPDIR=" + run.Path());
+        Begin(run, std::string("-o - $/good --sha256 ") + (fits ? "+" : "~"));
+        EXPECT_EQ(run.End(), fits ? "exit 0" : "exit 5");
+        EXPECT_EQ(run.Out() + run.Files(), fits ? "abc" : "");
+    }
+    CommandRun slow;
+    Begin(slow, "-o - -d . $/slow");
+    EXPECT_TRUE(slow.Worker() > 0 && slow.Files().ends_with(".part"));
+    struct stat part {};
+    stat(slow.Path(slow.Files()).c_str(), &part);
+    EXPECT_EQ(part.st_mode & 07777, 0600U);
+    slow.Signal(SIGINT);
+    EXPECT_EQ(slow.End(), "signal 2");
+    EXPECT_EQ(slow.Out() + slow.Files(), "");
+}
+
 TEST(Get, AReaderThatTakesNothingDelaysNoEnd) {
-    Pipe output;
-    CommandRun run;
-    WriteFile(run.Path("list"), Repeated(2000, "x\n"));
-    run.output = output.ends[1];
-    Begin(run, "--json -i list");
-    int held = 0;
-    EXPECT_TRUE(
-        WaitUntil([&] { return ioctl(output.ends[0], FIONREAD, &held) == 0 && held > 50'000; }));
-    run.Signal(SIGINT);
-    EXPECT_EQ(run.End(), "signal 2");
+    for (const char* arguments : {"--json -i list", "-o - -d . $/plenty"}) {
+        Pipe output;
+        CommandRun run;
+        WriteFile(run.Path("list"), Repeated(2000, "x\n"));
+        run.output = output.ends[1];
+        Begin(run, arguments);
+        int held = 0;
+        EXPECT_TRUE(WaitUntil(
+            [&] { return ioctl(output.ends[0], FIONREAD, &held) == 0 && held > 50'000; }));
+        run.Signal(SIGINT);
+        EXPECT_EQ(run.End(), "signal 2");
+        EXPECT_EQ(run.Files(), "list");
+    }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "Console/cli/forms.h"
 #include "Console/get/filename.h"
 #include "support/helpers.h"
 
@@ -101,6 +102,28 @@ TEST(Address, NamesAHostAndAPort) {
     };
     for (const auto& [address, fault] : rows) {
         EXPECT_EQ(AddressFault(std::string("http://") + address), fault) << address;
+    }
+}
+
+TEST(Authorities, ComeFromTheOptionOrTheEnvironment) {
+    const TempDir directory;
+    const std::string one = directory.Path("one"), other = directory.Path("other");
+    const std::string none = directory.Path("none");
+    WriteFile(one, ""), WriteFile(other, "");
+    const struct {
+        std::string option, bundle, file, expected;
+    } rows[] = {
+        {one, none, other, one}, {"", one, none, one},    {"", "", other, other},
+        {"", "", "", ""},        {"", "", none, "fault"}, {"insecure", one, other, ""},
+    };
+    for (const auto& row : rows) {
+        setenv("CURL_CA_BUNDLE", row.bundle.c_str(), 1);
+        setenv("SSL_CERT_FILE", row.file.c_str(), 1);
+        tagTaskRequest request;
+        request.bInsecure = row.option == "insecure";
+        if (!request.bInsecure) request.strCaFile = row.option;
+        const std::string fault = CompleteRequest(request);
+        EXPECT_EQ(fault.empty() ? request.strCaFile : "fault", row.expected) << fault;
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 
 #include "common/file.h"
@@ -57,8 +58,11 @@ platform::Confinement Needs(const tagTaskRequest& request) {
     std::erase(needs.readable, "");
     needs.writable = {"/dev/null"};
 #ifdef TASKMAN_REPORTS
-    // A build to be tested, whose sanitizers look at the process and write what they find.
-    needs.readable.emplace_back("/proc");
+    // A build to be tested, whose sanitizers look at the process and write what they find. Without
+    // its program for the names of functions, which cannot be executed, a report shows addresses;
+    // the pipe to it must not be the end of that.
+    std::signal(SIGPIPE, SIG_IGN);
+    needs.readable.emplace_back("/proc/self");
     needs.writable.emplace_back(TASKMAN_REPORTS);
 #endif
     return needs;

@@ -106,9 +106,14 @@ engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
     task.stallSeconds = request.nStallSeconds;
     task.tries = request.nTries;
     task.waitSeconds = request.nWaitSeconds;
+    task.ifNoneMatch = request.strIfNoneMatch;
+    task.ifModifiedSince = request.strIfModifiedSince;
     task.remoteTime = request.bRemoteTime;
     task.proxied = slot.bUseProxy != 0;
-    task.prepare = [&slot](CURL* curl) { SetProxy(curl, slot); };
+    task.prepare = [&slot, &request](CURL* curl) {
+        SetProxy(curl, slot);
+        SetTls(curl, request);
+    };
     return task;
 }
 
@@ -129,6 +134,7 @@ bool RunPage(tagTaskContext& task, const tagTaskRequest& request) {
     CURL* curl = curl_easy_init();
     if (curl == nullptr) return false;
     SetLogin(curl, request.strUser, request.strPassword);
+    SetTls(curl, request);
     ResolvePage(curl, &task, request.Headers);
     curl_easy_cleanup(curl);
     return true;

@@ -6,6 +6,7 @@
 
 #include "Console/base/utf8.h"
 #include "Console/get/filename.h"
+#include "Console/get/numbering.h"
 #include "Console/others/info.h"
 #include "Console/screen/bardisplay.h"
 #include "Console/screen/text.h"
@@ -91,6 +92,10 @@ void Fuzz(Input input) {
     CheckName(NameFromAddress(text));
     CheckName(NameFromAddress("http://host/" + text));
     CheckName(NameFromTitle(text));
+    CheckName(NumberedPath(NameFromAddress("http://host/" + text), 7));
+    const std::string given = NameFromServer(text);
+    if (!given.empty()) CheckName(given);
+    Expect(!given.ends_with(".part") && !given.ends_with(".info"), "it is no partial file");
     Expect(!AddressFault(text).empty() || text.size() <= TASK_ADDRESS_MOST, "an address fits");
     CheckPage(text);
 }

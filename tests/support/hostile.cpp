@@ -15,20 +15,21 @@
 #include <csignal>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include "Tarnwick/jobstate.h"
 
 namespace {
 
 std::atomic<bool> g_main_thread_tried{false};
+std::string g_secret;
 
-void Tell(const char* line, bool achieved) {
-    const std::string text = std::string(line) + "\n";
-    if (achieved) static_cast<void>(write(STDERR_FILENO, text.data(), text.size()));
+void Tell(std::string_view line, bool achieved) {
+    if (achieved) static_cast<void>(write(STDERR_FILENO, line.data(), line.size()));
 }
 
-bool Opens(const std::string& path, int flags) {
-    const int file = open(path.c_str(), flags, 0600);
+bool Opens(const char* path, int flags) {
+    const int file = open(path, flags, 0600);
     char byte = 0;
     return file != -1 && ((flags & O_ACCMODE) == O_WRONLY || read(file, &byte, 1) == 1);
 }
@@ -47,35 +48,33 @@ bool ControlsDevice() {
     return ioctl(open("/dev/null", O_WRONLY), TCGETS, &settings) == -1 && errno != EACCES;
 }
 
-std::string Secret() {
-    return std::getenv("HOME") + std::string("/.ssh/id");
-}
-
+// In a signal handler.
 void TryInMainThread(int /*signal*/) {
-    Tell("files: the main thread reads", Opens(Secret(), O_RDONLY));
+    Tell("files: the main thread reads\n", Opens(g_secret.c_str(), O_RDONLY));
     g_main_thread_tried = true;
 }
 
 void TryAll() {
+    g_secret = std::getenv("HOME") + std::string("/.ssh/id");
     const std::string file = g_TaskInfo.szFilePath;
     const std::string beside = file.substr(0, file.rfind('/') + 1);
     const std::string other = beside + "other.part";
     const std::string manager = "/proc/" + std::to_string(getppid()) + "/environ";
-    Tell("files: reads", Opens(Secret(), O_RDONLY));
-    Tell("files: reads its manager", Opens(manager, O_RDONLY));
-    Tell("files: opens another part", Opens(other, O_RDWR));
-    Tell("files: writes beside", Opens(beside + "made", O_WRONLY | O_CREAT));
-    Tell("files: links", link(other.c_str(), (beside + "linked").c_str()) == 0);
-    Tell("files: renames", rename(other.c_str(), (beside + "renamed").c_str()) == 0);
-    Tell("files: removes", unlink((beside + "victim").c_str()) == 0);
-    Tell("files: executes", Executes("/bin/sh"));
-    Tell("truncate: cuts", truncate((beside + "cut").c_str(), 0) == 0);
-    Tell("devices: controls", ControlsDevice());
-    Tell("signals: signals", kill(getppid(), 0) == 0);
+    Tell("files: reads\n", Opens(g_secret.c_str(), O_RDONLY));
+    Tell("files: reads its manager\n", Opens(manager.c_str(), O_RDONLY));
+    Tell("files: opens another part\n", Opens(other.c_str(), O_RDWR));
+    Tell("files: writes beside\n", Opens((beside + "made").c_str(), O_WRONLY | O_CREAT));
+    Tell("files: links\n", link(other.c_str(), (beside + "linked").c_str()) == 0);
+    Tell("files: renames\n", rename(other.c_str(), (beside + "renamed").c_str()) == 0);
+    Tell("files: removes\n", unlink((beside + "victim").c_str()) == 0);
+    Tell("files: executes\n", Executes("/bin/sh"));
+    Tell("truncate: cuts\n", truncate((beside + "cut").c_str(), 0) == 0);
+    Tell("devices: controls\n", ControlsDevice());
+    Tell("signals: signals\n", kill(getppid(), 0) == 0);
     std::signal(SIGUSR1, TryInMainThread);
     kill(getpid(), SIGUSR1);
     while (!g_main_thread_tried) usleep(1000);
-    Tell("tried", true);
+    Tell("tried\n", true);
 }
 
 }  // namespace

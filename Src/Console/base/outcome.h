@@ -21,14 +21,29 @@ constexpr ExitStatus Combine(ExitStatus sofar, ExitStatus status) {
     return status == EXIT_STATUS_FINISHED || sofar < status ? sofar : status;
 }
 
-enum class EndResult { kFinished, kFailed, kDied, kStopped, kMismatch, kRefused, kSkipped };
+enum class EndResult {
+    kFinished,
+    kFailed,
+    kDied,
+    kStopped,
+    kMismatch,
+    kRefused,
+    kSkipped,
+    kUnchanged
+};
+
+// Whether the file is there as it was asked for: stored now, or there before.
+constexpr bool IsThere(EndResult result) {
+    return result == EndResult::kFinished || result == EndResult::kSkipped ||
+           result == EndResult::kUnchanged;
+}
 
 // The end of one file.
 struct Outcome {
     EndResult result = EndResult::kFinished;
     ExitStatus status = EXIT_STATUS_FINISHED;
     std::string message{};   // one line, which may hold any bytes; empty when finished
-    double bytes = 0;        // size of the finished or skipped file
+    double bytes = 0;        // size of the finished, skipped or unchanged file
     double seconds = 0;      // that its last task took
     std::int32_t code = -1;  // final code of its last task; -1 when it had none
 };
@@ -50,6 +65,8 @@ constexpr const char* ResultName(EndResult result) {
             return "refused";
         case EndResult::kSkipped:
             return "skipped";
+        case EndResult::kUnchanged:
+            return "unchanged";
     }
     return "";
 }

@@ -17,6 +17,14 @@ Option HeaderRow(tagTaskRequest& request);
 Option UserRow(tagTaskRequest& request);
 Option NetrcRow(tagTaskRequest& request);
 Option UserAgentRow(tagTaskRequest& request);
+Option AuthoritiesRow(tagTaskRequest& request);
+Option CertificateRow(tagTaskRequest& request);
+Option KeyRow(tagTaskRequest& request);
+Option InsecureRow(tagTaskRequest& request);
+
+// Adds the authorities that the environment names, CURL_CA_BUNDLE before SSL_CERT_FILE, unless the
+// options have said whom to trust. Returns what is wrong with the whole, in one line.
+std::string CompleteRequest(tagTaskRequest& request);
 
 // One more text for which `fault` finds nothing wrong.
 Setter More(std::vector<std::string>& texts, std::string (*fault)(std::string_view));

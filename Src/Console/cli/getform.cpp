@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include "Console/cli/forms.h"
 #include "Console/get/digest.h"
 #include "Console/get/filename.h"
@@ -66,10 +68,23 @@ std::string DigestFault(std::string_view digest) {
     return IsDigest(digest) ? "" : "64 hexadecimal digits are needed";
 }
 
-// What is wrong with the options together; empty when nothing is.
-std::string GetFault(const GetOptions& get) {
+std::string OutputNameFault(std::string_view name) {
+    return name == OUTPUT_NAME ? "" : NameFault(name);
+}
+
+// Completes the options. What is wrong with them together; empty when nothing is.
+std::string GetFault(GetOptions& get) {
     if (get.addresses.empty() && get.input.empty()) return "a URL is required, or --input";
-    if (std::string fault = RefusalOf(get.request); !fault.empty()) return fault;
+    if (std::string fault = CompleteRequest(get.request); !fault.empty()) return fault;
+    // It is the file with the final name that is asked about.
+    if (get.newer && (get.serverName || get.existing == Existing::kNumber || get.ToOutput())) {
+        return "--newer excludes --number, --server-name and --output -";
+    }
+    if (get.newer && get.existing == Existing::kSkip) return "--newer excludes --skip-existing";
+    if (get.ToOutput() && get.display.json) return "--json and --output - exclude each other";
+    if (get.ToOutput() && isatty(STDOUT_FILENO) == 1) {
+        return "--output -: no file is written to a terminal";
+    }
     if (get.addresses.size() == 1 && get.input.empty()) return "";
     if (!get.output.empty()) return "--output takes one URL only";
     return get.sha256.empty() ? "" : "--sha256 takes one URL only";
@@ -89,7 +104,8 @@ VerbForm GetForm(Command& command) {
         {
             {"URL", "...", "http or https addresses", More(get.addresses, NoFault)},
             {"-i,--input", "FILE", "list of more URLs; - is standard input", Text(get.input)},
-            {"-o,--output", "FILE", "name of the file (one URL only)", Text(get.output, NameFault)},
+            {"-o,--output", "FILE", "name of the one file; - is standard output",
+             Text(get.output, OutputNameFault)},
             {"-d,--dir", "DIR", "directory for the files", Text(get.directory)},
             {"-f,--force", "", "replace existing files", Set(get.existing, Existing::kReplace),
              "--skip-existing"},
@@ -99,6 +115,8 @@ VerbForm GetForm(Command& command) {
              Set(get.existing, Existing::kNumber), "--force"},
             {"-J,--server-name", "", "give files the names that the servers give",
              Set(get.serverName, true), "--output"},
+            {"-N,--newer", "", "replace existing files that have changed at the\nserver",
+             Set(get.newer, true)},
             {"--sha256", "HEX", "SHA-256 digest of the file (one URL only)",
              Text(get.sha256, DigestFault)},
             {"--no-continue", "", "neither continue partial files nor keep them",
@@ -125,6 +143,10 @@ VerbForm GetForm(Command& command) {
             UserRow(get.request),
             NetrcRow(get.request),
             UserAgentRow(get.request),
+            AuthoritiesRow(get.request),
+            CertificateRow(get.request),
+            KeyRow(get.request),
+            InsecureRow(get.request),
             ProxyRow(get.proxy),
             {"--fresh-workers", "", "start a worker process for each file",
              Set(get.freshWorkers, true)},
@@ -135,7 +157,11 @@ VerbForm GetForm(Command& command) {
             {"--progress", kForms, "how the progress is shown", Word(display.progress, kForms)},
             {"--color", kColours, "when to use colours", Word(display.colour, kColours)},
         },
-        [&get] { return GetFault(get); }};
+        [&get] {
+            std::string fault = GetFault(get);
+            if (get.newer) get.existing = Existing::kReplace;
+            return fault;
+        }};
 }
 
 VerbForm InfoForm(Command& command) {
@@ -151,8 +177,14 @@ VerbForm InfoForm(Command& command) {
                 HeaderRow(info.request),
                 UserRow(info.request),
                 NetrcRow(info.request),
+                AuthoritiesRow(info.request),
+                CertificateRow(info.request),
+                KeyRow(info.request),
+                InsecureRow(info.request),
                 ProxyRow(info.proxy),
                 WorkerRow(info.worker),
             },
-            [&info] { return info.address.empty() ? "URL is required" : RefusalOf(info.request); }};
+            [&info] {
+                return info.address.empty() ? "URL is required" : CompleteRequest(info.request);
+            }};
 }

@@ -59,6 +59,10 @@ std::string SetNetrc(const std::string& text, std::string& path) {
     return SetFile(std::string(home) + "/.netrc", path);
 }
 
+Option FileRow(const char* names, const char* help, std::string& path) {
+    return {names, "FILE", help, [&path](const std::string& text) { return SetFile(text, path); }};
+}
+
 }  // namespace
 
 Option HeaderRow(tagTaskRequest& request) {
@@ -83,4 +87,33 @@ Option NetrcRow(tagTaskRequest& request) {
 Option UserAgentRow(tagTaskRequest& request) {
     return {"-A,--user-agent", "TEXT", "what the command calls itself; not to pages",
             Text(request.strUserAgent)};
+}
+
+Option AuthoritiesRow(tagTaskRequest& request) {
+    return FileRow("--cacert", "certificates (PEM) of the only authorities to trust",
+                   request.strCaFile);
+}
+
+Option CertificateRow(tagTaskRequest& request) {
+    return FileRow("--cert", "the client's certificate (PEM)", request.strCertFile);
+}
+
+Option KeyRow(tagTaskRequest& request) {
+    return FileRow("--key", "its key, if it is not in the same file", request.strKeyFile);
+}
+
+Option InsecureRow(tagTaskRequest& request) {
+    return {"--insecure", "", "check no certificate of a server", Set(request.bInsecure, true),
+            "--cacert"};
+}
+
+std::string CompleteRequest(tagTaskRequest& request) {
+    for (const char* name : {"CURL_CA_BUNDLE", "SSL_CERT_FILE"}) {
+        const char* path = std::getenv(name);
+        if (path == nullptr || *path == '\0') continue;
+        if (!request.strCaFile.empty() || request.bInsecure) break;
+        const std::string fault = SetFile(path, request.strCaFile);
+        if (!fault.empty()) return std::string("the environment's ") + name + ": " + fault;
+    }
+    return RefusalOf(request);
 }

@@ -46,6 +46,13 @@ std::string FileDigest(int file) {
     return utf8::Hex({reinterpret_cast<const char*>(digest), length});
 }
 
+std::string TextDigest(std::string_view text) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_Digest(text.data(), text.size(), digest, &length, EVP_sha256(), nullptr);
+    return utf8::Hex({reinterpret_cast<const char*>(digest), length});
+}
+
 bool SameDigest(std::string_view one, std::string_view other) {
     return std::equal(
         one.begin(), one.end(), other.begin(), other.end(),

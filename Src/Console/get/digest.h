@@ -11,5 +11,8 @@ bool IsDigest(std::string_view text);
 // nor moved. Empty, with errno set, when it cannot be read.
 std::string FileDigest(int file);
 
+// The digest of a text, in lower case.
+std::string TextDigest(std::string_view text);
+
 // Whether the two digests are the same, whatever their case.
 bool SameDigest(std::string_view one, std::string_view other);

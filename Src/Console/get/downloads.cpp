@@ -30,7 +30,8 @@ Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& fai
       events_(events),
       display_(display),
       limit_(options.limitRate),
-      print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json && !options.resolveOnly) {
+      print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json && !options.resolveOnly &&
+                   !options.ToOutput()) {
     totals_.files = totals_.waiting = options.addresses.size();
 }
 
@@ -56,7 +57,8 @@ bool Downloads::StartNext() {
 
 InputList::Taken Downloads::TakeRequest(Request& request) {
     if (taken_ < options_.addresses.size()) {
-        request = {options_.addresses[taken_++], options_.output, options_.sha256, ""};
+        const std::string name = options_.ToOutput() ? "" : options_.output;
+        request = {options_.addresses[taken_++], name, options_.sha256, ""};
         return InputList::Taken::kRequest;
     }
     const InputList::Taken taken = list_.Take(request);
@@ -172,12 +174,12 @@ void Downloads::Handle(const Event& event) {
 }
 
 void Downloads::Report(File file, Outcome outcome) {
-    const bool finished = outcome.result == EndResult::kFinished;
-    const bool there = finished || outcome.result == EndResult::kSkipped;
+    const bool there = IsThere(outcome.result);
+    const bool mine = there && outcome.result != EndResult::kSkipped;
     const std::string kept = file->Release();
     Count(*file, std::move(outcome));
     if (!kept.empty()) display_.Note(kept);
-    if (finished) names_.NoteWritten(file->View().path);
+    if (mine) names_.NoteWritten(file->View().path);
     if (print_paths_ && there) PrintPath(file->View().path);
 }
 
@@ -200,6 +202,9 @@ void Downloads::Count(const Fetch& file, Outcome outcome) {
             break;
         case EndResult::kSkipped:
             ++totals_.skipped;
+            break;
+        case EndResult::kUnchanged:
+            ++totals_.unchanged;
             break;
         case EndResult::kStopped:
             ++totals_.stopped;

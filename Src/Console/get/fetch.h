@@ -1,36 +1,18 @@
 // One file of `taskman get`, or one page of `taskman info`, from the request to its end.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "Console/base/events.h"
 #include "Console/get/get.h"
+#include "Console/get/helperthread.h"
 #include "Console/get/inputlist.h"
 #include "Console/get/target.h"
 #include "Console/screen/display.h"
 #include "TaskMan/manager.h"
-
-// A thread for one piece of work that may take long: storing a file, comparing a digest. It ends
-// with an event of the kind kEnd that carries the outcome. The work runs on copies; of shared
-// objects it touches one Target, of which the main thread meanwhile calls const functions only.
-class HelperThread : private Uncopyable {
-  public:
-    ~HelperThread() { Join(); }
-
-    // Starts the thread; the one before has been joined. `events` outlives it.
-    void Start(EventQueue& events, const std::string& id, std::function<Outcome()> work);
-
-    // Waits for the thread, if there is one. What it shared may be changed again then.
-    void Join();
-
-  private:
-    std::thread thread_{};
-};
 
 // Works on the main thread. The file of a page has two tasks, one after the other.
 class Fetch : private Uncopyable {
@@ -109,7 +91,7 @@ class Fetch : private Uncopyable {
     void ReadAddress();
     void SetPath(const std::string& name, Naming naming = Naming::kNow);
     void ShowPath();
-    void CheckExisting();
+    void CheckExisting(EndResult result, std::int32_t code = -1);
     bool AddTaskFor(std::int32_t rate, std::string& reason, TaskRefusal& refusal);
     tagTaskRequest TaskRequest(std::int32_t rate) const;
     void NoteBeginning(const tagTaskAnswer& answer);

@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "Console/base/utf8.h"
 #include "TaskMan/partrecord.h"
@@ -70,6 +71,21 @@ std::string NameFromAddress(std::string_view address) {
     // An encoded "/" separates, too: "dir%2Ffile" gives "file".
     const std::string name = SafeName(AfterLast(decoded, '/'), LONGEST_NAME);
     return strutil::trim(name).empty() ? kNoName : name;
+}
+
+std::string PathIn(const std::string& directory, const std::string& name) {
+    if (!directory.empty() && name.front() != '/') {
+        return directory + (directory.back() == '/' ? "" : "/") + name;
+    }
+    return name.front() == '-' ? "./" + name : name;
+}
+
+std::string FindablePath(const std::string& path) {
+    std::error_code error;
+    std::string absolute = std::filesystem::absolute(path, error);
+    const bool usable = !error && absolute.size() < sizeof(tagTaskInfo::szFilePath) &&
+                        absolute.find('\\') == std::string::npos;
+    return usable ? absolute : path;
 }
 
 std::string NameFromServer(std::string_view text) {

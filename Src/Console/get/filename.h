@@ -27,6 +27,14 @@ std::string NameFault(std::string_view name);
 // empty ("download" then), and together with ".part" stays below 255 bytes.
 std::string NameFromAddress(std::string_view address);
 
+// Path of the name in the directory, which may be empty; an absolute name stays. It is never taken
+// for an option.
+std::string PathIn(const std::string& directory, const std::string& name);
+
+// The path for a task's slot: absolute, so that a sweep finds the part from any directory, unless
+// the task would be refused for that.
+std::string FindablePath(const std::string& path);
+
 // The file name that a server gives (strFileName of a task's answer), safe in the same way: what
 // stands behind the last "/" or "\\" of it, and with "_" behind when it would pass for a partial
 // file or the record of one. Empty when nothing is left.

@@ -31,6 +31,7 @@ int RunGet(const GetOptions& options) {
     if (!fault.empty()) return refuse(EXIT_STATUS_USAGE, fault);
     if (!options.failed.empty()) fault = failed.Open(options.failed);
     if (!fault.empty()) return refuse(EXIT_STATUS_LOCAL, fault);
+    if (options.request.bInsecure) display->Warn(INSECURE_WARNING);
     // With several files a worker waits for the next one: as long as the list may keep it waiting.
     const bool several = options.addresses.size() > 1 || !options.input.empty();
     tagTaskLimits limits;

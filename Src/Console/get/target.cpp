@@ -12,6 +12,7 @@
 #include "Console/get/digest.h"
 #include "Console/get/numbering.h"
 #include "Console/get/rights.h"
+#include "Console/get/standardoutput.h"
 #include "Console/screen/text.h"
 #include "TaskMan/othermanagers.h"
 #include "TaskMan/partrecord.h"
@@ -25,7 +26,7 @@ namespace {
 constexpr std::size_t kLongestPath = sizeof(tagTaskInfo::szFilePath) - 1;
 // The worker of a killed command stores how far it came before it exits, and a sweep locks a part
 // for moments, to see whether it is in use.
-constexpr std::chrono::seconds kLockPatience{1};
+constexpr std::chrono::seconds kPartPatience{1};
 
 std::string Fault(const char* what, const std::string& path, int error) {
     return sysutility::SystemFault(what + (" " + path), error);
@@ -90,6 +91,7 @@ Target::Target(const std::string& path, Existing existing, PartRule rule, Naming
     : base_(Followed(path)),
       path_(naming == Naming::kNow ? base_ : ""),
       part_(base_ + TASK_PART_ENDING),
+      naming_(naming),
       existing_(existing),
       rule_(rule) {}
 
@@ -119,7 +121,8 @@ Outcome Target::Skip(const std::string& sha256) const {
     Outcome skipped{EndResult::kSkipped};
     skipped.message = path_ + " exists already";
     struct stat status {};
-    if (stat(path_.c_str(), &status) == 0) skipped.bytes = static_cast<double>(status.st_size);
+    if (stat(path_.c_str(), &status) != 0) return Local(Fault("cannot read", path_, errno));
+    skipped.bytes = static_cast<double>(status.st_size);
     if (sha256.empty()) return skipped;
     const Descriptor file(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file.IsOpen()) return Local(Fault("cannot read", path_, errno));
@@ -177,12 +180,13 @@ std::string Target::OpenOnce() {
     constexpr int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
     // With another name at hand nothing is waited for.
     const bool numbers = existing_ == Existing::kNumber || path_.empty();
-    const auto patience = numbers ? std::chrono::seconds(0) : kLockPatience;
+    const auto patience = numbers ? std::chrono::seconds(0) : kPartPatience;
     std::string fault = Obstacle();
     hopeless_ = fault.empty();
     if (!hopeless_) return fault;
     struct stat old {};
-    const mode_t mode = Replaces(old) ? RightsToReplace(old) : 0666;
+    mode_t mode = Replaces(old) ? RightsToReplace(old) : 0666;
+    if (naming_ == Naming::kNever) mode = S_IRUSR | S_IWUSR;
     Descriptor file(open(part_.c_str(), flags | O_CREAT | O_EXCL, mode));
     if (!file.IsOpen() && errno == ENOENT) return MakeDirectory(part_);
     const bool found = !file.IsOpen() && errno == EEXIST;
@@ -220,17 +224,21 @@ Outcome Target::Store(double size, const std::string& sha256, bool sync) {
     struct stat status {};
     if (fstat(Part(), &status) != 0 || !StillNamed()) return Local(part_ + " was taken away");
     const auto bytes = static_cast<double>(status.st_size);
+    // Its name goes first: however the command ends from here on, nothing stays.
+    const bool named = naming_ != Naming::kNever;
+    if (!named) GiveUp();
     if (size >= 0 && bytes != size) {
         spoiled_ = true;
         return {EndResult::kMismatch, EXIT_STATUS_MISMATCH,
                 std::to_string(status.st_size) + " bytes arrived, the server announced " +
                     std::to_string(static_cast<long long>(size))};
     }
-    Outcome differs = DigestFault(Part(), part_, sha256);
+    Outcome differs = DigestFault(Part(), named ? part_ : "the file", sha256);
     if (differs.result != EndResult::kFinished) {
         spoiled_ = differs.result == EndResult::kMismatch;
         return differs;
     }
+    if (!named) return WriteToOutput(Part());
     struct stat old {};
     if (const int error = Replaces(old) ? TakeRights(Part(), old) : 0; error != 0) {
         return Local(Fault("cannot keep the permissions of", path_, error));

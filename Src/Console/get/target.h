@@ -23,6 +23,7 @@ enum class Existing {
 enum class Naming {
     kNow,    // from the first
     kLater,  // Name tells it before the file is stored
+    kNever,  // there is none: Store writes the file to standard output
 };
 
 // What becomes of a part that was not stored.
@@ -38,7 +39,8 @@ enum class PartRule {
 class Target : private Uncopyable {
   public:
     // A path that is a link to a regular file stands for that file, and the link stays. With kLater
-    // the part alone has its name from the path, with a number when that part is taken.
+    // and kNever the part alone has its name from the path, with a number when that part is taken;
+    // with kNever it is private.
     explicit Target(const std::string& path, Existing existing = Existing::kRefuse,
                     PartRule rule = PartRule::kRemove, Naming naming = Naming::kNow);
 
@@ -84,8 +86,8 @@ class Target : private Uncopyable {
 
     // The final step, once Open has succeeded and the final name is known: checks that the part has
     // `size` bytes (below 0: any) and the digest (empty: any), waits with `sync` until it is on the
-    // disk, and renames it. May take long; one thread, which may be another one than that of the
-    // object, may call it once.
+    // disk, and renames it; or removes it first and writes it out. May take long; one thread, which
+    // may be another one than that of the object, may call it once.
     Outcome Store(double size, const std::string& sha256, bool sync = true);
 
     // Unlinks the part and its record if the name is still this object's, unless the rule has it
@@ -109,6 +111,7 @@ class Target : private Uncopyable {
     unsigned number_ = 0;  // in the final name; in that of the part as long as there is none
     std::string path_;
     std::string part_;
+    const Naming naming_;
     const Existing existing_;
     const PartRule rule_;
     Descriptor file_{};

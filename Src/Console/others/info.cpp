@@ -57,6 +57,7 @@ class InfoDisplay : public Display {
         nlohmann::ordered_json end{{"v", JSON_VERSION}, {"event", "end"}};
         SetText(end, "address", options_.address);
         SetAnswer(end, answer_, message_);
+        if (options_.request.bInsecure) end["insecure"] = true;
         end["exit"] = status;
         Write(JsonLine(end));
     }
@@ -105,7 +106,8 @@ int Write(const InfoOptions& options, const VideoPage& page, InfoDisplay& displa
         }
         out = text::Printable(taken->address) + "\n";
     } else {
-        out = options.json ? PageJson(page, taken) : PageTable(page, taken);
+        out = options.json ? PageJson(page, taken, options.request.bInsecure)
+                           : PageTable(page, taken);
     }
     display.Write(out);
     return EXIT_STATUS_FINISHED;
@@ -143,7 +145,7 @@ std::string PageTable(const VideoPage& page, const VideoFormat* taken) {
     return table;
 }
 
-std::string PageJson(const VideoPage& page, const VideoFormat* taken) {
+std::string PageJson(const VideoPage& page, const VideoFormat* taken, bool insecure) {
     nlohmann::ordered_json all{{"v", JSON_VERSION}, {"event", "page"}};
     SetText(all, "title", page.title);
     all["length_seconds"] = nullptr;
@@ -163,6 +165,7 @@ std::string PageJson(const VideoPage& page, const VideoFormat* taken) {
         entry["taken"] = &format == taken;
         all["formats"].push_back(std::move(entry));
     }
+    if (insecure) all["insecure"] = true;
     return JsonLine(all);
 }
 
@@ -183,6 +186,7 @@ int RunInfo(const InfoOptions& given) {
     get.proxy = options.proxy;
     get.request = options.request;
     get.resolveOnly = true;
+    if (request.bInsecure) display.Warn(INSECURE_WARNING);
     const WakePipe& wake = signals::Install();
     EventQueue events(wake);
     InputList noList;

@@ -28,5 +28,5 @@ int RunInfo(const InfoOptions& options);
 // For people: lines of at most 80 columns.
 std::string PageTable(const VideoPage& page, const VideoFormat* taken);
 
-// For programs: one JSON object on a line, in ASCII.
-std::string PageJson(const VideoPage& page, const VideoFormat* taken);
+// For programs: one JSON object on a line, in ASCII. `insecure`: no certificate was checked.
+std::string PageJson(const VideoPage& page, const VideoFormat* taken, bool insecure = false);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -35,8 +36,8 @@ Detail DetailOf(const DisplayOptions& options) {
 // Waits until the descriptor takes bytes or has failed. False when the command is to end and it
 // still takes none.
 bool AwaitRoom(int descriptor) {
-    constexpr int kTurn = 250;  // milliseconds
-    static int turns = 8;       // that are left, over all calls, once the command is to end
+    constexpr int kTurn = 250;         // milliseconds
+    static std::atomic<int> turns{8};  // that are left, over all calls, once the command is to end
     pollfd room{descriptor, POLLOUT, 0};
     while (poll(&room, 1, kTurn) < 1) {
         const int stops = signals::StopCount();
@@ -112,6 +113,7 @@ std::string SummaryLine(const Totals& totals) {
         if (count > 0) line += ", " + std::to_string(count) + what;
     };
     add(totals.skipped, " skipped");
+    add(totals.unchanged, " unchanged");
     add(totals.Failed(), " failed");
     add(totals.stopped, " stopped");
     add(totals.waiting, " not begun");
@@ -148,8 +150,7 @@ std::string TaskLine(const FileView& file) {
 }
 
 std::string Coloured(const std::string& line, EndResult result) {
-    const bool wrong = result != EndResult::kFinished && result != EndResult::kSkipped &&
-                       result != EndResult::kStopped;
+    const bool wrong = !IsThere(result) && result != EndResult::kStopped;
     return wrong ? "\x1b[31m" + line + "\x1b[0m" : line;
 }
 

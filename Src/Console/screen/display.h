@@ -57,10 +57,11 @@ struct Totals {
     std::size_t finished = 0;
     std::size_t skipped = 0;  // was there before
     std::size_t stopped = 0;
-    std::size_t ended = 0;     // finished, skipped, stopped or failed
-    double finishedBytes = 0;  // of the finished files
+    std::size_t ended = 0;      // all of these, and what failed
+    double finishedBytes = 0;   // of the finished files
+    std::size_t unchanged = 0;  // was there before, and the server has nothing newer
 
-    std::size_t Failed() const { return ended - finished - skipped - stopped; }
+    std::size_t Failed() const { return ended - finished - skipped - unchanged - stopped; }
 };
 
 // Calls come from one thread. A FileView stays at its address from Started to Ended.
@@ -86,6 +87,9 @@ class Display : private Uncopyable {
 
     // Shows at once what is wrong with the command as a whole. `fault` may hold any bytes.
     virtual void Fault(const std::string& fault);
+
+    // Shows at once what the user has to know in every run; it is printable.
+    virtual void Warn(const std::string& warning) { Note("taskman: warning: " + warning); }
 
     // The present state, several times a second.
     virtual void Refresh(const std::vector<const FileView*>& /*running*/,
@@ -126,8 +130,8 @@ bool CanDraw(int descriptor);
 // "file.iso: finished, 100 % of 64.0 MiB in 4.1 s, 15.6 MiB/s"; "file.iso: failed: HTTP 404"
 std::string EndLine(const FileView& file, const Outcome& outcome);
 
-// "2 of 6 files finished, 1 skipped, 1 failed, 1 stopped, 1 not begun"; empty when there is but one
-// file.
+// "2 of 7 files finished, 1 skipped, 1 unchanged, 1 failed, 1 stopped, 1 not begun"; empty when
+// there is but one file.
 std::string SummaryLine(const Totals& totals);
 
 // What a worker has reported: "file.iso: code 10: 64.0 MiB are to come"
@@ -148,8 +152,8 @@ double TimeLeft(double bytes, double speed);
 
 // ---- Output, for the main thread.
 
-// Writes everything to a descriptor. False when that fails, with errno set, or when the command is
-// to end and the reader does not read.
+// Writes everything to a descriptor; any thread may call. False when that fails, with errno set, or
+// when the command is to end and the reader does not read.
 bool WriteAll(int descriptor, std::string_view bytes);
 
 // Why the last write to standard output failed, by errno; empty for EPIPE: the reader left on

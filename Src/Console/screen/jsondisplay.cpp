@@ -48,11 +48,19 @@ void JsonDisplay::Note(const std::string& line) {
     WriteAll(STDERR_FILENO, line + "\n");
 }
 
+void JsonDisplay::Warn(const std::string& warning) {
+    Display::Warn(warning);
+    Json event = NewEvent("warning");
+    SetText(event, "message", warning);
+    Tell(event);
+}
+
 void JsonDisplay::Finish(const Totals& totals, int status) {
     Json event = NewEvent("summary");
     event["files"] = totals.files;
     event["finished"] = totals.finished;
     event["skipped"] = totals.skipped;
+    event["unchanged"] = totals.unchanged;
     event["failed"] = totals.Failed();
     event["stopped"] = totals.stopped;
     event["not_begun"] = totals.waiting;

@@ -19,6 +19,7 @@ class JsonDisplay : public Display {
     void Ended(const FileView& file, const Outcome& outcome) override;
     // A line for people, on standard error.
     void Note(const std::string& line) override;
+    void Warn(const std::string& warning) override;
     void Finish(const Totals& totals, int status) override;
 
   private:

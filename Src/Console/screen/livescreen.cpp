@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr std::chrono::seconds kTurn{1};
+constexpr std::chrono::seconds kRedraw{1};
 // Longest delay until a signal that arrives just before poll() is noticed.
 constexpr std::chrono::milliseconds kStep{100};
 
@@ -86,7 +86,7 @@ bool LiveScreen::KeyEnds() const {
 }
 
 bool LiveScreen::Wait() {
-    const Clock::time_point end = Clock::now() + kTurn;
+    const Clock::time_point end = Clock::now() + kRedraw;
     while (Clock::now() < end) {
         if (KeyEnds()) return false;
         if (signals::StopCount() > 0) {

@@ -40,9 +40,7 @@ void PlainDisplay::Begun(const FileView& file) {
 
 void PlainDisplay::Ended(const FileView& file, const Outcome& outcome) {
     shown_.erase(&file);
-    const bool well =
-        outcome.result == EndResult::kFinished || outcome.result == EndResult::kSkipped;
-    if (well && detail_ == Detail::kFailures) return;
+    if (IsThere(outcome.result) && detail_ == Detail::kFailures) return;
     const std::string line = EndLine(file, outcome);
     Note(colour_ ? Coloured(line, outcome.result) : line);
 }

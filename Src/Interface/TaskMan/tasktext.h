@@ -81,8 +81,8 @@ struct tagTaskRequest {
     std::string strPassword{};  // at most 1024 bytes
     std::string strNetrc{};     // absolute path
 
-    // Absolute paths of PEM files. Without strCaFile the system's authorities are trusted, with it
-    // no others.
+    // Absolute paths of PEM files, for all servers, also behind redirects. Without strCaFile the
+    // system's authorities are trusted, with it no others. A key must not be encrypted.
     std::string strCaFile{};
     std::string strCertFile{};
     std::string strKeyFile{};  // empty: it stands in strCertFile

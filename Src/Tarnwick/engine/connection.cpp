@@ -68,8 +68,8 @@ bool Connection::Ask(Request request) {
     SetLogin(curl_, request_.foreign ? "" : shared_.task.user, shared_.task.password);
     headers_.Clear();
     if (!headers_.Add(shared_.task.headers, request_.foreign)) return false;
-    if (range && !request_.ifRange.empty() && !headers_.Add("If-Range: " + request_.ifRange)) {
-        return false;
+    for (const std::string& line : request_.headers) {
+        if (!headers_.Add(line)) return false;
     }
     curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_.Get());
     busy_ = curl_multi_add_handle(shared_.multi, curl_) == CURLM_OK;

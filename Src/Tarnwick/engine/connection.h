@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Tarnwick/engine/bucket.h"
 #include "Tarnwick/engine/headerlist.h"
@@ -43,8 +44,8 @@ class Rate {
 struct Request {
     std::string url{};
     Asked asked{};
-    std::string ifRange{};  // value of that header; empty: none
-    bool foreign = false;   // the address has another origin than that of the task
+    bool foreign = false;                // the address has another origin than that of the task
+    std::vector<std::string> headers{};  // lines "Name: value" of this one
 };
 
 class Connection : private Uncopyable {

@@ -42,6 +42,7 @@ class Course : private Uncopyable {
     void GiveWork();
     void BeginRound();
     void GiveFurtherWork();
+    void AddConditions(Request& request) const;
     bool Ask(Connection& connection, Request request);
     bool AskFor(Connection& connection, const Range& range);
     Connection* NewConnection();
@@ -63,6 +64,7 @@ class Course : private Uncopyable {
     void OnGood(Connection& connection, CURLcode code);
     void OnFailure(Connection& connection, const Judgement& judged);
     void FailRound(const Judgement& judged, bool gotBytes);
+    bool MayServeOnce(const Judgement& judged) const;
     bool IsStuck();
     void StartOver();
     std::time_t RemoteTime() const;

@@ -15,6 +15,7 @@ constexpr Clock::duration kRest = 300ms;   // of one connection, while others go
 constexpr Clock::duration kLongRest = 5s;  // the same when nothing has come on it
 // A file that changes more often is not followed.
 constexpr int kMostChanges = 1;
+constexpr const char* kServesOnce = " (an address that serves one request needs one connection)";
 
 }  // namespace
 
@@ -188,6 +189,11 @@ std::time_t Course::RemoteTime() const {
     return date.starts_with('"') ? -1 : curl_getdate(date.c_str(), nullptr);
 }
 
+// Whether the first of several requests was served, and now none is.
+bool Course::MayServeOnce(const Judgement& judged) const {
+    return judged.reason == TaskReason::kHttpStatus && task_.connections > 1 && Received() > 0;
+}
+
 void Course::OnFailure(Connection& connection, const Judgement& judged) {
     if (MaybeFault fault = connection.Flush()) return GiveUp(*fault);
     const std::uint64_t got = connection.Got();
@@ -224,7 +230,7 @@ void Course::OnFailure(Connection& connection, const Judgement& judged) {
                 return FailRound(judged, false);
             }
             result_.answer.nRetryAfter = judged.pause;
-            GiveUp(judged.reason, judged.message);
+            GiveUp(judged.reason, judged.message + (MayServeOnce(judged) ? kServesOnce : ""));
     }
 }
 

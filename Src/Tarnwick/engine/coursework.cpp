@@ -44,6 +44,7 @@ void Course::BeginRound() {
         Request request{use_final_ ? final_url_ : task_.url};
         // What is there counts for nothing, but stays until the answer has come.
         if (several) request.asked.range = Range{0, kFirstRange};
+        if (!begun_) AddConditions(request);
         asked = Ask(*connection, std::move(request));
     }
     if (!asked) GiveUp(TaskReason::kLocal, NO_MEMORY);
@@ -125,6 +126,15 @@ void Course::NoteGain() {
     gain_from_ = Received();
 }
 
+void Course::AddConditions(Request& request) const {
+    const auto add = [&request](const char* name, const std::string& value) {
+        if (!value.empty()) request.headers.push_back(name + value);
+    };
+    add("If-None-Match: ", task_.ifNoneMatch);
+    add("If-Modified-Since: ", task_.ifModifiedSince);
+    request.asked.conditional = !request.headers.empty();
+}
+
 // libcurl guards a login against the redirects that it follows; where the course asks at their end
 // by itself, the guard is here.
 bool Course::Ask(Connection& connection, Request request) {
@@ -139,7 +149,7 @@ bool Course::AskFor(Connection& connection, const Range& range) {
     Request request{use_final_ || round_judged_ ? final_url_ : task_.url};
     if (request.url.empty()) request.url = task_.url;
     request.asked = {range, BusyCount() > 0};
-    request.ifRange = known_.validator;
+    if (!known_.validator.empty()) request.headers = {"If-Range: " + known_.validator};
     if (Ask(connection, std::move(request))) return true;
     blocks_.Release(connection.Id());
     return false;

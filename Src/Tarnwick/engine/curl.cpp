@@ -14,3 +14,20 @@ void SetLogin(CURL* curl, const std::string& user, const std::string& password) 
     curl_easy_setopt(curl, CURLOPT_USERNAME, any ? user.c_str() : nullptr);
     curl_easy_setopt(curl, CURLOPT_PASSWORD, any ? password.c_str() : nullptr);
 }
+
+void SetTls(CURL* curl, const tagTaskRequest& request) {
+    if (!request.strCaFile.empty()) {
+        curl_easy_setopt(curl, CURLOPT_CAINFO, request.strCaFile.c_str());
+        curl_easy_setopt(curl, CURLOPT_CAPATH, nullptr);  // libcurl's own would be trusted as well
+    }
+    if (!request.strCertFile.empty()) {
+        const bool apart = !request.strKeyFile.empty();
+        curl_easy_setopt(curl, CURLOPT_SSLCERT, request.strCertFile.c_str());
+        curl_easy_setopt(curl, CURLOPT_SSLKEY, apart ? request.strKeyFile.c_str() : nullptr);
+        // Without one OpenSSL asks for it on the terminal, and waits.
+        curl_easy_setopt(curl, CURLOPT_KEYPASSWD, "");
+    }
+    if (!request.bInsecure) return;
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+}

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <string>
 
+#include "TaskMan/tasktext.h"
+
 // What an answer says when memory runs out.
 constexpr const char* NO_MEMORY = "not enough memory for the transfer";
 
@@ -17,6 +19,9 @@ void FollowRedirects(CURL* curl);
 // libcurl asks without the login first and answers the challenge by itself. It does neither for
 // another scheme, host or port that a redirect leads to. Without a user: no login.
 void SetLogin(CURL* curl, const std::string& user, const std::string& password);
+
+// Whom to trust in TLS, and as whom to appear: what the request says of it.
+void SetTls(CURL* curl, const tagTaskRequest& request);
 
 // What write callbacks return to abort a transfer (CURLOPT_WRITEFUNCTION).
 constexpr std::size_t kBreakOff = static_cast<std::size_t>(-1);

@@ -72,6 +72,9 @@ bool IsPassing(int status) {
 }
 
 Judgement JudgeStatus(const Answer& answer, const Asked& asked) {
+    if (answer.status == 304 && asked.conditional) {
+        return {Verdict::kFinal, TaskReason::kUnchanged, "the server has nothing newer"};
+    }
     Judgement judged{Verdict::kFinal, TaskReason::kHttpStatus,
                      "HTTP " + std::to_string(answer.status), RetryAfter(answer)};
     if (answer.status == 407) judged.reason = TaskReason::kProxy;

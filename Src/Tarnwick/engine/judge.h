@@ -19,6 +19,7 @@ constexpr int kLongestRetryAfter = 30;
 struct Asked {
     std::optional<Range> range{};  // of known or unknown end; nothing: the whole file
     bool additional = false;       // other connections are at work
+    bool conditional = false;      // only a file that is not the one that is known already
 };
 
 // What earlier answers, or the record of an earlier run, have said about the file.

@@ -48,6 +48,10 @@ struct Task {
     bool proxied = false;    // `prepare` sets a proxy
     // Sets on each new handle what the task asks for beyond this; may be empty.
     std::function<void(CURL*)> prepare{};
+    // Conditions, values of these headers, for as long as nothing of the file has come; empty:
+    // none. An answer that names them ends the transfer with the reason kUnchanged.
+    std::string ifNoneMatch{};
+    std::string ifModifiedSince{};
     bool remoteTime = false;  // the complete file gets the time that Last-Modified tells
 };
 

@@ -23,7 +23,7 @@ namespace {
 // A manager maps and locks its section within moments after making it.
 constexpr std::time_t kYoungSeconds = 10;
 // Other processes hold the lock for moments while they check whether the manager lives.
-constexpr std::chrono::milliseconds kLockPatience{10};
+constexpr std::chrono::milliseconds kOtherSectionPatience{10};
 // Above every process id.
 constexpr int kNumberLimit = 1 << 24;
 
@@ -74,7 +74,7 @@ bool OtherSection::Lives() const {
         std::time(nullptr) - status.st_mtime < kYoungSeconds) {
         return true;
     }
-    const int error = TryLock(file_.Get(), kLockPatience);
+    const int error = TryLock(file_.Get(), kOtherSectionPatience);
     return error == EWOULDBLOCK || (error != 0 && exists);
 }
 

@@ -19,7 +19,7 @@ std::atomic<bool> g_section_opens{false};
 namespace {
 
 constexpr mode_t kPrivate = 0600;
-constexpr std::chrono::seconds kLockPatience{2};
+constexpr std::chrono::seconds kOwnSectionPatience{2};
 
 // Holds the section's lock, which shows others that this manager lives. It is not the descriptor
 // that is mapped: a mapping, which forked children inherit, would keep the lock as well.
@@ -39,7 +39,7 @@ void GiveChildrenNoLock() {
 // Whether another process keeps the section of that name locked. A sweep holds the lock for moments
 // only.
 bool IsTaken(const std::string& name) {
-    return !PollUntil(kLockPatience, [&] {
+    return !PollUntil(kOwnSectionPatience, [&] {
         const Descriptor section(shm_open(name.c_str(), O_RDONLY, 0));
         return !section.IsOpen() || TryLock(section.Get()) != EWOULDBLOCK;
     });

@@ -103,10 +103,20 @@ std::string RefusalOf(const tagTaskRequest& request) {
     if (!Within(request.nTries, 1, 100)) return "the number of tries is not 1 to 100";
     if (!Within(request.nWaitSeconds, 0, 300)) return "the longest pause is not 0 to 300 seconds";
     if (request.nRate < 0) return "the rate is below 0";
+    if (!Within(request.nRetryAfter, 0, kDay)) return "the longest wait is not 0 to 86400 seconds";
+    if (strutil::holdsControl(request.strIfNoneMatch + request.strIfModifiedSince)) {
+        return "a condition holds a control character";
+    }
     if (!Within(request.nStaySeconds, 0, 3600)) return "the worker is to stay for over an hour";
     for (std::string refusal : {RefusalOfHeaders(request.Headers), RefusalOfLogin(request),
-                                RefusalOfFile("the netrc file", request.strNetrc)}) {
+                                RefusalOfFile("the netrc file", request.strNetrc),
+                                RefusalOfFile("the authorities", request.strCaFile),
+                                RefusalOfFile("the certificate", request.strCertFile),
+                                RefusalOfFile("the certificate's key", request.strKeyFile)}) {
         if (!refusal.empty()) return refusal;
+    }
+    if (request.strCertFile.empty() && !request.strKeyFile.empty()) {
+        return "there is a key and no certificate";
     }
     return EncodeRequest(request).size() > TASK_REQUEST_MOST
                ? "the request is longer than 65536 bytes"

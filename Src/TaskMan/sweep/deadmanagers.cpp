@@ -20,8 +20,8 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds kEndPatience{300};  // for orphans that end by themselves
-constexpr std::chrono::seconds kKillPatience{1};        // for orphans that were killed
+constexpr std::chrono::milliseconds kOrphanPatience{300};  // for orphans that end by themselves
+constexpr std::chrono::seconds kKilledOrphanPatience{1};   // for orphans that were killed
 
 // All sections of this user, by whether their managers live. The dead ones stay locked.
 struct Census {
@@ -159,9 +159,9 @@ void Kill(const std::vector<Orphan>& orphans) {
         return std::all_of(orphans.begin(), orphans.end(),
                            [](const Orphan& orphan) { return orphan.process.Gone(); });
     };
-    if (PollUntil(kEndPatience, gone)) return;
+    if (PollUntil(kOrphanPatience, gone)) return;
     for (const Orphan& orphan : orphans) orphan.process.Signal(SIGKILL);
-    PollUntil(kKillPatience, gone);
+    PollUntil(kKilledOrphanPatience, gone);
 }
 
 // Removes the names of locks, and of sections that late workers have made anew.

@@ -1,0 +1,153 @@
+// What the task of a file reports, and what follows its end.
+#include <semaphore.h>
+
+#include <algorithm>
+
+#include "Console/get/fetch.h"
+#include "Console/get/filename.h"
+#include "Console/get/origin.h"
+#include "Console/page/pagetask.h"
+#include "Console/page/videopage.h"
+#include "Console/screen/text.h"
+#include "common/address.h"
+
+namespace {
+
+// Clamps what another process wrote to [0, most]; NaN becomes 0.
+double Clamped(double value, double most) {
+    return value >= 0 ? std::min(value, most) : 0;
+}
+
+}  // namespace
+
+void Fetch::NoteState(const Event& event) {
+    if (!page_ && event.code != DOWNLOAD_STATE_FILE_SIZE) view_.answered = true;
+    switch (event.code) {
+        case DOWNLOAD_STATE_FILE_SIZE:
+            view_.size = event.value < 0 ? -1 : Clamped(event.value, 1e18);
+            NoteBeginning(event.answer);
+            break;
+        case DOWNLOAD_STATE_PROGRESS:
+            view_.percent = Clamped(event.value, 100);
+            break;
+        case DOWNLOAD_STATE_SPEED:
+            view_.speed.Note(Clamped(event.value, 1e12), Clock::now());
+            break;
+        default:
+            break;
+    }
+}
+
+// Comes with each beginning of the file, and with its end for one too short to have told before.
+void Fetch::NoteBeginning(const tagTaskAnswer& answer) {
+    view_.answer = answer;
+    if (begun_with_ == answer.uHad) return;
+    begun_with_ = answer.uHad;
+    beginning_ = true;
+    const auto had = static_cast<double>(answer.uHad);
+    view_.percent = view_.size > 0 ? Clamped(100 * had / view_.size, 100) : 0;
+}
+
+double Fetch::Seconds() const {
+    if (phase_ != Phase::kTask) return seconds_;
+    return std::chrono::duration<double>(Clock::now() - view_.started).count();
+}
+
+std::optional<Outcome> Fetch::NoteEnd(const Event& event, bool stopping) {
+    seconds_ = Seconds();
+    phase_ = Phase::kIdle;
+    if (event.size != 0) view_.size = event.size;
+    view_.answer = event.answer;
+    if (declined_ && declined_->empty()) {
+        CheckExisting(EndResult::kSkipped);
+        return std::nullopt;
+    }
+    if (declined_) {
+        return Outcome{.result = EndResult::kRefused,
+                       .status = EXIT_STATUS_LOCAL,
+                       .message = *declined_,
+                       .code = event.code};
+    }
+    if (event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH) {
+        NoteBeginning(event.answer);
+        Store();
+        return std::nullopt;
+    }
+    if (event.answer.Reason == TaskReason::kUnchanged && !stopping) {
+        target_->GiveUp();
+        CheckExisting(EndResult::kUnchanged, event.code);
+        return std::nullopt;
+    }
+    if (page_ && event.code == DOWNLOAD_STATE_PARSE_FINISH && !stopping) return TakePage(event);
+    Outcome outcome = page_ ? PageFailure(view_.address, event) : TaskFailure(event);
+    if (stopping) outcome = {EndResult::kStopped, EXIT_STATUS_STOPPED};
+    outcome.code = event.code;
+    return outcome;
+}
+
+// All bytes have arrived: the helper thread checks them and renames the part.
+void Fetch::Store() {
+    view_.answered = true;
+    view_.percent = 100;
+    phase_ = Phase::kStoring;
+    Marks marks;
+    if (options_.newer) marks = {view_.answer.strETag, view_.answer.strLastModified};
+    const auto work = [target = target_.get(), size = view_.size, sha256 = request_.sha256,
+                       address = view_.address, marks] {
+        NoteOrigin(target->Part(), address, marks);
+        Outcome outcome = target->Store(size, sha256);
+        outcome.code = DOWNLOAD_STATE_DOWNLOAD_FINISH;
+        return outcome;
+    };
+    helper_.Start(events_, id_, work);
+}
+
+// The page gives the file its name and its address; from here on it is like any other.
+std::optional<Outcome> Fetch::TakePage(const Event& event) {
+    Outcome outcome;
+    outcome.code = event.code;
+    if (options_.resolveOnly) {
+        view_.information = event.text;
+        return outcome;
+    }
+    const VideoPage page = ReadVideoPage(event.text);
+    const VideoFormat* format = Choose(page, options_.format);
+    if (format == nullptr) {
+        outcome.result = EndResult::kFailed;
+        outcome.status = EXIT_STATUS_UNRESOLVED;
+        outcome.message = NO_SUCH_FORMAT;
+        return outcome;
+    }
+    page_ = false;
+    // What was given for the site of the page is not for whom that names.
+    if (!SameOrigin(view_.address, format->address)) {
+        carried_.Headers.clear();
+        carried_.strUser = carried_.strPassword = "";
+    }
+    view_.address = format->address;
+    ReadAddress();
+    SetPath(NameFromTitle(page.title));
+    return std::nullopt;
+}
+
+// Gives the part up. Returns the line that tells what stays; empty when nothing does.
+std::string Fetch::GiveUpPart() const {
+    const double percent = target_ == nullptr ? -1 : target_->GiveUp();
+    if (percent < 0) return "";
+    return "kept " + text::Printable(target_->PartPath()) + " (" + text::Percent(percent) +
+           " %): the same command continues it" +
+           (view_.answer.bParts ? "" : " if the server serves parts");
+}
+
+std::string Fetch::Release() {
+    helper_.Join();
+    std::string kept = GiveUpPart();
+    if (target_ != nullptr) ShowPath();
+    target_.reset();
+    return kept;
+}
+
+std::string Fetch::Abandon() const {
+    if (phase_ == Phase::kTask) sem_unlink(id_.c_str());
+    return GiveUpPart();
+}
