@@ -5,6 +5,7 @@ import socket
 import subprocess
 import sys
 import time
+from pathlib import Path
 
 KINDS = ("nginx", "apache2", "lighttpd", "python3")
 
@@ -53,6 +54,23 @@ http.server.test(Handler, http.server.ThreadingHTTPServer, port={port}, bind="12
 """
 
 
+def children(pid):
+    """The process ids of its children."""
+    found = []
+    for path in Path(f"/proc/{pid}/task").glob("*/children"):
+        try:
+            found += map(int, path.read_text().split())
+        except OSError:
+            pass
+    return found
+
+
+def free_port():
+    with socket.socket() as free:
+        free.bind(("127.0.0.1", 0))
+        return free.getsockname()[1]
+
+
 class Server:
     """Serves the directory `root`, with `rate` bytes a second for each connection, 0 for all."""
 
@@ -60,9 +78,7 @@ class Server:
         state.mkdir()
         self.kind, self.root, self.state = kind, root, state
         for _ in range(20):
-            with socket.socket() as free:
-                free.bind(("127.0.0.1", 0))
-                self.port = free.getsockname()[1]
+            self.port = free_port()
             self.configure(int(rate))
             if self.start():
                 return
