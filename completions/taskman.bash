@@ -9,10 +9,11 @@ _taskman_value() {
     case $1 in
     -i | --input | -o | --output | --failed | --worker | --cacert | --cert | --key) compopt -o default ;;
     -d | --dir) compopt -o dirnames ;;
-    -j | --jobs) _taskman_words '1 2 3 4 5 6 7 8' ;;
+    -j | --jobs | --per-host) _taskman_words '1 2 3 4 5 6 7 8' ;;
     -n | --connections) _taskman_words '1 2 3 4 5 6 7 8 9 10' ;;
     --limit-rate) _taskman_words '100k 1m 10m' ;;
     --tries) _taskman_words '1 5 20 100' ;;
+    --retry-after) _taskman_words '0 30 120 3600' ;;
     --wait) _taskman_words '0 10 60 300' ;;
     -x | --proxy) _taskman_words 'none http:// socks4:// socks4a:// socks5:// socks5h://' ;;
     --progress) _taskman_words 'auto bar plain none' ;;
@@ -34,7 +35,7 @@ _taskman() {
     case ${COMP_WORDS[1]} in
     get)
         options+=' -i --input -o --output -d --dir -f --force -s --skip-existing --number'
-        options+=' -N --newer'
+        options+=' -N --newer --per-host --retry-after'
         options+=' -J --server-name --sha256 --no-continue --fresh-workers -R --remote-time --failed'
         options+=' --size --format -j --jobs -n --connections --limit-rate --tries'
         options+=' --wait --timeout'

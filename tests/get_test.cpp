@@ -420,6 +420,69 @@ TEST(Get, NewerFilesOnly) {
     says(get(server.Url("/other"), "exit 0"), "file: finished");
 }
 
+// Replies to the first request for /busy of those that break off in the middle of a file, and to
+// the second.
+HttpServer::Script BusyOnce(const std::string& retryAfter) {
+    return [retryAfter](const std::string& request, std::size_t number) {
+        const std::string head = "ETag: \"1\"\r\nContent-Length: 6\r\n";
+        const bool rest = Has(request, "Range: bytes=3-");
+        if (number == 0) {
+            return Reply()
+                .Send("HTTP/1.1 200 X\r\n" + head + "\r\nabc")
+                .Pause(std::chrono::milliseconds(50))
+                .Reset();
+        }
+        if (number == 1) return Reply::Head("0\r\nRetry-After: " + retryAfter, "", 429);
+        return Has(request, "/busy") && rest
+                   ? Reply().Send(
+                         "HTTP/1.1 206 X\r\nETag: \"1\"\r\nContent-Length: 3\r\n"
+                         "Content-Range: bytes 3-5/6\r\n\r\ndef")
+                   : Reply::Ok("abc");
+    };
+}
+
+TEST(Get, ABusyHostRests) {
+    HttpServer moment(BusyOnce("1")), hour(BusyOnce("3600"));
+    CommandRun run, late, stopped;
+    Begin(run, "-j1 " + moment.Url("/busy") + " " + moment.Url("/next") + " $/good");
+    EXPECT_EQ(run.End(), "exit 0");
+    EXPECT_EQ(ReadFile(run.Path("busy")), "abcdef");
+    const std::string told = run.Err();
+    EXPECT_TRUE(Has(told, moment.Url("").substr(7) + " is busy: waiting 1 s\n")) << told;
+    EXPECT_LT(told.find("good: finished"), told.find("busy: finished")) << told;
+    EXPECT_LT(told.find("busy: continues"), told.find("next: started")) << told;
+
+    Begin(late, "-j1 " + hour.Url("/busy"));
+    EXPECT_EQ(late.End(), "exit 1");
+    EXPECT_TRUE(Has(late.Err(), "pause of 3600 s, longer than --retry-after")) << late.Err();
+    HttpServer again(BusyOnce("3600"));
+    Begin(stopped,
+          "-j1 --retry-after 3600 --failed list " + again.Url("/busy") + " " + again.Url("/next"));
+    EXPECT_TRUE(stopped.Says("is busy: waiting 3600 s"));
+    stopped.Signal(SIGINT);
+    EXPECT_EQ(stopped.End(), "signal 2");
+    EXPECT_EQ(ReadFile(stopped.Path("list")),
+              again.Url("/busy") + "\n" + again.Url("/next") + "\n");
+    EXPECT_TRUE(Has(stopped.Files(), "busy.part")) << stopped.Files();
+}
+
+TEST(Get, AHostServesNoMoreThanItShould) {
+    std::atomic<int> now{0}, most{0};
+    HttpServer narrow([&](const std::string&, std::size_t) {
+        most = std::max<int>(most, ++now);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        --now;
+        return Reply::Ok("abc");
+    });
+    CommandRun run;
+    Begin(run, "-j4 --per-host 1 " + narrow.Url("/a") + " " + narrow.Url("/b") + " " +
+                   narrow.Url("/c") + " $/good");
+    EXPECT_EQ(run.End(), "exit 0");
+    EXPECT_EQ(most, 1);
+    EXPECT_LT(run.Err().find("good: started"), run.Err().find("b: started")) << run.Err();
+    EXPECT_LT(run.Err().find("b: started"), run.Err().find("c: started")) << run.Err();
+}
+
 TEST(Get, ATargetBelongsToOneDownload) {
     g_hold = true;
     CommandRun run, other, next;

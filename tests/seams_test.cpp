@@ -213,8 +213,8 @@ TEST_F(Supervised, ExtendedDownloadsHaveTheTimeOfTheirRequests) {
         double longest, limit;  // of all tries and pauses by the request; of the manager
     } rows[] = {
         {30, 5, Stage::kEntered, 29, 30},
-        {30, 5, Stage::kClaimed, 5 * (30 + 20 + 30), 540},
-        {600, 100, Stage::kClaimed, 100 * (600 + 20 + 30), 101 * 650 + 60},
+        {30, 5, Stage::kClaimed, 5 * (30 + 20 + 120), 6 * 170 + 60},
+        {600, 100, Stage::kClaimed, 100 * (600 + 20 + 120), 101 * 740 + 60},
         {0, 5, Stage::kClaimed, 1e6, 0},
     };
     for (const auto& row : rows) {

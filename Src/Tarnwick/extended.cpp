@@ -108,6 +108,8 @@ engine::Task TaskOf(const tagTaskContext& slot, const tagTaskRequest& request) {
     task.waitSeconds = request.nWaitSeconds;
     task.ifNoneMatch = request.strIfNoneMatch;
     task.ifModifiedSince = request.strIfModifiedSince;
+    task.retryAfter = request.nRetryAfter;
+    task.endsWhenBusy = request.bEndsWhenBusy;
     task.remoteTime = request.bRemoteTime;
     task.proxied = slot.bUseProxy != 0;
     task.prepare = [&slot, &request](CURL* curl) {

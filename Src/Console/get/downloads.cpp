@@ -6,7 +6,6 @@
 #include <optional>
 #include <utility>
 
-#include "Console/base/signals.h"
 #include "TaskMan/manager.h"
 
 namespace {
@@ -15,8 +14,10 @@ namespace {
 constexpr int kMostAtOnce = 100;
 // Files that run: those with a task and those with a helper thread.
 constexpr std::size_t kMostRunning = 3 * TASK_SLOT_COUNT;
-// For copying the rest of a list when the end is not to be held up.
-constexpr std::chrono::seconds kCopyTime{1};
+// Files that are held back because their hosts rest or serve enough others: those that have not
+// begun, at some kilobytes each, and those that have, each with its partial file open.
+constexpr std::size_t kMostHeld = 1000;
+constexpr std::size_t kMostBegun = 100;
 // For the manager to take a task while none runs.
 constexpr std::chrono::seconds kRefusalTime{30};
 
@@ -29,6 +30,7 @@ Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& fai
       failed_(failed),
       events_(events),
       display_(display),
+      hosts_(options.perHost, options.tries.seconds),
       limit_(options.limitRate),
       print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json && !options.resolveOnly &&
                    !options.ToOutput()) {
@@ -37,22 +39,58 @@ Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& fai
 
 bool Downloads::StartNext() {
     limit_.Update(running_);
-    while (!resolved_.empty() && FreeSlotCount() > 0) {
-        if (!Start(resolved_.front())) return false;
-        resolved_.pop_front();
-    }
     for (int i = 0; i < kMostAtOnce; ++i) {
         if (!HasRoom()) return false;
-        if (next_ == nullptr) {
-            Request request;
-            const InputList::Taken taken = TakeRequest(request);
-            if (taken != InputList::Taken::kRequest) return taken == InputList::Taken::kMore;
-            next_ = std::make_unique<Fetch>(std::move(request), options_, events_);
+        bool more = false;
+        if (next_ == nullptr) next_ = NextFile(more);
+        if (next_ == nullptr) return more;
+        const bool begun = next_->HasBegun();
+        if (!Start(next_)) {
+            if (begun) begun_.push_front(std::move(next_));
+            return false;
         }
-        if (!Start(next_)) return false;
-        --totals_.waiting;
+        if (!begun) --totals_.waiting;
     }
     return true;
+}
+
+// The first file whose host may be asked: of those that have begun, of those that were held back,
+// or the next one of the list. Null when there is none; `more`: when the list may have one.
+Downloads::File Downloads::NextFile(bool& more) {
+    if (File file = TakeFree(begun_)) return file;
+    if (File file = TakeFree(held_)) return file;
+    while (LooksAhead()) {
+        Request request;
+        const InputList::Taken taken = TakeRequest(request);
+        more = taken == InputList::Taken::kMore;
+        if (taken != InputList::Taken::kRequest) return nullptr;
+        auto file = std::make_unique<Fetch>(std::move(request), options_, events_);
+        if (MayBeAsked(*file)) return file;
+        held_.push_back(std::move(file));
+    }
+    return nullptr;
+}
+
+Downloads::File Downloads::TakeFree(std::deque<File>& files) const {
+    const auto found = std::find_if(files.begin(), files.end(),
+                                    [this](const File& file) { return MayBeAsked(*file); });
+    if (found == files.end()) return nullptr;
+    File file = std::move(*found);
+    files.erase(found);
+    return file;
+}
+
+// Whether the host of the file may be asked for it now.
+bool Downloads::MayBeAsked(const Fetch& file) const {
+    const auto underWay = std::count_if(running_.begin(), running_.end(), [&](const auto& r) {
+        return r.second->Now() == Fetch::Phase::kTask && r.second->Host() == file.Host();
+    });
+    return hosts_.MayBeAsked(file.Host(), static_cast<std::size_t>(underWay));
+}
+
+// Whether the list is read on, past files that are held back.
+bool Downloads::LooksAhead() const {
+    return held_.size() < kMostHeld && begun_.size() < kMostBegun;
 }
 
 InputList::Taken Downloads::TakeRequest(Request& request) {
@@ -75,7 +113,7 @@ bool Downloads::MayRun() const {
         return r.second->Now() == Fetch::Phase::kTask;
     });
     return !stopping_ && running_.size() < kMostRunning &&
-           resolved_.size() + static_cast<std::size_t>(tasks) <
+           static_cast<std::size_t>(tasks) <
                std::min(static_cast<std::size_t>(options_.jobs), limit_.MostFiles());
 }
 
@@ -84,11 +122,12 @@ bool Downloads::HasRoom() const {
 }
 
 bool Downloads::MoreToBegin() const {
-    return next_ != nullptr || taken_ < options_.addresses.size() || !list_.Ended();
+    return next_ != nullptr || !held_.empty() || taken_ < options_.addresses.size() ||
+           !list_.Ended();
 }
 
 int Downloads::Awaits() const {
-    return next_ == nullptr && HasRoom() ? list_.Source() : -1;
+    return next_ == nullptr && HasRoom() && LooksAhead() ? list_.Source() : -1;
 }
 
 // Begins the file or reports why it cannot be begun; it is moved away then. False when the manager
@@ -129,7 +168,7 @@ std::optional<Outcome> Downloads::Begin(Fetch& file, bool& later) {
 std::string Downloads::Collision(const Fetch& file) const {
     std::vector<const Fetch*> others;
     for (const auto& [id, other] : running_) others.push_back(other.get());
-    for (const File& other : resolved_) others.push_back(other.get());
+    for (const File& other : begun_) others.push_back(other.get());
     return names_.Collision(file, others);
 }
 
@@ -162,6 +201,7 @@ void Downloads::Handle(const Event& event) {
         if (file.TakeBeginning()) display_.Begun(file.View());
         // A remark means that the manager ended the task: its worker reported nothing.
         if (event.remark.empty()) display_.State(file.View(), event.code, event.value);
+        NoteHost(file, event.answer);
     }
     if (!end && file.Now() != Fetch::Phase::kIdle) return;
     File ended = std::move(found->second);
@@ -169,112 +209,27 @@ void Downloads::Handle(const Event& event) {
     if (end) {
         Report(std::move(ended), std::move(*end));
     } else {
-        resolved_.push_back(std::move(ended));
+        begun_.push_back(std::move(ended));
     }
 }
 
-void Downloads::Report(File file, Outcome outcome) {
-    const bool there = IsThere(outcome.result);
-    const bool mine = there && outcome.result != EndResult::kSkipped;
-    const std::string kept = file->Release();
-    Count(*file, std::move(outcome));
-    if (!kept.empty()) display_.Note(kept);
-    if (mine) names_.NoteWritten(file->View().path);
-    if (print_paths_ && there) PrintPath(file->View().path);
-}
-
-void Downloads::PrintPath(const std::string& path) {
-    // Standard output may be the same terminal.
-    display_.Clear();
-    std::string fault;
-    if (!Print(path + "\n", fault) && !fault.empty()) display_.Fault(fault);
-}
-
-// Counts the file as ended and shows its end.
-void Downloads::Count(const Fetch& file, Outcome outcome) {
-    outcome.seconds = file.Seconds();
-    status_ = Combine(status_, outcome.status);
-    ++totals_.ended;
-    switch (outcome.result) {
-        case EndResult::kFinished:
-            ++totals_.finished;
-            totals_.finishedBytes += outcome.bytes;
-            break;
-        case EndResult::kSkipped:
-            ++totals_.skipped;
-            break;
-        case EndResult::kUnchanged:
-            ++totals_.unchanged;
-            break;
-        case EndResult::kStopped:
-            ++totals_.stopped;
-            [[fallthrough]];
-        default:
-            failed_.Add(file.Asked());
-            break;
-    }
-    display_.Ended(file.View(), outcome);
-}
-
-std::size_t Downloads::Stop() {
-    stopping_ = true;
-    for (File& file : std::exchange(resolved_, {})) {
-        Report(std::move(file), {EndResult::kStopped, EXIT_STATUS_STOPPED});
-    }
-    std::size_t asked = 0;
-    for (auto it = running_.begin(); it != running_.end();) {
-        Fetch& file = *it->second;
-        if (file.Now() == Fetch::Phase::kChecking) {
-            // The process ends by the signal, whatever the helper thread does then.
-            Count(file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
-            unchecked_.push_back(std::move(it->second));
-            it = running_.erase(it);
-            continue;
-        }
-        if (file.Now() == Fetch::Phase::kTask) StopTask(file.Id().c_str());
-        ++asked;  // also a file that is being stored: it is waited for
-        ++it;
-    }
-    return asked;
-}
-
-void Downloads::Abandon() {
-    stopping_ = true;
-    for (auto& [id, file] : running_) resolved_.push_back(std::move(file));
-    running_.clear();
-    for (const File& file : resolved_) {
-        const std::string kept = file->Abandon();
-        Count(*file, {EndResult::kStopped, EXIT_STATUS_STOPPED});
-        if (!kept.empty()) display_.Note(kept);
-    }
-    if (next_ != nullptr) next_->Abandon();
-}
-
-void Downloads::Finish(bool atOnce) {
-    list_.StopWaiting();
-    if (const File next = std::move(next_)) failed_.Add(next->Asked());
-    CopyRest(atOnce);
-    const std::string fault = failed_.Finish(!atOnce);
-    if (fault.empty()) return;
-    display_.Fault(fault);
-    status_ = Combine(status_, EXIT_STATUS_LOCAL);
-}
-
-// Adds what was not begun to the list of what did not finish.
-void Downloads::CopyRest(bool atOnce) {
-    const Clock::time_point begin = Clock::now();
-    while (failed_.IsOpen()) {
-        Request request;
-        const InputList::Taken taken = TakeRequest(request);
-        if (taken == InputList::Taken::kNothing) return;
-        if (taken == InputList::Taken::kRequest) failed_.Add(request, true);
-        atOnce = atOnce || signals::StopCount() > 1;
-        if (atOnce && Clock::now() - begin > kCopyTime) return failed_.Break();
-    }
+// Has the host of the file rest, when it is busy.
+void Downloads::NoteHost(Fetch& file, const tagTaskAnswer& answer) {
+    if (answer.nConnections > 0) hosts_.NoteServed(file.Host());
+    const std::optional<int> asked = file.TakeRest();
+    if (!asked) return;
+    // A host that serves others of this command has but reached its number of connections.
+    const auto served = [&file](const auto& r) {
+        return r.second->Now() == Fetch::Phase::kTask && r.second->Host() == file.Host() &&
+               r.second->View().answer.nConnections > 0;
+    };
+    if (std::any_of(running_.begin(), running_.end(), served)) file.ForgiveTry();
+    const double seconds = hosts_.Rest(file.Host(), *asked);
+    if (seconds > 0) display_.Resting(file.Host(), seconds);
 }
 
 bool Downloads::Done() const {
-    return running_.empty() && resolved_.empty() && (stopping_ || !MoreToBegin());
+    return running_.empty() && begun_.empty() && (stopping_ || !MoreToBegin());
 }
 
 std::vector<const FileView*> Downloads::Running() const {
@@ -282,7 +237,7 @@ std::vector<const FileView*> Downloads::Running() const {
     for (const auto& [id, file] : running_) {
         if (!file->View().id.empty()) views.push_back(&file->View());
     }
-    for (const File& file : resolved_) views.push_back(&file->View());
+    for (const File& file : begun_) views.push_back(&file->View());
     std::sort(views.begin(), views.end(),
               [](const FileView* a, const FileView* b) { return a->started < b->started; });
     return views;

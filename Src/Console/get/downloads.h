@@ -11,6 +11,7 @@
 #include "Console/base/events.h"
 #include "Console/get/fetch.h"
 #include "Console/get/get.h"
+#include "Console/get/hosts.h"
 #include "Console/get/inputlist.h"
 #include "Console/get/names.h"
 #include "Console/get/ratelimit.h"
@@ -18,7 +19,8 @@
 
 // Works on the main thread. The manager runs from the first StartNext until the last task has ended
 // or Abandon was called. A request is read when there is room for its file, and forgotten when the
-// file has ended, so a list may be of any length.
+// file has ended, so a list may be of any length. Files whose hosts may not be asked at present are
+// held back in their order, up to 1000 of them, while the list is read on.
 class Downloads : private Uncopyable {
   public:
     // The references outlive the object. `list` is read after the addresses of the options.
@@ -58,6 +60,11 @@ class Downloads : private Uncopyable {
   private:
     using File = std::unique_ptr<Fetch>;
 
+    File NextFile(bool& more);
+    File TakeFree(std::deque<File>& files) const;
+    bool MayBeAsked(const Fetch& file) const;
+    bool LooksAhead() const;
+    void NoteHost(Fetch& file, const tagTaskAnswer& answer);
     InputList::Taken TakeRequest(Request& request);
     bool MayRun() const;
     bool HasRoom() const;
@@ -79,8 +86,11 @@ class Downloads : private Uncopyable {
     std::size_t taken_ = 0;                  // addresses of the options
     File next_{};                            // read, not begun
     std::map<std::string, File> running_{};  // by their ids; a task or a helper thread runs
-    std::deque<File> resolved_{};            // pages whose file is to be downloaded next
-    std::vector<File> unchecked_{};          // reported at a stop, their checks still run
+    std::deque<File> begun_{};  // had a task, and wait for the next: their page has been resolved,
+                                // or their host was busy
+    std::deque<File> held_{};   // read, not begun: their hosts could not be asked
+    Hosts hosts_;
+    std::vector<File> unchecked_{};  // reported at a stop, their checks still run
     Names names_{};
     std::optional<Clock::time_point> refused_since_{};  // the manager takes no task
     RateLimit limit_;

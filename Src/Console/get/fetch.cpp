@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Console/get/filename.h"
+#include "Console/get/hosts.h"
 #include "Console/get/origin.h"
 #include "Console/get/standardoutput.h"
 #include "Console/page/pagetask.h"
@@ -46,6 +47,7 @@ void Fetch::ReadAddress() {
     if (fault_.empty())
         fault_ = AddressFault(view_.address, page_ ? PAGE_ADDRESS_MOST : TASK_ADDRESS_MOST);
     if (fault_.empty()) fault_ = options_.proxy.For(view_.address, proxy_);
+    host_ = fault_.empty() ? HostOf(view_.address) : "";
 }
 
 // `name` is what the address or the page makes of it; the user's own goes first.
@@ -168,6 +170,8 @@ tagTaskRequest Fetch::TaskRequest(std::int32_t rate) const {
         request.strIfModifiedSince = marks.lastModified;
     }
     request.bRemoteTime = options_.remoteTime;
+    request.nRetryAfter = options_.retryAfter;
+    request.bEndsWhenBusy = true;
     request.nAnswerSeconds = options_.timeout;
     request.nTries = options_.tries.count;
     request.nWaitSeconds = options_.tries.seconds;

@@ -70,9 +70,22 @@ class Fetch : private Uncopyable {
     void NoteState(const Event& event);
 
     // Notes the final code of the task. Returns the outcome when the file has ended with it.
-    // Otherwise a helper thread runs; or, in the phase kIdle, the page has been resolved and Begin
-    // starts the download. `stopping`: the command is being stopped.
-    std::optional<Outcome> NoteEnd(const Event& event, bool stopping);
+    // Otherwise a helper thread runs; or, in the phase kIdle, Begin starts the download: the page
+    // has been resolved, or the host is busy. `stopping`: the command is being stopped.
+    std::optional<Outcome> NoteEnd(Event event, bool stopping);
+
+    // The seconds that the busy host asks to wait before the next Begin, 0 when it does not say,
+    // if the task has ended for that since the last call.
+    std::optional<int> TakeRest() { return std::exchange(rest_, std::nullopt); }
+
+    // Does not count the task that has just ended for a busy host as a try.
+    void ForgiveTry() { --busy_tries_; }
+
+    // Of the present address, see hosts.h; empty when that cannot be used.
+    const std::string& Host() const { return host_; }
+
+    // Whether it has had a task.
+    bool HasBegun() const { return !view_.id.empty(); }
 
     // Whether the worker has told anew with how much of the file it begins, since the last call.
     bool TakeBeginning() { return std::exchange(beginning_, false); }
@@ -95,6 +108,8 @@ class Fetch : private Uncopyable {
     bool AddTaskFor(std::int32_t rate, std::string& reason, TaskRefusal& refusal);
     tagTaskRequest TaskRequest(std::int32_t rate) const;
     void NoteBeginning(const tagTaskAnswer& answer);
+    bool MayRest(const tagTaskAnswer& answer);
+    void Rest(const tagTaskAnswer& answer);
     void Store();
     std::optional<Outcome> TakePage(const Event& event);
     std::string GiveUpPart() const;
@@ -104,6 +119,7 @@ class Fetch : private Uncopyable {
     EventQueue& events_;
     bool page_;               // the address is that of a page
     std::string fault_{};     // why the address cannot be used; empty: it can
+    std::string host_{};      // of the address
     Proxy proxy_{};           // for the address
     tagTaskRequest carried_;  // what requests to it carry
     std::unique_ptr<Target> target_{};
@@ -113,6 +129,10 @@ class Fetch : private Uncopyable {
     double seconds_ = 0;
     std::optional<std::uint64_t> begun_with_{};  // bytes that were there
     bool beginning_ = false;
+    std::optional<int> rest_{};  // see TakeRest
+    int busy_tries_ = 0;         // that a busy host has ended, in a row and without progress
+    std::uint64_t most_had_ = 0;
+    tagTaskAnswer spent_{};  // sums of the tasks that a busy host has ended
     Phase phase_ = Phase::kIdle;
     HelperThread helper_{};  // the last member: it is joined before the others are destroyed
 };

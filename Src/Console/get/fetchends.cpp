@@ -18,6 +18,13 @@ double Clamped(double value, double most) {
     return value >= 0 ? std::min(value, most) : 0;
 }
 
+// Whether the server has nothing against the request, but no time for it.
+bool IsBusy(const Event& event) {
+    const int status = event.answer.nStatus;
+    return event.remark.empty() && event.code == DOWNLOAD_STATE_DOWNLOAD_FAIL &&
+           event.answer.Reason == TaskReason::kHttpStatus && (status == 429 || status == 503);
+}
+
 }  // namespace
 
 void Fetch::NoteState(const Event& event) {
@@ -53,7 +60,10 @@ double Fetch::Seconds() const {
     return std::chrono::duration<double>(Clock::now() - view_.started).count();
 }
 
-std::optional<Outcome> Fetch::NoteEnd(const Event& event, bool stopping) {
+std::optional<Outcome> Fetch::NoteEnd(Event event, bool stopping) {
+    event.answer.uReceived += spent_.uReceived;
+    event.answer.nRequests += spent_.nRequests;
+    event.answer.nTries += spent_.nTries;
     seconds_ = Seconds();
     phase_ = Phase::kIdle;
     if (event.size != 0) view_.size = event.size;
@@ -79,10 +89,32 @@ std::optional<Outcome> Fetch::NoteEnd(const Event& event, bool stopping) {
         return std::nullopt;
     }
     if (page_ && event.code == DOWNLOAD_STATE_PARSE_FINISH && !stopping) return TakePage(event);
+    if (IsBusy(event) && !page_ && !stopping && MayRest(event.answer)) {
+        Rest(event.answer);
+        return std::nullopt;
+    }
     Outcome outcome = page_ ? PageFailure(view_.address, event) : TaskFailure(event);
+    if (event.answer.nRetryAfter > options_.retryAfter) {
+        outcome.message += ", longer than --retry-after";
+    }
     if (stopping) outcome = {EndResult::kStopped, EXIT_STATUS_STOPPED};
     outcome.code = event.code;
     return outcome;
+}
+
+// Whether the host is worth another try. How much of the file a task leaves, the next one tells.
+bool Fetch::MayRest(const tagTaskAnswer& answer) {
+    if (answer.uHad > std::exchange(most_had_, std::max(most_had_, answer.uHad))) busy_tries_ = 0;
+    return ++busy_tries_ < options_.tries.count && answer.nRetryAfter <= options_.retryAfter;
+}
+
+// The file waits, with its part, until the host may be asked again.
+void Fetch::Rest(const tagTaskAnswer& answer) {
+    rest_ = answer.nRetryAfter;
+    spent_ = answer;
+    view_.answered = false;
+    view_.speed = {};
+    view_.started = Clock::now();
 }
 
 // All bytes have arrived: the helper thread checks them and renames the part.

@@ -30,9 +30,11 @@ struct GetOptions {
     bool newer = false;  // replace only what has changed since it was stored; existing is kReplace
     bool remoteTime = false;      // files get the times that they have at their servers
     std::uint64_t limitRate = 0;  // bytes per second of all files together; 0: no limit
+    std::int32_t perHost = 0;     // most files of one host at a time, 1 to 8; 0: any number
     Tries tries{};
-    std::int32_t timeout = 30;  // seconds for a server to answer; 0: for ever
-    std::string worker{};       // program of the workers; empty: the installed one
+    std::int32_t retryAfter = 120;  // longest pause in seconds that a server may ask for
+    std::int32_t timeout = 30;      // seconds for a server to answer; 0: for ever
+    std::string worker{};           // program of the workers; empty: the installed one
     ProxyRules proxy{};
     tagTaskRequest request{};  // what all requests carry: headers and the like
     FormatWish format{};       // when given, the addresses are those of pages

@@ -143,6 +143,13 @@ std::string StateLine(const FileView& file, std::int32_t code) {
     return words.empty() ? line : line + ": " + words;
 }
 
+std::string RestingLine(const std::string& host, double seconds) {
+    const std::string time = seconds < 1
+                                 ? text::Duration(seconds)
+                                 : std::to_string(static_cast<long>(std::ceil(seconds))) + " s";
+    return text::Printable(host) + " is busy: waiting " + time;
+}
+
 std::string TaskLine(const FileView& file) {
     const std::string line =
         file.name + ": task " + text::Printable(file.id) + ", " + text::Printable(file.address);

@@ -64,6 +64,9 @@ struct Totals {
     std::size_t Failed() const { return ended - finished - skipped - unchanged - stopped; }
 };
 
+// "files.example is busy: waiting 30 s"; printable.
+std::string RestingLine(const std::string& host, double seconds);
+
 // Calls come from one thread. A FileView stays at its address from Started to Ended.
 class Display : private Uncopyable {
   public:
@@ -81,6 +84,11 @@ class Display : private Uncopyable {
 
     // The file has ended. One that was refused or skipped may have had no Started.
     virtual void Ended(const FileView& file, const Outcome& outcome) = 0;
+
+    // A busy host is asked for nothing for some seconds.
+    virtual void Resting(const std::string& host, double seconds) {
+        Note(RestingLine(host, seconds));
+    }
 
     // Shows a line at once; it is printable.
     virtual void Note(const std::string& line) = 0;

@@ -44,6 +44,13 @@ void JsonDisplay::Ended(const FileView& file, const Outcome& outcome) {
     numbers_.erase(&file);
 }
 
+void JsonDisplay::Resting(const std::string& host, double seconds) {
+    Json event = NewEvent("rest");
+    SetText(event, "host", host);
+    event["seconds"] = Number(seconds);
+    Tell(event);
+}
+
 void JsonDisplay::Note(const std::string& line) {
     WriteAll(STDERR_FILENO, line + "\n");
 }

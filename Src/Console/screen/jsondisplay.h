@@ -17,6 +17,7 @@ class JsonDisplay : public Display {
     void Started(const FileView& file) override;
     void State(const FileView& file, std::int32_t code, double value) override;
     void Ended(const FileView& file, const Outcome& outcome) override;
+    void Resting(const std::string& host, double seconds) override;
     // A line for people, on standard error.
     void Note(const std::string& line) override;
     void Warn(const std::string& warning) override;

@@ -45,6 +45,10 @@ void PlainDisplay::Ended(const FileView& file, const Outcome& outcome) {
     Note(colour_ ? Coloured(line, outcome.result) : line);
 }
 
+void PlainDisplay::Resting(const std::string& host, double seconds) {
+    if (detail_ != Detail::kFailures) Display::Resting(host, seconds);
+}
+
 void PlainDisplay::Note(const std::string& line) {
     WriteAll(descriptor_, line + "\n");
 }

@@ -22,6 +22,7 @@ class PlainDisplay : public Display {
     void State(const FileView& file, std::int32_t code, double value) override;
     void Begun(const FileView& file) override;
     void Ended(const FileView& file, const Outcome& outcome) override;
+    void Resting(const std::string& host, double seconds) override;
     void Note(const std::string& line) override;
     void Finish(const Totals& totals, int status) override;
 

@@ -3,7 +3,9 @@
 // sums.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 
 namespace timing {
 
@@ -31,8 +33,14 @@ constexpr Milliseconds kKillPatience{2000};
 // Beyond all tries of an extended download, for whose limits its worker sees to: another process
 // that writes the file, a file that has changed.
 constexpr Milliseconds kOwnLimits{60000};
-constexpr Milliseconds kServersPause{30000};  // the longest that such a worker waits on its wish
-constexpr Milliseconds kPause{1000};          // a wait that ends so late: this process was stopped
+constexpr Milliseconds kPause{1000};  // a wait that ends so late: this process was stopped
+
+// ---- Between two tries.
+// Seconds after `failures` tries in a row that brought nothing; the caller has a limit.
+constexpr double PauseAfter(int failures) {
+    constexpr double kPauses[] = {0.3, 1, 3, 10, 30, 100, 300};
+    return kPauses[std::clamp(failures - 1, 0, static_cast<int>(std::size(kPauses)) - 1)];
+}
 
 // ---- Starts. Three that fail within this time close the manager for as long.
 constexpr Milliseconds kThrottle{10000};

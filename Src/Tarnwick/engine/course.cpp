@@ -252,6 +252,11 @@ void Course::GiveUp(const Fault& fault) {
     GiveUp(fault.reason, fault.message);
 }
 
+void Course::GiveUp(const Judgement& judged, const std::string& remark) {
+    result_.answer.nRetryAfter = judged.pause;
+    GiveUp(judged.reason, judged.message + remark);
+}
+
 void Course::GiveUp(TaskReason reason, const std::string& message) {
     over_ = true;
     result_.end = End::kFailed;

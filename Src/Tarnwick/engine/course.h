@@ -36,6 +36,7 @@ class Course : private Uncopyable {
     void Report();
     Result Conclude();
     void GiveUp(const Fault& fault);
+    void GiveUp(const Judgement& judged, const std::string& remark = "");
     void GiveUp(TaskReason reason, const std::string& message);
 
     // ---- coursework.cpp
@@ -65,6 +66,7 @@ class Course : private Uncopyable {
     void OnFailure(Connection& connection, const Judgement& judged);
     void FailRound(const Judgement& judged, bool gotBytes);
     bool MayServeOnce(const Judgement& judged) const;
+    bool IsWaitedFor(const Answer& answer, const Judgement& judged) const;
     bool IsStuck();
     void StartOver();
     std::time_t RemoteTime() const;

@@ -3,14 +3,13 @@
 
 #include "Tarnwick/engine/course.h"
 #include "Tarnwick/engine/curl.h"
+#include "TaskMan/timing.h"
 
 namespace engine {
 namespace {
 
 using namespace std::chrono_literals;
 
-// Pauses after the first, second, ... try in a row that brought nothing, in seconds.
-constexpr double kPauses[] = {0.3, 1, 3, 10, 30, 100, 300};
 constexpr Clock::duration kRest = 300ms;   // of one connection, while others go on
 constexpr Clock::duration kLongRest = 5s;  // the same when nothing has come on it
 // A file that changes more often is not followed.
@@ -203,7 +202,7 @@ void Course::OnFailure(Connection& connection, const Judgement& judged) {
     const bool others = BusyCount() > 0;
     switch (judged.verdict) {
         case Verdict::kStale:
-            if (++started_over_ > kMostChanges) return GiveUp(judged.reason, judged.message);
+            if (++started_over_ > kMostChanges) return GiveUp(judged);
             best_ = 0;
             result_.answer.strMessage = judged.message;
             return StartOver();
@@ -212,8 +211,12 @@ void Course::OnFailure(Connection& connection, const Judgement& judged) {
             result_.answer.strMessage = judged.message;
             return StartOver();
         case Verdict::kAgain:
+            if (!others && !IsWaitedFor(connection.Last(), judged)) {
+                ++result_.answer.nTries;
+                return GiveUp(judged);
+            }
             if (!others) return FailRound(judged, got > 0);
-            if (IsStuck()) return GiveUp(judged.reason, judged.message);
+            if (IsStuck()) return GiveUp(judged);
             connection.rest_until = Clock::now() + (got > 0 ? kRest : kLongRest);
             return;
         case Verdict::kRefused:
@@ -229,9 +232,15 @@ void Course::OnFailure(Connection& connection, const Judgement& judged) {
                 (atFinal || (result_.answer.nConnections > 1 && !std::exchange(forgiven_, true)))) {
                 return FailRound(judged, false);
             }
-            result_.answer.nRetryAfter = judged.pause;
-            GiveUp(judged.reason, judged.message + (MayServeOnce(judged) ? kServesOnce : ""));
+            GiveUp(judged, MayServeOnce(judged) ? kServesOnce : "");
     }
+}
+
+// Whether a failure that may pass is waited for here, rather than by whoever wants the file.
+bool Course::IsWaitedFor(const Answer& answer, const Judgement& judged) const {
+    const bool busy =
+        judged.reason == TaskReason::kHttpStatus && (answer.status == 429 || answer.status == 503);
+    return judged.pause <= task_.retryAfter && !(busy && task_.endsWhenBusy);
 }
 
 // Connections of which always one is under way while another one fails would keep a round alive for
@@ -252,8 +261,7 @@ void Course::FailRound(const Judgement& judged, bool gotBytes) {
         best_ = there;
         failures_ = 0;
     } else if (++failures_ >= task_.tries) {
-        result_.answer.nRetryAfter = judged.pause;
-        return GiveUp(judged.reason, judged.message);
+        return GiveUp(judged);
     }
     round_judged_ = false;
     use_final_ = gotBytes && !final_url_.empty();
@@ -261,13 +269,12 @@ void Course::FailRound(const Judgement& judged, bool gotBytes) {
 }
 
 Clock::duration Course::Pause(const Judgement& judged) {
-    const auto step = static_cast<std::size_t>(std::max(failures_ - 1, 0));
     // The random part is for many clients of a server that was away: they must not come back at
     // once.
-    double seconds = kPauses[std::min(step, std::size(kPauses) - 1)] *
-                     std::uniform_real_distribution(0.75, 1.25)(random_);
+    double seconds =
+        timing::PauseAfter(failures_) * std::uniform_real_distribution(0.75, 1.25)(random_);
     seconds = std::min(seconds, static_cast<double>(task_.waitSeconds));
-    seconds = std::max(seconds, static_cast<double>(std::min(judged.pause, kLongestRetryAfter)));
+    seconds = std::max(seconds, static_cast<double>(std::min(judged.pause, task_.retryAfter)));
     return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
 

@@ -80,7 +80,7 @@ Judgement JudgeStatus(const Answer& answer, const Asked& asked) {
     if (answer.status == 407) judged.reason = TaskReason::kProxy;
     if (asked.additional) {
         judged.verdict = Verdict::kRefused;
-    } else if (IsPassing(answer.status) && judged.pause <= kLongestRetryAfter) {
+    } else if (IsPassing(answer.status)) {
         judged.verdict = Verdict::kAgain;
     }
     return judged;

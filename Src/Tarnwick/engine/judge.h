@@ -12,9 +12,6 @@
 
 namespace engine {
 
-// The longest Retry-After that is waited for, in seconds.
-constexpr int kLongestRetryAfter = 30;
-
 // What a request has asked for.
 struct Asked {
     std::optional<Range> range{};  // of known or unknown end; nothing: the whole file

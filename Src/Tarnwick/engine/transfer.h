@@ -52,7 +52,9 @@ struct Task {
     // none. An answer that names them ends the transfer with the reason kUnchanged.
     std::string ifNoneMatch{};
     std::string ifModifiedSince{};
-    bool remoteTime = false;  // the complete file gets the time that Last-Modified tells
+    int retryAfter = 120;       // longest Retry-After in seconds that is waited for
+    bool endsWhenBusy = false;  // the status 429 or 503 ends the transfer, unless others go on
+    bool remoteTime = false;    // the complete file gets the time that Last-Modified tells
 };
 
 // Who wants to know how the transfer is going. Called on the transfer's thread.

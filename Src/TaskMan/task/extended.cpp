@@ -47,8 +47,7 @@ std::chrono::seconds AnswerLimit(const tagTaskRequest& request) {
     using std::chrono::seconds;
     if (request.nAnswerSeconds == 0 || request.nStallSeconds == 0) return seconds(0);
     // A pause is up to a quarter longer than it is asked for.
-    const timing::Milliseconds pause = std::max<timing::Milliseconds>(
-        seconds(request.nWaitSeconds * 5 / 4 + 1), timing::kServersPause);
+    const seconds pause(std::max(request.nWaitSeconds * 5 / 4 + 1, request.nRetryAfter));
     const timing::Milliseconds round =
         seconds(request.nAnswerSeconds + request.nStallSeconds) + pause;
     return std::chrono::ceil<seconds>((request.nTries + 1) * round + timing::kOwnLimits);
