@@ -200,7 +200,7 @@ std::string ParseDownloadUrl(void* curl, tagTaskContext* task) {
     return ResolvePage(curl, task, {});
 }
 
-std::string ResolvePage(void* curl, tagTaskContext* task, const std::vector<std::string>& own) {
+std::string ResolvePage(void* curl, tagTaskContext* task, const std::vector<std::string>& headers) {
     if (task->nCmd == TASK_CMD_PARSE) SendStateMSG(DOWNLOAD_STATE_PARSE_START);
     const std::string_view page = FieldView(task->szOrgUrl);
     const std::string videoId = page.starts_with(kSite) ? VideoIdOf(page) : std::string();
@@ -211,9 +211,9 @@ std::string ResolvePage(void* curl, tagTaskContext* task, const std::vector<std:
     SetDefaults(videoId);
     if (g_Exit) return {};
     std::string response;
-    engine::HeaderList headers;
-    MakeHeaders(own, headers);
-    SetUpFetch(curl, *task, headers.Get(), response);
+    engine::HeaderList lines;
+    MakeHeaders(headers, lines);
+    SetUpFetch(curl, *task, lines.Get(), response);
     if (g_Exit) return {};
     ClampTries(*task);
     std::string text;

@@ -169,8 +169,7 @@ std::string PageJson(const VideoPage& page, const VideoFormat* taken, bool insec
     return JsonLine(all);
 }
 
-int RunInfo(const InfoOptions& given) {
-    InfoOptions options = given;
+int RunInfo(InfoOptions options) {
     tagTaskRequest& request = options.request;
     std::string fault = TakeLogin(options.address, request.strUser, request.strPassword);
     if (fault.empty()) fault = RefusalOf(request);

@@ -21,7 +21,7 @@ struct InfoOptions {
 // Resolves the page that the options name, writes what they ask for to standard output, and returns
 // the exit status. After SIGINT, SIGTERM or SIGHUP it does not return: the task is stopped, then
 // the process ends by that signal.
-int RunInfo(const InfoOptions& options);
+int RunInfo(InfoOptions options);
 
 // ---- What it writes. `taken` is the chosen format of the page; null: none.
 
