@@ -120,6 +120,7 @@ void Begin(CommandRun& run, const std::string& arguments) {
     std::istringstream words(Filled(arguments));
     run.environment.push_back(Filled("http_proxy=user:p%40ss@^"));
     run.environment.push_back("no_proxy=127.0.0.1");
+    run.environment.push_back("HOME=/none");
     run.Start({std::istream_iterator<std::string>(words), {}});
 }
 
@@ -205,7 +206,12 @@ const std::vector<Row>& Rows() {
          "file login",
          "",
          {{"file", "machine 127.0.0.1 login joe password secret"}}},
-        {"--netrc=none $/login", "exit 2", "", "--netrc: cannot read "},
+        {"--netrc=file http://joe:secret@^/login",
+         "exit 0",
+         "file login",
+         "",
+         {{"file", "default login x"}}},
+        {"--netrc $/login", "exit 2", "", "--netrc: cannot read /none/.netrc: "},
         {"--netrc=. $/login", "exit 2", "", "/. is not a regular file"},
         {"--netrc=list -u joe $/login", "exit 2", "list", "--user excludes --netrc", List("#")},
         {"http://joe:secret@x@^/login http://joe:secret@h/\x1b", "exit 2", "", "written %40"},
