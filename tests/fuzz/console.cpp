@@ -10,6 +10,7 @@
 #include "Console/others/info.h"
 #include "Console/screen/bardisplay.h"
 #include "Console/screen/text.h"
+#include "common/address.h"
 #include "common/stringutility.h"
 #include "fuzz.h"
 
@@ -97,5 +98,11 @@ void Fuzz(Input input) {
     if (!given.empty()) CheckName(given);
     Expect(!given.ends_with(".part") && !given.ends_with(".info"), "it is no partial file");
     Expect(!AddressFault(text).empty() || text.size() <= TASK_ADDRESS_MOST, "an address fits");
+    for (std::string address : {text, "http://" + text}) {
+        std::string user, password;
+        TakeLogin(address, user, password);
+        Expect(AuthorityOf(address).login.empty(), "no login is left");
+        Expect(SameOrigin(address, "http://h/") == SameOrigin("http://u@h", address), "one origin");
+    }
     CheckPage(text);
 }
