@@ -96,7 +96,7 @@ void Fuzz(Input input) {
     CheckName(NumberedPath(NameFromAddress("http://host/" + text), 7));
     const std::string given = NameFromServer(text);
     if (!given.empty()) CheckName(given);
-    Expect(!given.ends_with(".part") && !given.ends_with(".info"), "it is no partial file");
+    Expect(!given.ends_with(".part") && !given.ends_with(".part.info"), "it is no partial file");
     Expect(!AddressFault(text).empty() || text.size() <= TASK_ADDRESS_MOST, "an address fits");
     for (std::string address : {text, "http://" + text}) {
         std::string user, password;
