@@ -31,6 +31,10 @@ void StartWriting(int descriptor) {
     sync_file_range(descriptor, 0, 0, SYNC_FILE_RANGE_WRITE);
 }
 
+int SyncFileSystem(int descriptor) {
+    return syncfs(descriptor) == 0 ? 0 : errno;
+}
+
 int SyncData(int descriptor) {
     return fdatasync(descriptor) == 0 ? 0 : errno;
 }

@@ -25,6 +25,10 @@ int ReserveRoom(int descriptor, off_t size) {
 
 void StartWriting(int /*descriptor*/) {}
 
+int SyncFileSystem(int /*descriptor*/) {
+    return ENOTSUP;
+}
+
 int SyncData(int descriptor) {
     return fcntl(descriptor, F_FULLFSYNC) == 0 ? 0 : errno;
 }

@@ -183,6 +183,10 @@ void StartWriting(int descriptor);
 // Brings the contents of the file to the disk, not its times. Returns 0 or an error number.
 int SyncData(int descriptor);
 
+// Brings all of the file system to the disk that the file is in. Returns 0 or an error number:
+// ENOTSUP where the system cannot, or cannot tell that it has failed.
+int SyncFileSystem(int descriptor);
+
 // ---- What the file system keeps beside the bytes of a file.
 
 constexpr std::size_t ATTRIBUTE_MOST = 2048;  // bytes of a value that is read

@@ -121,7 +121,8 @@ TEST(Fetch, BelievesNoNumber) {
     const WakePipe wake;
     EventQueue events(wake);
     const GetOptions options;
-    Fetch fetch({"http://host/file", "", "", ""}, options, events);
+    Helpers helpers;
+    Fetch fetch({"http://host/file", "", "", ""}, options, events, helpers);
     const auto note = [&](int code, double value) {
         fetch.NoteState({Event::Kind::kState, "", code, value});
         return fetch.View();

@@ -4,3 +4,7 @@
 extern "C" int fsync(int) {
     for (;;) pause();
 }
+
+extern "C" int syncfs(int file) {
+    return fsync(file);
+}

@@ -41,11 +41,14 @@ void WakePipe::Wait(std::chrono::milliseconds time, int descriptor) const {
 }
 
 void EventQueue::Add(Event event) {
+    bool first = false;
     {
         Threading::AutoLock hold(&mutex_);
+        first = events_.empty();
         events_.push_back(std::move(event));
     }
-    wake_.Wake();
+    // Who was woken for the first takes them all.
+    if (first) wake_.Wake();
 }
 
 std::vector<Event> EventQueue::Take() {

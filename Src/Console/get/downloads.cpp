@@ -64,7 +64,7 @@ Downloads::File Downloads::NextFile(bool& more) {
         const InputList::Taken taken = TakeRequest(request);
         more = taken == InputList::Taken::kMore;
         if (taken != InputList::Taken::kRequest) return nullptr;
-        auto file = std::make_unique<Fetch>(std::move(request), options_, events_);
+        auto file = std::make_unique<Fetch>(std::move(request), options_, events_, helpers_);
         if (MayBeAsked(*file)) return file;
         held_.push_back(std::move(file));
     }

@@ -83,6 +83,7 @@ class Downloads : private Uncopyable {
     FailedList& failed_;
     EventQueue& events_;
     Display& display_;
+    Helpers helpers_{};
     std::size_t taken_ = 0;                  // addresses of the options
     File next_{};                            // read, not begun
     std::map<std::string, File> running_{};  // by their ids; a task or a helper thread runs

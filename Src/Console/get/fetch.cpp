@@ -23,12 +23,13 @@ std::string BaseName(const std::string& path) {
 
 }  // namespace
 
-Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events)
+Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events, Helpers& helpers)
     : request_(std::move(request)),
       options_(options),
       events_(events),
       page_(options.format.Given() || options.resolveOnly),
-      carried_(options.request) {
+      carried_(options.request),
+      helper_(helpers) {
     view_.address = request_.address;
     ReadAddress();
     if (!request_.fault.empty()) fault_ = request_.fault;

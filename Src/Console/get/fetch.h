@@ -8,7 +8,7 @@
 
 #include "Console/base/events.h"
 #include "Console/get/get.h"
-#include "Console/get/helperthread.h"
+#include "Console/get/helpers.h"
 #include "Console/get/inputlist.h"
 #include "Console/get/target.h"
 #include "Console/screen/display.h"
@@ -18,7 +18,7 @@
 class Fetch : private Uncopyable {
   public:
     // The references outlive the object.
-    Fetch(Request request, const GetOptions& options, EventQueue& events);
+    Fetch(Request request, const GetOptions& options, EventQueue& events, Helpers& helpers);
 
     enum class Phase {
         kIdle,      // nothing runs
@@ -134,5 +134,5 @@ class Fetch : private Uncopyable {
     std::uint64_t most_had_ = 0;
     tagTaskAnswer spent_{};  // sums of the tasks that a busy host has ended
     Phase phase_ = Phase::kIdle;
-    HelperThread helper_{};  // the last member: it is joined before the others are destroyed
+    HelperThread helper_;  // the last member: it is joined before the others are destroyed
 };

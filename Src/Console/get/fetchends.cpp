@@ -125,9 +125,10 @@ void Fetch::Store() {
     Marks marks;
     if (options_.newer) marks = {view_.answer.strETag, view_.answer.strLastModified};
     const auto work = [target = target_.get(), size = view_.size, sha256 = request_.sha256,
-                       address = view_.address, marks] {
+                       address = view_.address, marks, &sync = helper_.Sync()] {
         NoteOrigin(target->Part(), address, marks);
-        Outcome outcome = target->Store(size, sha256);
+        Outcome outcome =
+            target->Store(size, sha256, [&sync](int file) { return sync.Sync(file); });
         outcome.code = DOWNLOAD_STATE_DOWNLOAD_FINISH;
         return outcome;
     };

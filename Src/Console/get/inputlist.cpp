@@ -180,5 +180,5 @@ std::string FailedList::Finish(bool sync) {
     Write();
     const std::unique_ptr<Target> target = std::move(target_);
     if (!written_) return "cannot write all of " + target->PartPath();
-    return target->Store(-1, "", sync).message;
+    return target->Store(-1, "", [sync](int file) { return sync ? SyncFile(file) : 0; }).message;
 }

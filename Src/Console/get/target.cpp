@@ -87,6 +87,10 @@ int RenameToNew(const char* from, const char* to) {
 
 }  // namespace
 
+int SyncFile(int descriptor) {
+    return fsync(descriptor) == 0 ? 0 : errno;
+}
+
 Target::Target(const std::string& path, Existing existing, PartRule rule, Naming naming)
     : base_(Followed(path)),
       path_(naming == Naming::kNow ? base_ : ""),
@@ -220,7 +224,7 @@ bool Target::StillNamed() const {
     return IsNamed(Part(), part_);
 }
 
-Outcome Target::Store(double size, const std::string& sha256, bool sync) {
+Outcome Target::Store(double size, const std::string& sha256, const std::function<int(int)>& sync) {
     struct stat status {};
     if (fstat(Part(), &status) != 0 || !StillNamed()) return Local(part_ + " was taken away");
     const auto bytes = static_cast<double>(status.st_size);
@@ -243,10 +247,11 @@ Outcome Target::Store(double size, const std::string& sha256, bool sync) {
     if (const int error = Replaces(old) ? TakeRights(Part(), old) : 0; error != 0) {
         return Local(Fault("cannot keep the permissions of", path_, error));
     }
-    if (sync && fsync(Part()) != 0) return Local(Fault("cannot write", part_, errno));
+    if (const int error = sync(Part())) return Local(Fault("cannot write", part_, error));
     std::string fault = Rename();
     if (!fault.empty()) return Local(std::move(fault));
     RemoveRecord();
+    stored_ = true;
     return {EndResult::kFinished, EXIT_STATUS_FINISHED, "", bytes};
 }
 
@@ -269,7 +274,7 @@ void Target::RemoveRecord() const {
 
 double Target::GiveUp() const {
     struct stat status {};
-    if (!IsOpen()) return -1;
+    if (!IsOpen() || stored_) return -1;
     if (!StillNamed()) {
         // Whoever took the part away has left what stood beside it.
         if (access(part_.c_str(), F_OK) != 0) RemoveRecord();

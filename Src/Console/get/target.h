@@ -5,11 +5,15 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <functional>
 #include <string>
 
 #include "Console/base/outcome.h"
 #include "common/file.h"
 #include "common/uncopyable.h"
+
+// Waits until the file is on the disk. Returns 0 or an error number.
+int SyncFile(int descriptor);
 
 // What becomes of an existing file with the final name.
 enum class Existing {
@@ -88,7 +92,8 @@ class Target : private Uncopyable {
     // `size` bytes (below 0: any) and the digest (empty: any), waits with `sync` until it is on the
     // disk, and renames it; or removes it first and writes it out. May take long; one thread, which
     // may be another one than that of the object, may call it once.
-    Outcome Store(double size, const std::string& sha256, bool sync = true);
+    Outcome Store(double size, const std::string& sha256,
+                  const std::function<int(int)>& sync = SyncFile);
 
     // Unlinks the part and its record if the name is still this object's, unless the rule has it
     // stay. Returns how much of the file a later run can continue with, 0 to 100 percent; -1 when
@@ -116,6 +121,7 @@ class Target : private Uncopyable {
     const PartRule rule_;
     Descriptor file_{};
     bool found_ = false;
-    bool hopeless_ = false;             // another number would be of no use
+    bool hopeless_ = false;  // another number would be of no use
+    std::atomic<bool> stored_{false};
     std::atomic<bool> spoiled_{false};  // the part is not the file that was announced
 };

@@ -1,0 +1,83 @@
+// What the files of one command do beside the main thread, where it may take long: storing a file,
+// comparing a digest. Any thread may call everything.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Console/base/events.h"
+#include "common/uncopyable.h"
+
+// Brings files to the disk. A few at a time each for themselves; when there are more, those that
+// come while others are at it share one step, which brings all of the file system there.
+class FileSync : private Uncopyable {
+  public:
+    // Returns when the file is on the disk: 0; or an error number.
+    int Sync(int descriptor);
+
+  private:
+    // Files of one file system that share a step.
+    struct Group {
+        unsigned long device = 0;
+        bool done = false;
+        bool failed = false;
+    };
+
+    std::mutex mutex_{};  // guards the others
+    std::condition_variable changed_{};
+    std::shared_ptr<Group> next_{};  // has not begun; null: there is none
+    bool syncing_ = false;           // a group is at it
+    int alone_ = 0;                  // files that are brought there for themselves
+};
+
+// Threads, as many as there is work at a time: one that has nothing to do waits for the next piece.
+class Helpers : private Uncopyable {
+  public:
+    // Waits for all work.
+    ~Helpers();
+
+    // Has a thread do the work, which throws nothing; the future has a value when that is done.
+    // Without a thread the work is done here.
+    std::future<void> Run(std::function<void()> work);
+
+    // For what the work has to bring to the disk.
+    FileSync sync{};
+
+  private:
+    void Work();
+
+    std::mutex mutex_{};  // guards the others
+    std::condition_variable changed_{};
+    std::deque<std::packaged_task<void()>> waiting_{};
+    std::vector<std::thread> threads_{};
+    std::size_t idle_ = 0;
+    bool over_ = false;
+};
+
+// One piece of work at a time, which ends with an event of the kind kEnd that carries the outcome.
+// It runs on copies; of shared objects it touches one Target, of which the main thread meanwhile
+// calls const functions only.
+class HelperThread : private Uncopyable {
+  public:
+    explicit HelperThread(Helpers& helpers) : helpers_(helpers) {}
+    ~HelperThread() { Join(); }
+
+    // Begins the work; the one before has been joined. `events` outlives it.
+    void Start(EventQueue& events, const std::string& id, std::function<Outcome()> work);
+
+    // Waits for the work, if there is any. What it shared may be changed again then.
+    void Join();
+
+    FileSync& Sync() { return helpers_.sync; }
+
+  private:
+    Helpers& helpers_;
+    std::future<void> done_{};
+};
