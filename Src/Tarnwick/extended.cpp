@@ -31,7 +31,14 @@ bool Wanted() {
 // has changed.
 class SlotReport : public engine::Watcher {
   public:
-    bool EndAsked() override { return !Wanted() || !OwnsSlot(); }
+    bool EndAsked() override {
+        // The system is asked less often than this is.
+        if (const Clock::time_point now = Clock::now(); now >= next_look_) {
+            next_look_ = now + std::chrono::milliseconds(20);
+            gone_ = ManagerGone();
+        }
+        return gone_ || StopRequested() || g_Exit || !OwnsSlot();
+    }
 
     std::uint64_t MostPerSecond() override {
         return static_cast<std::uint64_t>(std::max(LoadRate(*g_CurTaskContext_prt), 0)) * 1024;
@@ -81,6 +88,8 @@ class SlotReport : public engine::Watcher {
         ReportValue(&tagTaskContext::dSpeed, now, DOWNLOAD_STATE_SPEED);
     }
 
+    Clock::time_point next_look_{};
+    bool gone_ = false;       // the manager
     bool announced_ = false;  // the size; one that only the end has told counts for nothing
     bool begun_ = false;
     std::uint64_t there_ = 0;
@@ -142,17 +151,19 @@ bool RunPage(tagTaskContext& task, const tagTaskRequest& request) {
     return true;
 }
 
-// Returns whether a worker can be relied on that has ended so: with a file, or because somebody
-// asked it to, and told.
-bool Report(const engine::Result& result, const tagTaskContext& task) {
+// Returns whether the process `stays` still when a task has ended so: a worker can be relied on
+// that has ended with a file, or because somebody asked it to, and told.
+bool Report(const engine::Result& result, const tagTaskContext& task, bool stays) {
     tagDownloadStateCode code = FailureCode(task);
     if (result.end == engine::End::kFinished) code = DOWNLOAD_STATE_DOWNLOAD_FINISH;
     if (result.end == engine::End::kStopped) code = DOWNLOAD_STATE_STOPPED;
     // Whoever took the slot, or the manager's end, does not want to know.
     if ((result.end == engine::End::kStopped && !StopRequested()) || !OwnsSlot()) return false;
     ReportAnswer(EncodeAnswer(result.answer), code);
-    AnnounceEnd();
-    return result.end != engine::End::kFailed;
+    // One that stays tells that it is idle.
+    stays = stays && result.end != engine::End::kFailed;
+    if (!stays) AnnounceEnd();
+    return stays;
 }
 
 }  // namespace
@@ -209,7 +220,8 @@ void RunExtended(ExtendedJob& job) {
         if (g_Pool == nullptr) g_Pool = std::make_unique<engine::Pool>();
         result = engine::Fetch(TaskOf(*job.task, job.request), *job.file, report, *g_Pool);
     }
-    if (Report(result, *job.task)) g_StaySeconds = job.request.nStaySeconds;
+    const std::int32_t stay = job.request.nStaySeconds;
+    if (Report(result, *job.task, stay > 0)) g_StaySeconds = stay;
     g_Exit = true;
 }
 

@@ -4,6 +4,7 @@
 
 #include "Tarnwick/channel.h"
 #include "Tarnwick/jobstate.h"
+#include "common/fieldtext.h"
 #include "common/platform.h"
 
 namespace {
@@ -14,7 +15,9 @@ constexpr std::size_t kMostMemory = 8 * 1024 * 1024;
 void ForgetTask() {
     static_cast<tagTaskInfo&>(g_TaskInfo) = tagTaskInfo("");
     g_TaskConData = tagTaskContext();
-    for (tagTaskContext& slot : g_TaskContext) slot = tagTaskContext();
+    for (tagTaskContext& slot : g_TaskContext) {
+        if (!FieldEmpty(slot.szTaskID)) slot = tagTaskContext();
+    }
     g_HandedOver.clear();
     g_CurTaskContext_prt = nullptr;
     g_exit_download = g_Exit = false;

@@ -35,8 +35,8 @@ void EndJob() {
     pthread_mutex_lock(&g_end_mutex);
     g_exit_download = true;
     g_Exit = true;
-    pthread_cond_signal(&g_end);
     pthread_mutex_unlock(&g_end_mutex);
+    pthread_cond_signal(&g_end);
 }
 
 // Waits for the job's end. Looks at the flag once a second as well: another thread may set it
@@ -49,7 +49,7 @@ void WaitForJob() {
     pthread_mutex_lock(&g_end_mutex);
     while (!g_exit_download) {
         platform::WaitCondition(&g_end, &g_end_mutex, kLookMilliseconds);
-        if (!IsExtended(g_TaskConData) || !ManagerGone()) continue;
+        if (g_exit_download || !IsExtended(g_TaskConData) || !ManagerGone()) continue;
         g_Exit = true;
         if (++looks == kMostLooks) _exit(0);
     }
@@ -71,12 +71,13 @@ bool AttachSection() {
     return made != -1;
 }
 
-// Copies the common area and all slots, without a lock.
+// Copies the common area and all slots, without a lock; for a task that was handed over its slot.
 void ReadSection() {
     g_TaskCommData = g_VideoInfoSection.pCommDataPrt;
     g_DownloadConfigPath.assign(g_TaskCommData, strnlen(g_TaskCommData, TASK_COMMDATA_SIZE));
     RequireInParseTask(g_VideoInfoSection.hPrt != nullptr, "NULL != g_VideoInfoSection.hPrt", 1066);
     for (int i = 0; i < TASK_SLOT_COUNT; ++i) {
+        if (!g_HandedOver.empty() && i != g_TaskIndex) continue;
         CopySlot(&g_TaskContext[i], SlotAt(g_VideoInfoSection, i));
     }
 }
@@ -142,19 +143,38 @@ bool StartJobThread(void* (*run)(void*), void* data) {
     return error == 0;
 }
 
-// Thread function of an extended task; takes over `data`, an ExtendedJob.
-void* RunExtendedJob(void* data) {
-    const std::unique_ptr<ExtendedJob> job(static_cast<ExtendedJob*>(data));
-    RunExtended(*job);
-    EndJob();
-    return nullptr;
+// The job thread's next job; guarded by g_end_mutex. A worker that stays has one thread for all.
+ExtendedJob* g_job = nullptr;
+pthread_cond_t g_begin = PTHREAD_COND_INITIALIZER;
+
+std::unique_ptr<ExtendedJob> AwaitJob() {
+    pthread_mutex_lock(&g_end_mutex);
+    while (g_job == nullptr) pthread_cond_wait(&g_begin, &g_end_mutex);
+    std::unique_ptr<ExtendedJob> job(std::exchange(g_job, nullptr));
+    pthread_mutex_unlock(&g_end_mutex);
+    return job;
+}
+
+// Thread function for extended tasks.
+void* RunExtendedJobs(void* /*argument*/) {
+    for (;;) {
+        RunExtended(*AwaitJob());
+        EndJob();
+    }
 }
 
 void StartExtendedJob() {
+    static bool runs = false;
     auto job = std::make_unique<ExtendedJob>(PrepareJob(&g_TaskConData));
-    ExtendedJob* const data = job.release();
+    pthread_mutex_lock(&g_end_mutex);
+    g_job = job.release();
+    pthread_mutex_unlock(&g_end_mutex);
+    pthread_cond_signal(&g_begin);
+    if (!runs) runs = StartJobThread(RunExtendedJobs, nullptr);
+    if (runs) return;
     // The main thread has nothing to do but to wait for the job.
-    if (!StartJobThread(RunExtendedJob, data)) RunExtendedJob(data);
+    RunExtended(*AwaitJob());
+    EndJob();
 }
 
 void RunJob(CURL* curl, tagTaskContext* task) {

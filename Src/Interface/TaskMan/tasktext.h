@@ -22,7 +22,7 @@ constexpr std::size_t TASK_REQUEST_MOST = 64 * 1024;  // bytes, with the empty l
 constexpr std::size_t TASK_ANSWER_MOST = 20000;       // bytes, as wide as szVideoInfo
 constexpr std::size_t TASK_ADDRESS_MOST = 16 * 1024;  // bytes of an address
 
-// What the worker sends over its channel once its final code is in the slot.
+// What the worker sends over its channel once its final code is in the slot, if it is to exit.
 constexpr const char* TASK_CHANNEL_END = "end\r\n";
 
 // What a worker sends that stays once it has forgotten its task, and the beginning of what it gets

@@ -13,8 +13,9 @@ using Milliseconds = std::chrono::milliseconds;
 
 // ---- The scanner.
 constexpr Milliseconds kPassPause{1000};  // at most, between two passes
-constexpr Milliseconds kPassFloor{2};     // at least: workers that end one by one cause no more
-constexpr int kShutdownPasses = 3;        // with g_Exit set, each with its full pause
+constexpr std::chrono::microseconds kPassFloor{
+    500};                           // at least: workers that end one by one cause no more
+constexpr int kShutdownPasses = 3;  // with g_Exit set, each with its full pause
 
 // ---- The supervisor.
 // No worker wakes the manager when it claims, answers, or hangs with the lock: slots are looked at.

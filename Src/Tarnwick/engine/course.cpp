@@ -22,20 +22,19 @@ constexpr auto kLongestPoll = 100ms;
 constexpr long kConnectSeconds = 10;
 
 // libcurl turns the characters of a host's name into those of the net by way of the thread's
-// locale: in the locale "C" it refuses all beyond ASCII.
+// locale: in the locale "C" it refuses all beyond ASCII. To read another one is worth doing once.
 class Utf8Names : private Uncopyable {
   public:
-    Utf8Names() : locale_(newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr))) {
-        if (locale_ != nullptr) before_ = uselocale(locale_);
+    Utf8Names() {
+        static const locale_t locale =
+            newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+        if (locale != nullptr) before_ = uselocale(locale);
     }
     ~Utf8Names() {
-        if (locale_ == nullptr) return;
-        uselocale(before_);
-        freelocale(locale_);
+        if (before_ != nullptr) uselocale(before_);
     }
 
   private:
-    locale_t locale_;
     locale_t before_{};
 };
 

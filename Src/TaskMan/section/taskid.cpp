@@ -36,7 +36,7 @@ bool IdsCollide(const std::string& one, const std::string& other) {
 }
 
 std::string MakeTaskID() {
-    std::random_device random;
+    thread_local std::random_device random;
     char text[32];
     std::snprintf(text, sizeof text, "%06x%08x%08x%08x", static_cast<unsigned>(getpid()) & 0xFFFFFF,
                   static_cast<unsigned>(std::time(nullptr)), random(), random());

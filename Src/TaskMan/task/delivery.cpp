@@ -4,6 +4,7 @@
 #include <string>
 
 #include "TaskMan/task/extended.h"
+#include "TaskMan/task/idleworkers.h"
 #include "TaskMan/task/supervisor.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
@@ -24,12 +25,17 @@ void NoteReport(Watch& watch, std::int32_t nCode) {
 }
 
 void NoteDelivery(Watch& watch) {
+    bool freed = false;
     {
         Threading::AutoLock hold(&g_watch_mutex);
-        watch.stage.Advance(Stage::kDelivered, Clock::now());
+        const Clock::time_point now = Clock::now();
+        watch.stage.Advance(Stage::kDelivered, now);
+        // A slot whose worker is idle is free without the supervisor.
+        freed = KeepIfIdle(watch, now);
+        if (freed) g_slot_freed = false;
     }
     g_end_event.Set();
-    WakeSupervisor();
+    freed ? TellOfFreeSlot() : WakeSupervisor();
 }
 
 }  // namespace

@@ -82,15 +82,15 @@ void DropWorker(Watch& watch) {
     watch.bHandedOver = false;
 }
 
-void KeepIfIdle(Watch& watch, Clock::time_point now) {
+bool KeepIfIdle(Watch& watch, Clock::time_point now) {
     if (watch.stage.state != Stage::kDelivered || watch.worker.state != Worker::kAlive ||
         !watch.channel.SaysIdle()) {
-        return;
+        return false;
     }
     if (watch.stay.count() == 0 || !EndedWell(watch.nFinalCode) ||
         g_phase != ManagerPhase::kRunning) {
-        // It exits at the end of file.
-        return watch.channel.Close();
+        watch.channel.Close();  // it exits at the end of file
+        return false;
     }
     const int slot = watch.nTaskIndex;
     IdleWorker& idle = g_IdleWorkers[slot];
@@ -102,10 +102,12 @@ void KeepIfIdle(Watch& watch, Clock::time_point now) {
     const pid_t pid = g_WorkerPid[slot];
     FreeWatch(watch);
     g_WorkerPid[slot] = pid;
+    return true;
 }
 
 Clock::time_point SuperviseIdleWorkers(Clock::time_point now,
-                                       std::vector<platform::ProcessWatch>& processes) {
+                                       std::vector<platform::ProcessWatch>& processes,
+                                       std::vector<int>& channels) {
     Clock::time_point due = Clock::time_point::max();
     for (int i = 0; i < TASK_SLOT_COUNT; ++i) {
         IdleWorker& idle = g_IdleWorkers[i];
@@ -116,12 +118,14 @@ Clock::time_point SuperviseIdleWorkers(Clock::time_point now,
             idle = {};
             continue;
         }
-        if (now >= idle.until) {
+        // It has nothing to say.
+        if (now >= idle.until || idle.channel.Heard()) {
             DropIdleWorker(i);
             continue;
         }
-        due = std::min(due, idle.until);
+        due = std::min(due, now + timing::kLook);
         processes.push_back(idle.process);
+        channels.push_back(idle.channel.Awaited());
     }
     const std::size_t before = g_dropped.size();
     std::erase_if(g_dropped, [](const platform::ProcessWatch& process) {

@@ -36,14 +36,15 @@ void DropIdleWorker(int nTaskIndex) TS_REQUIRES(g_watch_mutex);
 void DropWorker(Watch& watch) TS_REQUIRES(g_watch_mutex);
 
 // What follows when a worker whose task was delivered says that it is idle: the slot is free, and
-// the worker kept or told to exit. Does nothing for any other.
-void KeepIfIdle(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex);
+// the worker kept or told to exit. Does nothing for any other. Returns whether the slot is free.
+bool KeepIfIdle(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex);
 
 // Looks after the idle workers and those that were dropped: reaps the dead, kills what has not
-// ended in time. Adds those that live to `processes`; returns when to look again at the latest.
+// ended in time or says something. Adds what is to be waited for; returns when to look again at the
+// latest. One that gets a task before that is waited for already.
 Clock::time_point SuperviseIdleWorkers(Clock::time_point now,
-                                       std::vector<platform::ProcessWatch>& processes)
-    TS_REQUIRES(g_watch_mutex);
+                                       std::vector<platform::ProcessWatch>& processes,
+                                       std::vector<int>& channels) TS_REQUIRES(g_watch_mutex);
 
 // Kills all of them. SuperviseIdleWorkers reaps them.
 void DropIdleWorkers() TS_REQUIRES(g_watch_mutex);

@@ -86,7 +86,8 @@ void EndWorkers() {
         }
         {
             Threading::AutoLock hold(&g_watch_mutex);
-            SuperviseIdleWorkers(Clock::now(), left);
+            std::vector<int> channels;
+            SuperviseIdleWorkers(Clock::now(), left, channels);
         }
         const auto wait = std::chrono::ceil<timing::Milliseconds>(deadline - Clock::now());
         if (left.empty() || wait.count() <= 0) return;

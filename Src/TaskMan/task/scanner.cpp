@@ -161,10 +161,11 @@ class Scanner {
         }
     }
 
-    // Copies the slot and clears its bits. Returns false when the slot carries another id: it is
-    // left as it is then, and the next pass looks again.
+    // Copies the slot and clears its bits. Returns false when there are none, or the slot carries
+    // another id: it is left as it is then, and the next pass looks again.
     bool TakeReports(const Visit& visit, tagTaskContext& live) {
         Threading::AutoLock hold(visit.node->mutexLock);
+        if (live.nStateBits == 0 && live.bStateChanged == 0) return false;
         CopySlot(&snapshot_, &live);
         if (strutil::trim(FieldText(snapshot_.szTaskID)) != visit.id) return false;
         live.bStateChanged = 0;

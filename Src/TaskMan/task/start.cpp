@@ -113,7 +113,6 @@ bool HandOver(Watch& watch) {
         FollowWorker(watch);
     }
     g_end_event.Set();
-    WakeSupervisor();
     return true;
 }
 

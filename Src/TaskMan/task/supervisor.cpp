@@ -246,7 +246,7 @@ Round LookAtAll() {
         if (watch.worker.state != Worker::kGone) round.processes.push_back(watch.process);
         if (watch.channel.Awaited() != -1) round.channels.push_back(watch.channel.Awaited());
     }
-    round.due = std::min(round.due, SuperviseIdleWorkers(now, round.processes));
+    round.due = std::min(round.due, SuperviseIdleWorkers(now, round.processes, round.channels));
     if (g_refuse_until != Clock::time_point{}) {
         if (now >= g_refuse_until) {
             g_refuse_until = {};
@@ -257,11 +257,6 @@ Round LookAtAll() {
     }
     round.bSlotFreed = std::exchange(g_slot_freed, false);
     return round;
-}
-
-void TellOfFreeSlot() {
-    const std::lock_guard hold(g_slot_callback_mutex);
-    if (g_slot_callback != nullptr) g_slot_callback(g_slot_callback_param);
 }
 
 int MillisecondsUntil(Clock::time_point due) {
@@ -306,6 +301,11 @@ void WakeSupervisor() {
     if (const platform::Waker* waker = g_waker) waker->Wake();
 }
 
+void TellOfFreeSlot() {
+    const std::lock_guard hold(g_slot_callback_mutex);
+    if (g_slot_callback != nullptr) g_slot_callback(g_slot_callback_param);
+}
+
 void AskToStop(Watch& watch) {
     if (watch.stop.Advance(Stop::kAsked, Clock::now())) WakeSupervisor();
 }
@@ -323,8 +323,7 @@ Clock::time_point Supervise(Watch& watch, Clock::time_point now) {
         FreeWatch(watch);
         return kNever;
     }
-    KeepIfIdle(watch, now);
-    if (watch.stage.state == Stage::kFree) return kNever;
+    if (KeepIfIdle(watch, now)) return kNever;
     InspectIfFree(watch, now);
     if (watch.worker.state == Worker::kAlive) {
         const Limit limit = LimitOf(watch);

@@ -25,6 +25,9 @@ extern std::atomic<bool> g_supervisor_runs;
 // Has the supervisor look at all tasks now. Any thread may call, with any lock held.
 void WakeSupervisor();
 
+// Calls the function of SetSlotFreedCallback. No lock is held.
+void TellOfFreeSlot();
+
 // Notes that the task is to stop. The supervisor stores the stop word.
 void AskToStop(Watch& watch) TS_REQUIRES(g_watch_mutex);
 
