@@ -201,7 +201,7 @@ void Downloads::Handle(const Event& event) {
         if (file.TakeBeginning()) display_.Begun(file.View());
         // A remark means that the manager ended the task: its worker reported nothing.
         if (event.remark.empty()) display_.State(file.View(), event.code, event.value);
-        NoteHost(file, event.answer);
+        NoteHost(file, event);
     }
     if (!end && file.Now() != Fetch::Phase::kIdle) return;
     File ended = std::move(found->second);
@@ -214,8 +214,9 @@ void Downloads::Handle(const Event& event) {
 }
 
 // Has the host of the file rest, when it is busy.
-void Downloads::NoteHost(Fetch& file, const tagTaskAnswer& answer) {
-    if (answer.nConnections > 0) hosts_.NoteServed(file.Host());
+void Downloads::NoteHost(Fetch& file, const Event& event) {
+    if (event.answer.nConnections > 0) hosts_.NoteServed(file.Host());
+    if (event.code == DOWNLOAD_STATE_DOWNLOAD_FINISH) ForgiveOthers(file.Host());
     const std::optional<int> asked = file.TakeRest();
     if (!asked) return;
     // A host that serves others of this command has but reached its number of connections.
@@ -226,6 +227,16 @@ void Downloads::NoteHost(Fetch& file, const tagTaskAnswer& answer) {
     if (std::any_of(running_.begin(), running_.end(), served)) file.ForgiveTry();
     const double seconds = hosts_.Rest(file.Host(), *asked);
     if (seconds > 0) display_.Resting(file.Host(), seconds);
+}
+
+// The host has served a whole file: those that it refuses meanwhile are served in their turn.
+void Downloads::ForgiveOthers(const std::string& host) {
+    for (const File& other : begun_) {
+        if (other->Host() == host) other->ForgiveTries();
+    }
+    for (const auto& [id, other] : running_) {
+        if (other->Host() == host) other->ForgiveTries();
+    }
 }
 
 bool Downloads::Done() const {

@@ -64,7 +64,8 @@ class Downloads : private Uncopyable {
     File TakeFree(std::deque<File>& files) const;
     bool MayBeAsked(const Fetch& file) const;
     bool LooksAhead() const;
-    void NoteHost(Fetch& file, const tagTaskAnswer& answer);
+    void NoteHost(Fetch& file, const Event& event);
+    void ForgiveOthers(const std::string& host);
     InputList::Taken TakeRequest(Request& request);
     bool MayRun() const;
     bool HasRoom() const;

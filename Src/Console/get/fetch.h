@@ -81,6 +81,9 @@ class Fetch : private Uncopyable {
     // Does not count the task that has just ended for a busy host as a try.
     void ForgiveTry() { --busy_tries_; }
 
+    // Counts none of the tries that a busy host has ended so far.
+    void ForgiveTries() { busy_tries_ = 0; }
+
     // Of the present address, see hosts.h; empty when that cannot be used.
     const std::string& Host() const { return host_; }
 
