@@ -30,7 +30,7 @@ class Case:
             "page": "http://www.youtube.com/watch?v=", "state": site.state,
             "ca": f"--cacert {site.state}/ca.pem",
             "login": shlex.join(("-u", f"{USER}:{PASSWORD}")),
-            "secrets": "-H 'Authorization: Bearer abc' -H 'Cookie: a=b'"}
+            "secrets": "-H 'Authorization: Bearer s3sAm3' -H 'Cookie: a=b'"}
 
     def ensure(self, holds, *what):
         if not holds:
