@@ -223,7 +223,8 @@ const std::vector<Row>& Rows() {
         {"--insecure $/good", "exit 0", "good", "taskman: warning: certificates of servers"},
         {"info --insecure --json http://h/", "exit 4", "", "\"insecure\":true,\"exit\":4}"},
         {"--cert=none $/good", "exit 2", "", "--cert: cannot read "},
-        {"--key=list $/good", "exit 2", "list", "a key and no certificate", List("#")},
+        {"--key=list -u joe $/good", "exit 2", "list", "taskman: there is a key and no cert",
+         List("#")},
         // In several orders: the smallest status wins.
         {"x $/404 $/good", "exit 1", "good", "1 of 3 files finished, 2 failed"},
         {"$/good2 $/good x", "exit 2", "good good2", "", old},

@@ -35,9 +35,12 @@ std::string SetUser(const std::string& text, tagTaskRequest& request) {
         if (std::string fault = ReadFirstLine(text.substr(1), login); !fault.empty()) return fault;
     }
     const std::size_t colon = login.find(':');
-    request.strUser = login.substr(0, colon);
-    request.strPassword = colon == std::string::npos ? "" : login.substr(colon + 1);
-    return request.strUser.empty() ? "the user is empty" : RefusalOf(request);
+    tagTaskRequest alone;  // what other options give may not be complete yet
+    alone.strUser = login.substr(0, colon);
+    alone.strPassword = colon == std::string::npos ? "" : login.substr(colon + 1);
+    request.strUser = alone.strUser;
+    request.strPassword = alone.strPassword;
+    return alone.strUser.empty() ? "the user is empty" : RefusalOf(alone);
 }
 
 // A file that the workers are to read, which may run elsewhere.
