@@ -101,10 +101,7 @@ Authority AuthorityOf(std::string_view address) {
     if (scheme != address.npos && scheme < path) address.remove_prefix(scheme + 3);
     address = address.substr(0, address.find_first_of("/?#"));
     Authority authority;
-    if (const std::size_t at = address.find('@'); at != address.npos) {
-        authority.login = address.substr(0, at);
-        address.remove_prefix(at + 1);
-    }
+    if (const std::size_t at = address.find('@'); at != address.npos) address.remove_prefix(at + 1);
     const std::size_t bracket = address.starts_with('[') ? address.find(']') : address.npos;
     const std::size_t colon = address.find(':', bracket == address.npos ? 0 : bracket);
     const std::string_view host = address.substr(0, colon);

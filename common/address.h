@@ -8,9 +8,8 @@
 
 // Whom an address asks: the part between "http://" and the path.
 struct Authority {
-    std::string login{};  // "user:password" as it stands there, percent-encoded; empty: none
-    std::string host{};   // ASCII letters in lower case; a name is decoded, "[IPv6]" as it stands
-    std::string port{};   // as it stands there; empty: the usual one of the scheme
+    std::string host{};  // ASCII letters in lower case; a name is decoded, "[IPv6]" as it stands
+    std::string port{};  // as it stands there; empty: the usual one of the scheme
 };
 
 // Reads any text; what has no "://" begins with the authority. As for libcurl, the login ends at

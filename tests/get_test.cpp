@@ -578,13 +578,14 @@ TEST(Get, AListWithAPasswordIsForItsOwner) {
     const std::string path = directory.Path("list");
     const mode_t mask = umask(022);
     const std::pair<const char*, mode_t> rows[] = {
-        {"http://u:p@h/", 0600}, {"ftp://u:p@h", 0600},   {"u:p@h", 0600},
-        {"http://u@h", 0644},    {"http://u:@h/x", 0644}, {"http://h/u:p@h", 0644}};
+        {"http://u:p@h/", 0600}, {"ftp://u:p@h", 0600},     {"u:p@h", 0600},
+        {"http://u@h", 0644},    {"http://u:@h/x", 0644},   {"http://h/u:p@h", 0644},
+        {"http:///u:p@h", 0600}, {"n\thttp://u:p@h/", 0600}};
     for (const auto& [address, mode] : rows) {
         FailedList list;
         ASSERT_EQ(list.Open(path), "");
         list.Add({"http://first"});
-        list.Add({address});
+        list.Add(ReadListLine(address));
         EXPECT_EQ(std::filesystem::status(path + ".part").permissions(),
                   std::filesystem::perms(mode))
             << address;

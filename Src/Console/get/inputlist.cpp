@@ -14,6 +14,7 @@
 #include "Console/screen/display.h"
 #include "Console/screen/text.h"
 #include "common/address.h"
+#include "common/stringutility.h"
 #include "common/sysutility.h"
 
 namespace {
@@ -56,11 +57,13 @@ std::string ListLine(const Request& request) {
     return expressed ? line : "";
 }
 
-// Whether the login of the address, if it has one, is more than a user.
-bool HoldsPassword(const std::string& address) {
-    const std::string login = AuthorityOf(address).login;
-    const std::size_t colon = login.find(':');
-    return colon != login.npos && colon + 1 < login.size();
+// Whether a column of the line has a login, also a malformed one, that is more than a user.
+bool HoldsPassword(const std::string& line) {
+    std::string user, password;
+    for (std::string& column : strutil::split(line, "\t")) {
+        if (!TakeLogin(column, user, password).empty() || !password.empty()) return true;
+    }
+    return false;
 }
 
 }  // namespace
@@ -166,7 +169,7 @@ std::string FailedList::Open(const std::string& path) {
 void FailedList::Add(const Request& request, bool more) {
     if (!IsOpen() || request.address.empty()) return;
     const std::string line = ListLine(request);
-    if (HoldsPassword(request.address)) target_->MakePrivate();
+    if (HoldsPassword(line)) target_->MakePrivate();
     if (!line.empty()) lines_ += line + "\n";
     if (!more || lines_.size() > kBlock) Write();
 }

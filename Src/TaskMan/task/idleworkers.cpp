@@ -36,8 +36,7 @@ Traits TraitsOf(const tagTaskInfo& taskinfo, const tagTaskRequest& request,
     std::string reach;
     const auto add = [&](std::string_view text) { reach.append(text).push_back('\0'); };
     const std::string own[] = {request.strCaFile, request.strCertFile, request.strKeyFile,
-                               request.strNetrc,  request.strUser,     request.strPassword,
-                               authority.login};
+                               request.strNetrc,  request.strUser,     request.strPassword};
     add(request.bInsecure ? "insecure" : "");
     for (const std::string& text : own) add(text);
     for (const std::string& header : request.Headers) add(header);
