@@ -1,9 +1,10 @@
 /* The protocol between worker, scanner and supervisor, for `spin`; ./run checks it.
  *
  * One slot that two tasks use one after the other. Both carry the same id, the worst case: no check
- * of the id tells them apart, and their locks have one name. A worker may die or hang before each
- * of its steps, also with the lock. Every d_step is one step of the code, which others see done or
- * not done; under a lock there are several, so that a write without the lock is seen.
+ * of the id tells them apart, and their locks have one name. The second task gets a worker of its
+ * own, or that of the first, if it stays. A worker may die or hang before each of its steps, also
+ * with the lock. Every d_step is one step of the code, which others see done or not done; under a
+ * lock there are several, so that a write without the lock is seen.
  *
  * Looks that find nothing to do change nothing and are left out. So every run is finite (./run shows
  * that there is no cycle), and a task that never ends is a run that stops where it must not.
@@ -30,6 +31,10 @@
 #define ANSWER_APART 14        /* the answer is stored behind the code, under the lock anew */
 #define ANSWER_FROM_EMPTY 15   /* the scanner reads the answer when it has emptied the slot */
 #define LINE_ALONE 16          /* the worker's line over the channel causes passes, not its end */
+#define IDLE_TOO_EARLY 17      /* a worker says that it is idle before it has left its lock */
+#define KEEP_UNDELIVERED 18    /* its slot is freed before the final callback has returned */
+#define LOSE_HAND_OVER 19      /* a task fails whose worker has died before it claimed it */
+#define START_BESIDE 20        /* another one is started while that worker may still claim it */
 
 mtype = { NOBODY, WORKER, SCANNER, SUPERVISOR, APPLICATION };
 
@@ -39,7 +44,10 @@ byte slotText;               /* the answer: 1 that of slotInfo, 2 that of slotFi
 byte sem[3] = 1;             /* the lock of each task, made anew for it */
 mtype holder[3] = NOBODY;
 byte name;                   /* task whose semaphore carries the name; 0: none does */
-bool alive[3], hung[3];      /* the worker process of each task */
+bool alive[3], hung[3];      /* worker processes: the one started for each task */
+byte serving;                /* process that the watch follows */
+bool idle, warm;             /* process 1: it says so; it waits, and its slot is free */
+bool handed, offer;          /* task 2 goes to process 1, which has not claimed it; is on its way */
 byte owner;                  /* task that has the slot and its watch; 0: both are free */
 bool started, gone, answered, delivered, stopAsked, stopStored; byte missed;  /* the watch */
 bool endTaken;               /* g_TaskEndTaken */
@@ -60,41 +68,60 @@ byte finals[3];              /* final callbacks of each task */
 #define HAS_ANSWER assert((slotFinal != 1 || slotText == 2) && (!slotInfo || slotText != 0))
 #define FREE sem[owner] = 1; holder[owner] = NOBODY; name = 0; owner = 0; started = false; \
     gone = false; answered = false; delivered = false; stopAsked = false; stopStored = false; \
-    missed = 0; wish = false
+    missed = 0; wish = false; idle = false; handed = false
+
+#define START(t) if :: alive[t] = true :: true fi  /* the fork may fail */
 
 /* A step of a worker, in whose place it may die, or hang until it is killed. */
-#define STEP(s) if :: s :: alive[t] = false :: hung[t] = true; false fi
+#define STEP(s) if :: s :: alive[p] = false :: hung[p] = true; false fi
 
-proctype Worker(byte t) {
+proctype Worker(byte p) {
     bool stop, info;
-    byte final;
-end: alive[t];
+    byte final, t = p;  /* its task */
+end: alive[p];
     {
-        if :: slotId :: else -> goto leave fi;
-        STEP(d_step { assert(name == t) });  /* opens its lock by the name: it is the manager's */
-        /* The claim copies the whole slot and writes it back. */
-        STEP(LOCK(t, WORKER));
-        STEP(d_step { stop = slotStop; info = slotInfo; final = slotFinal });
-        STEP(d_step { WRITES(t, WORKER); slotPid = true; slotStop = stop; slotInfo = info;
-                      slotFinal = final; stop = false; info = false; final = 0;
-                      assert(!stopStored || slotStop) });  /* a stop word that was stored stays */
-        STEP(UNLOCK(t));
-        if
-        :: true                              /* no answer */
-        :: slotId -> STEP(LOCK(t, WORKER));  /* a value: the id is checked before the lock */
-            STEP(d_step { WRITES(t, WORKER); slotInfo = true; slotText = 1 }); STEP(UNLOCK(t))
-        fi;
-        STEP(LOCK(t, WORKER));
-        if
-        :: slotId ->
-            STEP(d_step { WRITES(t, WORKER); slotFinal = 1;
-                          if :: FAULT == ANSWER_APART :: else -> slotText = 2 fi })
-        :: else
-        fi;
-        STEP(UNLOCK(t));
-        if :: true :: STEP(early = true) fi;  /* its line over the channel; nobody counts on it */
-leave:  STEP(name = 0); alive[t] = false
-    } unless { !alive[t] }
+        do
+        :: if :: slotId :: else -> goto leave fi;
+            /* Opens its lock by the name: it is the manager's. That of a later task is given. */
+            STEP(d_step { assert(name == t || p != t) });
+            /* The claim copies the whole slot and writes it back. */
+            STEP(LOCK(t, WORKER));
+            STEP(d_step { stop = slotStop; info = slotInfo; final = slotFinal });
+            STEP(d_step { WRITES(t, WORKER); assert(serving == p);
+                          slotPid = true; slotStop = stop; slotInfo = info; slotFinal = final;
+                          stop = false; info = false; final = 0;
+                          assert(!stopStored || slotStop) });  /* a stored stop word stays */
+            STEP(UNLOCK(t));
+            if
+            :: true                              /* no answer */
+            :: slotId -> STEP(LOCK(t, WORKER));  /* a value: the id is checked before the lock */
+                STEP(d_step { WRITES(t, WORKER); slotInfo = true; slotText = 1 }); STEP(UNLOCK(t))
+            fi;
+            STEP(LOCK(t, WORKER));
+            if
+            :: slotId ->
+                STEP(d_step { WRITES(t, WORKER); slotFinal = 1;
+                              if :: FAULT == ANSWER_APART :: else -> slotText = 2 fi })
+            :: else
+            fi;
+            STEP(UNLOCK(t));
+            if
+            :: true -> break
+            :: STEP(early = true); break  /* its line over the channel; nobody counts on it */
+            :: t == 1 ->                  /* it stays, and says so */
+#if FAULT == IDLE_TOO_EARLY
+                STEP(d_step { idle = true; early = true });
+                STEP(name = 0);
+#else
+                STEP(name = 0);
+                STEP(d_step { idle = true; early = true });
+#endif
+                STEP(d_step { offer -> offer = false; t = 2 })  /* or its time ends: it dies */
+            fi
+        od;
+leave:  if :: p == t -> STEP(name = 0) :: else fi;
+        alive[p] = false
+    } unless { !alive[p] }
 }
 
 proctype Scanner() {
@@ -134,6 +161,9 @@ end: do
 #define SPEAKS (gone && OWN_SLOT && !slotFinal)
 #define STORES (!gone && OWN_SLOT && !slotFinal && slotId && stopAsked && !stopStored)
 #define FREES ((gone || FAULT == FREE_WITH_WORKER) && (delivered || FAULT == FREE_UNDELIVERED))
+#define KEEPS (idle && !gone && (delivered || FAULT == KEEP_UNDELIVERED))
+/* The task was handed over, and nobody has had it. */
+#define UNANSWERED (gone && handed && !slotPid && !stopAsked && OWN_SLOT && !slotFinal)
 /* A look that follows a missed one does not meet a living holder again: those have the lock for the
  * copy of one slot. The code tries for over a second; with this assumption two looks are as good. */
 #define ABANDONED (FAULT == POST_AT_ONCE -> 1 : 2)
@@ -150,26 +180,41 @@ inline Give() { if :: FAULT == WRITE_UNLOCKED :: else -> UNLOCK(owner) fi }
 /* Each alternative is a look or a part of one. */
 proctype Supervisor() {
 end: do
-    :: d_step { !watchMutex && started && !gone && !alive[owner] ->
+    :: d_step { !watchMutex && started && !gone && !alive[serving] ->
                 gone = true; missed = 0; early = (FAULT != LINE_ALONE || early) }
     :: d_step { !watchMutex && started && FREES -> FREE }
+    :: d_step { !watchMutex && started && KEEPS -> warm = true; FREE }
+    /* An idle worker has died; or hangs, which its time ends. */
+    :: d_step { !watchMutex && warm && !alive[1] -> warm = false }
+    :: d_step { !watchMutex && warm && alive[1] && hung[1] -> alive[1] = false; hung[1] = false }
     :: d_step { !watchMutex && started && !FREES && sem[owner] > 0 &&
                 (SPEAKS || STORES || missed > 0) ->
                 watchMutex = true; missed = 0; Take() };
         if
-        :: SPEAKS -> d_step { WRITES(owner, SUPERVISOR); slotId = true; slotFinal = 2;
+        :: UNANSWERED && FAULT != LOSE_HAND_OVER ->
+            d_step { started = false; gone = false; handed = false; offer = false; serving = 2 }
+        :: SPEAKS && (!UNANSWERED || FAULT == LOSE_HAND_OVER) ->
+            d_step { WRITES(owner, SUPERVISOR); assert(!UNANSWERED); slotId = true; slotFinal = 2;
                             early = true }
         :: STORES -> d_step { WRITES(owner, SUPERVISOR); slotStop = true; stopStored = true }
         :: else fi;
-        Give(); watchMutex = false
+        Give(); watchMutex = false;
+        if
+        :: owner == 2 && !started && serving == 2 && !alive[2] -> START(2); started = true
+        :: else
+        fi
+#if FAULT == START_BESIDE
+    :: d_step { !watchMutex && started && handed && alive[1] && !slotPid && serving == 1 ->
+                serving = 2; handed = false; alive[2] = true }
+#endif
 #if FAULT == STOP_UNLOCKED
     :: d_step { !watchMutex && started && STORES -> slotStop = true; stopStored = true }
 #endif
     :: d_step { !watchMutex && started && !FREES && MISSES -> watchMutex = true; missed++ };
         if :: missed >= ABANDONED -> missed = 0; UNLOCK(owner) :: else fi;
         watchMutex = false
-    :: d_step { !watchMutex && started && alive[owner] && hung[owner] && OVERDUE ->
-                alive[owner] = false; hung[owner] = false }
+    :: d_step { !watchMutex && started && alive[serving] && hung[serving] && OVERDUE ->
+                alive[serving] = false; hung[serving] = false }
     :: d_step { !watchMutex && started && !delivered && noScanner && FAULT != NO_RESTART ->
                 noScanner = false }
     od
@@ -181,7 +226,7 @@ proctype Stopper() {
     byte look;
 end: do
     :: d_step { !watchMutex && owner != 0 && !delivered && !stopAsked &&
-                (wish || (hung[owner] && FAULT != NOBODY_STOPS)) -> look = owner };
+                (wish || (hung[serving] && FAULT != NOBODY_STOPS)) -> look = owner };
         if
         :: d_step { !watchMutex && !stopAsked &&
                     (owner == look || (owner != 0 && FAULT == STOP_BY_ID)) ->
@@ -192,12 +237,20 @@ end: do
     od
 }
 
+#define TAKE owner = t; name = t; endTaken = false; warm = false
+
 init {
     byte t = 1;
     atomic { run Worker(1); run Worker(2); run Scanner(); run Supervisor(); run Stopper() };
     do
     :: t <= 2 ->
-        d_step { !watchMutex && owner == 0 -> owner = t; name = t; endTaken = false };
+        /* A worker that waits gets the task, or must not have it and is killed. */
+        if
+        :: d_step { !watchMutex && owner == 0 && !warm -> serving = t; TAKE }
+        :: d_step { !watchMutex && owner == 0 && warm -> serving = 1; handed = true; TAKE }
+        :: d_step { !watchMutex && owner == 0 && warm ->
+                    alive[1] = false; hung[1] = false; serving = t; TAKE }
+        fi;
         if :: wish = true :: true fi;
         d_step { !mapMutex -> mapMutex = true };
         LOCK(t, APPLICATION);
@@ -205,11 +258,18 @@ init {
         UNLOCK(t);
         node = t; mapMutex = false;
         if :: noScanner -> noScanner = false :: else fi;
-        if :: alive[t] = true :: true fi;  /* the fork may fail */
-        d_step { !watchMutex -> started = true };
+        if
+        :: handed ->
+            if
+            :: d_step { !watchMutex && alive[1] -> offer = true; started = true }
+            :: d_step { !watchMutex && !alive[1] -> serving = t; handed = false }; START(t);
+                d_step { !watchMutex -> started = true }
+            fi
+        :: else -> START(t); d_step { !watchMutex -> started = true }
+        fi;
         t++
     :: else -> break
     od;
-    owner == 0;  /* a run that stops here, or before the second task, has lost a task */
+    owner == 0 && !warm;  /* a run that stops here, or before the second task, has lost a task */
     assert(finals[1] == 1 && finals[2] == 1 && !alive[1] && !alive[2] && node == 0)
 }
