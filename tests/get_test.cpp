@@ -462,11 +462,13 @@ TEST(Get, ABusyHostRests) {
     const std::string told = run.Err();
     EXPECT_TRUE(Has(told, moment.Url("").substr(7) + " is busy: waiting 1 s\n")) << told;
     EXPECT_LT(told.find("good: finished"), told.find("busy: finished")) << told;
+    EXPECT_EQ(told.find("busy: started"), told.rfind("busy: started")) << told;
     EXPECT_LT(told.find("busy: continues"), told.find("next: started")) << told;
 
     Begin(late, "-j1 " + hour.Url("/busy"));
     EXPECT_EQ(late.End(), "exit 1");
-    EXPECT_TRUE(Has(late.Err(), "pause of 3600 s, longer than --retry-after")) << late.Err();
+    EXPECT_TRUE(Has(late.Err(), "pause of 3600 s, longer than the 120 s of --retry-after"))
+        << late.Err();
     HttpServer again(BusyOnce("3600"));
     Begin(stopped,
           "-j1 --retry-after 3600 --failed list " + again.Url("/busy") + " " + again.Url("/next"));

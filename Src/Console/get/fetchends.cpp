@@ -95,7 +95,8 @@ std::optional<Outcome> Fetch::NoteEnd(Event event, bool stopping) {
     }
     Outcome outcome = page_ ? PageFailure(view_.address, event) : TaskFailure(event);
     if (event.answer.nRetryAfter > options_.retryAfter) {
-        outcome.message += ", longer than --retry-after";
+        outcome.message +=
+            ", longer than the " + std::to_string(options_.retryAfter) + " s of --retry-after";
     }
     if (stopping) outcome = {EndResult::kStopped, EXIT_STATUS_STOPPED};
     outcome.code = event.code;

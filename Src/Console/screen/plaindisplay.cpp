@@ -4,9 +4,11 @@
 #include "TaskMan/taskcontext.h"
 
 void PlainDisplay::Started(const FileView& file) {
-    shown_[&file] = {};
+    Shown& shown = shown_[&file];
+    const bool again = shown.name == file.name;
+    shown = {.name = file.name};
     if (detail_ == Detail::kReports) return Note(TaskLine(file));
-    if (detail_ == Detail::kProgress) Note(file.name + ": started");
+    if (detail_ == Detail::kProgress && !again) Note(file.name + ": started");
 }
 
 void PlainDisplay::State(const FileView& file, std::int32_t code, double /*value*/) {

@@ -32,8 +32,9 @@ class PlainDisplay : public Display {
     const bool colour_;
     // What was shown of a file.
     struct Shown {
-        int quarters = 0;  // 0 to 3
-        int speeds = 0;    // that were reported without a known size
+        std::string name{};  // with which its last task started; one that had to wait keeps it
+        int quarters = 0;    // 0 to 3
+        int speeds = 0;      // that were reported without a known size
     };
     void ShowSpeed(const FileView& file);
 
