@@ -50,6 +50,7 @@ std::string SafeName(std::string_view text, std::size_t limit) {
 }  // namespace
 
 std::string AddressFault(std::string_view address, std::size_t most) {
+    if (address.empty()) return "the address is empty";
     if (!IsHttpAddress(address)) return "not an http or https address";
     const auto unfit = [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == '\x7F'; };
     if (std::any_of(address.begin(), address.end(), unfit)) {

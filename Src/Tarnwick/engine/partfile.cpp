@@ -161,11 +161,12 @@ MaybeFault PartFile::Describe(const PartRecord& about, std::uint64_t missing) {
         const std::uint64_t taken = static_cast<std::uint64_t>(status.st_blocks) * 512;
         const std::uint64_t needed = std::min(missing, about.size - std::min(about.size, taken));
         if (needed > room) {
-            constexpr std::uint64_t kMegabyte = 1'000'000;
+            const bool large = needed >= 10'000'000;
+            const std::uint64_t unit = large ? 1'000'000 : 1'000;
+            const std::string are = large ? " MB are " : " kB are ";
             return Fault{TaskReason::kNoSpace, ENOSPC,
-                         "no space for " + path_ + ": " + std::to_string(needed / kMegabyte + 1) +
-                             " MB are needed, " + std::to_string(room / kMegabyte) +
-                             " MB are free"};
+                         "no space for " + path_ + ": " + std::to_string(needed / unit + 1) + are +
+                             "needed, " + std::to_string(room / unit) + are + "free"};
         }
         if (needed > 0 && room - needed >= kReserve) {
             const int error = platform::ReserveRoom(file_.Get(), static_cast<off_t>(about.size));
