@@ -44,10 +44,11 @@ bool Passed(Clock::time_point since, int seconds, Clock::time_point now) {
 
 }  // namespace
 
-Result Fetch(const Task& task, PartFile& file, Watcher& watcher, const Pool& pool) {
+Result Fetch(const Task& task, PartFile& file, Watcher& watcher, Pool& pool) {
     const Utf8Names names;
     try {
-        return Course(task, file, watcher, pool.Multi()).Run();
+        pool.EndUnsound();
+        return Course(task, file, watcher, pool).Run();
     } catch (const std::bad_alloc&) {
         return Failed({TaskReason::kLocal, ENOMEM, NO_MEMORY});
     }
@@ -56,7 +57,8 @@ Result Fetch(const Task& task, PartFile& file, Watcher& watcher, const Pool& poo
 Result Fetch(const Task& task, Watcher& watcher) {
     PartFile file(task.path, task.keeps);
     const MaybeFault fault = file.Open([&watcher] { return !watcher.EndAsked(); });
-    return fault ? Failed(*fault) : Fetch(task, file, watcher, Pool());
+    Pool pool;
+    return fault ? Failed(*fault) : Fetch(task, file, watcher, pool);
 }
 
 Result Failed(const Fault& fault) {
@@ -67,11 +69,12 @@ Result Failed(const Fault& fault) {
     return result;
 }
 
-Course::Course(const Task& task, PartFile& file, Watcher& watcher, CURLM* multi)
+Course::Course(const Task& task, PartFile& file, Watcher& watcher, Pool& pool)
     : task_(task),
       watcher_(watcher),
       file_(file),
-      multi_(multi),
+      pool_(pool),
+      multi_(pool.Multi()),
       shared_{multi_,
               task,
               blocks_,
@@ -133,6 +136,7 @@ void Course::Open() {
 }
 
 void Course::Prepare(CURL* curl) const {
+    pool_.Watch(curl);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_QUICK_EXIT, 1L);
     curl_easy_setopt(curl, CURLOPT_PROXY, "");  // none of the environment's

@@ -20,7 +20,7 @@ namespace engine {
 
 class Course : private Uncopyable {
   public:
-    Course(const Task& task, PartFile& file, Watcher& watcher, CURLM* multi);
+    Course(const Task& task, PartFile& file, Watcher& watcher, Pool& pool);
 
     Result Run();
 
@@ -84,6 +84,7 @@ class Course : private Uncopyable {
     PartFile& file_;
     Blocks blocks_;
     Bucket bucket_{};
+    Pool& pool_;
     CURLM* const multi_;
     Connection::Shared shared_;
     std::vector<std::unique_ptr<Connection>> connections_{};  // by id

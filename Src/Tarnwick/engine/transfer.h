@@ -26,8 +26,20 @@ class Pool : private Uncopyable {
     ~Pool() { curl_multi_cleanup(multi_); }
     CURLM* Multi() const { return multi_; }  // null: there was no memory
 
+    // Has the pool know the connections that the handle opens.
+    void Watch(CURL* curl);
+
+    // Ends those connections on which something has come since the transfers before: their end, or
+    // bytes beyond an answer, which libcurl (up to 7.88 at least) would take for the next one. To
+    // be called while no transfer is under way.
+    void EndUnsound() const;
+
   private:
+    static curl_socket_t Open(void* self, curlsocktype purpose, curl_sockaddr* address) noexcept;
+    static int Close(void* self, curl_socket_t socket) noexcept;
+
     CURLM* const multi_;
+    std::vector<curl_socket_t> sockets_{};
 };
 
 // What is to be fetched, and how.
@@ -89,7 +101,7 @@ struct Result {
 // system that does not answer is waited for). A file that is not complete stays; when the task
 // keeps it and it can be continued, with a record. `file` is the task's, open already. The
 // connections come from `pool` and stay there.
-Result Fetch(const Task& task, PartFile& file, Watcher& watcher, const Pool& pool);
+Result Fetch(const Task& task, PartFile& file, Watcher& watcher, Pool& pool);
 
 // The same with connections of its own; opens the file as well.
 Result Fetch(const Task& task, Watcher& watcher);
