@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <utility>
 
 #include "TaskMan/partrecord.h"
@@ -46,8 +47,11 @@ Traits TraitsOf(const tagTaskInfo& taskinfo, const tagTaskRequest& request,
         add(FieldView(taskinfo.szProxyUser));
         add(FieldView(taskinfo.szProxyPassword));
     }
+    // Its record lies beside the link.
+    std::error_code ignored;
+    const bool linked = std::filesystem::is_symlink(FieldText(taskinfo.szFilePath), ignored);
     return {scheme + "://" + authority.host + ":" + authority.port, std::move(reach),
-            HasPartRecord(path) || !request.strNetrc.empty(), request.bContinue};
+            linked || HasPartRecord(path) || !request.strNetrc.empty(), request.bContinue};
 }
 
 Fit FitOf(int nTaskIndex, const Traits* traits) {
@@ -65,6 +69,7 @@ void TakeIdleWorker(Watch& watch) {
     watch.channel = std::move(idle.channel);
     watch.nTasks = idle.nTasks;
     watch.bHandedOver = true;
+    watch.bPassedOver = false;
 }
 
 void DropIdleWorker(int nTaskIndex) {
@@ -118,7 +123,7 @@ Clock::time_point SuperviseIdleWorkers(Clock::time_point now,
             continue;
         }
         // It has nothing to say.
-        if (now >= idle.until || idle.channel.Heard()) {
+        if (now >= idle.until || idle.channel.Heard() || idle.channel.Awaited() == -1) {
             DropIdleWorker(i);
             continue;
         }

@@ -111,6 +111,8 @@ bool HandOver(Watch& watch) {
         const std::string text = TASK_CHANNEL_TASK + watch.id + "\r\n" + watch.request;
         if (watch.channel.Send(text, files) != 0) return false;
         FollowWorker(watch);
+        // Else it waits for this worker already, and has seen to the scanner.
+        if (watch.bPassedOver) WakeSupervisor();
     }
     g_end_event.Set();
     return true;

@@ -241,7 +241,8 @@ Round LookAtAll() {
         if (watch.channel.Heard()) EndScannerPause();
         watch.lookAt = Supervise(watch, now);
         round.due = std::min(round.due, watch.lookAt);
-        if (watch.worker.state == Worker::kNotStarted) continue;
+        watch.bPassedOver = watch.worker.state == Worker::kNotStarted;
+        if (watch.bPassedOver) continue;
         if (watch.stage.state != Stage::kDelivered) round.bScannerNeeded = true;
         if (watch.worker.state != Worker::kGone) round.processes.push_back(watch.process);
         if (watch.channel.Awaited() != -1) round.channels.push_back(watch.channel.Awaited());

@@ -105,6 +105,7 @@ struct Watch {
     std::chrono::seconds stay{0};  // how long it waits for the next one; 0: it exits
     std::int32_t nTasks = 0;       // that it has got, this one included
     bool bHandedOver = false;      // it had another task before, and has not claimed this one
+    bool bPassedOver = false;      // the supervisor has looked before the worker got the task
     std::int32_t nFinalCode = -1;  // the one that was delivered
 
     // The application's callbacks; set before the node enters the map, then only read.
