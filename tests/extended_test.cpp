@@ -202,6 +202,8 @@ TEST_F(Warm, ServesOneTaskAfterTheOtherAndRemembersItsConnectionsOnly) {
         [](tagTaskInfo&, tagTaskRequest& request) { request.Headers = {"Cookie: x"}; },
         [](tagTaskInfo&, tagTaskRequest& request) { request.strUser = "u"; },
         [](tagTaskInfo&, tagTaskRequest& request) { request.strCaFile = "/ca"; },
+        [](tagTaskInfo&, tagTaskRequest& request) { request.strNetrc = "/none"; },
+        [](tagTaskInfo&, tagTaskRequest& request) { request.bInsecure = true; },
         [](tagTaskInfo& task, tagTaskRequest&) {
             WriteFile(task.szFilePath + std::string(PART_RECORD_ENDING), "a record");
         },

@@ -251,6 +251,8 @@ const std::vector<Row>& Rows() {
               "\nhttp://h\tx/\nhttp://h\tx\t12\nhttp://h\t\t\tx\n\tx\n" +
               std::string(200'000, 'b') + "\n$/good")},
         {"http://h/" + std::string(16'376, 'x'), "exit 2", "", "longer than 16384 bytes"},
+        {"-H a:" + std::string(60'000, 'x') + " http://h/" + std::string(9000, 'x'), "exit 2", "",
+         "the request is longer than 65536 bytes"},
         {"-j1 -i list --failed list", "exit 1", "good list", "",
          List("# all\nx\n$/good\n$/404\tn\t+\n$/good3\t\t~"),
          List("x\n$/404\tn\t+\n$/good3\t\t~\n")},

@@ -44,9 +44,11 @@ Fetch::Fetch(Request request, const GetOptions& options, EventQueue& events, Hel
 
 void Fetch::ReadAddress() {
     fault_ = TakeLogin(view_.address, carried_.strUser, carried_.strPassword);
-    if (fault_.empty()) fault_ = RefusalOf(carried_);
     if (fault_.empty())
         fault_ = AddressFault(view_.address, page_ ? PAGE_ADDRESS_MOST : TASK_ADDRESS_MOST);
+    tagTaskRequest whole = carried_;
+    if (!page_) whole.strUrl = view_.address;
+    if (fault_.empty()) fault_ = RefusalOf(whole);
     if (fault_.empty()) fault_ = options_.proxy.For(view_.address, proxy_);
     host_ = fault_.empty() ? HostOf(view_.address) : "";
 }
