@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -71,6 +72,8 @@ void TryAll() {
     Tell("truncate: cuts\n", truncate((beside + "cut").c_str(), 0) == 0);
     Tell("devices: controls\n", ControlsDevice());
     Tell("signals: signals\n", kill(getppid(), 0) == 0);
+    rlimit core{};
+    Tell("files: dumps core\n", getrlimit(RLIMIT_CORE, &core) == 0 && core.rlim_max > 1);
     std::signal(SIGUSR1, TryInMainThread);
     kill(getpid(), SIGUSR1);
     while (!g_main_thread_tried) usleep(1000);
