@@ -248,6 +248,8 @@ Outcome Target::Store(double size, const std::string& sha256, const std::functio
         return Local(Fault("cannot keep the permissions of", path_, error));
     }
     if (const int error = sync(Part())) return Local(Fault("cannot write", part_, error));
+    // Should the command be killed between the two steps, an empty record is not worth staying.
+    if (!HasPartRecord(part_)) RemoveRecord();
     std::string fault = Rename();
     if (!fault.empty()) return Local(std::move(fault));
     RemoveRecord();
