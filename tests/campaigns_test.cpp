@@ -13,6 +13,7 @@ namespace {
 
 constexpr const char* kQuick = "claim,lock,finish,unlock,exit";
 constexpr const char* kDied = "the worker died";
+constexpr const char* kUnclaimed = "the worker ended before it took the task";
 constexpr const char* kNotTaken = "the worker ended before it took the task";
 constexpr const char* kHung = "the worker hung with the task's lock";
 
@@ -124,7 +125,10 @@ TEST(Workers, ThatStayMayDieAtAnyTime) {
         const Course& course = campaign.Add(campaign.Task(server.Url()), &request);
         EXPECT_TRUE(WaitUntil([&] { return course.finals > 0; }));
         ++ended[course.code];
-        EXPECT_EQ(course.remark, course.code == 3 ? "" : kDied);
+        // On a busy machine a worker may die before it has come as far as its claim.
+        EXPECT_TRUE(course.code == 3 ? course.remark.empty()
+                                     : course.remark == kDied || course.remark == kUnclaimed)
+            << course.code << ": " << course.remark;
         EXPECT_TRUE(course.code != 3 || body == ReadFile(campaign.Output(course)));
         // Its worker may reach the end of its time.
         if (random() % 32 == 0) SleepUpTo(random, milliseconds(2000));

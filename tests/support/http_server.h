@@ -62,7 +62,10 @@ class Reply {
     Reply& Reset() {
         return Do([](int connection) {
             int left = 0;
-            WaitUntil([&] { return ioctl(connection, TIOCOUTQ, &left) != 0 || left == 0; });
+            WaitUntil([&] {
+                return ioctl(connection, TIOCOUTQ, &left) != 0 || left == 0 ||
+                       !ClientStays(connection, 0);
+            });
             const linger atOnce{1, 0};
             setsockopt(connection, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
             return false;
