@@ -183,7 +183,7 @@ const std::vector<Row>& Rows() {
         {"-f $/good -o link", "exit 3", "link", "no regular file", {{"link", "@none"}}},
         {"$/good --failed link", "exit 3", "link", "", {{"link", "@."}}},
         // Failures and their reasons.
-        {"$/404", "exit 1", "", "404: started\n404: failed: HTTP 404\n"},
+        {"-n 4 $/404", "exit 1", "", "404: started\n404: failed: HTTP 404\n"},
         {"--tries 2 -x socks5://^ $/good", "exit 1", "", "good: failed: "},
         {"http://far.invalid/good", "exit 0", "good"},
         {"$/no-length", "exit 0", "no-length", "of 5 B", {}, {{"no-length", "bytes"}}},

@@ -190,7 +190,8 @@ std::time_t Course::RemoteTime() const {
 
 // Whether the first of several requests was served, and now none is.
 bool Course::MayServeOnce(const Judgement& judged) const {
-    return judged.reason == TaskReason::kHttpStatus && task_.connections > 1 && Received() > 0;
+    return judged.reason == TaskReason::kHttpStatus && task_.connections > 1 &&
+           result_.answer.nConnections > 0;
 }
 
 void Course::OnFailure(Connection& connection, const Judgement& judged) {
