@@ -112,7 +112,7 @@ Refused TakeSlot(const tagTaskInfo& taskinfo, const tagTaskRequest* request, Wat
     if (!SectionHasName()) return Never("the section has lost its name (RemoveIPC=?)");
     const std::string id = FieldText(taskinfo.szTaskID);
     Refused refused = FindSlot(id, path, traits ? &*traits : nullptr, taken);
-    if (refused.kind != TaskRefusal::kNone) return refused;
+    if (taken == nullptr || refused.kind != TaskRefusal::kNone) return refused;
     g_TaskFileSize[taken->nTaskIndex] = 0.0;
     g_TaskEndTaken[taken->nTaskIndex] = false;
     taken->stage.Advance(Stage::kEntered, Clock::now());
