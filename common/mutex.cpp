@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "common/assertion.h"
 
@@ -29,14 +30,20 @@ Mutex::Mutex(const char* name)
 Mutex::Mutex(const char* name, sem_t* opened)
     : m_nInitValue(1), m_strName(name), m_bNamed(true), m_NamedLock(opened), m_Mutex() {}
 
-Mutex::Mutex(Lent lent) : m_nInitValue(1), m_bNamed(true), m_NamedLock(lent.semaphore), m_Mutex() {}
+Mutex::Mutex(Lent lent)
+    : m_nInitValue(1),
+      m_strName(std::move(lent.name)),
+      m_bNamed(true),
+      m_bLent(true),
+      m_NamedLock(lent.semaphore),
+      m_Mutex() {}
 
 Mutex::~Mutex() {
     if (!m_bNamed) {
         pthread_mutex_destroy(&m_Mutex);
-    } else if (m_NamedLock != nullptr && !m_strName.empty()) {
-        sem_close(m_NamedLock);
-        sem_unlink(m_strName.c_str());
+    } else if (m_NamedLock != nullptr) {
+        if (!m_bLent) sem_close(m_NamedLock);
+        if (!m_strName.empty()) sem_unlink(m_strName.c_str());
         m_NamedLock = nullptr;
     }
 }

@@ -27,10 +27,10 @@ class TS_CAPABILITY("mutex") Mutex {
     // Cannot fail.
     Mutex(const char* name, sem_t* opened);
 
-    // The named form over a semaphore that somebody else closes and whose name somebody else
-    // removes.
+    // The named form over a semaphore that somebody else closes.
     struct Lent {
         sem_t* semaphore;
+        std::string name{};  // removed with the lock; empty: that is somebody else's, too
     };
     explicit Mutex(Lent lent);
 
@@ -48,8 +48,9 @@ class TS_CAPABILITY("mutex") Mutex {
 
   private:
     int m_nInitValue;         // value a new semaphore gets: 1, free
-    std::string m_strName;    // empty in the process-local form, and when the semaphore is lent
+    std::string m_strName;    // to be removed; empty: none
     bool m_bNamed;            // which of the two forms this is
+    bool m_bLent = false;     // somebody else closes the semaphore
     sem_t* m_NamedLock;       // NULL in the process-local form and after destruction
     pthread_mutex_t m_Mutex;  // used by the process-local form only
 };

@@ -130,16 +130,16 @@ Refused TakeSlot(const tagTaskInfo& taskinfo, const tagTaskRequest* request, Wat
     return {};
 }
 
-// Creates the task's semaphore anew: one of that name that exists may have been left locked, or be
-// another program's. Opens it twice, for the watch and for the node, each of which closes its
-// handle. Returns the node's, or null with errno set.
-sem_t* MakeSemaphore(Watch& watch) {
+// Creates the task's semaphore anew, for the watch, which closes it: one of that name that exists
+// may have been left locked, or be another program's. Returns 0 or an error number.
+int MakeSemaphore(Watch& watch) {
+    // The list of open semaphores that the system keeps has a lock that race detectors do not see.
+    Threading::AutoLock hold(&g_watch_mutex);
     sem_unlink(watch.id.c_str());
-    sem_t* first = sem_open(watch.id.c_str(), O_CREAT | O_EXCL, kPrivate, 1U);
-    if (first == SEM_FAILED) return nullptr;
-    watch.lock = first;
-    sem_t* second = sem_open(watch.id.c_str(), 0);
-    return second == SEM_FAILED ? nullptr : second;
+    sem_t* made = sem_open(watch.id.c_str(), O_CREAT | O_EXCL, kPrivate, 1U);
+    if (made == SEM_FAILED) return errno;
+    watch.lock = made;
+    return 0;
 }
 
 // Writes the request into the slot and enters the task into the map, all under the map lock: a
@@ -160,9 +160,8 @@ int EnterTask(Watch& watch, const tagTaskInfo& taskinfo, std::int32_t rate) {
 
     Threading::AutoLock tally(&g_tally_mutex);
     Threading::AutoLock map(&g_access_taskmap_mutex);
-    sem_t* lock = MakeSemaphore(watch);
-    if (lock == nullptr) return errno;
-    node->mutexLock = new Threading::Mutex(watch.id.c_str(), lock);
+    if (const int error = MakeSemaphore(watch); error != 0) return error;
+    node->mutexLock = new Threading::Mutex(Threading::Mutex::Lent{watch.lock, watch.id});
     {
         Threading::AutoLock task(node->mutexLock);
         CopySlot(SlotAt(g_VideoInfoSection, watch.nTaskIndex), &request);

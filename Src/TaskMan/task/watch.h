@@ -1,7 +1,7 @@
 // What the manager keeps about each task in hand.
 //
 // The scanner owns the nodes of the map; nothing else may hold on to one. Everybody else works on a
-// watch: it has a handle of its own on the task's semaphore, follows the worker process, and stands
+// watch: it has the handle of the task's semaphore, follows the worker process, and stands
 // between the scanner and the application's callbacks. Watch i belongs to slot i, so that a slot is
 // free exactly when its watch is: after the final callback has returned and the worker is gone, or
 // waits for its next task.
@@ -89,7 +89,7 @@ struct Watch {
     int nTaskIndex = -1;  // slot
     std::int32_t nTaskKind = -1;
     std::int32_t nCmd = -1;          // command of the task
-    sem_t* lock = nullptr;           // the task's semaphore
+    sem_t* lock = nullptr;           // the task's semaphore, which its node uses as well
     platform::ProcessWatch process;  // once the worker was started, the supervisor's to change
 
     // Of an extended task.
