@@ -386,6 +386,7 @@ TEST(Get, NoAddressHasAHostileName) {
         {"%E0%80%AF%BF", "____"},
         {a248 + "bcd", a248 + "b"},
         {a248 + "%C3%A4", a248},
+        {a248 + ".tar.gz", a248.substr(6) + ".tar.gz"},
     };
     for (const auto& [path, name] : rows) EXPECT_EQ(NameFromAddress("http://h/" + path), name);
     const std::pair<std::string, std::string> servers[] = {

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "Console/base/utf8.h"
+#include "Console/get/numbering.h"
 #include "TaskMan/partrecord.h"
 #include "common/address.h"
 #include "common/stringutility.h"
@@ -31,7 +32,8 @@ std::string_view LastPart(std::string_view address) {
     return path == std::string_view::npos ? std::string_view() : AfterLast(rest, '/');
 }
 
-// The text as a name of at most `limit` bytes; empty when a name can hold nothing of it.
+// The text as a name of at most `limit` bytes; empty when a name can hold nothing of it. A long one
+// keeps its ending.
 std::string SafeName(std::string_view text, std::size_t limit) {
     std::string name;
     while (!text.empty()) {
@@ -44,7 +46,9 @@ std::string SafeName(std::string_view text, std::size_t limit) {
             name += bytes;
         }
     }
-    return std::string(utf8::Head(name, limit));
+    if (name.size() <= limit) return name;
+    const std::string_view ending = EndingOf(name);
+    return std::string(utf8::Head(name, limit - ending.size())).append(ending);
 }
 
 }  // namespace

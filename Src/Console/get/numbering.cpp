@@ -12,7 +12,8 @@ namespace {
 constexpr std::size_t kLongestEnding = 16;
 constexpr unsigned kMost = 1'000'000'000;
 
-// The ending of a name, with its dot; empty when it has none.
+}  // namespace
+
 std::string_view EndingOf(std::string_view name) {
     constexpr std::string_view kArchive = ".tar";
     const std::size_t dot = name.rfind('.');
@@ -22,8 +23,6 @@ std::string_view EndingOf(std::string_view name) {
     const bool archive = stem.ends_with(kArchive) && stem.size() > kArchive.size();
     return archive ? name.substr(dot - kArchive.size()) : ending;
 }
-
-}  // namespace
 
 std::string NumberedPath(const std::string& path, unsigned number) {
     if (number == 0) return path;

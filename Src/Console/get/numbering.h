@@ -2,6 +2,12 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+
+// The ending of a name, with its dot, a part of `name`: ".iso", ".tar.gz". Empty when it has none,
+// as
+// ".a", or none that is worth keeping: of more than 16 bytes, ".part" or ".info".
+std::string_view EndingOf(std::string_view name);
 
 // The path with a number before the ending of its name: "a.iso" gives "a.1.iso", "a.tar.gz"
 // "a.1.tar.gz", "a" and ".a" give "a.1" and ".a.1". ".part" and ".info" are no endings here: the
