@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "common/descriptors.h"
 
@@ -17,6 +18,8 @@ namespace {
 constexpr int kChannel = STDIN_FILENO;
 constexpr std::string_view kRequestEnd = "\r\n\r\n";
 constexpr auto kPatience = std::chrono::seconds(10);
+// A server that serves one connection at a time lets all others wait for one that is kept.
+constexpr auto kRestAfter = std::chrono::milliseconds(500);
 
 // Waits a tenth of a second for something to read.
 bool Readable() {
@@ -78,16 +81,22 @@ bool ManagerGone() {
     return got == 0 || (got == -1 && errno != EAGAIN && errno != EINTR);
 }
 
-std::string AwaitTask(std::chrono::seconds patience, std::vector<Descriptor>& files) {
+std::string AwaitTask(std::chrono::seconds patience, std::vector<Descriptor>& files,
+                      void (*rest)()) {
     using std::chrono::milliseconds;
     Send(TASK_CHANNEL_IDLE);
-    const auto until = std::chrono::steady_clock::now() + patience;
-    for (;;) {
+    const auto since = std::chrono::steady_clock::now();
+    for (bool rested = false;;) {
+        const auto until = rested ? since + patience : since + kRestAfter;
         const auto left = std::chrono::ceil<milliseconds>(until - std::chrono::steady_clock::now());
         pollfd channel{kChannel, POLLIN, 0};
         const int count =
             poll(&channel, 1, static_cast<int>(std::max(left, milliseconds(0)).count()));
         if (count == 1) return TakeTaskLine(files);
+        if (count == 0 && !std::exchange(rested, true)) {
+            rest();
+            continue;
+        }
         if (count == 0 || errno != EINTR) return {};
     }
 }

@@ -19,8 +19,10 @@ bool ManagerGone();
 
 // Tells the manager that this worker waits for its next task, and waits for that, at most
 // `patience`. Returns the task's id, with its files in `files`; the request is in the channel then.
-// Empty when none has come, or the manager is gone. Main thread only, without a job.
-std::string AwaitTask(std::chrono::seconds patience, std::vector<Descriptor>& files);
+// Empty when none has come, or the manager is gone. Calls `rest` when the wait is longer than from
+// one file of a list to the next. Main thread only, without a job.
+std::string AwaitTask(std::chrono::seconds patience, std::vector<Descriptor>& files,
+                      void (*rest)());
 
 // Tells the manager that the slot holds the final code. A manager that is gone, or whose end is
 // full, is told nothing.

@@ -34,6 +34,8 @@ bool NextTask() {
     if (stay.count() == 0) return false;
     ForgetTask();
     if (platform::PrivateMemory() > kMostMemory) return false;
-    g_TaskID = AwaitTask(stay, g_HandedOver);
+    g_TaskID = AwaitTask(stay, g_HandedOver, [] {
+        if (g_Pool != nullptr) g_Pool->EndAll();
+    });
     return !g_TaskID.empty();
 }

@@ -23,6 +23,10 @@ void Pool::EndUnsound() const {
     }
 }
 
+void Pool::EndAll() const {
+    for (const curl_socket_t socket : sockets_) shutdown(socket, SHUT_RDWR);
+}
+
 curl_socket_t Pool::Open(void* self, curlsocktype /*purpose*/, curl_sockaddr* address) noexcept {
     const auto made = socket(address->family, address->socktype, address->protocol);
     if (made == CURL_SOCKET_BAD) return made;

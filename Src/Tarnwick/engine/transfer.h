@@ -33,6 +33,8 @@ class Pool : private Uncopyable {
     // bytes beyond an answer, which libcurl (up to 7.88 at least) would take for the next one. To
     // be called while no transfer is under way.
     void EndUnsound() const;
+    // Ends all of them; names and TLS sessions stay.
+    void EndAll() const;
 
   private:
     static curl_socket_t Open(void* self, curlsocktype purpose, curl_sockaddr* address) noexcept;
