@@ -33,7 +33,9 @@ void WidenBuffer(const Descriptor& end, int option) {
 
 Channel& Channel::operator=(Channel&& other) noexcept {
     Close();
-    end_ = other.end_.exchange(-1);
+    // In this order: a child that is forked in between closes both.
+    end_ = other.end_.load();
+    other.end_ = -1;
     heard_ = std::exchange(other.heard_, {});
     over_ = std::exchange(other.over_, false);
     return *this;
