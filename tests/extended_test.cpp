@@ -202,6 +202,11 @@ TEST_F(Warm, ServesOneTaskAfterTheOtherAndRemembersItsConnectionsOnly) {
         [](tagTaskInfo&, tagTaskRequest& request) { request.Headers = {"Cookie: x"}; },
         [](tagTaskInfo&, tagTaskRequest& request) { request.strUser = "u"; },
         [](tagTaskInfo&, tagTaskRequest& request) { request.strCaFile = "/ca"; },
+        [](tagTaskInfo&, tagTaskRequest& request) { request.bInsecure = true; },
+        [&](tagTaskInfo& task, tagTaskRequest&) {
+            task.bUseProxy = 1, task.nProxyType = 0, task.nProxyPort = slow.Port();
+            SetField(task.szProxyHost, "127.0.0.1");
+        },
         [](tagTaskInfo&, tagTaskRequest& request) { request.strNetrc = "/none"; },
         [](tagTaskInfo&, tagTaskRequest& request) { request.bInsecure = true; },
         [](tagTaskInfo& task, tagTaskRequest&) {
