@@ -173,7 +173,8 @@ class Warm : public testing::Test {
 TEST_F(Warm, ServesOneTaskAfterTheOtherAndRemembersItsConnectionsOnly) {
     const std::string answer = "HTTP/1.1 200 X\r\nContent-Length: 4\r\n\r\nbody";
     // Each connection carries two requests; a third one meets an answer that is not its own.
-    HttpServer server({Reply().Send(answer).Receive().Send(answer).Send(answer)});
+    HttpServer server(
+        {Reply().Send(answer).Receive().Send(answer).Pause(milliseconds(1)).Send(answer)});
     std::vector<pid_t> workers;
     for (int i = 0; i < 4; ++i) {
         tagTaskRequest request;
