@@ -11,6 +11,7 @@ import threading
 import time
 from typing import NamedTuple
 
+from option_servers import make_certificates
 from servers import Server
 
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
@@ -107,6 +108,23 @@ class Lines(http.server.ThreadingHTTPServer):
         self.server_close()
 
 
+class TlsServer(Server):
+    """nginx over https, with an authority of its own."""
+
+    def configure(self, rate):
+        super().configure(rate)
+        if not (self.state / "ca.pem").exists():
+            make_certificates(self.state)
+        config = self.state / "config"
+        config.write_text(config.read_text().replace(
+            f":{self.port};", f":{self.port} ssl; ssl_certificate {self.state}/server.pem; "
+            f"ssl_certificate_key {self.state}/server.key;"))
+        self.authority = self.state / "ca.pem"
+
+    def url(self, name):
+        return f"https://127.0.0.1:{self.port}/{name}"
+
+
 class Goal(NamedTuple):
     title: str
     value: callable  # of the costs of a turn, by tool, and the server
@@ -128,7 +146,20 @@ def processor(limit):
             Goal("processor time to the floor's", lambda costs, _: costs[OURS]["floor"], 1.10))
 
 
+def to_others(xargs, tools):
+    return (Goal("time to xargs curl's", lambda costs, _: costs[OURS]["end to xargs curl"], xargs),
+            *(Goal(f"to {tool}'s", lambda costs, _, tool=tool:
+                   costs[OURS]["end"] / costs[tool]["end"], 5) for tool in tools))
+
+
 ROWS = {
+    "many": Row(
+        "2000 files of 16 KiB, eight at once", 2000, 16 * KIB,
+        (OURS, "xargs curl", "curl -Z", "wget2"), to_others(0.10, ("curl -Z", "wget2"))),
+    "tls": Row(
+        "2000 files of 16 KiB, eight at once, https", 2000, 16 * KIB,
+        (OURS, "xargs curl", "curl -Z"), to_others(0.07, ("curl -Z",)),
+        lambda run, _: TlsServer("nginx", run.source, run.directory / "tls")),
     "limited": Row(
         "128 MiB, eight connections of 4 MiB/s each", 1, 128 * MIB,
         (OURS8, "aria2c -x8", "axel -n8"),
