@@ -11,7 +11,8 @@
 
 // Reads the request, which the manager has sent with the start. Returns why there is none, in one
 // line: it is malformed, incomplete after ten seconds, or `wanted` has returned false; it is asked
-// ten times a second. Empty: `request` holds it. Main thread only, once for each task.
+// ten times a second. Empty: `request` holds it. Once for each task, by the thread that prepares
+// its job.
 std::string ReceiveRequest(tagTaskRequest& request, bool (*wanted)());
 
 // Whether the manager has closed its end, which it does by dying as well. Any thread may call.
@@ -20,7 +21,7 @@ bool ManagerGone();
 // Tells the manager that this worker waits for its next task, and waits for that, at most
 // `patience`. Returns the task's id, with its files in `files`; the request is in the channel then.
 // Empty when none has come, or the manager is gone. Calls `rest` when the wait is longer than from
-// one file of a list to the next. Main thread only, without a job.
+// one file of a list to the next. Job thread only, between two jobs.
 std::string AwaitTask(std::chrono::seconds patience, std::vector<Descriptor>& files,
                       void (*rest)());
 

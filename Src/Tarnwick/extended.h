@@ -22,7 +22,7 @@ struct ExtendedJob {
 // Waits for the request of `task`, as long as a stop is not requested and the manager lives, and
 // completes it: the address is in it, without a login, which stands in its fields, as does one from
 // the netrc file. Then opens the partial file, and confines the process (confinement.h). Main
-// thread only, once, before the job has a thread.
+// thread, before there is a job thread; and that one, for further tasks.
 ExtendedJob PrepareJob(tagTaskContext* task);
 
 // Carries out an extended task, a download or a page, to its final code. Nothing is reported when

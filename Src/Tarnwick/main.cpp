@@ -5,7 +5,6 @@
 #include <cstdlib>
 
 #include "Tarnwick/jobstate.h"
-#include "Tarnwick/nexttask.h"
 #include "Tarnwick/tarnwick.h"
 #include "Tarnwick/transfer.h"
 #include "common/assertion.h"
@@ -37,9 +36,7 @@ int main(int argc, char** argv) {
     assertion::Require(argc >= 4, "main", "Src/Tarnwick/main", "false", 61);
     ReadArguments(argv);
     g_ShareName = SectionName(g_ParentPid);
-    do {
-        ParseTask(g_TaskID.c_str());
-    } while (NextTask());
+    ParseTask(g_TaskID.c_str());
     g_Pool.reset();
     UnLoadCurlLib();
     exit(0);

@@ -24,7 +24,7 @@ void ForgetTask() {
     }
     g_HandedOver.clear();
     g_CurTaskContext_prt = nullptr;
-    g_exit_download = g_Exit = false;
+    g_Exit = false;
 }
 
 }  // namespace

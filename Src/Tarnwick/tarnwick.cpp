@@ -14,6 +14,7 @@
 #include "Tarnwick/extended.h"
 #include "Tarnwick/filesize.h"
 #include "Tarnwick/jobstate.h"
+#include "Tarnwick/nexttask.h"
 #include "Tarnwick/pageresolution.h"
 #include "Tarnwick/transfer.h"
 #include "common/AutoLock.h"
@@ -21,7 +22,6 @@
 #include "common/fieldtext.h"
 #include "common/platform.h"
 #include "common/sysutility.h"
-#include "common/uncopyable.h"
 
 namespace {
 
@@ -42,14 +42,14 @@ void EndJob() {
 // Waits for the job's end. Looks at the flag once a second as well: another thread may set it
 // without a signal. The job of a manager that is gone may wait for a lock that this one has taken
 // to the grave: after some looks the process exits without it.
-void WaitForJob() {
+void WaitForJob(bool extended) {
     constexpr int kLookMilliseconds = 1000;
     constexpr int kMostLooks = 5;
     int looks = 0;
     pthread_mutex_lock(&g_end_mutex);
     while (!g_exit_download) {
         platform::WaitCondition(&g_end, &g_end_mutex, kLookMilliseconds);
-        if (g_exit_download || !IsExtended(g_TaskConData) || !ManagerGone()) continue;
+        if (g_exit_download || !extended || !ManagerGone()) continue;
         g_Exit = true;
         if (++looks == kMostLooks) _exit(0);
     }
@@ -105,23 +105,20 @@ void FillTaskInfo(tagTaskNode& info, const tagTaskContext& slot) {
     info.nTryInterval = ClampTries(slot.nTryInterval);
 }
 
-// The task's lock for the length of a scope: opened by its name, unless it was handed over.
-class TaskLock : private Uncopyable {
-  public:
-    TaskLock() {
-        if (!g_HandedOver.empty()) lent_ = platform::MapSemaphore(g_HandedOver.front().Get());
-        g_TaskInfo.mutexLock =
-            lent_ != nullptr ? new Threading::Mutex(Threading::Mutex::Lent{lent_})
-                             : new Threading::Mutex(static_cast<const char*>(g_TaskInfo.szTaskID));
-    }
-    ~TaskLock() {
-        delete std::exchange(g_TaskInfo.mutexLock, nullptr);
-        if (lent_ != nullptr) platform::UnmapSemaphore(lent_);
-    }
+sem_t* g_lent = nullptr;  // the semaphore that was handed over; null: the lock has its own
 
-  private:
-    sem_t* lent_ = nullptr;
-};
+// Opens the task's lock by its name, unless it was handed over.
+void OpenLock() {
+    if (!g_HandedOver.empty()) g_lent = platform::MapSemaphore(g_HandedOver.front().Get());
+    g_TaskInfo.mutexLock =
+        g_lent != nullptr ? new Threading::Mutex(Threading::Mutex::Lent{g_lent})
+                          : new Threading::Mutex(static_cast<const char*>(g_TaskInfo.szTaskID));
+}
+
+void CloseLock() {
+    delete std::exchange(g_TaskInfo.mutexLock, nullptr);
+    if (g_lent != nullptr) platform::UnmapSemaphore(std::exchange(g_lent, nullptr));
+}
 
 // Claims the slot by writing this process's id into it.
 void ClaimSlot(tagTaskContext& live, tagTaskContext& copy, Threading::Mutex* lock) {
@@ -143,38 +140,43 @@ bool StartJobThread(void* (*run)(void*), void* data) {
     return error == 0;
 }
 
-// The job thread's next job; guarded by g_end_mutex. A worker that stays has one thread for all.
-ExtendedJob* g_job = nullptr;
-pthread_cond_t g_begin = PTHREAD_COND_INITIALIZER;
-
-std::unique_ptr<ExtendedJob> AwaitJob() {
-    pthread_mutex_lock(&g_end_mutex);
-    while (g_job == nullptr) pthread_cond_wait(&g_begin, &g_end_mutex);
-    std::unique_ptr<ExtendedJob> job(std::exchange(g_job, nullptr));
-    pthread_mutex_unlock(&g_end_mutex);
-    return job;
+// Makes the task with that id this worker's own. False when no slot carries the id.
+bool TakeTask(const char* szTaskID) {
+    ReadSection();
+    tagTaskContext* live = SlotAt(g_VideoInfoSection, g_TaskIndex);
+    if (live == nullptr || !SomeSlotCarries(szTaskID)) return false;
+    tagTaskContext& copy = g_TaskContext[g_TaskIndex];
+    FillTaskInfo(g_TaskInfo, copy);
+    OpenLock();
+    ClaimSlot(*live, copy, g_TaskInfo.mutexLock);
+    CopySlot(&g_TaskConData, &copy);
+    return true;
 }
 
-// Thread function for extended tasks.
-void* RunExtendedJobs(void* /*argument*/) {
+// Carries out the job, and those that come later if the worker is to stay.
+void RunExtendedJobs(ExtendedJob job) {
     for (;;) {
-        RunExtended(*AwaitJob());
-        EndJob();
+        RunExtended(job);
+        if (g_StaySeconds == 0) break;
+        job = {};
+        CloseLock();
+        if (!NextTask() || !TakeTask(g_TaskID.c_str())) break;
+        job = PrepareJob(&g_TaskConData);
     }
+    EndJob();
+}
+
+// Thread function; takes over `data`, an ExtendedJob.
+void* RunExtendedThread(void* data) {
+    RunExtendedJobs(std::move(*std::unique_ptr<ExtendedJob>(static_cast<ExtendedJob*>(data))));
+    return nullptr;
 }
 
 void StartExtendedJob() {
-    static bool runs = false;
     auto job = std::make_unique<ExtendedJob>(PrepareJob(&g_TaskConData));
-    pthread_mutex_lock(&g_end_mutex);
-    g_job = job.release();
-    pthread_mutex_unlock(&g_end_mutex);
-    pthread_cond_signal(&g_begin);
-    if (!runs) runs = StartJobThread(RunExtendedJobs, nullptr);
-    if (runs) return;
+    ExtendedJob* const data = job.release();
     // The main thread has nothing to do but to wait for the job.
-    RunExtended(*AwaitJob());
-    EndJob();
+    if (!StartJobThread(RunExtendedThread, data)) RunExtendedThread(data);
 }
 
 void RunJob(CURL* curl, tagTaskContext* task) {
@@ -194,25 +196,19 @@ int ParseTask(const char* szTaskID) {
     const bool made = AttachSection();
     RequireInParseTask(g_VideoInfoSection.pCommDataPrt != nullptr,
                        "NULL != g_VideoInfoSection.pCommDataPrt", 1056);
-    ReadSection();
-    tagTaskContext* live = SlotAt(g_VideoInfoSection, g_TaskIndex);
-    if (live == nullptr || !SomeSlotCarries(szTaskID)) {
+    if (!TakeTask(szTaskID)) {
         if (made) UnInitShareMem(&g_VideoInfoSection, g_ShareName.c_str());
         return -1;
     }
-
-    tagTaskContext& copy = g_TaskContext[g_TaskIndex];
-    FillTaskInfo(g_TaskInfo, copy);
-    const TaskLock lock;
-    ClaimSlot(*live, copy, g_TaskInfo.mutexLock);
-    CopySlot(&g_TaskConData, &copy);
-    if (IsExtended(g_TaskConData)) {
+    const bool extended = IsExtended(g_TaskConData);
+    if (extended) {
         StartExtendedJob();
     } else if (!StartJobThread(ParseYoutube, &g_TaskConData)) {
         // Without a job thread nobody sets the flag that is waited for.
         g_exit_download = g_Exit = true;
     }
-    WaitForJob();
+    WaitForJob(extended);
+    CloseLock();
     return 0;
 }
 

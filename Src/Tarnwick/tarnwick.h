@@ -7,7 +7,7 @@
 // returns 0. Returns -1, with nothing claimed, when no slot carries the id (a slot whose id begins
 // with `szTaskID` counts) or g_TaskIndex is not 0 to 7; a section that had to be created is removed
 // again then. A null or empty id, or a section that cannot be attached, fails the standard
-// assertion. Main thread only; again after NextTask().
+// assertion. Main thread only, once.
 int ParseTask(const char* szTaskID);
 
 // Thread function: carries out the task in `data`, a tagTaskContext that outlives it and is not an
