@@ -2,12 +2,14 @@
 #include <linux/magic.h>
 #include <sys/statfs.h>
 #include <sys/syscall.h>
+#include <sys/utsname.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "common/platform.h"
 
@@ -32,6 +34,14 @@ void StartWriting(int descriptor) {
 }
 
 int SyncFileSystem(int descriptor) {
+    // Before Linux 5.8 syncfs(2) is silent about what could not be written.
+    utsname system{};
+    int major = 0;
+    int minor = 0;
+    if (uname(&system) != 0 || std::sscanf(system.release, "%d.%d", &major, &minor) != 2 ||
+        std::pair(major, minor) < std::pair(5, 8)) {
+        return ENOTSUP;
+    }
     return syncfs(descriptor) == 0 ? 0 : errno;
 }
 
