@@ -173,8 +173,7 @@ void* RunExtendedThread(void* data) {
 }
 
 void StartExtendedJob() {
-    auto job = std::make_unique<ExtendedJob>(PrepareJob(&g_TaskConData));
-    ExtendedJob* const data = job.release();
+    auto* const data = std::make_unique<ExtendedJob>(PrepareJob(&g_TaskConData)).release();
     // The main thread has nothing to do but to wait for the job.
     if (!StartJobThread(RunExtendedThread, data)) RunExtendedThread(data);
 }
