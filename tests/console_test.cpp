@@ -1,10 +1,16 @@
-// An address: what is wrong with it; its proxy: what the option and the environment make of it.
-#include "Console/base/proxy.h"
+// What the command makes of addresses, proxies, names, lists and rates, without a server.
+#include <sys/stat.h>
 
 #include <cstdlib>
+#include <map>
 
+#include "Console/base/proxy.h"
 #include "Console/cli/forms.h"
 #include "Console/get/filename.h"
+#include "Console/get/inputlist.h"
+#include "Console/get/numbering.h"
+#include "Console/get/rateshares.h"
+#include "Console/screen/text.h"
 #include "support/helpers.h"
 
 using namespace test_support;
@@ -124,6 +130,127 @@ TEST(Authorities, ComeFromTheOptionOrTheEnvironment) {
         if (!request.bInsecure) request.strCaFile = row.option;
         const std::string fault = CompleteRequest(request);
         EXPECT_EQ(fault.empty() ? request.strCaFile : "fault", row.expected) << fault;
+    }
+}
+
+TEST(Names, NoAddressHasAHostileName) {
+    text::UseUtf8();
+    const std::string a248(248, 'a');
+    const std::pair<std::string, std::string> rows[] = {
+        {"dir/file.iso", "file.iso"},
+        {"file?name=/x/y#z", "file"},
+        {"a%20b%2Bc", "a b+c"},
+        {"%20%20", "download"},
+        {"...%2ex", "x"},
+        {"..%2F..%2Fetc%2Fpasswd", "passwd"},
+        {"%2e%2Eprofile", "profile"},
+        {"%01.%02.bashrc%00%7f", "bashrc"},
+        {"%1b%5B31mred%0a", "[31mred"},
+        {"C:%5Cboot", "C:_boot"},
+        {"%zz%4", "%zz%4"},
+        {"%C3%A4%C2%85%E2%80%AEx", "\u00e4x"},
+        {"%E4.txt%C3", "_.txt_"},
+        {"%C0%AF%ED%A0%80", "_____"},
+        {"%E0%80%AF%BF", "____"},
+        {a248 + "bcd", a248 + "b"},
+        {a248 + "%C3%A4", a248},
+        {a248 + ".tar.gz", a248.substr(6) + ".tar.gz"},
+    };
+    for (const auto& [path, name] : rows) EXPECT_EQ(NameFromAddress("http://h/" + path), name);
+    const std::pair<std::string, std::string> servers[] = {
+        {"C:\\d/..x\\.y\n", "y"},
+        {"x.PART", "x.PART_"},
+        {"x.part.info", "x.part.info_"},
+        {a248 + ".part", a248},
+        {"x/", ""},
+        {" ", ""},
+    };
+    for (const auto& [given, name] : servers) EXPECT_EQ(NameFromServer(given), name);
+    const std::pair<std::string, std::string> numbered[] = {
+        {"a.b/a", "a.b/a.7"},
+        {"a.iso", "a.7.iso"},
+        {"x/.tar.gz", "x/.tar.7.gz"},
+        {"x/a.tar.gz", "x/a.7.tar.gz"},
+        {".x", ".x.7"},
+        {"a.part", "a.part.7"},
+        {a248 + "bc.x", a248.substr(3) + ".7.x"},
+        {"a." + a248, "a." + a248.substr(3) + ".7"},
+    };
+    for (const auto& [path, name] : numbered) EXPECT_EQ(NumberedPath(path, 7), name);
+}
+
+TEST(FailedList, AListWithAPasswordIsForItsOwner) {
+    const TempDir directory;
+    const std::string path = directory.Path("list");
+    const mode_t mask = umask(022);
+    const std::pair<const char*, mode_t> rows[] = {
+        {"http://u:p@h/", 0600}, {"ftp://u:p@h", 0600},     {"u:p@h", 0600},
+        {"http://u@h", 0644},    {"http://u:@h/x", 0644},   {"http://h/u:p@h", 0644},
+        {"http:///u:p@h", 0600}, {"n\thttp://u:p@h/", 0600}};
+    for (const auto& [address, mode] : rows) {
+        FailedList list;
+        ASSERT_EQ(list.Open(path), "");
+        list.Add({"http://first"});
+        list.Add(ReadListLine(address));
+        EXPECT_EQ(std::filesystem::status(path + ".part").permissions(),
+                  std::filesystem::perms(mode))
+            << address;
+        EXPECT_EQ(list.Finish(false), "");
+        EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(mode))
+            << address;
+    }
+    umask(mask);
+}
+
+TEST(RateShares, AreAsTheTableSays) {
+    constexpr double kAny = 1e9;
+    // What a file's server can send in the first and in the second minute, and what comes in the
+    // second one; KiB per second.
+    struct File {
+        double first, then, comes;
+    };
+    const struct {
+        const char* name;
+        std::uint64_t rate;
+        std::vector<File> files;
+    } rows[] = {
+        {"one", 100 << 10, {{kAny, kAny, 100}}},
+        {"two and a half each", 20 << 10, std::vector<File>(8, {kAny, kAny, 2.5})},
+        {"a fraction", 1500, {{kAny, kAny, 1500.0 / 1024}}},
+        {"slow ones",
+         1000 << 10,
+         {{50, 50, 50}, {70, 70, 70}, {kAny, kAny, 430}, {kAny, kAny, 430}}},
+        {"a dead one", 100 << 10, {{0, 0, 0}, {kAny, kAny, 97}}},
+        {"one gets faster", 100 << 10, {{5, kAny, 48}, {kAny, kAny, 52}}},
+        {"one gets slower", 100 << 10, {{kAny, 10, 10}, {kAny, kAny, 84}}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        RateShares shares(row.rate);
+        EXPECT_EQ(shares.MostFiles(), row.rate / 1024);
+        std::map<std::string, double> now, told;  // bytes per second; told a second later
+        std::vector<double> came(row.files.size());
+        for (std::size_t i = 0; i < row.files.size(); ++i) told[std::to_string(i)] = -1;
+        double given = 0;
+        for (int second = 0; second < 120; ++second) {
+            shares.ShareOut(told);
+            told = std::exchange(now, {});
+            for (std::size_t i = 0; i < row.files.size(); ++i) {
+                const std::string name = std::to_string(i);
+                if (second == 0) told[name] = -1;
+                const File& file = row.files[i];
+                const double comes =
+                    std::min<double>(shares.Of(name), second < 60 ? file.first : file.then);
+                now[name] = comes * 1024;
+                if (second >= 60) came[i] += comes / 60;
+                given += shares.Of(name) * 1024;
+            }
+            EXPECT_LE(given, static_cast<double>(row.rate) * (second + 1));
+            shares.NextSecond();
+        }
+        for (std::size_t i = 0; i < row.files.size(); ++i) {
+            EXPECT_NEAR(came[i], row.files[i].comes, 0.05 * row.files[i].comes) << i;
+        }
     }
 }
 
