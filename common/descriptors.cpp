@@ -25,16 +25,13 @@ msghdr MessageOf(iovec& text, Control& control) {
 
 }  // namespace
 
-ssize_t SendWith(int socket, std::string_view text, const std::vector<Descriptor>& descriptors) {
+ssize_t SendWith(int socket, std::string_view text, const std::vector<int>& descriptors) {
     if (descriptors.empty() || descriptors.size() > DESCRIPTORS_MOST) {
         if (descriptors.empty())
             return send(socket, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         errno = EINVAL;
         return -1;
     }
-    int numbers[DESCRIPTORS_MOST] = {};
-    std::transform(descriptors.begin(), descriptors.end(), numbers,
-                   [](const Descriptor& descriptor) { return descriptor.Get(); });
     const std::size_t size = descriptors.size() * sizeof(int);
     iovec bytes{const_cast<char*>(text.data()), text.size()};
     Control control;
@@ -44,7 +41,7 @@ ssize_t SendWith(int socket, std::string_view text, const std::vector<Descriptor
     header->cmsg_level = SOL_SOCKET;
     header->cmsg_type = SCM_RIGHTS;
     header->cmsg_len = CMSG_LEN(size);
-    std::memcpy(CMSG_DATA(header), numbers, size);
+    std::memcpy(CMSG_DATA(header), descriptors.data(), size);
     return sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 

@@ -14,7 +14,7 @@ constexpr std::size_t DESCRIPTORS_MOST = 8;  // with one text
 
 // Sends the text, without waiting, with copies of at most DESCRIPTORS_MOST descriptors. Returns the
 // number of bytes that were sent; or -1 with errno set, nothing was sent then.
-ssize_t SendWith(int socket, std::string_view text, const std::vector<Descriptor>& descriptors);
+ssize_t SendWith(int socket, std::string_view text, const std::vector<int>& descriptors);
 
 // Receives at most `size` bytes, without waiting, and the descriptors that were sent with them.
 // Returns like recv.

@@ -12,9 +12,21 @@
 
 namespace platform {
 
+namespace {
+
+// Where the C library keeps it: sem_overview(7).
+std::string PathOf(const std::string& semaphore) {
+    return "/dev/shm/sem." + semaphore;
+}
+
+}  // namespace
+
+int LinkSemaphore(const std::string& name, const std::string& further) {
+    return link(PathOf(name).c_str(), PathOf(further).c_str()) == 0 ? 0 : errno;
+}
+
 int SemaphoreFile(const std::string& name, Descriptor& file) {
-    const std::string path = "/dev/shm/sem." + name;
-    file = Descriptor(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    file = Descriptor(open(PathOf(name).c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     return file.IsOpen() ? 0 : errno;
 }
 

@@ -6,6 +6,10 @@
 
 namespace platform {
 
+int LinkSemaphore(const std::string&, const std::string&) {
+    return ENOTSUP;
+}
+
 int SemaphoreFile(const std::string&, Descriptor&) {
     return ENOTSUP;
 }

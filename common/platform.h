@@ -157,6 +157,10 @@ bool MapsSharedMemory(pid_t pid, const std::string& name);
 // list them.
 std::vector<std::string> OwnSemaphoreNames();
 
+// Gives the named semaphore a further name. Returns 0 or an error number: EEXIST when something has
+// that name, ENOTSUP where the system has no such thing.
+int LinkSemaphore(const std::string& name, const std::string& further);
+
 // A descriptor of the named semaphore, for a process that may not open it by its name. Returns 0 or
 // an error number: ENOTSUP where the system has no such thing.
 int SemaphoreFile(const std::string& name, Descriptor& file);

@@ -248,6 +248,22 @@ TEST_F(Warm, WhateverBecomesOfOneThatWaitsTheNextTaskIsServed) {
     }
 }
 
+TEST_F(Warm, GetsAnotherLockWhenSomebodyHasThatOfTheTaskBeforeOrReleasesItTwice) {
+    const HttpServer server({Reply::Ok("body")});
+    const tagTaskRequest request;
+    const Course* course = &campaign_.Add(campaign_.Task(server.Url()), &request);
+    for (int (*spoil)(sem_t*) : {sem_trywait, sem_post}) {
+        Follow(*course);
+        EXPECT_EQ(0, spoil(course->lock));
+        course = &campaign_.Add(campaign_.Task(server.Url()), &request);
+        Follow(*course);
+        EXPECT_EQ(course->code, 3) << course->remark;
+        int value = -1;
+        sem_getvalue(course->lock, &value);
+        EXPECT_EQ(value, 1);
+    }
+}
+
 // Has a download of which a part came, then tells its worker and sleeps.
 void RunManager(const std::string& path, pid_t& worker) {
     HttpServer server(

@@ -149,14 +149,15 @@ class Supervised : public testing::Test {
     }
     // One thread: the watches' lock guards nothing here.
     void Renew(Stage stage) TS_NO_ANALYSIS {
-        if (watch_.lock != nullptr) FreeWatch(watch_);
+        if (watch_.lock.IsOpen()) FreeWatch(watch_);
         watch_.id = id_;
         watch_.nTaskIndex = 0;
         watch_.nCmd = TASK_CMD_DOWNLOAD;
         watch_.stage = {stage, start_};
         watch_.worker = {Worker::kAlive, start_};
         watch_.process = platform::ProcessWatch(getpid());
-        watch_.lock = sem_open(id_.c_str(), O_CREAT, 0600, 1);
+        watch_.lock.Make(id_, false);
+        watch_.lock.Release();
         slot_ = tagTaskContext();
         SetField(slot_.szTaskID, id_);
     }
@@ -265,7 +266,7 @@ TEST_F(Supervised, AWorkerThatTheKernelHoldsIsDeadInTheEnd) {
 
 TEST_F(Supervised, ADeadHoldersLockIsReleasedAfterItsDeath) {
     slot_.nPid = getpid();
-    sem_trywait(watch_.lock);
+    watch_.lock.Try();
     for (const double seconds : {0, 4}) Look(seconds);
     watch_.process = platform::ProcessWatch();
     Look(4.1);

@@ -105,19 +105,35 @@ void FillTaskInfo(tagTaskNode& info, const tagTaskContext& slot) {
     info.nTryInterval = ClampTries(slot.nTryInterval);
 }
 
-sem_t* g_lent = nullptr;  // the semaphore that was handed over; null: the lock has its own
+// The semaphore that was handed over last. Mostly a task brings that of the task before: it stays
+// mapped.
+sem_t* g_lent = nullptr;
+struct stat g_lent_file {};
+
+// The semaphore that was handed over with the task; null: none, or it cannot be had.
+sem_t* LentSemaphore() {
+    if (g_HandedOver.empty()) return nullptr;
+    const int file = g_HandedOver.front().Get();
+    struct stat status {};
+    if (fstat(file, &status) != 0) return nullptr;
+    if (g_lent == nullptr || !SameFile(status, g_lent_file)) {
+        if (g_lent != nullptr) platform::UnmapSemaphore(g_lent);
+        g_lent = platform::MapSemaphore(file);
+        g_lent_file = status;
+    }
+    return g_lent;
+}
 
 // Opens the task's lock by its name, unless it was handed over.
 void OpenLock() {
-    if (!g_HandedOver.empty()) g_lent = platform::MapSemaphore(g_HandedOver.front().Get());
+    sem_t* lent = LentSemaphore();
     g_TaskInfo.mutexLock =
-        g_lent != nullptr ? new Threading::Mutex(Threading::Mutex::Lent{g_lent})
-                          : new Threading::Mutex(static_cast<const char*>(g_TaskInfo.szTaskID));
+        lent != nullptr ? new Threading::Mutex(Threading::Mutex::Lent{lent})
+                        : new Threading::Mutex(static_cast<const char*>(g_TaskInfo.szTaskID));
 }
 
 void CloseLock() {
     delete std::exchange(g_TaskInfo.mutexLock, nullptr);
-    if (g_lent != nullptr) platform::UnmapSemaphore(std::exchange(g_lent, nullptr));
 }
 
 // Claims the slot by writing this process's id into it.

@@ -41,7 +41,7 @@ mtype = { NOBODY, WORKER, SCANNER, SUPERVISOR, APPLICATION };
 bool slotId, slotPid, slotStop, slotInfo;  /* Info: code 10 or 2 */
 byte slotFinal;              /* a final code: 1 of the worker, 2 of the supervisor */
 byte slotText;               /* the answer: 1 that of slotInfo, 2 that of slotFinal */
-byte sem[3] = 1;             /* the lock of each task, made anew for it */
+byte sem[3] = 1;             /* the lock of each task: made anew, or left free and unshared */
 mtype holder[3] = NOBODY;
 byte name;                   /* task whose semaphore carries the name; 0: none does */
 bool alive[3], hung[3];      /* worker processes: the one started for each task */

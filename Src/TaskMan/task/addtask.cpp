@@ -27,8 +27,6 @@
 
 namespace {
 
-constexpr mode_t kPrivate = 0600;
-
 // Why a task is refused, and whether it may be added again; kNone when it is not refused.
 struct Refused {
     std::string reason;
@@ -130,16 +128,11 @@ Refused TakeSlot(const tagTaskInfo& taskinfo, const tagTaskRequest* request, Wat
     return {};
 }
 
-// Creates the task's semaphore anew, for the watch, which closes it: one of that name that exists
-// may have been left locked, or be another program's. Returns 0 or an error number.
-int MakeSemaphore(Watch& watch) {
+// Makes the task's lock, which is taken then. Returns 0 or an error number.
+int MakeLock(Watch& watch) {
     // The list of open semaphores that the system keeps has a lock that race detectors do not see.
     Threading::AutoLock hold(&g_watch_mutex);
-    sem_unlink(watch.id.c_str());
-    sem_t* made = sem_open(watch.id.c_str(), O_CREAT | O_EXCL, kPrivate, 1U);
-    if (made == SEM_FAILED) return errno;
-    watch.lock = made;
-    return 0;
+    return watch.lock.Make(watch.id, watch.stay.count() > 0);
 }
 
 // Writes the request into the slot and enters the task into the map, all under the map lock: a
@@ -160,12 +153,11 @@ int EnterTask(Watch& watch, const tagTaskInfo& taskinfo, std::int32_t rate) {
 
     Threading::AutoLock tally(&g_tally_mutex);
     Threading::AutoLock map(&g_access_taskmap_mutex);
-    if (const int error = MakeSemaphore(watch); error != 0) return error;
-    node->mutexLock = new Threading::Mutex(Threading::Mutex::Lent{watch.lock, watch.id});
-    {
-        Threading::AutoLock task(node->mutexLock);
-        CopySlot(SlotAt(g_VideoInfoSection, watch.nTaskIndex), &request);
-    }
+    if (const int error = MakeLock(watch); error != 0) return error;
+    node->mutexLock =
+        new Threading::Mutex(Threading::Mutex::Lent{watch.lock.Semaphore(), watch.id});
+    CopySlot(SlotAt(g_VideoInfoSection, watch.nTaskIndex), &request);
+    watch.lock.Release();
     g_TaskInfo_map.emplace(watch.id, node.release());
     Threading::AutoLock count(&g_access_taskcount_mutex);
     ++(IsParseJob(taskinfo.nCmd, taskinfo.nTaskKind) ? g_ParseCount : g_DownloadCount);

@@ -56,7 +56,7 @@ int Channel::Open(Descriptor& worker) {
     return 0;
 }
 
-int Channel::Send(std::string_view text, const std::vector<Descriptor>& files) {
+int Channel::Send(std::string_view text, const std::vector<int>& files) {
     heard_.clear();
     over_ = false;
     const ssize_t sent = SendWith(end_, text, files);

@@ -31,7 +31,7 @@ class Channel {
     // Sends the text for the next task, with copies of the descriptors; what the worker has told of
     // the one before is forgotten. Returns 0 or an error number: ENOBUFS when the system does not
     // take the whole text at once.
-    int Send(std::string_view text, const std::vector<Descriptor>& files = {});
+    int Send(std::string_view text, const std::vector<int>& files = {});
 
     // Descriptor to wait on for something to read; -1 when there is nothing to wait for any more.
     int Awaited() const { return over_ ? -1 : end_.load(); }

@@ -67,13 +67,15 @@ void TakeIdleWorker(Watch& watch) {
     IdleWorker idle = std::exchange(g_IdleWorkers[watch.nTaskIndex], {});
     watch.process = std::move(idle.process);
     watch.channel = std::move(idle.channel);
+    watch.lock = idle.lock.Take();
     watch.nTasks = idle.nTasks;
     watch.bHandedOver = true;
     watch.bPassedOver = false;
 }
 
 void DropIdleWorker(int nTaskIndex) {
-    const IdleWorker idle = std::exchange(g_IdleWorkers[nTaskIndex], {});
+    IdleWorker idle = std::exchange(g_IdleWorkers[nTaskIndex], {});
+    idle.lock.Close();
     if (idle.process.Pid() < 1) return;
     g_WorkerPid[nTaskIndex] = 0;
     Drop(idle.process);
@@ -100,6 +102,7 @@ bool KeepIfIdle(Watch& watch, Clock::time_point now) {
     IdleWorker& idle = g_IdleWorkers[slot];
     idle.process = watch.process;
     idle.channel = std::move(watch.channel);
+    if (watch.lock.IsKept()) idle.lock = watch.lock.Take();
     idle.traits = std::move(watch.traits);
     idle.nTasks = watch.nTasks;
     idle.until = now + watch.stay + timing::kExitPatience;
@@ -119,6 +122,7 @@ Clock::time_point SuperviseIdleWorkers(Clock::time_point now,
         if (idle.process.Gone()) {
             g_WorkerPid[i] = 0;
             idle.process.Reap();
+            idle.lock.Close();
             idle = {};
             continue;
         }

@@ -11,6 +11,7 @@
 struct IdleWorker {
     platform::ProcessWatch process{};  // gone: there is none
     Channel channel{};
+    TaskLock lock{};
     Traits traits{};
     std::int32_t nTasks = 0;                             // that it has served
     Clock::time_point until = Clock::time_point::max();  // it should have ended by itself by then

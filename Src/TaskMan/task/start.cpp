@@ -84,28 +84,28 @@ void ReplaceWorker(Watch& watch) {
     StartWorker(watch, channel);
 }
 
-// Opens what a worker needs that has given up its rights: lock, partial file, and an empty record.
-// False when that cannot be had; a worker of the task's own will tell why. Nothing where the system
-// cannot lend a lock: there nobody gives up anything.
-bool OpenFiles(const Watch& watch, std::vector<Descriptor>& files) {
-    Descriptor lock;
-    const int error = platform::SemaphoreFile(watch.id, lock);
-    if (error != 0) return error == ENOTSUP;
-    files.push_back(std::move(lock));
-    constexpr int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK;
-    files.emplace_back(open(watch.path.c_str(), flags, 0666));
-    if (watch.traits.bKeeps) {
-        const std::string record = watch.path + PART_RECORD_ENDING;
-        files.emplace_back(open(record.c_str(), flags | O_EXCL, 0600));
-    }
-    return std::all_of(files.begin(), files.end(),
-                       [](const Descriptor& file) { return file.IsOpen(); });
-}
-
-// Sends id, request and files to the worker, which waits for them. False when it does not get them.
+// Sends id and request to the worker, which waits for them, with what it needs once it has given up
+// its rights: the lock, the partial file, and an empty record. No files where the system cannot
+// lend a lock: there nobody gives up anything. False when the worker does not get all of it; one of
+// the task's own will tell why.
 bool HandOver(Watch& watch) {
-    std::vector<Descriptor> files;
-    if (!OpenFiles(watch, files)) return false;
+    constexpr int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK;
+    std::vector<int> files{watch.lock.File()};
+    Descriptor part;
+    Descriptor record;
+    if (files.front() == -1) {
+        if (errno != ENOTSUP) return false;
+        files.clear();
+    } else {
+        part = Descriptor(open(watch.path.c_str(), flags, 0666));
+        files.push_back(part.Get());
+    }
+    if (watch.traits.bKeeps && !files.empty()) {
+        const std::string path = watch.path + PART_RECORD_ENDING;
+        record = Descriptor(open(path.c_str(), flags | O_EXCL, 0600));
+        files.push_back(record.Get());
+    }
+    if (std::count(files.begin(), files.end(), -1) > 0) return false;
     {
         Threading::AutoLock hold(&g_watch_mutex);
         const std::string text = TASK_CHANNEL_TASK + watch.id + "\r\n" + watch.request;

@@ -37,14 +37,6 @@ std::mutex g_slot_callback_mutex;  // held while the callback runs
 SlotFreedCallback g_slot_callback = nullptr;
 void* g_slot_callback_param = nullptr;
 
-bool TryLock(Watch& watch) {
-    return sem_trywait(watch.lock) == 0;
-}
-
-void Unlock(Watch& watch) {
-    sem_post(watch.lock);
-}
-
 bool CarriesId(const tagTaskContext& slot, const Watch& watch) {
     return FieldView(slot.szTaskID) == watch.id;
 }
@@ -194,10 +186,10 @@ void FollowWorker(Watch& watch, Clock::time_point now) {
 }
 
 void InspectIfFree(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {
-    if (TryLock(watch)) {
+    if (watch.lock.Try()) {
         watch.lockBusySince.reset();
         Inspect(watch, now);
-        Unlock(watch);
+        watch.lock.Release();
         return;
     }
     if (!watch.lockBusySince) watch.lockBusySince = now;
@@ -207,7 +199,7 @@ void InspectIfFree(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mute
     // A dead holder cannot release the lock. It is released on its behalf and taken like by
     // everybody at the next look: a write without it would race with the scanner.
     watch.lockBusySince.reset();
-    Unlock(watch);
+    watch.lock.ReleaseForDead();
 }
 
 Clock::time_point NextLook(const Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex) {

@@ -26,8 +26,8 @@ int UsedWatchCount() {
 }
 
 void FreeWatch(Watch& watch) {
-    if (watch.lock != nullptr) {
-        sem_close(watch.lock);
+    if (watch.lock.IsOpen()) {
+        watch.lock.Close();
         // The scanner's lock has removed the name; a worker that came late has made it again.
         sem_unlink(watch.id.c_str());
     }

@@ -7,8 +7,6 @@
 // waits for its next task.
 #pragma once
 
-#include <semaphore.h>
-
 #include <chrono>
 #include <optional>
 #include <string>
@@ -17,6 +15,7 @@
 #include "TaskMan/task/channel.h"
 #include "TaskMan/task/diskwatch.h"
 #include "TaskMan/task/managerevent.h"
+#include "TaskMan/task/tasklock.h"
 #include "common/mutex.h"
 #include "common/platform.h"
 #include "common/threadsafety.h"
@@ -89,7 +88,7 @@ struct Watch {
     int nTaskIndex = -1;  // slot
     std::int32_t nTaskKind = -1;
     std::int32_t nCmd = -1;          // command of the task
-    sem_t* lock = nullptr;           // the task's semaphore, which its node uses as well
+    TaskLock lock;                   // which its node uses as well
     platform::ProcessWatch process;  // once the worker was started, the supervisor's to change
 
     // Of an extended task.
