@@ -2,7 +2,6 @@
 // runs, logins.
 #include <unistd.h>
 
-#include "Tarnwick/netrc.h"
 #include "support/transfers.h"
 
 using engine::End;
@@ -215,32 +214,6 @@ TEST(Engine, LogsInWhereItIsAsked) {
     }
     for (const std::string& request : foreign.Requests()) {
         EXPECT_EQ(Header(request, "Authorization"), "");
-    }
-}
-
-TEST(Netrc, TellsTheLoginOfAHost) {
-    const std::string rest = "machine other login o password x\n";
-    const struct {
-        std::string text, login;
-    } rows[] = {
-        {"machine h login u password p", "u p"},
-        {rest + "machine H\n\tpassword p\r\n\taccount a login u\n" + rest, "u p"},
-        {"default login d password p\nmachine h login u password p", "d p"},
-        {"machine h login u password p default login d", "u p"},
-        {rest + "default login d", "d "},
-        {"machine h login \"u \\\"v\" password #1", "u \"v #1"},
-        {"# machine h login u\n" + rest, " "},
-        {"macdef m\nmachine h login u\n\nmachine h login v password p", "v p"},
-        {"machine h password p", " p"},
-        {"machine h login", " "},
-        {"machine", " "},
-        {"machine h login \"u", "u "},
-        {"", " "},
-    };
-    for (const auto& [text, login] : rows) {
-        std::string user = "before", password;
-        FindLogin(text, "h", user, password);
-        EXPECT_EQ(user.append(" ").append(password), login) << text;
     }
 }
 
