@@ -1,0 +1,118 @@
+// A manager whose workers wait for another task: which of them serve it, and what they remember.
+#include "TaskMan/partrecord.h"
+#include "support/campaign.h"
+#include "support/http_server.h"
+
+using namespace test_support;
+
+namespace {
+
+class IdleWorkers : public testing::Test {
+  protected:
+    IdleWorkers() { SetTaskLimits({.nIdleSeconds = 3600, .nTasksPerWorker = 3}); }
+    ~IdleWorkers() override { SetTaskLimits({}); }
+
+    // Waits until the task has ended and nothing but idle workers is left.
+    static void Follow(const Course& course) {
+        EXPECT_TRUE(WaitUntil([&] { return course.finals > 0 && FreeSlotCount() == 8; }));
+    }
+    static pid_t Worker() { return *std::max_element(g_WorkerPid, g_WorkerPid + 8); }
+
+    Campaign campaign_;
+};
+
+TEST_F(IdleWorkers, ServeOneTaskAfterTheOtherAndRememberTheirConnectionsOnly) {
+    const std::string answer = "HTTP/1.1 200 X\r\nContent-Length: 4\r\n\r\nbody";
+    // Each connection carries two requests; a third one meets an answer that is not its own.
+    HttpServer server(
+        {Reply().Send(answer).Receive().Send(answer).Pause(milliseconds(1)).Send(answer)});
+    std::vector<pid_t> workers;
+    for (int i = 0; i < 4; ++i) {
+        tagTaskRequest request;
+        if (i == 0) request.strUserAgent = "first", request.bContinue = true;
+        if (i == 1) request.strIfNoneMatch = "\"tag\"", request.strSha256 = std::string(64, '0');
+        const Course& course = campaign_.Add(campaign_.Task(server.Url()), &request);
+        Follow(course);
+        EXPECT_EQ(course.code, 3) << course.remark;
+        EXPECT_EQ(course.answer.nTries, 0);
+        EXPECT_EQ(course.answer.nRequests, 1);
+        EXPECT_EQ(ReadFile(campaign_.Output(course)), "body");
+        workers.push_back(Worker());
+    }
+    EXPECT_GT(workers[0], 0);
+    EXPECT_EQ(workers, (std::vector{workers[0], workers[0], 0, workers[3]}));
+    const std::vector<std::string> requests = server.Requests();
+    ASSERT_EQ(requests.size(), 3U);
+    EXPECT_EQ(requests[1], requests[2]);  // of the third task, and of the first one of a worker
+    // What a worker may not do for others.
+    const HttpServer slow({Reply().Pause(milliseconds(200)).Then(Reply::Ok("body"))});
+    const tagTaskRequest plain;
+    const Course& other = campaign_.Add(campaign_.Task(slow.Url()), &plain);
+    EXPECT_EQ(other.worker.Pid(), workers[3]);
+    Follow(other);
+    const std::function<void(tagTaskInfo&, tagTaskRequest&)> changes[] = {
+        [](tagTaskInfo&, tagTaskRequest& request) { request.Headers = {"Cookie: x"}; },
+        [](tagTaskInfo&, tagTaskRequest& request) { request.strUser = "u"; },
+        [](tagTaskInfo&, tagTaskRequest& request) { request.strCaFile = "/ca"; },
+        [](tagTaskInfo&, tagTaskRequest& request) { request.bInsecure = true; },
+        [&](tagTaskInfo& task, tagTaskRequest&) {
+            task.bUseProxy = 1, task.nProxyType = 0, task.nProxyPort = slow.Port();
+            SetField(task.szProxyHost, "127.0.0.1");
+        },
+        [](tagTaskInfo&, tagTaskRequest& request) { request.strNetrc = "/none"; },
+        [](tagTaskInfo&, tagTaskRequest& request) { request.bInsecure = true; },
+        [](tagTaskInfo& task, tagTaskRequest&) {
+            WriteFile(task.szFilePath + std::string(PART_RECORD_ENDING), "a record");
+        },
+        [](tagTaskInfo& task, tagTaskRequest&) { task.nReserved1 = -2; },
+    };
+    for (const auto& change : changes) {
+        tagTaskRequest request;
+        tagTaskInfo task = campaign_.Task(slow.Url());
+        change(task, request);
+        const Course& course = campaign_.Add(task, task.nReserved1 == -2 ? nullptr : &request);
+        EXPECT_NE(course.worker.Pid(), workers[3]);
+        Follow(course);
+    }
+}
+
+TEST_F(IdleWorkers, MayBreakAndTheNextTaskIsServed) {
+    const struct {
+        const char* steps;
+        int code = 3;
+        const char* remark = "";
+    } rows[] = {
+        {"exit"},      {"deaf"},           {"stop"},
+        {"next,exit"}, {"next,lock,kill"}, {"next,claim,kill", 7, "the worker died"},
+    };
+    const HttpServer server({Reply::Ok("body")});
+    for (const auto& [steps, code, remark] : rows) {
+        SCOPED_TRACE(steps);
+        tagTaskRequest request;
+        request.Headers = {std::string("Row: ") + steps};  // for no worker of another row
+        const std::string first = std::string("claim,finish,idle,") + steps;
+        Follow(campaign_.Add(campaign_.Task(first), &request));
+        const Course& next = campaign_.Add(campaign_.Task(server.Url()), &request);
+        Follow(next);
+        EXPECT_EQ(next.code, code);
+        EXPECT_EQ(next.remark, remark);
+    }
+}
+
+TEST_F(IdleWorkers, GetAnotherLockWhenTheLastOneIsHeldOrWasReleasedTwice) {
+    const HttpServer server({Reply::Ok("body")});
+    const tagTaskRequest request;
+    const Course* course = &campaign_.Add(campaign_.Task(server.Url()), &request);
+    for (int (*spoil)(sem_t*) : {sem_trywait, sem_post}) {
+        Follow(*course);
+        EXPECT_EQ(0, spoil(course->lock));
+        course = &campaign_.Add(campaign_.Task(server.Url()), &request);
+        Follow(*course);
+        EXPECT_EQ(course->code, 3) << course->remark;
+        int value = -1;
+        sem_getvalue(course->lock, &value);
+        EXPECT_EQ(value, 1);
+    }
+}
+
+}  // namespace
