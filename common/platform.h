@@ -1,5 +1,5 @@
-// What differs from one operating system to the next, in sources of each system
-// (platform_linux.cpp, confine_linux.cpp, files_linux.cpp, lending_linux.cpp, and those of macos).
+// What differs from one operating system to the next, in sources of each system (platform_,
+// confine_, files_, inspect_ and lending_ with linux.cpp or macos.cpp).
 // Nothing else in the tree asks on which system it runs.
 #pragma once
 

@@ -4,14 +4,12 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/sysctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 
 #include "common/platform.h"
@@ -50,14 +48,6 @@ int ReserveSharedMemory(int, off_t) {
 int WaitCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, int milliseconds) {
     const timespec time{milliseconds / 1000, milliseconds % 1000 * 1'000'000L};
     return pthread_cond_timedwait_relative_np(condition, mutex, &time);
-}
-
-std::vector<std::string> SharedMemoryNames() {
-    return {};
-}
-
-OpenFile LookAtOpenFile(pid_t, const std::string&, int) {
-    return {};
 }
 
 ProcessWatch::ProcessWatch(pid_t pid) : pid_(pid) {}
@@ -132,26 +122,6 @@ void WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker, 
     waker.Forget();
 }
 
-std::vector<Process> OwnProcesses() {
-    return {};
-}
-
-std::vector<std::string> ProcessArguments(pid_t) {
-    return {};
-}
-
-double ProcessAge(pid_t) {
-    return -1;
-}
-
-bool MapsSharedMemory(pid_t, const std::string&) {
-    return false;
-}
-
-std::vector<std::string> OwnSemaphoreNames() {
-    return {};
-}
-
 bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset) {
     // Such objects cannot be read by calls; a mapping has to begin at a page.
     struct stat status {};
@@ -163,12 +133,6 @@ bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offs
     std::memcpy(buffer, static_cast<const char*>(mapping) + offset, size);
     munmap(mapping, static_cast<std::size_t>(end));
     return true;
-}
-
-std::string BootId() {
-    char id[64] = "";
-    std::size_t size = sizeof id;
-    return sysctlbyname("kern.bootsessionuuid", id, &size, nullptr, 0) == 0 ? id : "";
 }
 
 }  // namespace platform
