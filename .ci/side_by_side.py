@@ -15,7 +15,8 @@ TASKMAN = Path(__file__).resolve().parent.parent / "build/bin/taskman"
 
 
 class Case:
-    """One function below with a directory of its own; `site` serves files with `content`."""
+    """One function of option_check, with a directory of its own; `site` serves files with
+    `content`."""
     numbers = itertools.count(1)
 
     def __init__(self, name, top, site, content):
@@ -103,5 +104,6 @@ def run_case(top, site, content, function, *row):
         function(case, *row)
     except Exception as what:
         place = traceback.extract_tb(what.__traceback__)[1]
-        return f"option_check: {case.name}: line {place.lineno}: {what}"
+        file = Path(place.filename).name
+        return f"option_check: {case.name}: {file}, line {place.lineno}: {what}"
     return None
