@@ -36,7 +36,7 @@ void WakePipe::Wait(std::chrono::milliseconds time, int descriptor) const {
     pollfd news[] = {{reader_.Get(), POLLIN, 0}, {descriptor, POLLIN, 0}};
     poll(news, std::size(news), static_cast<int>(time.count()));
     std::array<char, 64> bytes{};
-    while (read(reader_.Get(), bytes.data(), bytes.size()) > 0) {
+    while (read(reader_.Get(), bytes.data(), bytes.size()) == ssize_t{bytes.size()}) {
     }
 }
 

@@ -38,6 +38,9 @@ class Downloads : private Uncopyable {
     // Acts on one event from the queue.
     void Handle(const Event& event);
 
+    // Prints the paths of the files that have ended since the last call, if they are to be printed.
+    void PrintPaths();
+
     // Begins nothing more and asks every running task to stop. Returns how many files are waited
     // for.
     std::size_t Stop();
@@ -75,7 +78,6 @@ class Downloads : private Uncopyable {
     std::string Collision(const Fetch& file) const;
     void Name(Fetch& file) const;
     void Report(File file, Outcome outcome);
-    void PrintPath(const std::string& path);
     void Count(const Fetch& file, Outcome outcome);
     void CopyRest(bool atOnce);
 
@@ -100,4 +102,5 @@ class Downloads : private Uncopyable {
     ExitStatus status_ = EXIT_STATUS_FINISHED;
     bool stopping_ = false;
     const bool print_paths_;
+    std::string paths_{};  // to be printed, each with its line end
 };

@@ -19,14 +19,15 @@ void Downloads::Report(File file, Outcome outcome) {
     Count(*file, std::move(outcome));
     if (!kept.empty()) display_.Note(kept);
     if (mine) names_.NoteWritten(file->View().path);
-    if (print_paths_ && there) PrintPath(file->View().path);
+    if (print_paths_ && there) paths_ += file->View().path + '\n';
 }
 
-void Downloads::PrintPath(const std::string& path) {
+void Downloads::PrintPaths() {
+    if (paths_.empty()) return;
     // Standard output may be the same terminal.
     display_.Clear();
     std::string fault;
-    if (!Print(path + "\n", fault) && !fault.empty()) display_.Fault(fault);
+    if (!Print(std::exchange(paths_, {}), fault) && !fault.empty()) display_.Fault(fault);
 }
 
 // Counts the file as ended and shows its end.

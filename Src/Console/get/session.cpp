@@ -69,8 +69,10 @@ int Session::Run(const std::string& worker) {
 
 void Session::Turn() {
     for (const Event& event : events_.Take()) downloads_.Handle(event);
+    downloads_.PrintPaths();
     LookAtSignals();
     const bool more = downloads_.StartNext();
+    downloads_.PrintPaths();
     const bool resumed = signals::TakeResume();
     if (signals::TakeResize() || resumed) display_.ScreenChanged(resumed);
     display_.Refresh(downloads_.Running(), downloads_.Counts());

@@ -249,10 +249,11 @@ Outcome Target::Store(double size, const std::string& sha256, const std::functio
     }
     if (const int error = sync(Part())) return Local(Fault("cannot write", part_, error));
     // Should the command be killed between the two steps, an empty record is not worth staying.
-    if (!HasPartRecord(part_)) RemoveRecord();
+    const bool recorded = HasPartRecord(part_);
+    if (!recorded) RemoveRecord();
     std::string fault = Rename();
     if (!fault.empty()) return Local(std::move(fault));
-    RemoveRecord();
+    if (recorded) RemoveRecord();
     stored_ = true;
     return {EndResult::kFinished, EXIT_STATUS_FINISHED, "", bytes};
 }

@@ -55,6 +55,10 @@ bool SectionHasName() {
     return true;
 }
 
+Refused NoSection() {
+    return Never("the section has lost its name (RemoveIPC=?)");
+}
+
 // What an extended task has beyond others. A worker that may stay is told so by its request.
 void ExtendWatch(Watch& watch, tagTaskRequest request) TS_REQUIRES(g_watch_mutex) {
     watch.bExtended = true;
@@ -91,9 +95,11 @@ Refused FindSlot(const std::string& id, const std::string& path, const Traits* t
     if (found == nullptr) return Later("all slots are taken");
     if (best <= Fit::kAble) {
         TakeIdleWorker(*found);
-    } else {
-        DropIdleWorker(found->nTaskIndex);
+        return {};
     }
+    // Whoever may get a worker that waits asks for this only when there is none.
+    if (traits != nullptr && !SectionHasName()) return NoSection();
+    DropIdleWorker(found->nTaskIndex);
     return {};
 }
 
@@ -107,7 +113,7 @@ Refused TakeSlot(const tagTaskInfo& taskinfo, const tagTaskRequest* request, Wat
     Threading::AutoLock hold(&g_watch_mutex);
     if (g_phase != ManagerPhase::kRunning) return Never("the task manager is not running");
     if (Clock::now() < g_refuse_until) return Later(REFUSED_FOR_NOW);
-    if (!SectionHasName()) return Never("the section has lost its name (RemoveIPC=?)");
+    if (!traits && !SectionHasName()) return NoSection();
     const std::string id = FieldText(taskinfo.szTaskID);
     Refused refused = FindSlot(id, path, traits ? &*traits : nullptr, taken);
     if (taken == nullptr || refused.kind != TaskRefusal::kNone) return refused;

@@ -56,7 +56,8 @@ Traits TraitsOf(const tagTaskInfo& taskinfo, const tagTaskRequest& request,
 
 Fit FitOf(int nTaskIndex, const Traits* traits) {
     const IdleWorker& idle = g_IdleWorkers[nTaskIndex];
-    if (idle.process.Gone()) return Fit::kEmpty;
+    // One that has died unseen does not take the task; that starts a process then.
+    if (idle.process.Pid() < 1) return Fit::kEmpty;
     if (traits == nullptr || traits->bNeedsFiles || traits->reach != idle.traits.reach) {
         return Fit::kUnable;
     }
