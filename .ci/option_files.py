@@ -58,7 +58,7 @@ def local_names(case):
         case.ensure((run.directory / path).read_bytes() == case.content, run)
     run = case.get("--number {http}/file {http}/basic/../file {http}/eight/1.tar")
     case.get("--number {http}/file {http}/eight/1.tar", behind=run)
-    case.ensure(set(run.files()) == {"file", "file.1", "file.2", "1.tar", "1.1.tar"}, run.files())
+    case.ensure(set(run.files()) == {"file", "file.1", "file.2", "1.tar", "1.1.tar"}, list(run.files()))
     case.ensure(set(run.files().values()) == {case.content}, "other bytes")
 
 
