@@ -12,15 +12,10 @@
 VerbForm GetForm(Command& command);
 VerbForm InfoForm(Command& command);
 
-// Rows of both, which store into what all requests of the command have in common.
-Option HeaderRow(tagTaskRequest& request);
-Option UserRow(tagTaskRequest& request);
-Option NetrcRow(tagTaskRequest& request);
-Option UserAgentRow(tagTaskRequest& request);
-Option AuthoritiesRow(tagTaskRequest& request);
-Option CertificateRow(tagTaskRequest& request);
-Option KeyRow(tagTaskRequest& request);
-Option InsecureRow(tagTaskRequest& request);
+// Rows of both, which store into what all requests of the command have in common: headers and
+// logins; certificates.
+std::vector<Option> LoginRows(tagTaskRequest& request);
+std::vector<Option> TrustRows(tagTaskRequest& request);
 
 // Adds the authorities that the environment names, CURL_CA_BUNDLE before SSL_CERT_FILE, unless the
 // options have said whom to trust. Returns what is wrong with the whole, in one line.

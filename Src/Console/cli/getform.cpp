@@ -90,106 +90,116 @@ std::string GetFault(GetOptions& get) {
     return get.sha256.empty() ? "" : "--sha256 takes one URL only";
 }
 
+// What is fetched, and which files it becomes.
+std::vector<Option> FileRows(GetOptions& get) {
+    return {
+        {"URL", "...", "http or https addresses", More(get.addresses, NoFault)},
+        {"-i,--input", "FILE", "list of more URLs; - is standard input", Text(get.input)},
+        {"-o,--output", "FILE", "name of the one file; - is standard output",
+         Text(get.output, OutputNameFault)},
+        {"-d,--dir", "DIR", "directory for the files", Text(get.directory)},
+        {"-f,--force", "", "replace existing files", Set(get.existing, Existing::kReplace),
+         "--skip-existing"},
+        {"-s,--skip-existing", "", "take existing files for finished ones",
+         Set(get.existing, Existing::kSkip), "--number"},
+        {"--number", "", "add .1, .2 and so on to names that are taken",
+         Set(get.existing, Existing::kNumber), "--force"},
+        {"-J,--server-name", "", "give files the names that the servers give",
+         Set(get.serverName, true), "--output"},
+        {"-N,--newer", "", "replace existing files that have changed at the\nserver",
+         Set(get.newer, true)},
+        {"--sha256", "HEX", "SHA-256 digest of the file (one URL only)",
+         Text(get.sha256, DigestFault)},
+        {"--no-continue", "", "neither continue partial files nor keep them",
+         Set(get.continues, false)},
+        {"-R,--remote-time", "", "give files the time that the server tells",
+         Set(get.remoteTime, true)},
+        {"--failed", "FILE", "list what did not finish, as --input reads it", Text(get.failed)},
+        SizeRow(get.format, "of a page: the format whose frame comes closest", "--format"),
+        {"--format", "ID", "of a page: the format of that id", Text(get.format.id, IdFault),
+         "--size"},
+    };
+}
+
+// How many at once, how fast, how often, and how long to wait.
+std::vector<Option> PaceRows(GetOptions& get) {
+    return {
+        {"-j,--jobs", "N", "files at once, 1 to 8 (4)", Number(get.jobs, 1, 8)},
+        {"--per-host", "N", "files of one host at once, 1 to 8 (any number)",
+         Number(get.perHost, 1, 8)},
+        {"-n,--connections", "N", "most connections for one file, 1 to 10 (1)",
+         Number(get.connections, 1, 10)},
+        {"--limit-rate", "RATE",
+         "most bytes per second of all files together, also\nwith k, m or g, 1k to 1024g",
+         Rate(get.limitRate)},
+        {"--tries", "N", "tries in a row without progress, 1 to 100 (5)",
+         Number(get.tries.count, 1, 100)},
+        {"--wait", "SEC", "longest pause between tries, 0 to 300 (10)",
+         Number(get.tries.seconds, 0, 300)},
+        {"--retry-after", "SEC", "longest pause that a busy server may ask for, 0 to\n86400 (120)",
+         Number(get.retryAfter, 0, 86400)},
+        {"--timeout", "SEC", "time for a server to answer, 0 to 86400 (30); 0 is\nfor ever",
+         Number(get.timeout, 0, 86400)},
+    };
+}
+
+std::vector<Option> DisplayRows(DisplayOptions& display) {
+    constexpr const char* kForms = "auto|bar|plain|none";
+    constexpr const char* kColours = "auto|always|never";
+    return {
+        {"--json", "", "events for programs, one JSON object a line", Set(display.json, true)},
+        {"-q,--quiet", "", "report failures only", Set(display.quiet, true)},
+        {"-v,--verbose", "", "show what the workers report, too", Set(display.verbose, true)},
+        {"--progress", kForms, "how the progress is shown", Word(display.progress, kForms)},
+        {"--color", kColours, "when to use colours", Word(display.colour, kColours)},
+    };
+}
+
+std::vector<Option> Joined(const std::vector<std::vector<Option>>& parts) {
+    std::vector<Option> all;
+    for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
 }  // namespace
 
 VerbForm GetForm(Command& command) {
     GetOptions& get = command.get;
-    DisplayOptions& display = get.display;
-    constexpr const char* kForms = "auto|bar|plain|none";
-    constexpr const char* kColours = "auto|always|never";
-    return {
-        "get [OPTIONS] [URL...]",
-        kGetExamples,
-        kGetExits,
-        {
-            {"URL", "...", "http or https addresses", More(get.addresses, NoFault)},
-            {"-i,--input", "FILE", "list of more URLs; - is standard input", Text(get.input)},
-            {"-o,--output", "FILE", "name of the one file; - is standard output",
-             Text(get.output, OutputNameFault)},
-            {"-d,--dir", "DIR", "directory for the files", Text(get.directory)},
-            {"-f,--force", "", "replace existing files", Set(get.existing, Existing::kReplace),
-             "--skip-existing"},
-            {"-s,--skip-existing", "", "take existing files for finished ones",
-             Set(get.existing, Existing::kSkip), "--number"},
-            {"--number", "", "add .1, .2 and so on to names that are taken",
-             Set(get.existing, Existing::kNumber), "--force"},
-            {"-J,--server-name", "", "give files the names that the servers give",
-             Set(get.serverName, true), "--output"},
-            {"-N,--newer", "", "replace existing files that have changed at the\nserver",
-             Set(get.newer, true)},
-            {"--sha256", "HEX", "SHA-256 digest of the file (one URL only)",
-             Text(get.sha256, DigestFault)},
-            {"--no-continue", "", "neither continue partial files nor keep them",
-             Set(get.continues, false)},
-            {"-R,--remote-time", "", "give files the time that the server tells",
-             Set(get.remoteTime, true)},
-            {"--failed", "FILE", "list what did not finish, as --input reads it", Text(get.failed)},
-            SizeRow(get.format, "of a page: the format whose frame comes closest", "--format"),
-            {"--format", "ID", "of a page: the format of that id", Text(get.format.id, IdFault),
-             "--size"},
-            {"-j,--jobs", "N", "files at once, 1 to 8 (4)", Number(get.jobs, 1, 8)},
-            {"--per-host", "N", "files of one host at once, 1 to 8 (any number)",
-             Number(get.perHost, 1, 8)},
-            {"-n,--connections", "N", "most connections for one file, 1 to 10 (1)",
-             Number(get.connections, 1, 10)},
-            {"--limit-rate", "RATE",
-             "most bytes per second of all files together, also\nwith k, m or g, 1k to 1024g",
-             Rate(get.limitRate)},
-            {"--tries", "N", "tries in a row without progress, 1 to 100 (5)",
-             Number(get.tries.count, 1, 100)},
-            {"--wait", "SEC", "longest pause between tries, 0 to 300 (10)",
-             Number(get.tries.seconds, 0, 300)},
-            {"--retry-after", "SEC",
-             "longest pause that a busy server may ask for, 0 to\n86400 (120)",
-             Number(get.retryAfter, 0, 86400)},
-            {"--timeout", "SEC", "time for a server to answer, 0 to 86400 (30); 0 is\nfor ever",
-             Number(get.timeout, 0, 86400)},
-            HeaderRow(get.request),
-            UserRow(get.request),
-            NetrcRow(get.request),
-            UserAgentRow(get.request),
-            AuthoritiesRow(get.request),
-            CertificateRow(get.request),
-            KeyRow(get.request),
-            InsecureRow(get.request),
-            ProxyRow(get.proxy),
-            {"--fresh-workers", "", "start a worker process for each file",
-             Set(get.freshWorkers, true)},
-            WorkerRow(get.worker),
-            {"--json", "", "events for programs, one JSON object a line", Set(display.json, true)},
-            {"-q,--quiet", "", "report failures only", Set(display.quiet, true)},
-            {"-v,--verbose", "", "show what the workers report, too", Set(display.verbose, true)},
-            {"--progress", kForms, "how the progress is shown", Word(display.progress, kForms)},
-            {"--color", kColours, "when to use colours", Word(display.colour, kColours)},
-        },
-        [&get] {
-            std::string fault = GetFault(get);
-            if (get.newer) get.existing = Existing::kReplace;
-            return fault;
-        }};
+    const Option userAgent{"-A,--user-agent", "TEXT", "what the command calls itself; not to pages",
+                           Text(get.request.strUserAgent)};
+    const Option freshWorkers{"--fresh-workers", "", "start a worker process for each file",
+                              Set(get.freshWorkers, true)};
+    return {"get [OPTIONS] [URL...]", kGetExamples, kGetExits,
+            Joined({FileRows(get),
+                    PaceRows(get),
+                    LoginRows(get.request),
+                    {userAgent},
+                    TrustRows(get.request),
+                    {ProxyRow(get.proxy), freshWorkers, WorkerRow(get.worker)},
+                    DisplayRows(get.display)}),
+            [&get] {
+                std::string fault = GetFault(get);
+                if (get.newer) get.existing = Existing::kReplace;
+                return fault;
+            }};
 }
 
 VerbForm InfoForm(Command& command) {
     InfoOptions& info = command.info;
-    return {"info [OPTIONS] URL",
-            kInfoExamples,
-            kInfoExits,
+    return {
+        "info [OPTIONS] URL", kInfoExamples, kInfoExits,
+        Joined({
             {
                 {"URL", "", "address of the page", Text(info.address, NoFault)},
                 SizeRow(info.format, "choose the format whose frame comes closest"),
                 {"--json", "", "print one JSON object", Set(info.json, true), "--url"},
                 {"--url", "", "print just the address of the chosen format", Set(info.url, true)},
-                HeaderRow(info.request),
-                UserRow(info.request),
-                NetrcRow(info.request),
-                AuthoritiesRow(info.request),
-                CertificateRow(info.request),
-                KeyRow(info.request),
-                InsecureRow(info.request),
-                ProxyRow(info.proxy),
-                WorkerRow(info.worker),
             },
-            [&info] {
-                return info.address.empty() ? "URL is required" : CompleteRequest(info.request);
-            }};
+            LoginRows(info.request),
+            TrustRows(info.request),
+            {ProxyRow(info.proxy), WorkerRow(info.worker)},
+        }),
+        [&info] {
+            return info.address.empty() ? "URL is required" : CompleteRequest(info.request);
+        }};
 }

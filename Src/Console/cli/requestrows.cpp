@@ -68,46 +68,30 @@ Option FileRow(const char* names, const char* help, std::string& path) {
 
 }  // namespace
 
-Option HeaderRow(tagTaskRequest& request) {
-    return {"-H,--header", "LINE|@FILE...",
-            "\"NAME: VALUE\", sent with each request; without\n"
-            "VALUE not sent at all; @FILE reads lines of a file",
-            [&request](const std::string& text) { return AddHeaders(text, request.Headers); }};
+std::vector<Option> LoginRows(tagTaskRequest& request) {
+    return {
+        {"-H,--header", "LINE|@FILE...",
+         "\"NAME: VALUE\", sent with each request; without\n"
+         "VALUE not sent at all; @FILE reads lines of a file",
+         [&request](const std::string& text) { return AddHeaders(text, request.Headers); }},
+        {"-u,--user", "USER[:PASSWORD]|@FILE",
+         "login, basic or digest; @FILE reads it from the\n"
+         "first line of a file",
+         [&request](const std::string& text) { return SetUser(text, request); }, "--netrc"},
+        {"--netrc", "[=FILE]", "logins of hosts from FILE, or from ~/.netrc",
+         [&request](const std::string& text) { return SetNetrc(text, request.strNetrc); }},
+    };
 }
 
-Option UserRow(tagTaskRequest& request) {
-    return {"-u,--user", "USER[:PASSWORD]|@FILE",
-            "login, basic or digest; @FILE reads it from the\n"
-            "first line of a file",
-            [&request](const std::string& text) { return SetUser(text, request); }, "--netrc"};
-}
-
-Option NetrcRow(tagTaskRequest& request) {
-    return {"--netrc", "[=FILE]", "logins of hosts from FILE, or from ~/.netrc",
-            [&request](const std::string& text) { return SetNetrc(text, request.strNetrc); }};
-}
-
-Option UserAgentRow(tagTaskRequest& request) {
-    return {"-A,--user-agent", "TEXT", "what the command calls itself; not to pages",
-            Text(request.strUserAgent)};
-}
-
-Option AuthoritiesRow(tagTaskRequest& request) {
-    return FileRow("--cacert", "certificates (PEM) of the only authorities to trust",
-                   request.strCaFile);
-}
-
-Option CertificateRow(tagTaskRequest& request) {
-    return FileRow("--cert", "the client's certificate (PEM)", request.strCertFile);
-}
-
-Option KeyRow(tagTaskRequest& request) {
-    return FileRow("--key", "its key, if it is not in the same file", request.strKeyFile);
-}
-
-Option InsecureRow(tagTaskRequest& request) {
-    return {"--insecure", "", "check no certificate of a server", Set(request.bInsecure, true),
-            "--cacert"};
+std::vector<Option> TrustRows(tagTaskRequest& request) {
+    return {
+        FileRow("--cacert", "certificates (PEM) of the only authorities to trust",
+                request.strCaFile),
+        FileRow("--cert", "the client's certificate (PEM)", request.strCertFile),
+        FileRow("--key", "its key, if it is not in the same file", request.strKeyFile),
+        {"--insecure", "", "check no certificate of a server", Set(request.bInsecure, true),
+         "--cacert"},
+    };
 }
 
 std::string CompleteRequest(tagTaskRequest& request) {
