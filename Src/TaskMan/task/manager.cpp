@@ -214,7 +214,9 @@ int FreeSlotCount() {
 
 void KillWorkers() {
     Threading::AutoLock hold(&g_watch_mutex);
-    for (const Watch& watch : g_Watches) {
+    for (Watch& watch : g_Watches) {
+        // The process may end before their tasks do.
+        watch.lock.Unkeep();
         const Worker state = watch.worker.state;
         if (state != Worker::kNotStarted && state != Worker::kGone) watch.process.Signal(SIGKILL);
     }

@@ -37,6 +37,9 @@ class TaskLock {
     // Whether a next task may have it.
     bool IsKept() const { return !kept_as_.empty(); }
 
+    // Takes its own name away: no next task has it.
+    void Unkeep();
+
     // Its descriptor, for a worker that may not open it by its name; -1: the system has none, or
     // does not give it, with errno set.
     int File();
@@ -49,7 +52,6 @@ class TaskLock {
     TaskLock Take() { return std::exchange(*this, {}); }
 
   private:
-    void Unkeep();
     bool TakeKept() const;
     int TakeName() const;
     int MakeAs(const std::string& name);
