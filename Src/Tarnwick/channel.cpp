@@ -21,10 +21,10 @@ constexpr auto kPatience = std::chrono::seconds(10);
 // A server that serves one connection at a time lets all others wait for one that is kept.
 constexpr auto kRestAfter = std::chrono::milliseconds(500);
 
-// Waits a tenth of a second for something to read.
-bool Readable() {
+// Waits until there is something to read, a tenth of a second at most.
+void WaitForMore() {
     pollfd channel{kChannel, POLLIN, 0};
-    return poll(&channel, 1, 100) == 1;
+    poll(&channel, 1, 100);
 }
 
 // The other end may be full, or closed.
@@ -55,30 +55,33 @@ bool HasEnd(std::string_view text) {
 }  // namespace
 
 std::string ReceiveRequest(tagTaskRequest& request, bool (*wanted)()) {
+    constexpr const char* kUnwanted = "the request is not wanted any more";
     const auto until = std::chrono::steady_clock::now() + kPatience;
     std::string text;
-    while (!HasEnd(text)) {
-        if (!wanted()) return "the request is not wanted any more";
-        if (std::chrono::steady_clock::now() >= until) return "the request did not come in time";
-        if (text.size() > TASK_REQUEST_MOST) break;
-        if (!Readable()) continue;
+    while (!HasEnd(text) && text.size() <= TASK_REQUEST_MOST) {
         char piece[4096];
         const ssize_t got = recv(kChannel, piece, sizeof piece, MSG_DONTWAIT);
-        if (got == -1 && (errno == EINTR || errno == EAGAIN)) continue;
-        if (got == -1) return std::string("no channel for the request: ") + std::strerror(errno);
+        if (got > 0) {
+            text.append(piece, static_cast<std::size_t>(got));
+            continue;
+        }
         if (got == 0) return "the request is incomplete";
-        text.append(piece, static_cast<std::size_t>(got));
+        if (errno != EINTR && errno != EAGAIN)
+            return std::string("no channel for the request: ") + std::strerror(errno);
+        if (!wanted()) return kUnwanted;
+        if (std::chrono::steady_clock::now() >= until) return "the request did not come in time";
+        WaitForMore();
     }
-    return DecodeRequest(text, request);
+    return wanted() ? DecodeRequest(text, request) : kUnwanted;
 }
 
 bool ManagerGone() {
-    // Also with bytes before the end that nobody has read.
-    pollfd channel{kChannel, 0, 0};
-    if (poll(&channel, 1, 0) == 1) return true;
     char byte = 0;
     const ssize_t got = recv(kChannel, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    return got == 0 || (got == -1 && errno != EAGAIN && errno != EINTR);
+    if (got < 1) return got == 0 || (errno != EAGAIN && errno != EINTR);
+    // The end may stand behind bytes that nobody has read.
+    pollfd channel{kChannel, 0, 0};
+    return poll(&channel, 1, 0) == 1;
 }
 
 std::string AwaitTask(std::chrono::seconds patience, std::vector<Descriptor>& files,

@@ -11,8 +11,8 @@
 
 // Reads the request, which the manager has sent with the start. Returns why there is none, in one
 // line: it is malformed, incomplete after ten seconds, or `wanted` has returned false; it is asked
-// ten times a second. Empty: `request` holds it. Once for each task, by the thread that prepares
-// its job.
+// ten times a second, and when the request is there. Empty: `request` holds it. Once for each task,
+// by the thread that prepares its job.
 std::string ReceiveRequest(tagTaskRequest& request, bool (*wanted)());
 
 // Whether the manager has closed its end, which it does by dying as well. Any thread may call.

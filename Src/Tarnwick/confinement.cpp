@@ -87,6 +87,7 @@ void LeaveTerminal() {
 std::string GiveUp(const tagTaskRequest& request) {
     SwitchOffCoreDumps();
     LeaveTerminal();
+    platform::PrivateMemory();  // the first call: a confined process cannot make it
     const int error = platform::Confine(Needs(request));
     if (error == 0 || error == ENOTSUP) return "";
     return sysutility::SystemFault("cannot confine the worker", error);

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <limits>
 
 #include "Tarnwick/channel.h"
@@ -16,7 +15,6 @@
 #include "Tarnwick/transfer.h"
 #include "common/address.h"
 #include "common/fieldtext.h"
-#include "common/platform.h"
 
 namespace {
 
@@ -32,9 +30,9 @@ bool Wanted() {
 class SlotReport : public engine::Watcher {
   public:
     bool EndAsked() override {
-        // The system is asked less often than this is.
+        // The system is asked less often than this is, and was with the request.
         if (const Clock::time_point now = Clock::now(); now >= next_look_) {
-            next_look_ = now + std::chrono::milliseconds(20);
+            next_look_ = now + kLookEvery;
             gone_ = ManagerGone();
         }
         return gone_ || StopRequested() || g_Exit || !OwnsSlot();
@@ -72,6 +70,8 @@ class SlotReport : public engine::Watcher {
     }
 
   private:
+    static constexpr auto kLookEvery = std::chrono::milliseconds(20);
+
     void StepPercentage(std::uint64_t size) {
         if (!announced_ || size == 0) return;
         const double now = 100.0 * static_cast<double>(there_) / static_cast<double>(size);
@@ -88,7 +88,7 @@ class SlotReport : public engine::Watcher {
         ReportValue(&tagTaskContext::dSpeed, now, DOWNLOAD_STATE_SPEED);
     }
 
-    Clock::time_point next_look_{};
+    Clock::time_point next_look_ = Clock::now() + kLookEvery;
     bool gone_ = false;       // the manager
     bool announced_ = false;  // the size; one that only the end has told counts for nothing
     bool begun_ = false;
@@ -198,7 +198,6 @@ ExtendedJob PrepareJob(tagTaskContext* task) {
         job.fault = OpenFile(*job.file);
     }
     if (job.fault) return job;
-    platform::PrivateMemory();  // the first call, for those between tasks
     if (const std::string failure = Confine(job.request); !failure.empty()) {
         job.fault = Fault{TaskReason::kLocal, 0, failure};
     }
@@ -206,8 +205,6 @@ ExtendedJob PrepareJob(tagTaskContext* task) {
 }
 
 void RunExtended(ExtendedJob& job) {
-    // A file beyond the limit is a fault like any other, not the process's end.
-    std::signal(SIGXFSZ, SIG_IGN);
     engine::Result result;
     if (job.fault) {
         result = engine::Failed(*job.fault);

@@ -1,5 +1,6 @@
 #include "Tarnwick/nexttask.h"
 
+#include <memory>
 #include <utility>
 
 #include "Tarnwick/channel.h"
@@ -15,12 +16,20 @@ constexpr std::size_t kMostMemory = 1024 * 1024 * 1024;  // sanitizers take most
 constexpr std::size_t kMostMemory = 8 * 1024 * 1024;
 #endif
 
+// A look at the memory costs a hundredth of what a small file does.
+constexpr int kTasksPerLook = 8;
+
+// Writes the defaults where the record is: an assigned one would be filled, copied and wiped.
+void Clear(tagTaskContext& slot) {
+    std::construct_at(&slot);
+}
+
 // What the task has left in the process; its own memory it has freed itself.
 void ForgetTask() {
     static_cast<tagTaskInfo&>(g_TaskInfo) = tagTaskInfo("");
-    g_TaskConData = tagTaskContext();
+    Clear(g_TaskConData);
     for (tagTaskContext& slot : g_TaskContext) {
-        if (!FieldEmpty(slot.szTaskID)) slot = tagTaskContext();
+        if (!FieldEmpty(slot.szTaskID)) Clear(slot);
     }
     g_HandedOver.clear();
     g_CurTaskContext_prt = nullptr;
@@ -29,11 +38,11 @@ void ForgetTask() {
 
 }  // namespace
 
-bool NextTask() {
+bool NextTask(int tasks) {
     const std::chrono::seconds stay(std::exchange(g_StaySeconds, 0));
     if (stay.count() == 0) return false;
     ForgetTask();
-    if (platform::PrivateMemory() > kMostMemory) return false;
+    if (tasks % kTasksPerLook == 0 && platform::PrivateMemory() > kMostMemory) return false;
     g_TaskID = AwaitTask(stay, g_HandedOver, [] {
         if (g_Pool != nullptr) g_Pool->EndAll();
     });

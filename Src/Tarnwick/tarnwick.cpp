@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -171,12 +172,12 @@ bool TakeTask(const char* szTaskID) {
 
 // Carries out the job, and those that come later if the worker is to stay.
 void RunExtendedJobs(ExtendedJob job) {
-    for (;;) {
+    for (int tasks = 1;; ++tasks) {
         RunExtended(job);
         if (g_StaySeconds == 0) break;
         job = {};
         CloseLock();
-        if (!NextTask() || !TakeTask(g_TaskID.c_str())) break;
+        if (!NextTask(tasks) || !TakeTask(g_TaskID.c_str())) break;
         job = PrepareJob(&g_TaskConData);
     }
     EndJob();
@@ -189,6 +190,8 @@ void* RunExtendedThread(void* data) {
 }
 
 void StartExtendedJob() {
+    // A file beyond the limit is a fault like any other, not the process's end.
+    std::signal(SIGXFSZ, SIG_IGN);
     auto* const data = std::make_unique<ExtendedJob>(PrepareJob(&g_TaskConData)).release();
     // The main thread has nothing to do but to wait for the job.
     if (!StartJobThread(RunExtendedThread, data)) RunExtendedThread(data);

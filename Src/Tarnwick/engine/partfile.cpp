@@ -1,7 +1,6 @@
 #include "Tarnwick/engine/partfile.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -113,9 +112,8 @@ MaybeFault PartFile::Take(Descriptor file, Descriptor record) {
 MaybeFault PartFile::Begin() {
     self_ = ThisWriter();
     started_ = synced_ = Clock::now();
-    struct stat status {};
-    if (fstat(file_.Get(), &status) != 0) return LocalFault("cannot look at", errno);
-    if (!S_ISREG(status.st_mode)) {
+    if (fstat(file_.Get(), &opened_) != 0) return LocalFault("cannot look at", errno);
+    if (!S_ISREG(opened_.st_mode)) {
         return Fault{TaskReason::kLocal, EINVAL, path_ + " is not a regular file"};
     }
     return std::nullopt;
@@ -192,13 +190,8 @@ MaybeFault PartFile::Write(const char* bytes, std::size_t size, std::uint64_t of
 }
 
 MaybeFault PartFile::StillThere() const {
-    struct stat open {};
     struct stat named {};
-    if (fstat(file_.Get(), &open) != 0) return LocalFault("cannot look at", errno);
-    if (stat(path_.c_str(), &named) == 0 && open.st_dev == named.st_dev &&
-        open.st_ino == named.st_ino) {
-        return std::nullopt;
-    }
+    if (stat(path_.c_str(), &named) == 0 && SameFile(named, opened_)) return std::nullopt;
     return Fault{TaskReason::kLocal, ENOENT, "the partial file was taken away: " + path_};
 }
 

@@ -6,6 +6,8 @@
 // counts. One thread at a time; all that needs a right to files happens in Open.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <chrono>
 #include <ctime>
 #include <functional>
@@ -87,6 +89,7 @@ class PartFile : private Uncopyable {
     const std::string path_;
     const bool keeps_;
     Descriptor file_{};
+    struct stat opened_ {};  // of the file, when it was opened
     RecordFile record_file_{};
     PartRecord record_{};  // as it is to be written
     PartWriter self_{};
