@@ -13,8 +13,8 @@ from typing import NamedTuple
 
 from option_servers import make_certificates
 from servers import Server
+from tools import GIB, KIB, MIB
 
-KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
 OURS, OURS4, OURS8 = "taskman get", "taskman get -n4", "taskman get -n8"
 RATE, RATE4 = "taskman get --limit-rate 8m", "taskman get -n4 --limit-rate 8m"
 
