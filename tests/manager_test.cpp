@@ -185,7 +185,7 @@ TEST(Manager, IsWaitedForByTheExit) {
         ASSERT_EQ(0, StartTaskManager(FAULT_WORKER_PATH, "", reason)) << reason;
         WriteFile(directory.Path("pid"), std::to_string(getpid()));
         tagTaskInfo task(MakeTaskID().c_str());
-        SetField(task.szDownloadUrl, "http://fault/claim,lock,finish,unlock,exit");
+        SetField(task.szDownloadUrl, "http://fault/claim,lock,finish,kill");
         task.nCmd = TASK_CMD_DOWNLOAD;
         task.nTaskKind = 0;
         // The number of a worker that is gone is not kept for as long as its last callback takes.
