@@ -54,7 +54,8 @@ void ReportInfoText(const std::string& text) {
 
 void ReportAnswer(const std::string& text, tagDownloadStateCode code, double size) {
     LockedUpdate(code, [&](tagTaskContext& slot) {
-        StoreText(slot, text);
+        // Nobody reads what stands behind the end.
+        slot.szVideoInfo[text.copy(slot.szVideoInfo, sizeof slot.szVideoInfo - 1)] = '\0';
         if (code == DOWNLOAD_STATE_FILE_SIZE) slot.dFileSize = size;
     });
 }

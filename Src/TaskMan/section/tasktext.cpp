@@ -66,7 +66,7 @@ void ForEachKey(tagTaskAnswer& answer, Visit visit) {
 // ---- Values to texts and back. Write leaves what has its default out; Read is false for a value
 // that its field cannot hold.
 
-std::string Written(const std::string& value) {
+const std::string& Written(const std::string& value) {
     return value;
 }
 std::string Written(TaskReason value) {
@@ -101,10 +101,10 @@ bool Read(std::string_view text, bool& value) {
 }
 
 template <class Value>
-void AppendLine(std::string& text, const char* key, const Value& value) {
+void AppendLine(std::string& text, std::string_view key, const Value& value) {
     text.append(key).append("=").append(Written(value)).append(kLineEnd);
 }
-void AppendLine(std::string& text, const char* key, const std::vector<std::string>& values) {
+void AppendLine(std::string& text, std::string_view key, const std::vector<std::string>& values) {
     for (const std::string& value : values) AppendLine(text, key, value);
 }
 
@@ -114,7 +114,8 @@ bool TakeLine(std::string_view& text, std::string_view& line) {
     if (end == text.npos) return false;
     line = text.substr(0, end);
     text.remove_prefix(end + kLineEnd.size());
-    return line.find_first_of(std::string_view("\r\n\0", 3)) == line.npos;
+    return std::none_of(line.begin(), line.end(),
+                        [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
 }
 
 // Stores the value of the line in the field of its key. Returns the fault.
@@ -123,7 +124,7 @@ std::string ReadLine(std::string_view line, Record& record) {
     const std::size_t sign = line.find('=');
     if (sign == line.npos) return "a line is no key=value";
     std::string fault;
-    ForEachKey(record, [&](const char* key, auto& field) {
+    ForEachKey(record, [&](std::string_view key, auto& field) {
         if (line.substr(0, sign) != key) return;
         if (!Read(line.substr(sign + 1), field)) fault = std::string(key) + ": a bad value";
     });
@@ -158,7 +159,8 @@ TaskReason ReasonOfName(std::string_view name) {
 std::string EncodeRequest(const tagTaskRequest& request) {
     std::string text;
     tagTaskRequest copy = request;
-    ForEachKey(copy, [&](const char* key, const auto& field) { AppendLine(text, key, field); });
+    ForEachKey(copy,
+               [&](std::string_view key, const auto& field) { AppendLine(text, key, field); });
     return text.append(kLineEnd);
 }
 
@@ -185,8 +187,8 @@ std::string EncodeAnswer(const tagTaskAnswer& answer) {
     }
     copy.strFinalUrl = OneLine(std::move(copy.strFinalUrl), TASK_ADDRESS_MOST);
     std::string text;
-    ForEachKey(copy, [&](const char* key, const auto& field) {
-        if (const std::string value = Written(field); !value.empty() && value != "0") {
+    ForEachKey(copy, [&](std::string_view key, const auto& field) {
+        if (const std::string& value = Written(field); !value.empty() && value != "0") {
             AppendLine(text, key, value);
         }
     });
