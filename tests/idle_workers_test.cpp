@@ -81,18 +81,25 @@ TEST_F(IdleWorkers, MayBreakAndTheNextTaskIsServed) {
         const char* steps;
         int code = 3;
         const char* remark = "";
+        void (*then)() = [] {};
     } rows[] = {
-        {"exit"},      {"deaf"},           {"stop"},
-        {"next,exit"}, {"next,lock,kill"}, {"next,claim,kill", 7, "the worker died"},
+        {"exit"},
+        {"deaf"},
+        {"stop"},
+        {"next,exit"},
+        {"next,lock,kill"},
+        {"next,claim,kill", 7, "the worker died"},
+        {"next,deaf", 7, "the worker ended before it took the task", KillWorkers},
     };
     const HttpServer server({Reply::Ok("body")});
-    for (const auto& [steps, code, remark] : rows) {
+    for (const auto& [steps, code, remark, then] : rows) {
         SCOPED_TRACE(steps);
         tagTaskRequest request;
         request.Headers = {std::string("Row: ") + steps};  // for no worker of another row
         const std::string first = std::string("claim,finish,idle,") + steps;
         Follow(campaign_.Add(campaign_.Task(first), &request));
         const Course& next = campaign_.Add(campaign_.Task(server.Url()), &request);
+        then();
         Follow(next);
         EXPECT_EQ(next.code, code);
         EXPECT_EQ(next.remark, remark);

@@ -218,7 +218,10 @@ void KillWorkers() {
         // The process may end before their tasks do.
         watch.lock.Unkeep();
         const Worker state = watch.worker.state;
-        if (state != Worker::kNotStarted && state != Worker::kGone) watch.process.Signal(SIGKILL);
+        if (state == Worker::kNotStarted) continue;
+        // Nor does another process get the task of one that has not claimed it.
+        watch.bHandedOver = false;
+        if (state != Worker::kGone) watch.process.Signal(SIGKILL);
     }
     DropIdleWorkers();
     WakeSupervisor();
