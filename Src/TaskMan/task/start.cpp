@@ -90,11 +90,15 @@ void ReplaceWorker(Watch& watch) {
 // the task's own will tell why.
 bool HandOver(Watch& watch) {
     constexpr int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK;
-    std::vector<int> files{watch.lock.File()};
+    std::vector<int> files;
     Descriptor part;
     Descriptor record;
+    {
+        Threading::AutoLock hold(&g_watch_mutex);
+        files.push_back(watch.lock.File());
+        if (files.front() == -1 && errno != ENOTSUP) return false;
+    }
     if (files.front() == -1) {
-        if (errno != ENOTSUP) return false;
         files.clear();
     } else {
         part = Descriptor(open(watch.path.c_str(), flags, 0666));
