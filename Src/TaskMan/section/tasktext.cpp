@@ -17,50 +17,50 @@ constexpr const char* kReasonNames[TASK_REASON_COUNT] = {
     "broken-off", "changed",     "no-space",       "local",   "redirects", "proxy",   "address",
     "protocol",   "request",     "page",           "stopped", "unchanged", "other"};
 
-// The keys of a record, each with its field: `visit` is called with both.
+// The keys of a record's kind, each with its field: `visit` is called with both.
 template <class Visit>
-void ForEachKey(tagTaskRequest& request, Visit visit) {
-    visit("url", request.strUrl);
-    visit("user-agent", request.strUserAgent);
-    visit("continue", request.bContinue);
-    visit("sha256", request.strSha256);
-    visit("answer-timeout", request.nAnswerSeconds);
-    visit("stall-timeout", request.nStallSeconds);
-    visit("tries", request.nTries);
-    visit("wait", request.nWaitSeconds);
-    visit("header", request.Headers);
-    visit("user", request.strUser);
-    visit("password", request.strPassword);
-    visit("netrc", request.strNetrc);
-    visit("ca-file", request.strCaFile);
-    visit("cert-file", request.strCertFile);
-    visit("key-file", request.strKeyFile);
-    visit("insecure", request.bInsecure);
-    visit("remote-time", request.bRemoteTime);
-    visit("if-none-match", request.strIfNoneMatch);
-    visit("if-modified-since", request.strIfModifiedSince);
-    visit("retry-after", request.nRetryAfter);
-    visit("ends-when-busy", request.bEndsWhenBusy);
-    visit("stay", request.nStaySeconds);
+void ForEachKey(const tagTaskRequest& /*kind*/, Visit visit) {
+    visit("url", &tagTaskRequest::strUrl);
+    visit("user-agent", &tagTaskRequest::strUserAgent);
+    visit("continue", &tagTaskRequest::bContinue);
+    visit("sha256", &tagTaskRequest::strSha256);
+    visit("answer-timeout", &tagTaskRequest::nAnswerSeconds);
+    visit("stall-timeout", &tagTaskRequest::nStallSeconds);
+    visit("tries", &tagTaskRequest::nTries);
+    visit("wait", &tagTaskRequest::nWaitSeconds);
+    visit("header", &tagTaskRequest::Headers);
+    visit("user", &tagTaskRequest::strUser);
+    visit("password", &tagTaskRequest::strPassword);
+    visit("netrc", &tagTaskRequest::strNetrc);
+    visit("ca-file", &tagTaskRequest::strCaFile);
+    visit("cert-file", &tagTaskRequest::strCertFile);
+    visit("key-file", &tagTaskRequest::strKeyFile);
+    visit("insecure", &tagTaskRequest::bInsecure);
+    visit("remote-time", &tagTaskRequest::bRemoteTime);
+    visit("if-none-match", &tagTaskRequest::strIfNoneMatch);
+    visit("if-modified-since", &tagTaskRequest::strIfModifiedSince);
+    visit("retry-after", &tagTaskRequest::nRetryAfter);
+    visit("ends-when-busy", &tagTaskRequest::bEndsWhenBusy);
+    visit("stay", &tagTaskRequest::nStaySeconds);
 }
 
 template <class Visit>
-void ForEachKey(tagTaskAnswer& answer, Visit visit) {
-    visit("reason", answer.Reason);
-    visit("message", answer.strMessage);
-    visit("status", answer.nStatus);
-    visit("errno", answer.nErrno);
-    visit("retry-after", answer.nRetryAfter);
-    visit("final-url", answer.strFinalUrl);
-    visit("etag", answer.strETag);
-    visit("last-modified", answer.strLastModified);
-    visit("file-name", answer.strFileName);
-    visit("had", answer.uHad);
-    visit("received", answer.uReceived);
-    visit("requests", answer.nRequests);
-    visit("connections", answer.nConnections);
-    visit("tries", answer.nTries);
-    visit("parts", answer.bParts);
+void ForEachKey(const tagTaskAnswer& /*kind*/, Visit visit) {
+    visit("reason", &tagTaskAnswer::Reason);
+    visit("message", &tagTaskAnswer::strMessage);
+    visit("status", &tagTaskAnswer::nStatus);
+    visit("errno", &tagTaskAnswer::nErrno);
+    visit("retry-after", &tagTaskAnswer::nRetryAfter);
+    visit("final-url", &tagTaskAnswer::strFinalUrl);
+    visit("etag", &tagTaskAnswer::strETag);
+    visit("last-modified", &tagTaskAnswer::strLastModified);
+    visit("file-name", &tagTaskAnswer::strFileName);
+    visit("had", &tagTaskAnswer::uHad);
+    visit("received", &tagTaskAnswer::uReceived);
+    visit("requests", &tagTaskAnswer::nRequests);
+    visit("connections", &tagTaskAnswer::nConnections);
+    visit("tries", &tagTaskAnswer::nTries);
+    visit("parts", &tagTaskAnswer::bParts);
 }
 
 // ---- Values to texts and back. Write leaves what has its default out; Read is false for a value
@@ -124,9 +124,9 @@ std::string ReadLine(std::string_view line, Record& record) {
     const std::size_t sign = line.find('=');
     if (sign == line.npos) return "a line is no key=value";
     std::string fault;
-    ForEachKey(record, [&](std::string_view key, auto& field) {
+    ForEachKey(record, [&](std::string_view key, auto field) {
         if (line.substr(0, sign) != key) return;
-        if (!Read(line.substr(sign + 1), field)) fault = std::string(key) + ": a bad value";
+        if (!Read(line.substr(sign + 1), record.*field)) fault = std::string(key) + ": a bad value";
     });
     return fault;
 }
@@ -157,10 +157,11 @@ TaskReason ReasonOfName(std::string_view name) {
 }
 
 std::string EncodeRequest(const tagTaskRequest& request) {
+    static const tagTaskRequest usual;
     std::string text;
-    tagTaskRequest copy = request;
-    ForEachKey(copy,
-               [&](std::string_view key, const auto& field) { AppendLine(text, key, field); });
+    ForEachKey(request, [&](std::string_view key, auto field) {
+        if (request.*field != usual.*field) AppendLine(text, key, request.*field);
+    });
     return text.append(kLineEnd);
 }
 
@@ -187,8 +188,8 @@ std::string EncodeAnswer(const tagTaskAnswer& answer) {
     }
     copy.strFinalUrl = OneLine(std::move(copy.strFinalUrl), TASK_ADDRESS_MOST);
     std::string text;
-    ForEachKey(copy, [&](std::string_view key, const auto& field) {
-        if (const std::string& value = Written(field); !value.empty() && value != "0") {
+    ForEachKey(copy, [&](std::string_view key, auto field) {
+        if (const std::string& value = Written(copy.*field); !value.empty() && value != "0") {
             AppendLine(text, key, value);
         }
     });
