@@ -32,19 +32,18 @@ void Send(std::string_view line) {
     static_cast<void>(send(kChannel, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
 }
 
-// Takes the line with the id of the next task, which comes in one piece with its request; empty
-// when that is not what has come.
-std::string TakeTaskLine(std::vector<Descriptor>& files) {
+// Reads the line with the id of the next task, and of the request, which comes in the same piece,
+// as much as there is room for. Returns the id; empty when something else has come.
+std::string ReceiveTask(std::vector<Descriptor>& files, std::string& request) {
     constexpr std::string_view kKey = TASK_CHANNEL_TASK;
     constexpr std::string_view kLineEnd = "\r\n";
-    char bytes[128];
-    const ssize_t got = recv(kChannel, bytes, sizeof bytes, MSG_PEEK | MSG_DONTWAIT);
+    char bytes[4096];
+    const ssize_t got = ReceiveWith(kChannel, bytes, sizeof bytes, files);
     const std::string_view text(bytes, got > 0 ? static_cast<std::size_t>(got) : 0);
     const std::size_t end = text.find(kLineEnd);
     if (!text.starts_with(kKey) || end == text.npos) return {};
-    std::string id(text.substr(kKey.size(), end - kKey.size()));
-    const auto size = static_cast<ssize_t>(end + kLineEnd.size());
-    return ReceiveWith(kChannel, bytes, end + kLineEnd.size(), files) == size ? id : "";
+    request = text.substr(end + kLineEnd.size());
+    return std::string(text.substr(kKey.size(), end - kKey.size()));
 }
 
 // Whether the request's empty line has come, whatever stands behind it.
@@ -54,10 +53,9 @@ bool HasEnd(std::string_view text) {
 
 }  // namespace
 
-std::string ReceiveRequest(tagTaskRequest& request, bool (*wanted)()) {
+std::string ReceiveRequest(tagTaskRequest& request, std::string text, bool (*wanted)()) {
     constexpr const char* kUnwanted = "the request is not wanted any more";
     const auto until = std::chrono::steady_clock::now() + kPatience;
-    std::string text;
     while (!HasEnd(text) && text.size() <= TASK_REQUEST_MOST) {
         char piece[4096];
         const ssize_t got = recv(kChannel, piece, sizeof piece, MSG_DONTWAIT);
@@ -85,7 +83,7 @@ bool ManagerGone() {
 }
 
 std::string AwaitTask(std::chrono::seconds patience, std::vector<Descriptor>& files,
-                      void (*rest)()) {
+                      std::string& request, void (*rest)()) {
     using std::chrono::milliseconds;
     Send(TASK_CHANNEL_IDLE);
     const auto since = std::chrono::steady_clock::now();
@@ -95,7 +93,7 @@ std::string AwaitTask(std::chrono::seconds patience, std::vector<Descriptor>& fi
         pollfd channel{kChannel, POLLIN, 0};
         const int count =
             poll(&channel, 1, static_cast<int>(std::max(left, milliseconds(0)).count()));
-        if (count == 1) return TakeTaskLine(files);
+        if (count == 1) return ReceiveTask(files, request);
         if (count == 0 && !std::exchange(rested, true)) {
             rest();
             continue;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <limits>
+#include <utility>
 
 #include "Tarnwick/channel.h"
 #include "Tarnwick/confinement.h"
@@ -187,7 +188,7 @@ engine::MaybeFault OpenFile(engine::PartFile& file) {
 ExtendedJob PrepareJob(tagTaskContext* task) {
     using engine::Fault;
     ExtendedJob job{task};
-    std::string refusal = ReceiveRequest(job.request, Wanted);
+    std::string refusal = ReceiveRequest(job.request, std::exchange(g_RequestText, {}), Wanted);
     // The netrc file holds logins of other hosts, too: who takes the job over must not read it.
     if (refusal.empty()) refusal = Complete(job.request, *task);
     if (!refusal.empty()) {

@@ -19,6 +19,7 @@ std::atomic<bool> g_exit_download{false};
 std::int32_t g_StaySeconds = 0;
 std::unique_ptr<engine::Pool> g_Pool;
 std::vector<Descriptor> g_HandedOver;
+std::string g_RequestText;
 
 std::uint64_t g_FileSize = 0;
 std::int32_t g_TryCount = 0;

@@ -48,6 +48,7 @@ extern std::unique_ptr<engine::Pool> g_Pool;  // null before the first transfer 
 // Lock, partial file and record, which a worker that has given up its rights cannot open. Empty for
 // the first task, and where none came.
 extern std::vector<Descriptor> g_HandedOver;
+extern std::string g_RequestText;  // of its request, what has come already
 
 // ---- The transfers.
 

@@ -43,7 +43,7 @@ bool NextTask(int tasks) {
     if (stay.count() == 0) return false;
     ForgetTask();
     if (tasks % kTasksPerLook == 0 && platform::PrivateMemory() > kMostMemory) return false;
-    g_TaskID = AwaitTask(stay, g_HandedOver, [] {
+    g_TaskID = AwaitTask(stay, g_HandedOver, g_RequestText, [] {
         if (g_Pool != nullptr) g_Pool->EndAll();
     });
     return !g_TaskID.empty();
