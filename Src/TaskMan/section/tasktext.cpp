@@ -63,8 +63,16 @@ void ForEachKey(const tagTaskAnswer& /*kind*/, Visit visit) {
     visit("parts", &tagTaskAnswer::bParts);
 }
 
-// ---- Values to texts and back. Write leaves what has its default out; Read is false for a value
-// that its field cannot hold.
+// The keys of a record with those of its values that are not the default.
+template <class Record, class Visit>
+void ForEachValue(const Record& record, Visit visit) {
+    static const Record usual;
+    ForEachKey(record, [&](std::string_view key, auto field) {
+        if (record.*field != usual.*field) visit(key, record.*field);
+    });
+}
+
+// ---- Values to texts and back. Read is false for a value that its field cannot hold.
 
 const std::string& Written(const std::string& value) {
     return value;
@@ -134,6 +142,7 @@ std::string ReadLine(std::string_view line, Record& record) {
 // What no line may hold becomes a blank.
 std::string OneLine(std::string text, std::size_t most) {
     if (text.size() > most) text.resize(most);
+    if (!strutil::holdsControl(text)) return text;
     std::replace_if(
         text.begin(), text.end(),
         [](const char& c) {
@@ -157,11 +166,9 @@ TaskReason ReasonOfName(std::string_view name) {
 }
 
 std::string EncodeRequest(const tagTaskRequest& request) {
-    static const tagTaskRequest usual;
     std::string text;
-    ForEachKey(request, [&](std::string_view key, auto field) {
-        if (request.*field != usual.*field) AppendLine(text, key, request.*field);
-    });
+    ForEachValue(request,
+                 [&](std::string_view key, const auto& value) { AppendLine(text, key, value); });
     return text.append(kLineEnd);
 }
 
@@ -180,18 +187,11 @@ std::string DecodeRequest(std::string_view text, tagTaskRequest& request) {
 }
 
 std::string EncodeAnswer(const tagTaskAnswer& answer) {
-    tagTaskAnswer copy = answer;
-    if (copy.strFinalUrl.size() > TASK_ADDRESS_MOST) copy.strFinalUrl.clear();
-    for (std::string* text :
-         {&copy.strMessage, &copy.strETag, &copy.strLastModified, &copy.strFileName}) {
-        *text = OneLine(std::move(*text), kTextMost);
-    }
-    copy.strFinalUrl = OneLine(std::move(copy.strFinalUrl), TASK_ADDRESS_MOST);
     std::string text;
-    ForEachKey(copy, [&](std::string_view key, auto field) {
-        if (const std::string& value = Written(copy.*field); !value.empty() && value != "0") {
-            AppendLine(text, key, value);
-        }
+    ForEachValue(answer, [&](std::string_view key, const auto& value) {
+        const bool address = key == "final-url";
+        if (address && answer.strFinalUrl.size() > TASK_ADDRESS_MOST) return;
+        AppendLine(text, key, OneLine(Written(value), address ? TASK_ADDRESS_MOST : kTextMost));
     });
     return text;
 }
