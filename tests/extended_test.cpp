@@ -10,17 +10,6 @@ using namespace test_support;
 
 namespace {
 
-// Sockets that a process has open.
-int Sockets(pid_t pid) {
-    namespace fs = std::filesystem;
-    int sockets = 0;
-    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
-        std::error_code closed;
-        if (fs::read_symlink(entry, closed).string().starts_with("socket:")) ++sockets;
-    }
-    return sockets;
-}
-
 TEST(Extended, TellsWhatBecameOfIt) {
     Campaign campaign;
     HttpServer server([](const std::string& request, std::size_t) {
@@ -137,21 +126,6 @@ TEST(Extended, HasARateThatMayChange) {
     EXPECT_EQ(-1, SetTaskRate(course.id.c_str(), 1));
     Course& plain = campaign.Add("claim,stop");
     EXPECT_EQ(-1, SetTaskRate(plain.id.c_str(), 1));
-    KillWorkers();
-}
-
-TEST(Extended, HasItsChannelAlone) {
-    Campaign campaign;
-    const tagTaskRequest request;
-    for (int i = 0; i < 2; ++i) {
-        const pid_t worker = campaign.Add(campaign.Task("stop"), &request).worker.Pid();
-        EXPECT_TRUE(WaitUntil([worker] { return Sockets(worker) == 1; }));
-    }
-    const pid_t child = fork();
-    if (child == 0) _exit(static_cast<int>(sleep(30)));
-    EXPECT_TRUE(WaitUntil([child] { return Sockets(child) == 0; }));
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
     KillWorkers();
 }
 

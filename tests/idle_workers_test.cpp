@@ -9,7 +9,10 @@ namespace {
 
 class IdleWorkers : public testing::Test {
   protected:
-    IdleWorkers() { SetTaskLimits({.nIdleSeconds = 3600, .nTasksPerWorker = 3}); }
+    // No limit on the claim but that of a task that is handed over.
+    IdleWorkers() {
+        SetTaskLimits({.nAnswerSeconds = 0, .nIdleSeconds = 3600, .nTasksPerWorker = 3});
+    }
     ~IdleWorkers() override { SetTaskLimits({}); }
 
     // Waits until the task has ended and nothing but idle workers is left.
@@ -120,6 +123,31 @@ TEST_F(IdleWorkers, GetAnotherLockWhenTheLastOneIsHeldOrWasReleasedTwice) {
         sem_getvalue(course->lock, &value);
         EXPECT_EQ(value, 1);
     }
+}
+
+// Sockets that a process has open.
+int Sockets(pid_t pid) {
+    namespace fs = std::filesystem;
+    int sockets = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        std::error_code closed;
+        if (fs::read_symlink(entry, closed).string().starts_with("socket:")) ++sockets;
+    }
+    return sockets;
+}
+
+TEST_F(IdleWorkers, HaveTheirChannelsAloneLikeOthers) {
+    tagTaskRequest request;
+    Follow(campaign_.Add(campaign_.Task("claim,finish,idle,next"), &request));
+    request.Headers = {"X: for another worker"};
+    const pid_t worker = campaign_.Add(campaign_.Task("stop"), &request).worker.Pid();
+    EXPECT_TRUE(WaitUntil([worker] { return Sockets(worker) == 1; }));
+    const pid_t child = fork();
+    if (child == 0) _exit(static_cast<int>(sleep(30)));
+    EXPECT_TRUE(WaitUntil([child] { return Sockets(child) == 0; }));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    KillWorkers();
 }
 
 }  // namespace
