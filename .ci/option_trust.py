@@ -1,6 +1,8 @@
 """Cases of .ci/option_check: who learns what. Logins, secrets, certificates, proxies, addresses."""
 import base64
 import json
+import os
+import pty
 import signal
 import subprocess
 import time
@@ -94,6 +96,23 @@ def tls_variables(case):
         case.ensure(b"warning: certificates of servers are not checked" in run.err, run)
 
 
+def locked_key(case):
+    """Nobody is asked for the password of a key, though there is a terminal to ask at."""
+    state, key = case.site.state, case.home / "key"
+    subprocess.run(["openssl", "rsa", "-aes128", "-passout", "pass:word", "-in",
+                    state / "client.key", "-out", key], check=True, capture_output=True)
+    pid, terminal = pty.fork()
+    if pid == 0:
+        os.execv(TASKMAN, [TASKMAN, "get", "-d", case.home, "--cacert", state / "ca.pem", "--cert",
+                           state / "client.pem", "--key", key, case.words["mutual"] + "/file"])
+    end, said = time.monotonic() + 20, b""
+    while b"private key" not in said and time.monotonic() < end:
+        said += os.read(terminal, 4096)  # the display is drawn several times a second
+    os.close(terminal)
+    os.waitpid(pid, 0)
+    case.ensure(b"private key" in said, "it asks:", said)
+
+
 def info_headers(case):
     """nginx plays the proxy that leads to the site."""
     run = Run(case, [TASKMAN, "info", "--json"], "-x {proxy} -H 'X-Key: value' {page}{number}")
@@ -123,5 +142,5 @@ def malformed(case):
         case.ensure(curls.status == 3 and time.monotonic() < begin + 5, curls, ours)
 
 
-CASES = (secrets, digest_logins, ranges_behind_redirects, tls_variables, info_headers, proxies,
-         malformed)
+CASES = (secrets, digest_logins, ranges_behind_redirects, tls_variables, locked_key, info_headers,
+         proxies, malformed)

@@ -134,6 +134,15 @@ TEST(Engine, ARunContinuesTheOneBefore) {
         EXPECT_NE(Has(last, "Range: "), Has(last, "If-None-Match: "));
         EXPECT_TRUE(ReadFile(task.path) == row.body);
     }
+    // Without a validator it begins again, with what has come of it being no reason to ask less.
+    HttpServer plain([](const std::string& request, std::size_t number) {
+        return Good(request, {kBody, ""}, number == 0 ? 1'000'000 : std::string::npos);
+    });
+    task.url = plain.Url();
+    task.tries = 2;
+    EXPECT_EQ(run().end, End::kFinished);
+    ASSERT_EQ(plain.RequestCount(), 2U);
+    EXPECT_FALSE(Has(plain.Requests()[1], "If-None-Match: "));
 }
 
 // What is sent where: the task's own server leads to another one, which first breaks off.

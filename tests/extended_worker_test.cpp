@@ -111,8 +111,11 @@ TEST(Extended, TheManagersEndEndsTheWorker) {
     run.Slot().nBlockCount = 1;
     tagTaskRequest request;
     request.bContinue = true;
+    run.columns = 80;
     run.Begin(EncodeRequest(request));
     EXPECT_TRUE(WaitUntil([&] { return (run.Slot().nStateBits & 1U << 2) != 0; }));
+    const std::string err = "/proc/" + std::to_string(run.Pid()) + "/fd/2";
+    EXPECT_EQ(std::filesystem::read_symlink(err), "/dev/null");  // not the terminal
     run.Close();
     run.EndWell();
     EXPECT_EQ(run.Final(), 0U);

@@ -53,6 +53,7 @@ TEST_F(IdleWorkers, ServeOneTaskAfterTheOtherAndRememberTheirConnectionsOnly) {
     const Course& other = campaign_.Add(campaign_.Task(slow.Url()), &plain);
     EXPECT_EQ(other.worker.Pid(), workers[3]);
     Follow(other);
+    SetTaskLimits({.nIdleSeconds = 3600, .nTasksPerWorker = 1});  // no further one waits
     const std::function<void(tagTaskInfo&, tagTaskRequest&)> changes[] = {
         [](tagTaskInfo&, tagTaskRequest& request) { request.Headers = {"Cookie: x"}; },
         [](tagTaskInfo&, tagTaskRequest& request) { request.strUser = "u"; },
@@ -63,20 +64,39 @@ TEST_F(IdleWorkers, ServeOneTaskAfterTheOtherAndRememberTheirConnectionsOnly) {
             SetField(task.szProxyHost, "127.0.0.1");
         },
         [](tagTaskInfo&, tagTaskRequest& request) { request.strNetrc = "/none"; },
-        [](tagTaskInfo&, tagTaskRequest& request) { request.bInsecure = true; },
         [](tagTaskInfo& task, tagTaskRequest&) {
             WriteFile(task.szFilePath + std::string(PART_RECORD_ENDING), "a record");
         },
+        [](tagTaskInfo& task, tagTaskRequest&) {
+            std::filesystem::create_symlink("elsewhere", FieldText(task.szFilePath));
+        },
         [](tagTaskInfo& task, tagTaskRequest&) { task.nReserved1 = -2; },
+        // Who finds out late does not let it go to its task.
+        [](tagTaskInfo& task, tagTaskRequest& request) {
+            request.bContinue = true;
+            WriteFile(task.szFilePath + std::string(PART_RECORD_ENDING), "");
+        },
     };
     for (const auto& change : changes) {
         tagTaskRequest request;
         tagTaskInfo task = campaign_.Task(slow.Url());
         change(task, request);
+        EXPECT_EQ(kill(workers[3], 0), 0);  // it still waits
         const Course& course = campaign_.Add(task, task.nReserved1 == -2 ? nullptr : &request);
         EXPECT_NE(course.worker.Pid(), workers[3]);
         Follow(course);
     }
+}
+
+TEST_F(IdleWorkers, AreChosenByTheirServers) {
+    const std::vector slow{Reply().Pause(milliseconds(200)).Then(Reply::Ok("body"))};
+    const HttpServer one(slow), other(slow);
+    const tagTaskRequest request;
+    const Course& first = campaign_.Add(campaign_.Task(one.Url()), &request);
+    const Course& second = campaign_.Add(campaign_.Task(other.Url()), &request);
+    Follow(first), Follow(second);
+    const Course& next = campaign_.Add(campaign_.Task(other.Url()), &request);
+    EXPECT_EQ(next.worker.Pid(), second.worker.Pid());
 }
 
 TEST_F(IdleWorkers, MayBreakAndTheNextTaskIsServed) {
@@ -84,6 +104,7 @@ TEST_F(IdleWorkers, MayBreakAndTheNextTaskIsServed) {
         const char* steps;
         int code = 3;
         const char* remark = "";
+        const char* ended = "finish";
         void (*then)() = [] {};
     } rows[] = {
         {"exit"},
@@ -92,14 +113,15 @@ TEST_F(IdleWorkers, MayBreakAndTheNextTaskIsServed) {
         {"next,exit"},
         {"next,lock,kill"},
         {"next,claim,kill", 7, "the worker died"},
-        {"next,deaf", 7, "the worker ended before it took the task", KillWorkers},
+        {"next,claim,kill", 3, "", "fail"},  // gets no next task
+        {"next,deaf", 7, "the worker ended before it took the task", "finish", KillWorkers},
     };
     const HttpServer server({Reply::Ok("body")});
-    for (const auto& [steps, code, remark, then] : rows) {
+    for (const auto& [steps, code, remark, ended, then] : rows) {
         SCOPED_TRACE(steps);
         tagTaskRequest request;
-        request.Headers = {std::string("Row: ") + steps};  // for no worker of another row
-        const std::string first = std::string("claim,finish,idle,") + steps;
+        request.Headers = {std::string("Row: ") + steps + ended};  // for no worker of another row
+        const std::string first = std::string("claim,") + ended + ",idle," + steps;
         Follow(campaign_.Add(campaign_.Task(first), &request));
         const Course& next = campaign_.Add(campaign_.Task(server.Url()), &request);
         then();

@@ -1,13 +1,17 @@
 // The supervisor, at times that the test says, and its scanner: late, held and dying workers.
 #include "TaskMan/task/supervisor.h"
 
+#include <sys/socket.h>
+
 #include <cmath>
+#include <cstring>
 
 #include "TaskMan/task/delivery.h"
 #include "TaskMan/task/extended.h"
 #include "TaskMan/task/scanner.h"
 #include "TaskMan/task/throttle.h"
 #include "TaskMan/taskman.h"
+#include "TaskMan/tasktext.h"
 #include "TaskMan/timing.h"
 #include "common/AutoLock.h"
 #include "common/fieldtext.h"
@@ -65,7 +69,9 @@ TEST_F(Supervised, WorkersHaveTheirTimes) {
         Stop stop;
         double limit;
         const char* reason;
+        bool bHandedOver = false;
     } rows[] = {
+        {Stage::kEntered, 1, Stop::kNo, 5, "the worker did not take the task", true},
         {Stage::kEntered, 1, Stop::kNo, 30, "the worker did not take the task"},
         {Stage::kClaimed, 3, Stop::kNo, 30, TASK_REMARK_NO_ANSWER},
         {Stage::kClaimed, 0, Stop::kNo, 90, TASK_REMARK_NO_ANSWER},
@@ -73,9 +79,10 @@ TEST_F(Supervised, WorkersHaveTheirTimes) {
         {Stage::kAnswered, 1, Stop::kStored, 10, "the worker did not stop by itself"},
         {Stage::kEnded, 1, Stop::kStored, 10, ""},
     };
-    for (const auto& [stage, nCmd, stop, limit, reason] : rows) {
+    for (const auto& [stage, nCmd, stop, limit, reason, bHandedOver] : rows) {
         Renew(stage);
         watch_.nCmd = nCmd;
+        watch_.bHandedOver = bHandedOver;
         watch_.stop = {stop, start_};
         Look(limit - 0.001);
         EXPECT_EQ(watch_.worker.state, Worker::kAlive) << reason;
@@ -226,6 +233,16 @@ TEST_F(Supervised, ALateLookAtADiskDoesNotStopTheNextTask) {
         EXPECT_EQ(watch_.stop.state, next ? Stop::kNo : Stop::kAsked);
     }
     g_look = nullptr;
+}
+
+TEST(Channel, WhatAWorkerSaidOfItsLastTaskIsForgottenWithTheNext) {
+    Channel channel;
+    Descriptor worker;
+    ASSERT_EQ(channel.Open(worker), 0);
+    send(worker.Get(), TASK_CHANNEL_IDLE, std::strlen(TASK_CHANNEL_IDLE), 0);
+    EXPECT_TRUE(channel.Heard() && channel.SaysIdle());
+    EXPECT_EQ(channel.Send("next"), 0);
+    EXPECT_FALSE(channel.SaysIdle());
 }
 
 TEST(Throttle, ThreeFailuresWithinTenSecondsCloseTheManager) {

@@ -31,6 +31,7 @@ int main(int /*argc*/, char** argv) TS_NO_ANALYSIS {
         if (step == "claim" || step == "unlock") lock->UnLock();
         if (step == "report") SetStateBit(slot, DOWNLOAD_STATE_PROGRESS);
         if (step == "finish") SetStateBit(slot, DOWNLOAD_STATE_DOWNLOAD_FINISH);
+        if (step == "fail") SetStateBit(slot, DOWNLOAD_STATE_DOWNLOAD_FAIL);
         if (step == "answer") SetField(slot.szVideoInfo, "requests=7\r\n");
         if (step == "tear") SetField(slot.szVideoInfo, "requests=8\r\nreas");
         if (step == "size") SetStateBit(slot, DOWNLOAD_STATE_FILE_SIZE);

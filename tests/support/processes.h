@@ -226,12 +226,13 @@ class WorkerRun : public ChildProcess {
     // What the worker gets: task id, slot index, number of the manager.
     std::vector<std::string> arguments;
     std::string program = TARNWICK_PATH;
+    int columns = 0;  // with any, it has a terminal
 
     void Start() {
         atStart_.assign(mapping_, SHARE_MEM_SIZE);
         std::vector<std::string> command = arguments;
         command.insert(command.begin(), program);
-        ChildProcess::Start(std::move(command));
+        ChildProcess::Start(std::move(command), columns);
     }
     // Starts the worker, unless it runs, and expects an end in good order: status 0, no message,
     // the lock free, and its name gone unless the worker was confined, and nothing changed beside

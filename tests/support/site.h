@@ -53,7 +53,8 @@ inline Reply Site(const std::string& address) {
 
 // One server for all, and the proxy of all other hosts: the address says how it behaves.
 inline std::atomic<bool> g_hold{true};
-inline const char* g_size = "9";  // the first answer only, which breaks off
+inline const char* g_size = "9";                     // the first answer only, which breaks off
+inline const char* g_pause = "0\r\nRetry-After: 2";  // the first one, too
 inline HttpServer& Server() {
     Site("");  // its texts are made before the server, whose threads use them to the last
     static HttpServer server([](const std::string& request, std::size_t) {
@@ -73,6 +74,7 @@ inline HttpServer& Server() {
         if (is("empty")) return Reply::Ok("");
         if (is("no-length")) return Reply::Head("", "bytes");
         if (is("shrinks")) return Reply::Head(std::exchange(g_size, ""), "bytes");
+        if (is("later") && *g_pause) return Reply::Head(std::exchange(g_pause, ""), "", 500);
         if (is("leaves")) return Reply::Redirect("ftp://127.0.0.1:1/x");
         if (is("named")) {
             return Reply::Head(
