@@ -76,6 +76,11 @@ std::vector<Watch*> UsedWatches() {
 // the watches.
 void EndWorkers() {
     KillWorkers();
+    for (Watch* watch : UsedWatches()) {
+        Threading::AutoLock hold(&g_watch_mutex);
+        // A file system keeps its worker, one that waited, from the task.
+        if (watch->worker.state == Worker::kNotStarted) DropWorker(*watch);
+    }
     const platform::Waker nobody;
     const Clock::time_point deadline = Clock::now() + timing::kWorkersEnd;
     for (;;) {
@@ -109,7 +114,13 @@ void ForgetTasks() {
     CheckAndCalcTaskCount();
     Threading::AutoLock hold(&g_watch_mutex);
     for (Watch& watch : g_Watches) {
-        if (watch.stage.state != Stage::kFree) FreeWatch(watch);
+        if (watch.stage.state == Stage::kFree) continue;
+        if (watch.worker.state == Worker::kNotStarted) {
+            watch.bGivenUp = true;
+            RemoveLock(watch);
+        } else {
+            FreeWatch(watch);
+        }
     }
 }
 

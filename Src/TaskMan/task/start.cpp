@@ -43,6 +43,15 @@ void FollowWorker(Watch& watch) TS_REQUIRES(g_watch_mutex) {
     if (watch.stage.state == Stage::kEntered) watch.stage.since = now;
 }
 
+// Frees a watch that the end of the manager has left to the start of its worker. Whether it did.
+bool FreeIfGivenUp(Watch& watch) TS_REQUIRES(g_watch_mutex) {
+    if (!watch.bGivenUp) return false;
+    DropWorker(watch);
+    FreeWatch(watch);
+    WakeSupervisor();
+    return true;
+}
+
 // Runs StartProgram on a thread of its own and waits for it. When no process could be made, the
 // process id stays -1, and the supervisor ends the task like that of any dead worker.
 void StartWorker(Watch& watch, const Descriptor& channel) {
@@ -66,7 +75,7 @@ void StartWorker(Watch& watch, const Descriptor& channel) {
     {
         Threading::AutoLock hold(&g_watch_mutex);
         watch.process = platform::ProcessWatch(pid);
-        FollowWorker(watch);
+        if (!FreeIfGivenUp(watch)) FollowWorker(watch);
     }
     g_end_event.Set();
     WakeSupervisor();
@@ -76,6 +85,7 @@ void StartWorker(Watch& watch, const Descriptor& channel) {
 void ReplaceWorker(Watch& watch) {
     {
         Threading::AutoLock hold(&g_watch_mutex);
+        if (FreeIfGivenUp(watch)) return;
         DropWorker(watch);
         watch.nTasks = 1;
     }
@@ -113,7 +123,7 @@ bool HandOver(Watch& watch) {
     {
         Threading::AutoLock hold(&g_watch_mutex);
         const std::string text = TASK_CHANNEL_TASK + watch.id + "\r\n" + watch.request;
-        if (watch.channel.Send(text, files) != 0) return false;
+        if (watch.bGivenUp || watch.channel.Send(text, files) != 0) return false;
         FollowWorker(watch);
         // Else it waits for this worker already, and has seen to the scanner.
         if (watch.bPassedOver) WakeSupervisor();

@@ -25,12 +25,15 @@ int UsedWatchCount() {
                       [](const Watch& watch) { return watch.stage.state != Stage::kFree; }));
 }
 
+void RemoveLock(Watch& watch) {
+    if (!watch.lock.IsOpen()) return;
+    watch.lock.Close();
+    // The scanner's lock has removed the name; a worker that came late has made it again.
+    sem_unlink(watch.id.c_str());
+}
+
 void FreeWatch(Watch& watch) {
-    if (watch.lock.IsOpen()) {
-        watch.lock.Close();
-        // The scanner's lock has removed the name; a worker that came late has made it again.
-        sem_unlink(watch.id.c_str());
-    }
+    RemoveLock(watch);
     g_WorkerPid[watch.nTaskIndex] = 0;
     watch = Watch{};
     g_slot_freed = true;

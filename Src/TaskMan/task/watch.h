@@ -107,6 +107,10 @@ struct Watch {
     bool bPassedOver = false;      // the supervisor has looked before the worker got the task
     std::int32_t nFinalCode = -1;  // the one that was delivered
 
+    // The manager has ended while a file system held the start of the worker up: whoever is at that
+    // frees the watch.
+    bool bGivenUp = false;
+
     // The application's callbacks; set before the node enters the map, then only read.
     void* pCallbackParam = nullptr;
     TaskResultCallback pfnResultCallback = nullptr;
@@ -143,5 +147,8 @@ Watch* FindWatch(const std::string& id) TS_REQUIRES(g_watch_mutex);
 // The watches in use.
 int UsedWatchCount() TS_REQUIRES(g_watch_mutex);
 
-// Closes and removes the task's semaphore and frees the slot.
+// Closes and removes the task's semaphore.
+void RemoveLock(Watch& watch) TS_REQUIRES(g_watch_mutex);
+
+// Does the same and frees the slot.
 void FreeWatch(Watch& watch) TS_REQUIRES(g_watch_mutex);
