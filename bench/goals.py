@@ -13,6 +13,7 @@ from typing import NamedTuple
 
 from option_servers import make_certificates
 from servers import Server
+from staying import after_death, memory_after_many
 from tools import GIB, KIB, MIB
 
 OURS, OURS4, OURS8 = "taskman get", "taskman get -n4", "taskman get -n8"
@@ -128,7 +129,7 @@ class TlsServer(Server):
 class Goal(NamedTuple):
     title: str
     value: callable  # of the costs of a turn, by tool, and the server
-    limit: float
+    limit: float = None  # None: it is told, no more
 
 
 class Row(NamedTuple):
@@ -139,6 +140,7 @@ class Row(NamedTuple):
     goals: tuple
     server: callable = None  # of the run and the workload; None: the run's nginx
     on_disk: bool = False
+    turn: callable = None  # of the run and a file's name, instead of tools; its goals' `costs`
 
 
 def processor(limit):
@@ -160,6 +162,17 @@ ROWS = {
         "2000 files of 16 KiB, eight at once, https", 2000, 16 * KIB,
         (OURS, "xargs curl", "curl -Z"), to_others(0.07, ("curl -Z",)),
         lambda run, _: TlsServer("nginx", run.source, run.directory / "tls")),
+    "durable": Row(
+        "2000 files of 16 KiB, eight at once, to a disk", 2000, 16 * KIB, (OURS, "wget2"),
+        (Goal("time to that of wget2, which leaves them to the system",
+              lambda costs, _: costs[OURS]["end"] / costs["wget2"]["end"]),), on_disk=True),
+    "staying": Row(
+        "eight workers that stay, memory", 1, 16 * KIB, (),
+        (Goal("after 99 tasks each to after one", lambda ratio, _: ratio, 1.10),),
+        lambda run, load: Lines(run.source / load.names[0], 320 * KIB), turn=memory_after_many),
+    "killed": Row(
+        "workers killed as they wait", 1, 16 * KIB, (),
+        (Goal("the next file, ms", lambda longest, _: longest, 50),), turn=after_death),
     "limited": Row(
         "128 MiB, eight connections of 4 MiB/s each", 1, 128 * MIB,
         (OURS8, "aria2c -x8", "axel -n8"),
