@@ -16,9 +16,6 @@ constexpr std::size_t kMostMemory = 1024 * 1024 * 1024;  // sanitizers take most
 constexpr std::size_t kMostMemory = 8 * 1024 * 1024;
 #endif
 
-// A look at the memory costs a hundredth of what a small file does.
-constexpr int kTasksPerLook = 8;
-
 // Writes the defaults where the record is: an assigned one would be filled, copied and wiped.
 void Clear(tagTaskContext& slot) {
     std::construct_at(&slot);
@@ -38,11 +35,11 @@ void ForgetTask() {
 
 }  // namespace
 
-bool NextTask(int tasks) {
+bool NextTask() {
     const std::chrono::seconds stay(std::exchange(g_StaySeconds, 0));
     if (stay.count() == 0) return false;
     ForgetTask();
-    if (tasks % kTasksPerLook == 0 && platform::PrivateMemory() > kMostMemory) return false;
+    if (platform::PrivateMemory() > kMostMemory) return false;
     g_TaskID = AwaitTask(stay, g_HandedOver, g_RequestText, [] {
         if (g_Pool != nullptr) g_Pool->EndAll();
     });

@@ -3,6 +3,5 @@
 
 // Forgets the task that has ended, if it has asked the worker to stay, and waits for the next one.
 // True when that has come: g_TaskID is its id. Else the process is to exit; it is, too, when it has
-// taken so much memory that a new one is worth its start, which is looked at now and then. `tasks`:
-// how many it has carried out. Job thread only, once the lock is closed.
-bool NextTask(int tasks);
+// taken so much memory that a new one is worth its start. Job thread only, once the lock is closed.
+bool NextTask();

@@ -172,12 +172,12 @@ bool TakeTask(const char* szTaskID) {
 
 // Carries out the job, and those that come later if the worker is to stay.
 void RunExtendedJobs(ExtendedJob job) {
-    for (int tasks = 1;; ++tasks) {
+    for (;;) {
         RunExtended(job);
         if (g_StaySeconds == 0) break;
         job = {};
         CloseLock();
-        if (!NextTask(tasks) || !TakeTask(g_TaskID.c_str())) break;
+        if (!NextTask() || !TakeTask(g_TaskID.c_str())) break;
         job = PrepareJob(&g_TaskConData);
     }
     EndJob();
