@@ -22,25 +22,66 @@ Files List(const std::string& lines) {
     return {{"list", lines}};
 }
 
-const std::vector<Row>& Rows() {
-    static const Files old = {{"good", "old"}};
-    static const std::string b49(49, 'b');
-    static const Files link = {{"link", "@old"}, {"old", "mine"}};
-    static const std::vector<Row> rows = {
-        // Names and files that are in the way.
+const Files kOld = {{"good", "old"}};
+
+void Check(const Row& row) {
+    SCOPED_TRACE(row.command);
+    const bool info = row.command.starts_with("info ");
+    CommandRun run(info ? "info" : "get");
+    for (const auto& [name, content] : row.before) {
+        if (content.empty()) {
+            std::filesystem::create_directory(run.Path(name));
+        } else if (content[0] == '@') {
+            std::filesystem::create_symlink(content.substr(1), run.Path(name));
+        } else {
+            WriteFile(run.Path(name), Filled(content));
+        }
+    }
+    Begin(run, row.command.substr(info ? 5 : 0));
+    EXPECT_EQ(run.End(), row.end);
+    EXPECT_EQ(run.Files(), row.files);
+    EXPECT_EQ(run.SharedNames(), std::vector<std::string>());
+    const std::string told = run.Err() + run.Out();
+    EXPECT_TRUE(Has(told, row.says) && !Has(told, "secret")) << told;
+    std::istringstream lines(told);
+    for (std::string line; std::getline(lines, line);) EXPECT_EQ(line, text::Printable(line));
+    if (info) return;
+    // What is there has its bytes, and nothing else is told on standard output.
+    Files known = row.after;
+    known.insert(row.before.begin(), row.before.end());
+    for (const auto& entry : std::filesystem::directory_iterator(run.Path(""))) {
+        if (entry.is_symlink()) continue;
+        const auto found = known.find(entry.path().filename());
+        EXPECT_EQ(ReadFile(entry.path()), found == known.end() ? "abc" : Filled(found->second));
+    }
+    std::istringstream paths(run.Out());
+    for (std::string path; std::getline(paths, path);) {
+        EXPECT_TRUE(FileExists(std::filesystem::path(run.Path()) / path) && path[0] != '-') << path;
+    }
+    EXPECT_EQ(run.Out().empty(), !Has(told, ": finished") && !Has(told, ": skipped"));
+}
+
+void Check(const std::vector<Row>& rows) {
+    text::UseUtf8();
+    InParallel(
+        rows.size(), [&](std::size_t i) { Check(rows[i]); }, 8);
+}
+
+TEST(Get, LeavesAloneWhatIsInTheWay) {
+    Check({
         {"$/good?x $/-good", "exit 0", "-good good", "2 of 2 files finished"},
-        {"$/good", "exit 3", "good", "good exists already", old},
-        {"-f $/good", "exit 0", "good", "good: finished", old, {{"good", "abc"}}},
-        {"-s $/good $/good2", "exit 0", "good good2", "good: skipped", old},
+        {"$/good", "exit 3", "good", "good exists already", kOld},
+        {"-f $/good", "exit 0", "good", "good: finished", kOld, {{"good", "abc"}}},
+        {"-s $/good $/good2", "exit 0", "good good2", "good: skipped", kOld},
         {"-s $/good", "exit 3", "good", "not a regular file", {{"good", ""}}},
         {"-s --sha256 + $/good", "exit 0", "good", "good: skipped", {{"good", "abc"}}},
-        {"-s --sha256 + $/good", "exit 5", "good", "good: mismatch", old},
+        {"-s --sha256 + $/good", "exit 5", "good", "good: mismatch", kOld},
         {"-f -j1 $/good $/good2 $/x/good", "exit 3", "good good2", "refused: another URL"},
         {"-j1 $/good.part $/good2 $/good", "exit 3", "good.part good2", "another URL"},
         {"-j1 $/good.part.info $/x $/good", "exit 3", "good.part.info x", "another URL"},
         {"$/good $/x/good", "exit 3", "good", "refused: another URL"},
         {"--number $/good $/x/good $/y/good.part", "exit 0", "good good.1 good.2 good.part", "",
-         old},
+         kOld},
         {"-J -f -j1 $/named $/x/named $/good", "exit 3", "good r.x", "r.x: refused: another URL"},
         {"-J --number $/named $/x/named $/y/named", "exit 0", "r.1.x r.2.x r.x", "3 of 3"},
         {"-J $/named", "exit 3", "r.x", "r.x exists already", {{"r.x", "old"}}},
@@ -52,15 +93,24 @@ const std::vector<Row>& Rows() {
         {"-d no/b $/good", "exit 3", "no", "cannot make the directory no/b", {{"no", "@gone/x"}}},
         {"$/good -o a\\b", "exit 3", "", "a backslash"},
         {"$/good", "exit 0", "good", "", {{"good.part", "longer"}}, {{"good", "abc"}}},
-        // A link stands for the file it leads to.
+    });
+}
+
+TEST(Get, FollowsALinkToItsFile) {
+    const Files link = {{"link", "@old"}, {"old", "mine"}};
+    Check({
         {"-f $/good -o link", "exit 0", "link old", "", link, {{"old", "abc"}}},
         {"$/404 --failed link", "exit 1", "link old", "", link, {{"old", "$/404\n"}}},
         {"$/good -o link", "exit 3", "link old", "exists already", link},
         {"-f $/good -o link", "exit 3", "link", "no regular file", {{"link", "@none"}}},
         {"$/good --failed link", "exit 3", "link", "", {{"link", "@."}}},
-        // Failures and their reasons.
+    });
+}
+
+TEST(Get, TellsWhyAFileFailed) {
+    Check({
         {"-n 4 $/404", "exit 1", "", "404: started\n404: failed: HTTP 404\n"},
-        {"--tries 2 -x socks5://^ $/good", "exit 1", "", "good: failed: "},
+        {"--tries 1 -x socks5://^ $/good", "exit 1", "", "good: failed: "},
         {"http://far.invalid/good", "exit 0", "good"},
         {"$/no-length", "exit 0", "no-length", "of 5 B", {}, {{"no-length", "bytes"}}},
         {"$/shrinks", "exit 0", "shrinks", "of 5 B", {}, {{"shrinks", "bytes"}}},
@@ -73,7 +123,11 @@ const std::vector<Row>& Rows() {
         {"--sha256 ~ $/good", "exit 5", "", "mismatch: good.part has the SHA-256 digest ba78"},
         {"--worker /bin/true $/good", "exit 1", "", "good: died: "},
         {"--worker / $/good", "exit 1", "", "no worker program at /"},
-        // Logins, of which nothing is told.
+    });
+}
+
+TEST(Get, TellsNothingOfALogin) {
+    Check({
         {"-v http://joe:secret@^/login", "exit 0", "login", ", http://127.0.0.1:"},
         {"-u joe:other http://joe:secret@^/login", "exit 0", "login"},
         {"-u joe:wrong $/login", "exit 1", "", "login: failed: HTTP 401\n"},
@@ -101,21 +155,34 @@ const std::vector<Row>& Rows() {
          "file",
          "x.flv: failed: HTTP 401",
          {{"file", "Authorization: Basic am9lOnNlY3JldA==\n"}}},
-        // Whom to trust, and as whom to appear.
+    });
+}
+
+TEST(Get, KnowsWhomToTrust) {
+    Check({
         {"--insecure $/good", "exit 0", "good", "taskman: warning: certificates of servers"},
         {"info --insecure --json http://h/", "exit 4", "", "\"insecure\":true,\"exit\":4}"},
         {"--cert=none $/good", "exit 2", "", "--cert: cannot read "},
         {"--key=list -u joe $/good", "exit 2", "list", "taskman: there is a key and no cert",
          List("#")},
-        // In several orders: the smallest status wins.
+    });
+}
+
+TEST(Get, EndsWithTheSmallestStatus) {
+    Check({
         {"x $/404 $/good", "exit 1", "good", "1 of 3 files finished, 2 failed"},
-        {"$/good2 $/good x", "exit 2", "good good2", "", old},
+        {"$/good2 $/good x", "exit 2", "good good2", "", kOld},
         {"$/good -s -i list",
          "exit 5",
          "good list",
          "1 skipped",
          {{"good", "old"}, {"list", "$/good2\t\t~"}}},
-        // Lists.
+    });
+}
+
+TEST(Get, TakesAListLineByLine) {
+    const std::string b49(49, 'b');
+    Check({
         {"$/good -i list", "exit 1", "a good good2 list", "3 of 4",
          List("#\n \t\r\n$/good2 \r\n$/404\n $/good3\ta\t + \t")},
         {"-j1 -i list", "exit 2", "good list",
@@ -146,7 +213,11 @@ const std::vector<Row>& Rows() {
          "no worker program at /nowhere/w", List("$/good\n#"), List("$/good\n")},
         {"-i .", "exit 2", "", ". is a directory"},
         {"$/good --failed a/x", "exit 0", "a good", "", {}, {{"a", ""}}},
-        // Usage.
+    });
+}
+
+TEST(Get, RefusesWrongUsage) {
+    Check({
         {"", "exit 2", "", "taskman get --help"},
         {"-o - --json $/good", "exit 2", "", "--json and --output - exclude each other"},
         {"-j", "exit 2", "", "-j: a value is missing"},
@@ -169,7 +240,11 @@ const std::vector<Row>& Rows() {
         {"--hedaer=secret $/good", "exit 2", "", "unknown option --hedaer ("},
         {"--sha256 12 $/good", "exit 2", "", "64 hexadecimal digits"},
         {"-x ftp://u:secret@h $/good", "exit 2", "", "--proxy: the scheme"},
-        // Pages.
+    });
+}
+
+TEST(Get, KnowsWhatAPageOffers) {
+    Check({
         {"info &plain", "exit 0", "",
          "Title   My: video?\nLength  1:23\n\nID  Frame\n22  1280x720  no address\n5   320x240\n"
          "34  640x360   taken\n18  unknown\n17  unknown\n"},
@@ -195,51 +270,7 @@ const std::vector<Row>& Rows() {
         {"--format 5 &unknown", "exit 4", "", "not resolved: HTTP 404"},
         {"--format 22 &plain", "exit 4", "", "no such format"},
         {"--format 17 &plain", "exit 2", "", "not an http"},
-    };
-    return rows;
-}
-
-TEST(Get, EndsWithTheStatusOfItsFiles) {
-    text::UseUtf8();
-    const auto look = [](std::size_t number) {
-        const Row& row = Rows()[number];
-        SCOPED_TRACE(row.command);
-        const bool info = row.command.starts_with("info ");
-        CommandRun run(info ? "info" : "get");
-        for (const auto& [name, content] : row.before) {
-            if (content.empty()) {
-                std::filesystem::create_directory(run.Path(name));
-            } else if (content[0] == '@') {
-                std::filesystem::create_symlink(content.substr(1), run.Path(name));
-            } else {
-                WriteFile(run.Path(name), Filled(content));
-            }
-        }
-        Begin(run, row.command.substr(info ? 5 : 0));
-        EXPECT_EQ(run.End(), row.end);
-        EXPECT_EQ(run.Files(), row.files);
-        EXPECT_EQ(run.SharedNames(), std::vector<std::string>());
-        const std::string told = run.Err() + run.Out();
-        EXPECT_TRUE(Has(told, row.says) && !Has(told, "secret")) << told;
-        std::istringstream lines(told);
-        for (std::string line; std::getline(lines, line);) EXPECT_EQ(line, text::Printable(line));
-        if (info) return;
-        // What is there has its bytes, and nothing else is told on standard output.
-        Files known = row.after;
-        known.insert(row.before.begin(), row.before.end());
-        for (const auto& entry : std::filesystem::directory_iterator(run.Path(""))) {
-            if (entry.is_symlink()) continue;
-            const auto found = known.find(entry.path().filename());
-            EXPECT_EQ(ReadFile(entry.path()), found == known.end() ? "abc" : Filled(found->second));
-        }
-        std::istringstream paths(run.Out());
-        for (std::string path; std::getline(paths, path);) {
-            EXPECT_TRUE(FileExists(std::filesystem::path(run.Path()) / path) && path[0] != '-')
-                << path;
-        }
-        EXPECT_EQ(run.Out().empty(), !Has(told, ": finished") && !Has(told, ": skipped"));
-    };
-    InParallel(Rows().size(), look, 32);
+    });
 }
 
 }  // namespace

@@ -13,8 +13,8 @@ using Milliseconds = std::chrono::milliseconds;
 
 // ---- The scanner.
 constexpr Milliseconds kPassPause{1000};  // at most, between two passes
-constexpr std::chrono::microseconds kPassFloor{
-    500};                           // at least: workers that end one by one cause no more
+// At least: workers that end one by one cause no more passes than that.
+constexpr std::chrono::microseconds kPassFloor{500};
 constexpr int kShutdownPasses = 3;  // with g_Exit set, each with its full pause
 
 // ---- The supervisor.
