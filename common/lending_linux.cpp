@@ -1,4 +1,4 @@
-// What a process uses of which it cannot find the name any more.
+// Semaphores that are lent to a process which may open no files, and the memory of this process.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>

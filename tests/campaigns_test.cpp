@@ -22,7 +22,7 @@ struct Fault {
     std::string address;     // a path on the server, or the steps of a fault worker
     std::vector<int> codes;  // the task may end with
     std::string remark;
-    bool killed = false;  // by the test, at a random time; any remark goes
+    bool killed = false;  // by the test, at a random time; any remark will do
 };
 
 const Fault kFaults[] = {

@@ -16,7 +16,7 @@
 namespace test_support {
 
 // What the server does on one connection once the request is there: the steps in their order, until
-// the client goes.
+// the client is gone.
 class Reply {
   public:
     // A head that announces `length`, any text or "" for none; and in one piece with it the
