@@ -25,8 +25,8 @@ int LinkSemaphore(const std::string& name, const std::string& further) {
     return link(PathOf(name).c_str(), PathOf(further).c_str()) == 0 ? 0 : errno;
 }
 
-int SemaphoreFile(const std::string& name, Descriptor& file) {
-    file = Descriptor(open(PathOf(name).c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+int SemaphoreFile(const std::string& name, int access, Descriptor& file) {
+    file = Descriptor(open(PathOf(name).c_str(), access | O_NOFOLLOW | O_CLOEXEC));
     return file.IsOpen() ? 0 : errno;
 }
 

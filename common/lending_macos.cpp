@@ -10,7 +10,7 @@ int LinkSemaphore(const std::string&, const std::string&) {
     return ENOTSUP;
 }
 
-int SemaphoreFile(const std::string&, Descriptor&) {
+int SemaphoreFile(const std::string&, int, Descriptor&) {
     return ENOTSUP;
 }
 

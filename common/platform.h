@@ -161,9 +161,9 @@ std::vector<std::string> OwnSemaphoreNames();
 // that name, ENOTSUP where the system has no such thing.
 int LinkSemaphore(const std::string& name, const std::string& further);
 
-// A descriptor of the named semaphore, for a process that may not open it by its name. Returns 0 or
-// an error number: ENOTSUP where the system has no such thing.
-int SemaphoreFile(const std::string& name, Descriptor& file);
+// A descriptor of the named semaphore: to map it with `access` O_RDWR, to know it again with
+// O_RDONLY. Returns 0 or an error number: ENOTSUP where the system has no such thing.
+int SemaphoreFile(const std::string& name, int access, Descriptor& file);
 
 // The semaphore of such a descriptor, which may be closed then; null when it is none. Until
 // UnmapSemaphore.

@@ -132,7 +132,8 @@ TEST_F(IdleWorkers, MayBreakAndTheNextTaskIsServed) {
 }
 
 TEST_F(IdleWorkers, GetAnotherLockWhenTheLastOneIsHeldOrWasReleasedTwice) {
-    const HttpServer server({Reply::Ok("body")});
+    // Not before the test has opened the lock.
+    const HttpServer server({Reply().Pause(milliseconds(200)).Then(Reply::Ok("body"))});
     const tagTaskRequest request;
     const Course* course = &campaign_.Add(campaign_.Task(server.Url()), &request);
     for (int (*spoil)(sem_t*) : {sem_trywait, sem_post}) {

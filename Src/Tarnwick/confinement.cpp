@@ -11,7 +11,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <utility>
 
+#include "TaskMan/taskcontext.h"
 #include "common/file.h"
 #include "common/platform.h"
 #include "common/sysutility.h"
@@ -84,9 +86,15 @@ void LeaveTerminal() {
     if (null.IsOpen()) dup2(null.Get(), STDERR_FILENO);
 }
 
+// The section is mapped. Who has it open for writing may cut it, which ends its manager (SIGBUS).
+void CloseSection() {
+    if (g_VideoInfoSection.hShm != -1) close(std::exchange(g_VideoInfoSection.hShm, -1));
+}
+
 std::string GiveUp(const tagTaskRequest& request) {
     SwitchOffCoreDumps();
     LeaveTerminal();
+    CloseSection();
     platform::PrivateMemory();  // the first call: a confined process cannot make it
     const int error = platform::Confine(Needs(request));
     if (error == 0 || error == ENOTSUP) return "";

@@ -106,31 +106,34 @@ void FillTaskInfo(tagTaskNode& info, const tagTaskContext& slot) {
     info.nTryInterval = ClampTries(slot.nTryInterval);
 }
 
-// The semaphore that was handed over last. Mostly a task brings that of the task before: it stays
-// mapped.
-sem_t* g_lent = nullptr;
-struct stat g_lent_file {};
+// The semaphore of the last extended task, which stays mapped: mostly the next one has the same.
+sem_t* g_kept = nullptr;
+struct stat g_kept_file {};
 
-// The semaphore that was handed over with the task; null: none, or it cannot be had.
-sem_t* LentSemaphore() {
-    if (g_HandedOver.empty()) return nullptr;
-    const int file = g_HandedOver.front().Get();
+// Maps the semaphore, unless it is the one that is mapped. Null when it cannot be had.
+sem_t* KeepSemaphore(int file) {
     struct stat status {};
     if (fstat(file, &status) != 0) return nullptr;
-    if (g_lent == nullptr || !SameFile(status, g_lent_file)) {
-        if (g_lent != nullptr) platform::UnmapSemaphore(g_lent);
-        g_lent = platform::MapSemaphore(file);
-        g_lent_file = status;
+    if (g_kept == nullptr || !SameFile(status, g_kept_file)) {
+        if (g_kept != nullptr) platform::UnmapSemaphore(g_kept);
+        g_kept = platform::MapSemaphore(file);
+        g_kept_file = status;
     }
-    return g_lent;
+    return g_kept;
 }
 
-// Opens the task's lock by its name, unless it was handed over.
-void OpenLock() {
-    sem_t* lent = LentSemaphore();
-    g_TaskInfo.mutexLock =
-        lent != nullptr ? new Threading::Mutex(Threading::Mutex::Lent{lent})
-                        : new Threading::Mutex(static_cast<const char*>(g_TaskInfo.szTaskID));
+// Opens the task's lock by its name, unless it is known from the task before.
+void OpenLock(bool extended) {
+    const std::string id = g_TaskInfo.szTaskID;
+    Threading::Mutex::Lent lent{nullptr};
+    Descriptor file;
+    if (!g_HandedOver.empty()) {
+        lent.semaphore = KeepSemaphore(g_HandedOver.front().Get());
+    } else if (extended && platform::SemaphoreFile(id, O_RDWR, file) == 0) {
+        lent = {KeepSemaphore(file.Get()), id};
+    }
+    g_TaskInfo.mutexLock = lent.semaphore != nullptr ? new Threading::Mutex(std::move(lent))
+                                                     : new Threading::Mutex(id.c_str());
 }
 
 void CloseLock() {
@@ -164,7 +167,7 @@ bool TakeTask(const char* szTaskID) {
     if (live == nullptr || !SomeSlotCarries(szTaskID)) return false;
     tagTaskContext& copy = g_TaskContext[g_TaskIndex];
     FillTaskInfo(g_TaskInfo, copy);
-    OpenLock();
+    OpenLock(IsExtended(copy));
     ClaimSlot(*live, copy, g_TaskInfo.mutexLock);
     CopySlot(&g_TaskConData, &copy);
     return true;

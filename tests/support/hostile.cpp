@@ -49,6 +49,17 @@ bool ControlsDevice() {
     return ioctl(open("/dev/null", O_WRONLY), TCGETS, &settings) == -1 && errno != EACCES;
 }
 
+bool CutsSection() {
+    struct stat status {};
+    for (int file = 3; file < 99; ++file) {
+        if (fstat(file, &status) == 0 && status.st_size == SHARE_MEM_SIZE &&
+            ftruncate(file, SHARE_MEM_SIZE) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // In a signal handler.
 void TryInMainThread(int /*signal*/) {
     Tell("files: the main thread reads\n", Opens(g_secret.c_str(), O_RDONLY));
@@ -69,6 +80,7 @@ void TryAll() {
     Tell("files: renames\n", rename(other.c_str(), (beside + "renamed").c_str()) == 0);
     Tell("files: removes\n", unlink((beside + "victim").c_str()) == 0);
     Tell("files: executes\n", Executes("/bin/sh"));
+    Tell("files: cuts the section\n", CutsSection());
     Tell("truncate: cuts\n", truncate((beside + "cut").c_str(), 0) == 0);
     Tell("devices: controls\n", ControlsDevice());
     Tell("signals: signals\n", kill(getppid(), 0) == 0);

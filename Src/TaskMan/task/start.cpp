@@ -106,7 +106,7 @@ bool HandOver(Watch& watch) {
     {
         Threading::AutoLock hold(&g_watch_mutex);
         files.push_back(watch.lock.File());
-        if (files.front() == -1 && errno != ENOTSUP) return false;
+        if (files.front() == -1 ? errno != ENOTSUP : !watch.lock.IsSame()) return false;
     }
     if (files.front() == -1) {
         files.clear();

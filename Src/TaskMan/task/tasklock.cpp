@@ -25,7 +25,8 @@ int MakeNew(const std::string& name, Make make) {
 
 int TaskLock::Make(const std::string& id, bool keep) {
     id_ = id;
-    if (TakeKept()) return 0;
+    same_ = TakeKept();
+    if (same_) return 0;
     Close();
     if (keep) {
         // Named like a task of this manager: a sweep finds it when the manager is dead.
@@ -63,7 +64,8 @@ int TaskLock::MakeAs(const std::string& name) {
 }
 
 int TaskLock::File() {
-    if (!file_.IsOpen()) errno = platform::SemaphoreFile(IsKept() ? kept_as_ : id_, file_);
+    const std::string& name = IsKept() ? kept_as_ : id_;
+    if (!file_.IsOpen()) errno = platform::SemaphoreFile(name, O_RDONLY, file_);
     return file_.Get();
 }
 

@@ -40,8 +40,11 @@ class TaskLock {
     // Takes its own name away: no next task has it.
     void Unkeep();
 
-    // Its descriptor, for a worker that may not open it by its name; -1: the system has none, or
-    // does not give it, with errno set.
+    // Whether it is that of the task before, which its worker has.
+    bool IsSame() const { return same_; }
+
+    // Its descriptor, by which the worker of the task before knows it again, but cannot cut it; -1:
+    // the system has none, or does not give it, with errno set.
     int File();
 
     // Closes the lock and takes its own name away, if there is one; the task's stays. Does nothing
@@ -59,5 +62,6 @@ class TaskLock {
     sem_t* semaphore_ = nullptr;
     std::string id_{};       // of the task
     std::string kept_as_{};  // its own name; empty: it has none
+    bool same_ = false;
     Descriptor file_{};
 };
