@@ -52,7 +52,7 @@ inline Reply Site(const std::string& address) {
 }
 
 // One server for all, and the proxy of all other hosts: the address says how it behaves.
-inline std::atomic<bool> g_hold{true};
+inline std::atomic<bool> g_hold{true};               // `held` waits as long
 inline const char* g_size = "9";                     // the first answer only, which breaks off
 inline const char* g_pause = "0\r\nRetry-After: 2";  // the first one, too
 inline HttpServer& Server() {
