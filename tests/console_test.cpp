@@ -202,7 +202,7 @@ TEST(FailedList, AListWithAPasswordIsForItsOwner) {
     umask(mask);
 }
 
-TEST(RateShares, AreAsTheTableSays) {
+TEST(RateShares, GoToTheFilesThatUseThem) {
     constexpr double kAny = 1e9;
     // What a file's server can send in the first and in the second minute, and what comes in the
     // second one; KiB per second.

@@ -50,7 +50,7 @@ class Extended : public WorkerRun {
     int ends_[2] = {-1, -1};
 };
 
-TEST(Extended, TheWorkerAnswers) {
+TEST(Extended, TheAnswerIsThereBeforeTheWorkerSpeaks) {
     HttpServer server([](const std::string& request, std::size_t) {
         if (Has(request, "/none")) return Reply::Status(404, "x");
         const bool old = Has(request, "-Match: \"1\"\r\nIf-Modified-Since: then\r\n");

@@ -6,7 +6,7 @@ using namespace test_support;
 
 namespace {
 
-TEST(Get, NewerFilesOnly) {
+TEST(Get, ReplacesNewerFilesOnly) {
     HttpServer server([](const std::string& request, std::size_t) {
         if (Has(request, "If-None-Match: W/\"1\"\r\n")) return Reply::Head("", "", 304);
         return Reply().Send("HTTP/1.1 200 X\r\nETag: W/\"1\"\r\nContent-Length: 3\r\n\r\nabc");

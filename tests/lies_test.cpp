@@ -76,7 +76,7 @@ void Tell(const std::vector<Lie>& lies) {
     InParallel(lies.size() * 3, tell, 24);
 }
 
-TEST(LyingServers, TasksEndAsTheTableSays) {
+TEST(LyingServers, EndEveryTaskWithItsCode) {
     const Reply most = Length("9223372036854775807");
     const Reply torn = Part(kHalf).Pause(500ms).Reset();
     const Reply shorter = Reply::Ok(kBody.substr(0, 9));
@@ -104,7 +104,7 @@ auto Output(const char* path) {
     return [=](WorkerRun& run) { SetField(run.Slot().szFilePath, path); };
 }
 
-TEST(LyingServers, OtherAnswersAndSlots) {
+TEST(OddSlots, EndEveryTaskWithItsCode) {
     const Reply good = Reply::Ok(kBody);
     const Reply gone = Reply::Status(404, kBody.substr(0, 9));
     const Reply partly = Reply::Status(206, kBody.substr(0, 9));
@@ -209,7 +209,7 @@ void Get(std::size_t size, const TempDir& at, const char* says, rlim_t limit = R
     EXPECT_FALSE(FileExists(at.Path("file")) || FileExists(at.Path("file.part")));
 }
 
-TEST(FullDisk, IsOneOfAFewPagesADeviceOrALimit) {
+TEST(FullDisk, HoldsNoFileThatCountsAsFinished) {
     const TempDir disk, directory;
     FetchInto("/dev/full");
     FetchInto(directory.Path("file.part"), 8191);

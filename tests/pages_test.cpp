@@ -63,7 +63,7 @@ std::string Read(std::string text, bool last = false) {
     return name + " " + address;
 }
 
-TEST(Format, AddressAndFileName) {
+TEST(Format, GivesAddressAndFileName) {
     const std::string map = "|fmt_url_map=35;http://a/1,34;http://a/2,5;http://a/3|";
     const std::string info = "status=ok|title=My: video?|fmt_list=35/9x9,34/9x9,5/9x9" + map;
     EXPECT_EQ(Read(info), "My video.flv http://a/1");

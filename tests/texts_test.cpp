@@ -43,7 +43,7 @@ std::string Replaced(std::string text, const std::string& from, const std::strin
     return result == text ? text : "another text";
 }
 
-TEST(Texts, AreWhatTheTableSays) {
+TEST(Texts, AreTrimmedSplitReplacedAndDecoded) {
     const std::pair<std::string, std::string> rows[] = {
         {MakeFileName("  clip.mp4 "), "clip.mp4"},
         {MakeFileName("a\\/:*?\"<>|b"), "ab"},
@@ -144,7 +144,7 @@ TEST(Texts, AreRecognised) {
     EXPECT_TRUE(tokens.nextToken() && tokens.getToken() == "a");
 }
 
-TEST(Texts, HaveDigits) {
+TEST(Texts, HoldHexadecimalDigits) {
     for (const auto& [digit, stored] :
          {std::pair('7', "7"), {'b', "11"}, {'F', "15"}, {'G', "G"}, {'\xE9', "\xE9"}}) {
         char buffer[4] = {digit, '\0', '#'};
