@@ -122,18 +122,21 @@ sem_t* KeepSemaphore(int file) {
     return g_kept;
 }
 
-// Opens the task's lock by its name, unless it is known from the task before.
-void OpenLock(bool extended) {
+// Opens the task's lock by its name, unless it is known from the task before. False when the one
+// that was handed over is not.
+bool OpenLock(bool extended) {
     const std::string id = g_TaskInfo.szTaskID;
     Threading::Mutex::Lent lent{nullptr};
     Descriptor file;
     if (!g_HandedOver.empty()) {
         lent.semaphore = KeepSemaphore(g_HandedOver.front().Get());
+        if (lent.semaphore == nullptr) return false;
     } else if (extended && platform::SemaphoreFile(id, O_RDWR, file) == 0) {
         lent = {KeepSemaphore(file.Get()), id};
     }
     g_TaskInfo.mutexLock = lent.semaphore != nullptr ? new Threading::Mutex(std::move(lent))
                                                      : new Threading::Mutex(id.c_str());
+    return true;
 }
 
 void CloseLock() {
@@ -160,14 +163,15 @@ bool StartJobThread(void* (*run)(void*), void* data) {
     return error == 0;
 }
 
-// Makes the task with that id this worker's own. False when no slot carries the id.
+// Makes the task with that id this worker's own. False when no slot carries the id, or its lock
+// cannot be had.
 bool TakeTask(const char* szTaskID) {
     ReadSection();
     tagTaskContext* live = SlotAt(g_VideoInfoSection, g_TaskIndex);
     if (live == nullptr || !SomeSlotCarries(szTaskID)) return false;
     tagTaskContext& copy = g_TaskContext[g_TaskIndex];
     FillTaskInfo(g_TaskInfo, copy);
-    OpenLock(IsExtended(copy));
+    if (!OpenLock(IsExtended(copy))) return false;
     ClaimSlot(*live, copy, g_TaskInfo.mutexLock);
     CopySlot(&g_TaskConData, &copy);
     return true;
