@@ -74,6 +74,8 @@ TEST(Engine, TriesAgainWhatMayPass) {
          2},
         {"silence", Always(Reply().Silence()), 1, TaskReason::kTimeout, 3},
         {"closes", Always(Reply()), 1, TaskReason::kBrokenOff, 6},
+        {"closes within the headers", Always(Reply().Send("HTTP/1.1 200 OK\r\nETag: \"a")), 1,
+         TaskReason::kBrokenOff, 3},
         {"stalls", Always(Reply::Head("9", "x").Silence()), 1, TaskReason::kStalled, 4},
         {"redirects for ever", Always(Reply::Redirect("/on")), 1, TaskReason::kRedirects, 31},
         {"redirect to a file", Always(Reply::Redirect("file:///etc/passwd")), 1,

@@ -30,6 +30,7 @@ std::string DispositionName(std::string_view value);
 // was none. Of headers that come twice the first counts.
 struct Answer {
     int status = 0;                   // 0: no answer has come
+    bool complete = false;            // the line that ends the headers has come
     std::uint64_t length = kUnknown;  // of the body, as libcurl takes it
     std::string etag{};
     std::string lastModified{};

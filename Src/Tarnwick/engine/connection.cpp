@@ -151,8 +151,11 @@ void Connection::TakeHeader(std::string_view line) {
     active_at_ = Clock::now();
     if (line.find_first_not_of("\r\n") != line.npos) {
         answer_.AddLine(line);
-    } else if (answer_.status == 200 || answer_.status == 203 || answer_.status == 206 ||
-               (answer_.status >= 400 && !IsChallenge())) {
+        return;
+    }
+    answer_.complete = true;
+    if (answer_.status == 200 || answer_.status == 203 || answer_.status == 206 ||
+        (answer_.status >= 400 && !IsChallenge())) {
         Judge();
     }
 }

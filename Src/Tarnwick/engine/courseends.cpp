@@ -137,7 +137,8 @@ void Course::OnEnd(Connection& connection, CURLcode code) {
     if (connection.WriteFault()) return GiveUp(*connection.WriteFault());
     if (connection.Threw()) return GiveUp(TaskReason::kLocal, NO_MEMORY);
     const Answer& answer = connection.Last();
-    const bool answered = connection.IsJudged() || (code == CURLE_OK && answer.status != 0);
+    // For libcurl it is no failure when the connection ends within the headers.
+    const bool answered = connection.IsJudged() || (code == CURLE_OK && answer.complete);
     if (answered) {
         const Judgement& judged = connection.JudgeLate();
         if (over_) return;
@@ -160,10 +161,7 @@ void Course::OnGood(Connection& connection, CURLcode code) {
         known_.size = blocks_.Size();
     }
     if (blocks_.Left(id).Size() > 0) {
-        return OnFailure(connection, code == CURLE_OK
-                                         ? Judgement{Verdict::kAgain, TaskReason::kBrokenOff,
-                                                     "the answer ended too early"}
-                                         : JudgeError(code, connection.Message(), {}, false));
+        return OnFailure(connection, JudgeError(code, connection.Message(), {}, false));
     }
     connection.End();
     blocks_.Release(id);

@@ -153,6 +153,7 @@ Judgement JudgeError(CURLcode code, const std::string& text, const Answer& answe
         return {IsPassing(status) ? kAgain : kFinal, TaskReason::kProxy,
                 "the proxy answers HTTP " + std::to_string(status)};
     }
+    if (code == CURLE_OK) return {kAgain, TaskReason::kBrokenOff, "the answer ended too early"};
     const auto* found = std::find_if(std::begin(kErrors), std::end(kErrors),
                                      [code](const ErrorClass& each) { return each.code == code; });
     const bool known = found != std::end(kErrors);

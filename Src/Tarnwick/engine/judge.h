@@ -53,10 +53,10 @@ struct Judgement {
 // Judges the answer once its headers are complete.
 Judgement JudgeAnswer(const Answer& answer, const Asked& asked, const Known& known);
 
-// Judges a transfer that libcurl has ended with `code`, which is no success; `text` is its message,
-// or empty. `answer` is the last answer that came, redirects included; with `proxied` a proxy was
-// to be used, which has answered with status `connect` when it was asked for a tunnel; 0: it was
-// not.
+// Judges a transfer that libcurl has ended with `code` before all of the answer had come; `text` is
+// its message, or empty. `answer` is the last answer that came, redirects included; with `proxied`
+// a proxy was to be used, which has answered with status `connect` when it was asked for a tunnel;
+// 0: it was not.
 Judgement JudgeError(CURLcode code, const std::string& text, const Answer& answer, bool proxied,
                      long connect = 0);
 
