@@ -1,5 +1,6 @@
 #include "Console/get/downloads.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +21,18 @@ constexpr std::size_t kMostHeld = 1000;
 constexpr std::size_t kMostBegun = 100;
 // For the manager to take a task while none runs.
 constexpr std::chrono::seconds kRefusalTime{30};
+// Between two tries to have it take one.
+constexpr std::chrono::milliseconds kRefusalPause{100};
+
+// Files for whose tasks the process may have descriptors.
+std::size_t FilesWithDescriptors() {
+    constexpr rlim_t kOfCommand = 16;
+    constexpr rlim_t kOfFile = 6;
+    struct rlimit most {};
+    if (getrlimit(RLIMIT_NOFILE, &most) != 0) return kMostRunning;
+    const rlim_t room = std::max(most.rlim_cur, kOfCommand) - kOfCommand;
+    return std::clamp<rlim_t>(room / kOfFile, 1, kMostRunning);
+}
 
 }  // namespace
 
@@ -30,6 +43,7 @@ Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& fai
       failed_(failed),
       events_(events),
       display_(display),
+      room_(FilesWithDescriptors()),
       hosts_(options.perHost, options.tries.seconds),
       limit_(options.limitRate),
       print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json && !options.resolveOnly &&
@@ -112,13 +126,14 @@ bool Downloads::MayRun() const {
     const auto tasks = std::count_if(running_.begin(), running_.end(), [](const auto& r) {
         return r.second->Now() == Fetch::Phase::kTask;
     });
-    return !stopping_ && running_.size() < kMostRunning &&
-           static_cast<std::size_t>(tasks) <
-               std::min(static_cast<std::size_t>(options_.jobs), limit_.MostFiles());
+    const auto most =
+        std::min({static_cast<std::size_t>(options_.jobs), room_, limit_.MostFiles()});
+    return !stopping_ && running_.size() < std::min(kMostRunning, 3 * room_) &&
+           static_cast<std::size_t>(tasks) < most;
 }
 
 bool Downloads::HasRoom() const {
-    return MayRun() && FreeSlotCount() > 0;
+    return MayRun() && Clock::now() >= again_at_ && FreeSlotCount() > 0;
 }
 
 bool Downloads::MoreToBegin() const {
@@ -139,15 +154,18 @@ bool Downloads::Start(File& file) {
         const Clock::time_point now = Clock::now();
         if (!refused_since_) refused_since_ = now;
         // What stands in the way may never pass: with nothing else to wait for, give the file up.
-        if (!running_.empty() || now - *refused_since_ < kRefusalTime) return false;
+        if (!running_.empty() || now - *refused_since_ < kRefusalTime) {
+            again_at_ = now + kRefusalPause;
+            return false;
+        }
     }
-    refused_since_.reset();
     if (end) {
         Report(std::move(file), std::move(*end));
         return true;
     }
     const FileView& view = file->View();
     const bool task = file->Now() == Fetch::Phase::kTask;
+    if (task) refused_since_.reset();
     running_[file->Id()] = std::move(file);
     if (task) display_.Started(view);
     return true;

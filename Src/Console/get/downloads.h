@@ -93,10 +93,12 @@ class Downloads : private Uncopyable {
     std::deque<File> begun_{};  // had a task, and wait for the next: their page has been resolved,
                                 // or their host was busy
     std::deque<File> held_{};   // read, not begun: their hosts could not be asked
+    const std::size_t room_;    // most files at once for which there are descriptors
     Hosts hosts_;
     std::vector<File> unchecked_{};  // reported at a stop, their checks still run
     Names names_{};
-    std::optional<Clock::time_point> refused_since_{};  // the manager takes no task
+    std::optional<Clock::time_point> refused_since_{};  // the manager takes no task, until one
+    Clock::time_point again_at_{};                      // is taken, and when it is asked again
     RateLimit limit_;
     Totals totals_{};
     ExitStatus status_ = EXIT_STATUS_FINISHED;
