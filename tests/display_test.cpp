@@ -49,6 +49,8 @@ TEST(DisplayLines, AreVisibleAndFitTheirColumns) {
         {TotalLine({&file}, totals, 79, now),
          "2 of 3 files done, 1 failed, 17.0 MiB, 1.0 MiB/s, 0:48 left"},
         {TotalLine({&file, &waiting}, totals, 19, now), "2 of 3 files done"},
+        {TotalLine({&file}, Totals{.ended = 2, .more = true}, 79, now),
+         "2 files done, 2 failed, 16.0 MiB, 1.0 MiB/s"},
     };
     for (const auto& [actual, expected] : rows) EXPECT_EQ(actual, expected);
 }

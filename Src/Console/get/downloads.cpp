@@ -49,6 +49,7 @@ Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& fai
       print_paths_(isatty(STDOUT_FILENO) != 1 && !options.display.json && !options.resolveOnly &&
                    !options.ToOutput()) {
     totals_.files = totals_.waiting = options.addresses.size();
+    totals_.more = !list.Ended();
 }
 
 bool Downloads::StartNext() {
@@ -114,6 +115,7 @@ InputList::Taken Downloads::TakeRequest(Request& request) {
         return InputList::Taken::kRequest;
     }
     const InputList::Taken taken = list_.Take(request);
+    totals_.more = !list_.Ended();
     if (taken == InputList::Taken::kRequest) {
         ++totals_.files;
         ++totals_.waiting;

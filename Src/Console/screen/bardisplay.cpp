@@ -89,15 +89,16 @@ std::string TotalLine(const std::vector<const FileView*>& running, const Totals&
     double received = totals.finishedBytes;
     double missing = 0;
     double speed = 0;
-    bool sizesKnown = totals.waiting == 0;
+    bool sizesKnown = totals.waiting == 0 && !totals.more;
     for (const FileView* file : running) {
         received += file->Received();
         missing += file->size - file->Received();
         speed += std::max(file->speed.At(now), 0.0);
         sizesKnown = sizesKnown && file->size >= 0;
     }
-    std::string line =
-        std::to_string(totals.ended) + " of " + text::Count(totals.files, "file") + " done";
+    std::string line = totals.more ? text::Count(totals.ended, "file") + " done"
+                                   : std::to_string(totals.ended) + " of " +
+                                         text::Count(totals.files, "file") + " done";
     const auto add = [&line, columns](const std::string& part) {
         if (text::Width(line) + 2 + text::Width(part) <= columns) line += ", " + part;
     };

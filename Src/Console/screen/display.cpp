@@ -106,7 +106,7 @@ std::string EndLine(const FileView& file, const Outcome& outcome) {
 }
 
 std::string SummaryLine(const Totals& totals) {
-    if (totals.files < 2) return "";
+    if (totals.files < 2 && !totals.more) return "";
     std::string line =
         std::to_string(totals.finished) + " of " + text::Count(totals.files, "file") + " finished";
     const auto add = [&line](std::size_t count, const char* what) {
@@ -117,6 +117,7 @@ std::string SummaryLine(const Totals& totals) {
     add(totals.Failed(), " failed");
     add(totals.stopped, " stopped");
     add(totals.waiting, " not begun");
+    if (totals.more) line += ", the rest of the list not begun";
     return line;
 }
 

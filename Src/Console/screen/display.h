@@ -60,6 +60,7 @@ struct Totals {
     std::size_t ended = 0;      // all of these, and what failed
     double finishedBytes = 0;   // of the finished files
     std::size_t unchanged = 0;  // was there before, and the server has nothing newer
+    bool more = false;          // a list has more files than were read
 
     std::size_t Failed() const { return ended - finished - skipped - unchanged - stopped; }
 };
