@@ -152,8 +152,8 @@ int EnterTask(Watch& watch, const tagTaskInfo& taskinfo, std::int32_t rate) {
     static_cast<tagTaskInfo&>(*node) = taskinfo;
     node->nTaskIndex = watch.nTaskIndex;
     node->pCallbackParam = &watch;
-    node->pfnResultCallback = OnResult;
-    node->pfnStateCallback = OnState;
+    node->pfnResultCallback = DeliverResult;
+    node->pfnStateCallback = DeliverState;
     tagTaskContext request = SlotOf(taskinfo);
     request.nReserved3 = rate;
 

@@ -40,8 +40,8 @@ void NoteDelivery(Watch& watch) {
 
 }  // namespace
 
-void OnState(void* param, const char* szTaskID, std::int32_t nCode, double dValue,
-             std::int32_t nTaskKind) {
+void DeliverState(void* param, const char* szTaskID, std::int32_t nCode, double dValue,
+                  std::int32_t nTaskKind) {
     Watch& watch = *static_cast<Watch*>(param);
     NoteReport(watch, nCode);
     if (watch.pfnStateCallback != nullptr) {
@@ -50,8 +50,8 @@ void OnState(void* param, const char* szTaskID, std::int32_t nCode, double dValu
     if (IsFinalCode(nCode)) NoteDelivery(watch);
 }
 
-void OnResult(void* param, const char* szTaskID, std::int32_t nCode, const char* szText,
-              std::uint32_t nLength) {
+void DeliverResult(void* param, const char* szTaskID, std::int32_t nCode, const char* szText,
+                   std::uint32_t nLength) {
     Watch& watch = *static_cast<Watch*>(param);
     NoteReport(watch, nCode);
     if (watch.pfnResultCallback != nullptr) {
@@ -68,10 +68,10 @@ void DeliverLast(Watch& watch) {
     const int code = finals == 0 ? DOWNLOAD_STATE_STOPPED : std::countr_zero(finals);
     if (code == DOWNLOAD_STATE_PARSE_FINISH) {
         const std::string text = FieldText(slot.szVideoInfo) + std::string(2, '\0');
-        OnResult(&watch, watch.id.c_str(), code, text.data(),
-                 static_cast<std::uint32_t>(text.size() - 2));
+        DeliverResult(&watch, watch.id.c_str(), code, text.data(),
+                      static_cast<std::uint32_t>(text.size() - 2));
         return;
     }
     const bool marked = code == DOWNLOAD_STATE_DOWNLOAD_FINISH && watch.nTaskKind == 1;
-    OnState(&watch, watch.id.c_str(), code, marked ? -1.0 : 0.0, watch.nTaskKind);
+    DeliverState(&watch, watch.id.c_str(), code, marked ? -1.0 : 0.0, watch.nTaskKind);
 }
