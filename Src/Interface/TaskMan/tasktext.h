@@ -128,7 +128,7 @@ std::string RefusalOfHeader(std::string_view line);
 // Why the request cannot be served, in one line; empty when nothing speaks against it.
 std::string RefusalOf(const tagTaskRequest& request);
 
-// The text of a request that is not refused, with the empty line, without what has its default.
+// The text of a request that is not refused, with the empty line.
 std::string EncodeRequest(const tagTaskRequest& request);
 
 // Reads a request. Returns why it is refused, in one line: what ends without an empty line, what

@@ -63,15 +63,6 @@ void ForEachKey(const tagTaskAnswer& /*kind*/, Visit visit) {
     visit("parts", &tagTaskAnswer::bParts);
 }
 
-// The keys of a record with those of its values that are not the default.
-template <class Record, class Visit>
-void ForEachValue(const Record& record, Visit visit) {
-    static const Record usual;
-    ForEachKey(record, [&](std::string_view key, auto field) {
-        if (record.*field != usual.*field) visit(key, record.*field);
-    });
-}
-
 // ---- Values to texts and back. Read is false for a value that its field cannot hold.
 
 const std::string& Written(const std::string& value) {
@@ -167,8 +158,9 @@ TaskReason ReasonOfName(std::string_view name) {
 
 std::string EncodeRequest(const tagTaskRequest& request) {
     std::string text;
-    ForEachValue(request,
-                 [&](std::string_view key, const auto& value) { AppendLine(text, key, value); });
+    // A worker of another version may have other defaults.
+    ForEachKey(request,
+               [&](std::string_view key, auto field) { AppendLine(text, key, request.*field); });
     return text.append(kLineEnd);
 }
 
@@ -187,8 +179,11 @@ std::string DecodeRequest(std::string_view text, tagTaskRequest& request) {
 }
 
 std::string EncodeAnswer(const tagTaskAnswer& answer) {
+    static const tagTaskAnswer nothing;
     std::string text;
-    ForEachValue(answer, [&](std::string_view key, const auto& value) {
+    ForEachKey(answer, [&](std::string_view key, auto field) {
+        const auto& value = answer.*field;
+        if (value == nothing.*field) return;
         const bool address = key == "final-url";
         if (address && answer.strFinalUrl.size() > TASK_ADDRESS_MOST) return;
         AppendLine(text, key, OneLine(Written(value), address ? TASK_ADDRESS_MOST : kTextMost));
