@@ -27,9 +27,6 @@ Mutex::Mutex(const char* name)
     assertion::Require(m_NamedLock != nullptr, "Mutex", kSource, kHasSemaphore, 60);
 }
 
-Mutex::Mutex(const char* name, sem_t* opened)
-    : m_nInitValue(1), m_strName(name), m_bNamed(true), m_NamedLock(opened), m_Mutex() {}
-
 Mutex::Mutex(Lent lent)
     : m_nInitValue(1),
       m_strName(std::move(lent.name)),

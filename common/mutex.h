@@ -23,11 +23,7 @@ class TS_CAPABILITY("mutex") Mutex {
     // opened ends the process with the standard assertion.
     explicit Mutex(const char* name);
 
-    // The named form over a semaphore of that name that is already open; takes ownership of it.
-    // Cannot fail.
-    Mutex(const char* name, sem_t* opened);
-
-    // The named form over a semaphore that somebody else closes.
+    // The named form over a semaphore that is open already, and that somebody else closes.
     struct Lent {
         sem_t* semaphore;
         std::string name{};  // removed with the lock; empty: that is somebody else's, too
