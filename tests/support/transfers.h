@@ -88,13 +88,19 @@ struct Case {
     std::time_t modified = 0;  // the time of the finished file; 0: that of its last write
 };
 
+// A transfer into the one part of the directory.
+inline engine::Task TaskFor(const std::string& url, const TempDir& directory) {
+    engine::Task task;
+    task.url = url;
+    task.path = directory.Path("f.part");
+    return task;
+}
+
 inline void Check(const Case& row) {
     SCOPED_TRACE(row.name);
     HttpServer server(row.script);
     const TempDir directory;
-    engine::Task task;
-    task.url = server.Url(row.path);
-    task.path = directory.Path("f.part");
+    engine::Task task = TaskFor(server.Url(row.path), directory);
     task.userAgent = "test";
     task.keeps = true;
     task.connections = row.connections;
