@@ -26,8 +26,8 @@ constexpr std::chrono::milliseconds kRefusalPause{100};
 
 // Files for whose tasks the process may have descriptors.
 std::size_t FilesWithDescriptors() {
-    constexpr rlim_t kOfCommand = 16;
-    constexpr rlim_t kOfFile = 6;
+    constexpr rlim_t kOfCommand = 16;  // streams, lists, section, pipes, what is open for moments
+    constexpr rlim_t kOfFile = 6;      // its part twice, its record, channel, process, lock
     struct rlimit most {};
     if (getrlimit(RLIMIT_NOFILE, &most) != 0) return kMostRunning;
     const rlim_t room = std::max(most.rlim_cur, kOfCommand) - kOfCommand;

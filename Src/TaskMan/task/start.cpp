@@ -94,10 +94,11 @@ void ReplaceWorker(Watch& watch) {
     StartWorker(watch, channel);
 }
 
-// Sends id and request to the worker, which waits for them, with what it needs once it has given up
-// its rights: the lock, the partial file, and an empty record. No files where the system cannot
-// lend a lock: there nobody gives up anything. False when the worker does not get all of it; one of
-// the task's own will tell why.
+// Sends id and request to the worker, which waits for them, with the lock, by which it sees that it
+// is the one that it has; and with what it cannot open once it has given up its rights: the partial
+// file, and an empty record. No files where the system cannot lend a lock: there nobody gives up
+// anything. False when the worker does not have the lock, or does not get all of it: a worker of
+// the task's own is to be started.
 bool HandOver(Watch& watch) {
     constexpr int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK;
     std::vector<int> files;
