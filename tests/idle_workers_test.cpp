@@ -148,6 +148,18 @@ TEST_F(IdleWorkers, GetAnotherLockWhenTheLastOneIsHeldOrWasReleasedTwice) {
     }
 }
 
+TEST_F(IdleWorkers, LeaveNoLocksWhenAllAreKilled) {
+    tagTaskRequest request;
+    Follow(campaign_.Add(campaign_.Task("claim,finish,idle,next"), &request));
+    request.Headers = {"X: for another worker"};
+    const Course& running = campaign_.Add(campaign_.Task("stop"), &request);
+    KillWorkers();
+    const std::string own = running.id.substr(0, 6);  // the process id
+    for (const std::string& name : platform::OwnSemaphoreNames()) {
+        EXPECT_TRUE(!name.starts_with(own) || name == running.id) << name;
+    }
+}
+
 // Sockets that a process has open.
 int Sockets(pid_t pid) {
     namespace fs = std::filesystem;
