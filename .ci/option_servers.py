@@ -140,11 +140,12 @@ class Site(Server):
 
     def requests(self, run):
         """The log's lines of a run that has ended, in their order. nginx has but one process, which
-        has written them when it answers a later request; others have to be stopped first."""
+        has written them when it answers a later request; others have to be stopped first. A line
+        that is just being written, of another run, may be read in part."""
         if self.kind == "nginx":
             later = http.client.HTTPConnection("127.0.0.1", self.port)
             later.request("GET", "/")
             later.getresponse().read()
             later.close()
-        lines = map(json.loads, (self.state / "log").read_text().splitlines())
+        lines = map(json.loads, (self.state / "log").read_text().split("\n")[:-1])
         return [line for line in lines if line["t"].rpartition("t=")[2] == run]

@@ -132,7 +132,7 @@ class Server:
     def sent(self):
         """Bytes sent, of apache2 with headers, once it has stopped. 0 of python3."""
         log = self.state / "log"
-        return sum(map(int, re.findall(r"^\d+$", log.read_text(), re.M))) if log.exists() else 0
+        return sum(map(int, re.findall(r"^(\d+)\n", log.read_text(), re.M))) if log.exists() else 0
 
     def __enter__(self):
         return self
