@@ -15,7 +15,8 @@ NGINX = """@user@
 daemon off; pid @state@/pid; error_log @state@/errors; worker_processes 1; events { }
 http {
     log_format lines escape=json '{"t":"$arg_t$arg_video_id","port":"$server_port","host":"$host",'
-        '"uri":"$uri","status":$status,"range":"$http_range","via":"$http_via",'
+        '"uri":"$uri","status":$status,"resumed":"$ssl_session_reused",'
+        '"range":"$http_range","via":"$http_via",'
         '"authorization":"$http_authorization","cookie":"$http_cookie","x":"$http_x_key",'
         '"accept":"$http_accept","agent":"$http_user_agent",'
         '"end":$msec,"took":$request_time}';
@@ -26,7 +27,7 @@ http {
     map $status $pause { 429 $arg_pause; 503 $arg_pause; default ""; }
     limit_req_zone $arg_t zone=often:1m rate=60r/m;
     ssl_certificate @state@/server.pem; ssl_certificate_key @state@/server.key;
-    ssl_client_certificate @state@/ca.pem;
+    ssl_client_certificate @state@/ca.pem; ssl_session_cache shared:sessions:1m;
     server {
         listen 127.0.0.1:@port@; listen 127.0.0.1:@other@; listen 127.0.0.1:@tls@ ssl;
         location ~ ^/to/path(/.*) { return 302 $scheme://$http_host$1$is_args$args; }

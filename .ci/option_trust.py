@@ -96,6 +96,12 @@ def tls_variables(case):
         case.ensure(b"warning: certificates of servers are not checked" in run.err, run)
 
 
+def tls_sessions(case):
+    """Further connections to a server need no whole handshake."""
+    run = case.get("-n 4 {ca} {tls}/slow/file")
+    case.ensure(("r",) in run.requests("resumed"), run.requests("resumed"), run)
+
+
 def locked_key(case):
     """Nobody is asked for the password of a key, though there is a terminal to ask at."""
     state, key = case.site.state, case.home / "key"
@@ -142,5 +148,5 @@ def malformed(case):
         case.ensure(curls.status == 3 and time.monotonic() < begin + 5, curls, ours)
 
 
-CASES = (secrets, digest_logins, ranges_behind_redirects, tls_variables, locked_key, info_headers,
-         proxies, malformed)
+CASES = (secrets, digest_logins, ranges_behind_redirects, tls_variables, tls_sessions, locked_key,
+         info_headers, proxies, malformed)

@@ -9,7 +9,17 @@
 
 namespace engine {
 
+Pool::Pool() : multi_(curl_multi_init()), sessions_(curl_share_init()) {
+    curl_share_setopt(sessions_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+}
+
+Pool::~Pool() {
+    curl_multi_cleanup(multi_);
+    curl_share_cleanup(sessions_);
+}
+
 void Pool::Watch(CURL* curl) {
+    curl_easy_setopt(curl, CURLOPT_SHARE, sessions_);
     curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, Open);
     curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, this);
     curl_easy_setopt(curl, CURLOPT_CLOSESOCKETFUNCTION, Close);

@@ -18,22 +18,25 @@
 
 namespace engine {
 
-// Connections that outlive a transfer, with the names that were looked up for them: the next one
-// to the same server finds them open. One transfer at a time uses it.
+// Connections that outlive a transfer, with the names that were looked up for them and their TLS
+// sessions: the next one to the same server finds them open, or needs no whole handshake. One
+// transfer at a time uses it.
 class Pool : private Uncopyable {
   public:
-    Pool() : multi_(curl_multi_init()) {}
-    ~Pool() { curl_multi_cleanup(multi_); }
+    Pool();
+    ~Pool();
     CURLM* Multi() const { return multi_; }  // null: there was no memory
 
-    // Has the pool know the connections that the handle opens.
+    // Has the pool know the connections that the handle opens, which shares its TLS sessions. The
+    // handle is cleaned up before the pool.
     void Watch(CURL* curl);
 
     // Ends those connections on which something has come since the transfers before: their end, or
     // bytes beyond an answer, which libcurl (up to 7.88 at least) would take for the next one. To
     // be called while no transfer is under way.
     void EndUnsound() const;
-    // Ends all of them; names and TLS sessions stay.
+    // Ends all of them; names and TLS sessions stay, the latter from TLS 1.3 on: OpenSSL drops
+    // those of before with a connection that was cut.
     void EndAll() const;
 
   private:
@@ -41,6 +44,7 @@ class Pool : private Uncopyable {
     static int Close(void* self, curl_socket_t socket) noexcept;
 
     CURLM* const multi_;
+    CURLSH* const sessions_;  // libcurl would keep them with each handle; null: it does
     std::vector<curl_socket_t> sockets_{};
 };
 
