@@ -88,6 +88,29 @@ TEST_F(IdleWorkers, ServeOneTaskAfterTheOtherAndRememberTheirConnectionsOnly) {
     }
 }
 
+TEST_F(IdleWorkers, GetNoTaskWithOtherFilesOfTheSameNames) {
+    const HttpServer slow({Reply().Pause(milliseconds(200)).Then(Reply::Ok("body"))});
+    tagTaskRequest request;
+    request.strCaFile = campaign_.Output({}) + "authorities";
+    const auto add = [&] {
+        tagTaskInfo task = campaign_.Task(slow.Url());
+        SetField(task.szFilePath, std::filesystem::relative(FieldText(task.szFilePath)).string());
+        const Course& course = campaign_.Add(task, &request);
+        Follow(course);
+        EXPECT_EQ(course.code, 3) << course.answer.strMessage;
+        return course.worker.Pid();
+    };
+    const auto before = std::filesystem::current_path();
+    const pid_t first = add();
+    EXPECT_EQ(add(), first);
+    std::filesystem::current_path("/");
+    const pid_t second = add();
+    EXPECT_NE(second, first);
+    std::filesystem::current_path(before);
+    WriteFile(request.strCaFile, "");
+    EXPECT_NE(add(), first);
+}
+
 TEST_F(IdleWorkers, AreChosenByTheirServers) {
     const std::vector slow{Reply().Pause(milliseconds(200)).Then(Reply::Ok("body"))};
     const HttpServer one(slow), other(slow);

@@ -1,5 +1,7 @@
 #include "TaskMan/task/idleworkers.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
@@ -23,6 +25,14 @@ bool EndedWell(std::int32_t nCode) {
     return nCode == DOWNLOAD_STATE_DOWNLOAD_FINISH || nCode == DOWNLOAD_STATE_STOPPED;
 }
 
+// Tells whether a file has been replaced: a worker may have connections by the earlier one, and may
+// not open the later one.
+std::string StateOf(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) return {};
+    return std::to_string(status.st_ino) + ' ' + std::to_string(platform::Modified(status));
+}
+
 void Drop(const platform::ProcessWatch& process) TS_REQUIRES(g_watch_mutex) {
     process.Signal(SIGKILL);
     g_dropped.push_back(process);
@@ -36,10 +46,12 @@ Traits TraitsOf(const tagTaskInfo& taskinfo, const tagTaskRequest& request,
     const std::string scheme = request.strUrl.substr(0, request.strUrl.find("://"));
     std::string reach;
     const auto add = [&](std::string_view text) { reach.append(text).push_back('\0'); };
-    const std::string own[] = {request.strCaFile, request.strCertFile, request.strKeyFile,
-                               request.strNetrc,  request.strUser,     request.strPassword};
     add(request.bInsecure ? "insecure" : "");
-    for (const std::string& text : own) add(text);
+    for (const auto& file : {request.strCaFile, request.strCertFile, request.strKeyFile}) {
+        add(file);
+        add(file.empty() ? "" : StateOf(file));
+    }
+    for (const auto& text : {request.strNetrc, request.strUser, request.strPassword}) add(text);
     for (const std::string& header : request.Headers) add(header);
     if (taskinfo.bUseProxy != 0) {
         add(FieldView(taskinfo.szProxyHost));
@@ -47,8 +59,10 @@ Traits TraitsOf(const tagTaskInfo& taskinfo, const tagTaskRequest& request,
         add(FieldView(taskinfo.szProxyUser));
         add(FieldView(taskinfo.szProxyPassword));
     }
-    // Its record lies beside the link.
     std::error_code ignored;
+    // A worker has the one of its start, and the task's path may be relative.
+    add(std::filesystem::current_path(ignored).native());
+    // Its record lies beside the link.
     const bool linked = std::filesystem::is_symlink(FieldText(taskinfo.szFilePath), ignored);
     return {scheme + "://" + authority.host + ":" + authority.port, std::move(reach),
             linked || HasPartRecord(path) || !request.strNetrc.empty(), request.bContinue};
