@@ -1,9 +1,9 @@
 // The task manager, for applications.
 //
 // An application starts the manager once, adds tasks, may ask tasks to stop, and ends the manager.
-// Each task is carried out by a worker process of its own; what the worker reports arrives in the
-// task's callbacks. Whatever happens to a worker, each task that was added gets exactly one final
-// callback (codes 1, 3, 6, 7, 8 and 16).
+// Each task is carried out by a worker process, which has no other one at the same time; what the
+// worker reports arrives in the task's callbacks. Whatever happens to a worker, each task that was
+// added gets exactly one final callback (codes 1, 3, 6, 7, 8 and 16).
 //
 // The manager reaps its workers itself. An application may install proc_child as its handler for
 // SIGCHLD all the same, with SA_RESTART and SA_NOCLDSTOP; that handler reaps every child of the
@@ -24,8 +24,8 @@ void proc_child(int signal);
 
 // Starts the manager of this process: creates the section, writes `szInfoDirectory` (the directory
 // of the download info files, at most 1024 bytes) into its common area, and begins to supervise.
-// `szWorkerPath` is the program that AddTask starts for each task. Returns 0; or -1 with the reason
-// in one line, nothing is left behind then.
+// `szWorkerPath` is the program that AddTask starts. Returns 0; or -1 with the reason in one line,
+// nothing is left behind then.
 int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory, std::string& strReason);
 
 // Whether a task that AddTask has refused may be added again as it is. kLater: what stood in its
@@ -33,12 +33,12 @@ int StartTaskManager(const char* szWorkerPath, const char* szInfoDirectory, std:
 // once, or the system is short of memory, descriptors or room. kNever: everything else.
 enum class TaskRefusal { kNone, kNever, kLater };
 
-// Puts the task into a free slot and starts its worker. The record is copied; its callbacks are
-// called from the manager's scanner thread, with no lock held and signals blocked, and must return
-// soon and not throw; the final one of a task that has not ended when EndTaskManager gives it up
-// comes from the thread that has called that. The first may come before AddTask returns. AddTask
-// may wait some seconds while the worker of another task hangs with that task's lock, and for as
-// long as the file system of the path does not answer.
+// Puts the task into a free slot and starts its worker, or gives it to one that waits. The record
+// is copied; its callbacks are called from the manager's scanner thread, with no lock held and
+// signals blocked, and must return soon and not throw; the final one of a task that has not ended
+// when EndTaskManager gives it up comes from the thread that has called that. The first may come
+// before AddTask returns. AddTask may wait some seconds while the worker of another task hangs with
+// that task's lock, and for as long as the file system of the path does not answer.
 //
 // Returns 0; or -1 with the reason in one line, no callback comes then. `refusal`, which may be
 // null, then tells whether to try again later; it is kNone with 0. Refused are: an id that is
@@ -102,11 +102,13 @@ struct tagTaskLimits {
     std::int32_t nPageSeconds = 90;    // a page, to its final code; 0: for ever
     std::int32_t nStartsOver = 10;     // 0: for ever
     // Of extended downloads, for those that are added from now on. A worker whose task has ended
-    // with code 3 or 8 may wait for another one, which then needs no start, and finds the
-    // connections of the one before: one with the same files but for the output, login, headers and
-    // proxy, and without a partial file to go on with.
-    std::int32_t nIdleSeconds =
-        0;  // for how long, at most 3600; 0: each task has a worker of its own
+    // with code 3 or 8 may wait for the next one, unless it has grown beyond 8 MiB of private
+    // memory. The next task then needs no start and finds the connections of the one before; it
+    // has to have the same login, headers, proxy, authorities and certificate, no netrc file, and
+    // no partial file to go on with.
+    //
+    // For how many seconds, at most 3600; 0: each task has a worker of its own.
+    std::int32_t nIdleSeconds = 0;
     std::int32_t nTasksPerWorker = 100;  // after so many it exits
 };
 
@@ -135,10 +137,11 @@ double TaskFileSize(const char* szTaskID);
 int FreeSlotCount();
 
 // Called when a slot may have become free for AddTask: a task's final callback has returned and its
-// worker is gone, or tasks are accepted again after workers that ended at once. It comes from a
-// thread of the manager, with no lock held and signals blocked, must return soon, and is best used
-// to wake the thread that adds tasks: FreeSlotCount tells how many slots there are. It must not
-// call AddTask, EndTaskManager or SetSlotFreedCallback: what those wait for may be this thread.
+// worker is gone or waits for another one, or tasks are accepted again after workers that ended at
+// once. It comes from a thread of the manager, with no lock held and signals blocked, must return
+// soon, and is best used to wake the thread that adds tasks: FreeSlotCount tells how many slots
+// there are. It must not call AddTask, EndTaskManager or SetSlotFreedCallback: what those wait for
+// may be this thread.
 using SlotFreedCallback = void (*)(void* param);
 
 // Sets the function to be called, with `param`; null for none. May be called while no manager runs
