@@ -95,8 +95,8 @@ class ProcessWatch {
     pid_t Pid() const { return pid_; }
 
   private:
-    friend void WaitForEnd(const std::vector<ProcessWatch>&, const class Waker&, int,
-                           const std::vector<int>&);
+    friend std::vector<int> WaitForEnd(const std::vector<ProcessWatch>&, const class Waker&, int,
+                                       const std::vector<int>&);
 
     pid_t pid_;
     // Of the process, where the system has such a thing.
@@ -114,8 +114,8 @@ class Waker {
     void Wake() const;
 
   private:
-    friend void WaitForEnd(const std::vector<ProcessWatch>&, const Waker&, int,
-                           const std::vector<int>&);
+    friend std::vector<int> WaitForEnd(const std::vector<ProcessWatch>&, const Waker&, int,
+                                       const std::vector<int>&);
 
     void Forget() const;  // all calls of Wake() until now
 
@@ -127,9 +127,10 @@ class Waker {
 // somebody has called waker.Wake(), one of the descriptors in `readable` has something to read or
 // is at its end, or `milliseconds`, 0 or more, have passed. It may return early for no reason:
 // after a signal, or because the system offers nothing to wait on, and then after 20 milliseconds
-// at most. So the caller looks anew in any case.
-void WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker, int milliseconds,
-                const std::vector<int>& readable = {});
+// at most. So the caller looks anew in any case: at what belongs to the descriptors that are
+// returned, which alone have ended the wait; at everything when none is.
+std::vector<int> WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker,
+                            int milliseconds, const std::vector<int>& readable = {});
 
 // A process: its id and its arguments, argv[0] first.
 struct Process {

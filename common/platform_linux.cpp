@@ -132,8 +132,8 @@ void Waker::Forget() const {
     eventfd_read(reader_.Get(), &count);
 }
 
-void WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker, int milliseconds,
-                const std::vector<int>& readable) {
+std::vector<int> WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker,
+                            int milliseconds, const std::vector<int>& readable) {
     constexpr int kPoll = 20;
     std::vector<pollfd> waits{{waker.reader_.Get(), POLLIN, 0}};
     for (const int descriptor : readable) waits.push_back({descriptor, POLLIN, 0});
@@ -144,8 +144,13 @@ void WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker, 
     for (const pollfd& wait : waits) {
         if (wait.fd == -1) milliseconds = std::min(milliseconds, kPoll);
     }
-    poll(waits.data(), waits.size(), milliseconds);
-    waker.Forget();
+    const int ended = std::max(poll(waits.data(), waits.size(), milliseconds), 0);
+    if (waits.front().revents != 0) waker.Forget();
+    std::vector<int> told;
+    for (std::size_t i = 1; i <= readable.size(); ++i) {
+        if (waits[i].revents != 0) told.push_back(waits[i].fd);
+    }
+    return told.size() == static_cast<std::size_t>(ended) ? told : std::vector<int>{};
 }
 
 bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset) {

@@ -93,8 +93,8 @@ void Waker::Forget() const {
     }
 }
 
-void WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker, int milliseconds,
-                const std::vector<int>& readable) {
+std::vector<int> WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker,
+                            int milliseconds, const std::vector<int>& readable) {
     constexpr int kPoll = 20;
     const Descriptor queue(kqueue());
     bool complete = queue.IsOpen();
@@ -120,6 +120,7 @@ void WaitForEnd(const std::vector<ProcessWatch>& processes, const Waker& waker, 
         nanosleep(&time, nullptr);
     }
     waker.Forget();
+    return {};
 }
 
 bool ReadSharedMemory(int descriptor, void* buffer, std::size_t size, off_t offset) {

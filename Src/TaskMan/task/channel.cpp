@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -62,6 +63,10 @@ int Channel::Send(std::string_view text, const std::vector<int>& files) {
     const ssize_t sent = SendWith(end_, text, files);
     if (sent == -1) return errno;
     return static_cast<std::size_t>(sent) < text.size() ? ENOBUFS : 0;
+}
+
+bool Channel::IsAmong(const std::vector<int>& told) const {
+    return told.empty() || std::find(told.begin(), told.end(), Awaited()) != told.end();
 }
 
 bool Channel::Heard() {

@@ -36,6 +36,9 @@ class Channel {
     // Descriptor to wait on for something to read; -1 when there is nothing to wait for any more.
     int Awaited() const { return over_ ? -1 : end_.load(); }
 
+    // Whether the descriptor is one of `told`, or these are none, so that it may be.
+    bool IsAmong(const std::vector<int>& told) const;
+
     // Reads what the worker has sent; whether there was something, its end included. A few bytes
     // for each task: whatever else it sends stays in the socket's buffer, which has an end.
     bool Heard();

@@ -127,14 +127,15 @@ bool KeepIfIdle(Watch& watch, Clock::time_point now) {
     return true;
 }
 
-Clock::time_point SuperviseIdleWorkers(Clock::time_point now,
+Clock::time_point SuperviseIdleWorkers(Clock::time_point now, const std::vector<int>& told,
                                        std::vector<platform::ProcessWatch>& processes,
                                        std::vector<int>& channels) {
     Clock::time_point due = Clock::time_point::max();
     for (int i = 0; i < TASK_SLOT_COUNT; ++i) {
         IdleWorker& idle = g_IdleWorkers[i];
         if (idle.process.Pid() < 1) continue;
-        if (idle.process.Gone()) {
+        const bool concerned = idle.channel.IsAmong(told);
+        if (concerned && idle.process.Gone()) {
             g_WorkerPid[i] = 0;
             idle.process.Reap();
             idle.lock.Close();
@@ -142,7 +143,8 @@ Clock::time_point SuperviseIdleWorkers(Clock::time_point now,
             continue;
         }
         // It has nothing to say.
-        if (now >= idle.until || idle.channel.Heard() || idle.channel.Awaited() == -1) {
+        if (now >= idle.until || (concerned && idle.channel.Heard()) ||
+            idle.channel.Awaited() == -1) {
             DropIdleWorker(i);
             continue;
         }

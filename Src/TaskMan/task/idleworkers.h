@@ -42,8 +42,9 @@ bool KeepIfIdle(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex);
 
 // Looks after the idle workers and those that were dropped: reaps the dead, kills what has not
 // ended in time or says something. Adds what is to be waited for; returns when to look again at the
-// latest. One that gets a task before that is waited for already.
-Clock::time_point SuperviseIdleWorkers(Clock::time_point now,
+// latest. One that gets a task before that is waited for already. `told`: the
+// descriptors of the channels that can be read; none: nothing is known of them.
+Clock::time_point SuperviseIdleWorkers(Clock::time_point now, const std::vector<int>& told,
                                        std::vector<platform::ProcessWatch>& processes,
                                        std::vector<int>& channels) TS_REQUIRES(g_watch_mutex);
 

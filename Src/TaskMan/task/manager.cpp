@@ -92,7 +92,7 @@ void EndWorkers() {
         {
             Threading::AutoLock hold(&g_watch_mutex);
             std::vector<int> channels;
-            SuperviseIdleWorkers(Clock::now(), left, channels);
+            SuperviseIdleWorkers(Clock::now(), {}, left, channels);
         }
         const auto wait = std::chrono::ceil<timing::Milliseconds>(deadline - Clock::now());
         if (left.empty() || wait.count() <= 0) return;

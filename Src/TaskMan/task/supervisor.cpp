@@ -116,7 +116,7 @@ Clock::time_point NextLook(const Watch& watch, Clock::time_point now) TS_REQUIRE
     }
 }
 
-// What a look at all tasks has found.
+// What a round of looks has found.
 struct Round {
     Clock::time_point due = kNever;  // of the next one
     std::vector<platform::ProcessWatch> processes;
@@ -125,14 +125,17 @@ struct Round {
     bool bSlotFreed = false;
 };
 
-Round LookAtAll() {
+// Looks at the tasks whose time has come, and at those to whose channels `told` belong; at all when
+// there are none.
+Round LookAround(const std::vector<int>& told) {
     Round round;
     Threading::AutoLock hold(&g_watch_mutex);
     const Clock::time_point now = Clock::now();
     MakeUpForPause(now);
     for (Watch& watch : g_Watches) {
-        if (watch.channel.Heard()) EndScannerPause();
-        watch.lookAt = Supervise(watch, now);
+        const bool concerned = watch.channel.IsAmong(told);
+        if (concerned && watch.channel.Heard()) EndScannerPause();
+        if (concerned || now >= watch.lookAt) watch.lookAt = Supervise(watch, now);
         round.due = std::min(round.due, watch.lookAt);
         watch.bPassedOver = watch.worker.state == Worker::kNotStarted;
         if (watch.bPassedOver) continue;
@@ -140,7 +143,8 @@ Round LookAtAll() {
         if (watch.worker.state != Worker::kGone) round.processes.push_back(watch.process);
         if (watch.channel.Awaited() != -1) round.channels.push_back(watch.channel.Awaited());
     }
-    round.due = std::min(round.due, SuperviseIdleWorkers(now, round.processes, round.channels));
+    round.due =
+        std::min(round.due, SuperviseIdleWorkers(now, told, round.processes, round.channels));
     if (g_refuse_until != Clock::time_point{}) {
         if (now >= g_refuse_until) {
             g_refuse_until = {};
@@ -162,15 +166,16 @@ int MillisecondsUntil(Clock::time_point due) {
 }
 
 void* RunSupervisor(void* /*argument*/) {
+    std::vector<int> told;
     while (g_supervisor_runs) {
-        Round round = LookAtAll();
+        Round round = LookAround(told);
         // One that found the map empty may have ended just when a task came.
         if (round.bScannerNeeded && !g_Exit && !StartScanner()) {
             round.due = std::min(round.due, Clock::now() + timing::kLook);
         }
         if (round.bSlotFreed) TellOfFreeSlot();
-        platform::WaitForEnd(round.processes, *g_waker, MillisecondsUntil(round.due),
-                             round.channels);
+        told = platform::WaitForEnd(round.processes, *g_waker, MillisecondsUntil(round.due),
+                                    round.channels);
     }
     return nullptr;
 }
