@@ -6,7 +6,7 @@ import json
 import os
 import subprocess
 
-from servers import Server, free_port
+from servers import Server, some_port
 
 USER, PASSWORD, REALM = "me", "s3cr:t@% x", "realm"
 
@@ -120,10 +120,9 @@ class Site(Server):
             "tinyproxy": (TINYPROXY, ["tinyproxy", "-d", "-c"])}[self.kind]
         config = self.state / "config"
         self.command = [*words, config]
-        ports = {self.port}
-        while len(ports) < 4:
-            ports.add(free_port())
-        self.other, self.tls, self.mutual = ports - {self.port}
+        if self.kind == "nginx":
+            self.ports += [some_port() for _ in range(3)]
+            self.other, self.tls, self.mutual = self.ports[1:]
         user = {"nginx": "user root;", "apache2": "User www-data\nGroup www-data"}
         quoted = [name.replace("\\", "\\\\").replace("'", "\\'") for name in self.names]
         values = {**vars(self), "realm": REALM,

@@ -1,7 +1,8 @@
 """Web servers as people run them: each in the foreground, on a free port of 127.0.0.1."""
 import os
+import random
 import re
-import socket
+import signal
 import subprocess
 import sys
 import time
@@ -53,6 +54,9 @@ class Handler(http.server.SimpleHTTPRequestHandler):
 http.server.test(Handler, http.server.ThreadingHTTPServer, port={port}, bind="127.0.0.1")
 """
 
+# Whoever runs this in the background has it ignored, and so would the programs that it starts.
+signal.signal(signal.SIGINT, signal.default_int_handler)
+
 
 def children(pid):
     """The process ids of its children."""
@@ -65,10 +69,27 @@ def children(pid):
     return found
 
 
-def free_port():
-    with socket.socket() as free:
-        free.bind(("127.0.0.1", 0))
-        return free.getsockname()[1]
+def some_port():
+    """None that the system gives to connections. Whether it is free shows when a server binds it."""
+    return random.randrange(20000, 32000)
+
+
+def listeners(port):
+    """The sockets that take connections to a port of 127.0.0.1, as the links in /proc name them."""
+    lines = map(str.split, Path("/proc/net/tcp").read_text().splitlines())
+    return {f"socket:[{line[9]}]" for line in lines
+            if line[1] == f"0100007F:{port:04X}" and line[3] == "0A"}
+
+
+def files_of(pid):
+    """What the descriptors of a process lead to."""
+    found = set()
+    for link in Path(f"/proc/{pid}/fd").glob("*"):
+        try:
+            found.add(os.readlink(link))
+        except OSError:
+            pass
+    return found
 
 
 class Server:
@@ -78,7 +99,7 @@ class Server:
         state.mkdir()
         self.kind, self.root, self.state = kind, root, state
         for _ in range(20):
-            self.port = free_port()
+            self.ports = [self.port] = [some_port()]
             self.configure(int(rate))
             if self.start():
                 return
@@ -108,10 +129,10 @@ class Server:
                 self.command, cwd=self.root, stdin=subprocess.DEVNULL, stdout=messages,
                 stderr=messages, start_new_session=True,
                 env={**os.environ, "PATH": os.environ["PATH"] + ":/usr/sbin"})
-        for _ in range(500):
-            with socket.socket() as probe:
-                if probe.connect_ex(("127.0.0.1", self.port)) == 0:
-                    return True
+        for _ in range(2000):
+            files = files_of(self.process.pid)
+            if all(files & listeners(port) for port in self.ports):
+                return True
             if self.process.poll() is not None:
                 return False
             time.sleep(0.01)
@@ -119,12 +140,18 @@ class Server:
         return False
 
     def stop(self, how=15):
-        """Sends `how` to all its processes; 9 breaks off what is being sent."""
+        """Sends `how` to all its processes; 9 breaks off what is being sent. The last of them may
+        end after the first, and has the ports until then."""
+        sockets = files_of(self.process.pid)
         try:
             os.killpg(self.process.pid, how)
         except ProcessLookupError:
             pass
         self.process.wait()
+        for _ in range(2000):
+            if not any(sockets & listeners(port) for port in self.ports):
+                break
+            time.sleep(0.01)
 
     def url(self, name):
         return f"http://127.0.0.1:{self.port}/{name}"
