@@ -2,6 +2,7 @@
 import json
 import os
 import random
+import re
 import signal
 import subprocess
 import threading
@@ -25,6 +26,15 @@ def alive(pid):
     return state_of(pid) not in ("", "Z")
 
 
+def signal_to(pid, number):
+    """False when there is no such process: on a busy machine it may have ended meanwhile."""
+    try:
+        os.kill(pid, number)
+    except ProcessLookupError:
+        return False
+    return True
+
+
 class Lane(threading.Thread):
     """A thread with a server and directories of its own. `fetch(server)` is its work."""
 
@@ -34,7 +44,7 @@ class Lane(threading.Thread):
         self.root, self.got, self.state = directory / "root", directory / "got", directory / "state"
         self.root.mkdir(parents=True)
         self.got.mkdir()
-        self.fault = None
+        self.fault, self.commands = None, set()  # process ids
 
     def run(self):
         try:
@@ -52,13 +62,18 @@ class Lane(threading.Thread):
         if not holds:
             raise AssertionError(what)
 
-    def wait_for(self, holds, what, seconds=20):
-        """Returns how many seconds it took."""
+    def wait_for(self, holds, what):
+        """Returns how many seconds it took. Only a hang meets the deadline."""
         begin = time.monotonic()
         while not holds():
-            self.expect(time.monotonic() < begin + seconds, what)
+            self.expect(time.monotonic() < begin + 60, what)
             time.sleep(0.002)
         return round(time.monotonic() - begin, 2)
+
+    def shared_names(self):
+        """What its commands have in /dev/shm."""
+        own = re.compile("|".join(f".*_{pid}|sem\\.{pid:06x}.*" for pid in self.commands))
+        return list(filter(own.fullmatch, os.listdir("/dev/shm")))
 
     def wait_for_end(self, workers):
         return self.wait_for(lambda: not any(map(alive, workers)),
@@ -137,14 +152,13 @@ class ListLane(Lane):
                 self.feed()
                 continue
             pid = min(workers, key=workers.get)
-            os.kill(pid, signal.SIGSTOP)
+            signal_to(pid, signal.SIGSTOP)
             self.wait_for(lambda: state_of(pid) in ("T", "Z", ""), "a worker runs on")
             if pid in self.waiting()[0] and state_of(pid) == "T":
                 return pid, workers[pid]
 
     def kill(self, pid, kind):
-        self.figures[kind] += 1
-        os.kill(pid, signal.SIGKILL)
+        self.figures[kind] += signal_to(pid, signal.SIGKILL)
         # The manager sees to its dead at once.
         self.wait_for(lambda: state_of(pid) == "", "a killed worker is not reaped")
 
@@ -163,6 +177,7 @@ class ListLane(Lane):
     def hand_over(self):
         """A waiting worker is stopped and gets a task; returns its process id."""
         pid, slot = self.stop_waiting()
+        self.handed = time.monotonic()
         self.feed()
         self.wait_for(lambda: slot in self.waiting()[1], "a worker gets no task")
         return pid
@@ -174,7 +189,8 @@ class ListLane(Lane):
     def stop_handed(self):
         pid = self.hand_over()
         self.figures[STOPPED] += 1
-        self.expect(self.wait_for(lambda: state_of(pid) == "", "a deaf worker stays", 15) > 2,
+        self.wait_for(lambda: state_of(pid) == "", "a deaf worker stays")
+        self.expect(time.monotonic() - self.handed > 4,
                     "a worker that is stopped is not given its time")
         self.stop_waiting()  # and it has to go with the command
 
@@ -210,8 +226,10 @@ class ListLane(Lane):
         self.command.kill()
 
     def kill_command_working(self):
-        self.workers.update(self.wait_for_work())
+        self.workers.update(self.wait_for_work(), children(self.command.pid))
         self.command.kill()
+        # The next command waits a second for a part that one of them has; a disk may take longer.
+        self.wait_for_end(self.workers)
 
     def end(self):
         self.command.stdin.close()
@@ -243,10 +261,8 @@ class ListLane(Lane):
         self.wait_for_end(self.workers)
         self.expect(set(os.listdir(self.got)) == set(self.contents),
                     f"left: {set(os.listdir(self.got)) - set(self.contents)}")
-        names = [name for name in os.listdir("/dev/shm")
-                 if name.endswith(f"_{self.command.pid}") or
-                 name.startswith(f"sem.{self.command.pid:06x}")]
-        self.expect(not names, f"left in /dev/shm: {names}")
+        self.commands.add(self.command.pid)
+        self.expect(not (names := self.shared_names()), f"left in /dev/shm: {names}")
         for name in self.contents:
             (self.got / name).unlink()
             (self.root / name).unlink()

@@ -25,7 +25,9 @@ http {
     uwsgi_temp_path @state@/t; scgi_temp_path @state@/t;
     map $arg_name $disposition { @names@ }
     map $status $pause { 429 $arg_pause; 503 $arg_pause; default ""; }
-    limit_req_zone $arg_t zone=often:1m rate=60r/m;
+    map $arg_pause $soon { 9 ""; default $arg_t; }
+    map $arg_pause $never { 9 $arg_t; default ""; }
+    limit_req_zone $soon zone=soon:1m rate=24r/m; limit_req_zone $never zone=never:1m rate=1r/m;
     ssl_certificate @state@/server.pem; ssl_certificate_key @state@/server.key;
     ssl_client_certificate @state@/ca.pem; ssl_session_cache shared:sessions:1m;
     server {
@@ -40,9 +42,9 @@ http {
         location /named/ { add_header Content-Disposition $disposition; }
         location /tagless/ { etag off; }
         location /slow/ { limit_rate 400k; }
-        location /429/ { limit_req zone=often; limit_req_status 429;
+        location /429/ { limit_req zone=soon; limit_req zone=never; limit_req_status 429;
                          add_header Retry-After $pause always; }
-        location /503/ { limit_req zone=often; limit_req_status 503;
+        location /503/ { limit_req zone=soon; limit_req zone=never; limit_req_status 503;
                          add_header Retry-After $pause always; }
     }
     server { listen 127.0.0.1:@mutual@ ssl; ssl_verify_client on; }

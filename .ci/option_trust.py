@@ -143,9 +143,8 @@ def malformed(case):
     for address in ("http://", "http://:80/x", "http://[fe80::zz]/x", "http://127.0.0.1:99999/x",
                     "http://127.0.0.1:abc/x", "http://127.0.0.1:80:90/x", "http://a%20b/x",
                     "http://user@/x", "'http://a<b/x'"):
-        begin = time.monotonic()
         ours, curls = case.get(address, 2), case.curl(address)
-        case.ensure(curls.status == 3 and time.monotonic() < begin + 5, curls, ours)
+        case.ensure(curls.status == 3 and ours.ends[0]["id"] is None, curls, ours)
 
 
 CASES = (secrets, digest_logins, ranges_behind_redirects, tls_variables, tls_sessions, locked_key,

@@ -38,7 +38,7 @@ class Case:
             raise AssertionError(" ".join(map(str, what)))
 
     def wait_for(self, holds, what):
-        deadline = time.monotonic() + 20
+        deadline = time.monotonic() + 60
         while not holds():
             self.ensure(time.monotonic() < deadline, what())
             time.sleep(0.02)
