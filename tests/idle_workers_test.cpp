@@ -20,7 +20,22 @@ class IdleWorkers : public testing::Test {
         EXPECT_TRUE(WaitUntil([&] { return course.finals > 0 && FreeSlotCount() == 8; }));
     }
     static pid_t Worker() { return *std::max_element(g_WorkerPid, g_WorkerPid + 8); }
+    // No task that is being added may end before the test knows its worker and its lock.
+    Course& Add(const tagTaskInfo& task, const tagTaskRequest* request) {
+        adding_ = true;
+        Course& course = campaign_.Add(task, request);
+        adding_ = false;
+        return course;
+    }
+    Course& Add(const HttpServer& server, const tagTaskRequest& request = {}) {
+        return Add(campaign_.Task(server.Url()), &request);
+    }
 
+    std::atomic<bool> adding_{false};
+    const HttpServer::Script patient_ = [this](const std::string&, std::size_t) {
+        WaitUntil([this] { return !adding_; });
+        return Reply::Ok("body");
+    };
     Campaign campaign_;
 };
 
@@ -48,9 +63,8 @@ TEST_F(IdleWorkers, ServeOneTaskAfterTheOtherAndRememberTheirConnectionsOnly) {
     ASSERT_EQ(requests.size(), 3U);
     EXPECT_EQ(requests[1], requests[2]);  // of the third task, and of the first one of a worker
     // What a worker may not do for others.
-    const HttpServer slow({Reply().Pause(milliseconds(200)).Then(Reply::Ok("body"))});
-    const tagTaskRequest plain;
-    const Course& other = campaign_.Add(campaign_.Task(slow.Url()), &plain);
+    const HttpServer slow(patient_);
+    const Course& other = Add(slow);
     EXPECT_EQ(other.worker.Pid(), workers[3]);
     Follow(other);
     SetTaskLimits({.nIdleSeconds = 3600, .nTasksPerWorker = 1});  // no further one waits
@@ -82,7 +96,7 @@ TEST_F(IdleWorkers, ServeOneTaskAfterTheOtherAndRememberTheirConnectionsOnly) {
         tagTaskInfo task = campaign_.Task(slow.Url());
         change(task, request);
         EXPECT_EQ(kill(workers[3], 0), 0);  // it still waits
-        const Course& course = campaign_.Add(task, task.nReserved1 == -2 ? nullptr : &request);
+        const Course& course = Add(task, task.nReserved1 == -2 ? nullptr : &request);
         EXPECT_NE(course.worker.Pid(), workers[3]);
         Follow(course);
     }
@@ -112,13 +126,17 @@ TEST_F(IdleWorkers, GetNoTaskWithOtherFilesOfTheSameNames) {
 }
 
 TEST_F(IdleWorkers, AreChosenByTheirServers) {
-    const std::vector slow{Reply().Pause(milliseconds(200)).Then(Reply::Ok("body"))};
-    const HttpServer one(slow), other(slow);
-    const tagTaskRequest request;
-    const Course& first = campaign_.Add(campaign_.Task(one.Url()), &request);
-    const Course& second = campaign_.Add(campaign_.Task(other.Url()), &request);
+    std::atomic<bool> begun{false};
+    const HttpServer one([&](const std::string& request, std::size_t number) {
+        WaitUntil([&] { return begun.load(); });
+        return patient_(request, number);
+    });
+    const HttpServer other(patient_);
+    const Course& first = Add(one);
+    const Course& second = Add(other);
+    begun = true;
     Follow(first), Follow(second);
-    const Course& next = campaign_.Add(campaign_.Task(other.Url()), &request);
+    const Course& next = Add(other);
     EXPECT_EQ(next.worker.Pid(), second.worker.Pid());
 }
 
@@ -155,14 +173,12 @@ TEST_F(IdleWorkers, MayBreakAndTheNextTaskIsServed) {
 }
 
 TEST_F(IdleWorkers, GetAnotherLockWhenTheLastOneIsHeldOrWasReleasedTwice) {
-    // Not before the test has opened the lock.
-    const HttpServer server({Reply().Pause(milliseconds(200)).Then(Reply::Ok("body"))});
-    const tagTaskRequest request;
-    const Course* course = &campaign_.Add(campaign_.Task(server.Url()), &request);
+    const HttpServer server(patient_);
+    const Course* course = &Add(server);
     for (int (*spoil)(sem_t*) : {sem_trywait, sem_post}) {
         Follow(*course);
         EXPECT_EQ(0, spoil(course->lock));
-        course = &campaign_.Add(campaign_.Task(server.Url()), &request);
+        course = &Add(server);
         Follow(*course);
         EXPECT_EQ(course->code, 3) << course->remark;
         int value = -1;
