@@ -25,23 +25,19 @@ Helpers::~Helpers() {
     for (std::thread& thread : threads_) thread.join();
 }
 
-std::future<void> Helpers::Run(std::function<void()> work) {
-    std::packaged_task<void()> task(std::move(work));
-    std::future<void> done = task.get_future();
+void Helpers::Run(std::function<void()> work) {
     std::unique_lock hold(mutex_);
     if (idle_ <= waiting_.size()) {
         try {
             threads_.emplace_back([this] { Work(); });
         } catch (const std::system_error&) {
             hold.unlock();
-            task();
-            return done;
+            return work();
         }
     }
-    waiting_.push_back(std::move(task));
+    waiting_.push_back(std::move(work));
     hold.unlock();
     changed_.notify_one();
-    return done;
 }
 
 void Helpers::Work() {
@@ -51,10 +47,10 @@ void Helpers::Work() {
         changed_.wait(hold, [this] { return over_ || !waiting_.empty(); });
         --idle_;
         if (waiting_.empty()) return;
-        std::packaged_task<void()> task = std::move(waiting_.front());
+        const std::function<void()> work = std::move(waiting_.front());
         waiting_.pop_front();
         hold.unlock();
-        task();
+        work();
         hold.lock();
     }
 }
@@ -92,9 +88,13 @@ int FileSync::Sync(int descriptor) {
 }
 
 void HelperThread::Start(EventQueue& events, const std::string& id, std::function<Outcome()> work) {
-    done_ = helpers_.Run([&events, id, work = std::move(work)] {
+    auto done = std::make_shared<std::promise<void>>();
+    done_ = done->get_future();
+    helpers_.Run([&events, id, work = std::move(work), done] {
         Event event{Event::Kind::kEnd, id};
         event.outcome = work();
+        // First: who takes the event waits for this.
+        done->set_value();
         events.Add(std::move(event));
     });
 }

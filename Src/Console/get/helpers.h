@@ -43,9 +43,8 @@ class Helpers : private Uncopyable {
     // Waits for all work.
     ~Helpers();
 
-    // Has a thread do the work, which throws nothing; the future has a value when that is done.
-    // Without a thread the work is done here.
-    std::future<void> Run(std::function<void()> work);
+    // Has a thread do the work, which throws nothing. Without a thread it is done here.
+    void Run(std::function<void()> work);
 
     // For what the work has to bring to the disk.
     FileSync sync{};
@@ -55,7 +54,7 @@ class Helpers : private Uncopyable {
 
     std::mutex mutex_{};  // guards the others
     std::condition_variable changed_{};
-    std::deque<std::packaged_task<void()>> waiting_{};
+    std::deque<std::function<void()>> waiting_{};
     std::vector<std::thread> threads_{};
     std::size_t idle_ = 0;
     bool over_ = false;

@@ -204,7 +204,9 @@ std::string Target::OpenOnce() {
         fault = error == EWOULDBLOCK ? "another download writes " + part_
                                      : Fault("cannot lock", part_, error);
     }
-    if (!fault.empty() || !IsNamed(file.Get(), part_)) return fault;
+    struct stat named {};
+    if (!fault.empty() || lstat(part_.c_str(), &named) != 0 || !SameFile(status, named))
+        return fault;
     found_ = found && rule_ == PartRule::kContinue && HasPartRecord(part_);
     if (!found_) RemoveRecord();
     if (found && !found_) {

@@ -1,11 +1,13 @@
 #include "TaskMan/section/taskid.h"
 
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <random>
+#include <system_error>
 
 #include "TaskMan/manager.h"
 
@@ -36,9 +38,11 @@ bool IdsCollide(const std::string& one, const std::string& other) {
 }
 
 std::string MakeTaskID() {
-    thread_local std::random_device random;
+    unsigned random[2] = {};
+    if (getentropy(random, sizeof random) != 0)
+        throw std::system_error(errno, std::generic_category(), "no random numbers");
     char text[32];
     std::snprintf(text, sizeof text, "%06x%08x%08x%08x", static_cast<unsigned>(getpid()) & 0xFFFFFF,
-                  static_cast<unsigned>(std::time(nullptr)), random(), random());
+                  static_cast<unsigned>(std::time(nullptr)), random[0], random[1]);
     return text;
 }

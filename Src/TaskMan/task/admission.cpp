@@ -104,6 +104,8 @@ std::string OutputPath(const tagTaskInfo& taskinfo) {
     if (path.empty() || !IsDownloadCommand(taskinfo.nCmd)) return {};
     namespace fs = std::filesystem;
     std::error_code error;
+    const fs::path there = fs::canonical(path, error);
+    if (!error) return there.string();
     // weakly_canonical neither makes a path absolute nor follows a link when its target does not
     // exist.
     fs::path real = fs::absolute(path, error);

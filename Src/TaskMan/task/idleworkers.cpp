@@ -60,10 +60,11 @@ Traits TraitsOf(const tagTaskInfo& taskinfo, const tagTaskRequest& request,
         add(FieldView(taskinfo.szProxyPassword));
     }
     std::error_code ignored;
-    // A worker has the one of its start, and the task's path may be relative.
-    add(std::filesystem::current_path(ignored).native());
+    const std::string_view given = FieldView(taskinfo.szFilePath);
+    // A worker has the directory of its start.
+    add(given.starts_with('/') ? "" : std::filesystem::current_path(ignored).native());
     // Its record lies beside the link.
-    const bool linked = std::filesystem::is_symlink(FieldText(taskinfo.szFilePath), ignored);
+    const bool linked = given != path && std::filesystem::is_symlink(given, ignored);
     return {scheme + "://" + authority.host + ":" + authority.port, std::move(reach),
             linked || HasPartRecord(path) || !request.strNetrc.empty(), request.bContinue};
 }
