@@ -104,8 +104,12 @@ void Connection::Forget() {
 }
 
 MaybeFault Connection::Flush() {
+    return Flush(buffer_.get());
+}
+
+MaybeFault Connection::Flush(const char* bytes) {
     if (fault_ || filled_ == 0) return fault_;
-    fault_ = shared_.file.Write(buffer_.get(), filled_, begin_);
+    fault_ = shared_.file.Write(bytes, filled_, begin_);
     if (fault_) Forget();
     filled_ = 0;
     return fault_;
@@ -188,8 +192,14 @@ std::size_t Connection::TakeBody(const char* data, std::size_t size) {
     return mine < size ? 0 : size;
 }
 
-// Writes end at multiples of the buffer's size, as the file system likes it best.
+// Writes end at multiples of the buffer's size, as the file system likes it best; but what is the
+// rest of a block needs no buffer when it comes in one piece.
 bool Connection::Gather(const char* data, std::size_t size, std::uint64_t position) {
+    if (filled_ == 0 && shared_.blocks.Left(id_).Size() == 0) {
+        begin_ = position;
+        filled_ = size;
+        return !Flush(data);
+    }
     if (!buffer_) buffer_ = std::make_unique_for_overwrite<char[]>(shared_.gather);
     while (size > 0) {
         if (filled_ == 0) begin_ = position;

@@ -120,6 +120,7 @@ class Connection : private Uncopyable {
     void TakeHeader(std::string_view line);
     std::size_t TakeBody(const char* data, std::size_t size);
     void Forget();
+    MaybeFault Flush(const char* bytes);
     bool Gather(const char* data, std::size_t size, std::uint64_t position);
     void Judge();
     bool IsChallenge() const;

@@ -21,6 +21,8 @@ using namespace std::chrono_literals;
 
 // What other writers of the file system are left.
 constexpr std::uint64_t kReserve = 64 * 1024 * 1024;
+// A smaller file is there before its room could be reserved.
+constexpr std::uint64_t kWorthReserving = 1024 * 1024;
 constexpr std::uint64_t kPushed = 8 * 1024 * 1024;
 // A transfer that is over sooner than this does not begin to write early: that would cost it time.
 constexpr auto kPushFrom = 2s;
@@ -166,7 +168,7 @@ MaybeFault PartFile::Describe(const PartRecord& about, std::uint64_t missing) {
                          "no space for " + path_ + ": " + std::to_string(needed / unit + 1) + are +
                              "needed, " + std::to_string(room / unit) + are + "free"};
         }
-        if (needed > 0 && room - needed >= kReserve) {
+        if (needed >= kWorthReserving && room - needed >= kReserve) {
             const int error = platform::ReserveRoom(file_.Get(), static_cast<off_t>(about.size));
             reserved_ = error == 0;
             if (error == ENOSPC) return LocalFault("cannot reserve", error);
