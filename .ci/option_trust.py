@@ -63,7 +63,8 @@ def secrets(case):
     told = []
     for run in runs:
         record = run.directory / "file.part.info"
-        case.wait_for(record.exists, lambda: f"no record: {run.words} {run.process.poll()}")
+        case.wait_for(lambda: record.exists() and record.stat().st_size > 0,
+                      lambda: f"no record: {run.words} {run.process.poll()}")
         told.append(record.read_bytes())
         pids = [run.process.pid, *children(run.process.pid)]
         case.ensure(len(pids) == 2, "processes", pids)
