@@ -116,6 +116,7 @@ inline void Check(const Case& row) {
     EXPECT_EQ(ReasonName(result.answer.Reason), std::string(ReasonName(row.reason)))
         << result.answer.strMessage;
     EXPECT_LE(server.RequestCount(), row.most);
+    EXPECT_EQ(result.answer.bReached, row.reason != TaskReason::kAddress);
     if (row.reason == TaskReason::kNone) {
         EXPECT_EQ(result.end, engine::End::kFinished);
         EXPECT_TRUE(ReadFile(task.path) == *row.body) << "another file than was sent";

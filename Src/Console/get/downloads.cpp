@@ -34,6 +34,13 @@ std::size_t FilesWithDescriptors() {
     return std::clamp<rlim_t>(room / kOfFile, 1, kMostRunning);
 }
 
+// Whether a task that ends for this reason may have had no connection at all.
+bool MayLackConnection(TaskReason reason) {
+    constexpr TaskReason kReasons[] = {TaskReason::kRefused, TaskReason::kNameNotFound,
+                                       TaskReason::kTimeout, TaskReason::kProxy};
+    return std::find(std::begin(kReasons), std::end(kReasons), reason) != std::end(kReasons);
+}
+
 }  // namespace
 
 Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& failed,
@@ -176,10 +183,11 @@ bool Downloads::Start(File& file) {
 // As Fetch::Begin, unless the outcome is known without it.
 std::optional<Outcome> Downloads::Begin(Fetch& file, bool& later) {
     if (std::optional<Outcome> verdict = file.Verdict()) return verdict;
+    const bool once = hosts_.IsUnreached(file.Peer());
     std::optional<Outcome> end;
     do {
         std::string fault = Collision(file);
-        end = fault.empty() ? file.Begin(limit_.MakeRoomFor(file, running_), later)
+        end = fault.empty() ? file.Begin(limit_.MakeRoomFor(file, running_), once, later)
                             : Outcome{EndResult::kRefused, EXIT_STATUS_LOCAL, std::move(fault)};
     } while (end && file.NextName());
     return end;
@@ -213,6 +221,7 @@ void Downloads::Handle(const Event& event) {
         end = event.outcome;
     } else if (!IsFinalCode(event.code)) {
         file.NoteState(event);
+        NotePeer(file, event);
         display_.State(file.View(), event.code, event.value);
         if (file.TakeBeginning()) display_.Begun(file.View());
         return;
@@ -221,6 +230,7 @@ void Downloads::Handle(const Event& event) {
         if (file.TakeBeginning()) display_.Begun(file.View());
         // A remark means that the manager ended the task: its worker reported nothing.
         if (event.remark.empty()) display_.State(file.View(), event.code, event.value);
+        NotePeer(file, event);
         NoteHost(file, event);
     }
     if (!end && file.Now() != Fetch::Phase::kIdle) return;
@@ -230,6 +240,16 @@ void Downloads::Handle(const Event& event) {
         Report(std::move(ended), std::move(*end));
     } else {
         begun_.push_back(std::move(ended));
+    }
+}
+
+// Notes whether a download has reached where its connections go to, as far as the event tells.
+void Downloads::NotePeer(const Fetch& file, const Event& event) {
+    if (event.answer.bReached || event.code == DOWNLOAD_STATE_DOWNLOAD_START) {
+        hosts_.NoteReached(file.Peer());
+    } else if (event.code == DOWNLOAD_STATE_DOWNLOAD_FAIL && event.remark.empty() &&
+               MayLackConnection(event.answer.Reason)) {
+        hosts_.NoteUnreached(file.Peer());
     }
 }
 

@@ -68,6 +68,7 @@ class Downloads : private Uncopyable {
     bool MayBeAsked(const Fetch& file) const;
     bool LooksAhead() const;
     void NoteHost(Fetch& file, const Event& event);
+    void NotePeer(const Fetch& file, const Event& event);
     void ForgiveOthers(const std::string& host);
     InputList::Taken TakeRequest(Request& request);
     bool MayRun() const;

@@ -53,6 +53,10 @@ void Fetch::ReadAddress() {
     host_ = fault_.empty() ? HostOf(view_.address) : "";
 }
 
+std::string Fetch::Peer() const {
+    return proxy_.host.empty() ? host_ : proxy_.host + ":" + std::to_string(proxy_.port);
+}
+
 // `name` is what the address or the page makes of it; the user's own goes first.
 void Fetch::SetPath(const std::string& name, Naming naming) {
     const std::string& wanted = request_.name.empty() ? name : request_.name;
@@ -122,7 +126,7 @@ std::optional<Outcome> Fetch::Verdict() const {
     return target_->Skip("");
 }
 
-std::optional<Outcome> Fetch::Begin(std::int32_t rate, bool& later) {
+std::optional<Outcome> Fetch::Begin(std::int32_t rate, bool once, bool& later) {
     id_ = MakeTaskID();
     if (target_ != nullptr && !target_->IsOpen()) {
         // The file may appear while its part is still somebody else's.
@@ -136,7 +140,7 @@ std::optional<Outcome> Fetch::Begin(std::int32_t rate, bool& later) {
     }
     std::string reason;
     TaskRefusal refusal{};
-    if (!AddTaskFor(rate, reason, refusal)) {
+    if (!AddTaskFor(TaskRequest(rate, once), reason, refusal)) {
         later = refusal == TaskRefusal::kLater;
         return Outcome{EndResult::kRefused, EXIT_STATUS_FAILED, reason};
     }
@@ -147,7 +151,7 @@ std::optional<Outcome> Fetch::Begin(std::int32_t rate, bool& later) {
     return std::nullopt;
 }
 
-bool Fetch::AddTaskFor(std::int32_t rate, std::string& reason, TaskRefusal& refusal) {
+bool Fetch::AddTaskFor(const tagTaskRequest& request, std::string& reason, TaskRefusal& refusal) {
     tagTaskInfo task = NewTask(id_, proxy_, options_.tries, events_);
     if (page_) {
         SetField(task.szOrgUrl, view_.address);
@@ -158,10 +162,10 @@ bool Fetch::AddTaskFor(std::int32_t rate, std::string& reason, TaskRefusal& refu
         task.nCmd = TASK_CMD_DOWNLOAD;
         task.nBlockCount = options_.connections;
     }
-    return AddTask(task, TaskRequest(rate), reason, &refusal) == 0;
+    return AddTask(task, request, reason, &refusal) == 0;
 }
 
-tagTaskRequest Fetch::TaskRequest(std::int32_t rate) const {
+tagTaskRequest Fetch::TaskRequest(std::int32_t rate, bool once) const {
     tagTaskRequest request = carried_;
     if (page_) return request;
     request.strUrl = view_.address;
@@ -176,7 +180,7 @@ tagTaskRequest Fetch::TaskRequest(std::int32_t rate) const {
     request.nRetryAfter = options_.retryAfter;
     request.bEndsWhenBusy = true;
     request.nAnswerSeconds = options_.timeout;
-    request.nTries = options_.tries.count;
+    request.nTries = once ? 1 : options_.tries.count;
     request.nWaitSeconds = options_.tries.seconds;
     request.nRate = rate;
     return request;

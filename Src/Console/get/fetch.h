@@ -45,9 +45,9 @@ class Fetch : private Uncopyable {
 
     // Begins the next task, or the comparison of an existing file with its digest. Returns the
     // outcome when that is impossible. `later`: the manager cannot take the task at present; the
-    // same call may succeed later. `rate` is the limit with which a download begins, in KiB per
-    // second; 0: none.
-    std::optional<Outcome> Begin(std::int32_t rate, bool& later);
+    // same call may succeed later. A download begins with the limit `rate`, in KiB per second, 0:
+    // none; and ends with its first try when it is to be tried `once`.
+    std::optional<Outcome> Begin(std::int32_t rate, bool once, bool& later);
 
     // Notes the name that the server gives the file. True when that was awaited and has come with
     // this event: the view has the path, and the caller sees to it that it can be used.
@@ -87,6 +87,9 @@ class Fetch : private Uncopyable {
     // Of the present address, see hosts.h; empty when that cannot be used.
     const std::string& Host() const { return host_; }
 
+    // Where its connections end: the proxy, or else the host.
+    std::string Peer() const;
+
     // Whether it has had a task.
     bool HasBegun() const { return !view_.id.empty(); }
 
@@ -108,8 +111,8 @@ class Fetch : private Uncopyable {
     void SetPath(const std::string& name, Naming naming = Naming::kNow);
     void ShowPath();
     void CheckExisting(EndResult result, std::int32_t code = -1);
-    bool AddTaskFor(std::int32_t rate, std::string& reason, TaskRefusal& refusal);
-    tagTaskRequest TaskRequest(std::int32_t rate) const;
+    bool AddTaskFor(const tagTaskRequest& request, std::string& reason, TaskRefusal& refusal);
+    tagTaskRequest TaskRequest(std::int32_t rate, bool once) const;
     void NoteBeginning(const tagTaskAnswer& answer);
     bool MayRest(const tagTaskAnswer& answer);
     void Rest(const tagTaskAnswer& answer);

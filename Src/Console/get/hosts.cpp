@@ -46,6 +46,11 @@ void Hosts::NoteServed(const std::string& host) {
     if (found != rests_.end() && !found->second.wished) rests_.erase(found);
 }
 
+bool Hosts::IsUnreached(const std::string& host) const {
+    const auto found = reached_.find(host);
+    return found != reached_.end() && !found->second;
+}
+
 std::string HostOf(std::string_view address) {
     const Authority authority = AuthorityOf(address);
     const bool secure = address.size() > 4 && (address[4] == 's' || address[4] == 'S');

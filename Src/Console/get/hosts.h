@@ -29,6 +29,14 @@ class Hosts {
     // asked for goes on.
     void NoteServed(const std::string& host);
 
+    // A task has reached the host, or has used up its tries without.
+    void NoteReached(const std::string& host) { reached_[host] = true; }
+    void NoteUnreached(const std::string& host) { reached_.try_emplace(host, false); }
+
+    // Whether the latter is all that is known of the host. One that was reached may come back: it
+    // is worth all tries.
+    bool IsUnreached(const std::string& host) const;
+
   private:
     struct Resting {
         Clock::time_point until{};
@@ -39,6 +47,7 @@ class Hosts {
     const int most_;
     const int longest_;
     std::map<std::string, Resting> rests_{};
+    std::map<std::string, bool> reached_{};  // where that is known
 };
 
 // The host of an http or https address.

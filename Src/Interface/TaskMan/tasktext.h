@@ -119,6 +119,7 @@ struct tagTaskAnswer {
     std::int32_t nConnections = 0;  // most of them at the same time
     std::int32_t nTries = 0;        // that failed
     bool bParts = false;            // the server serves parts of the file, as it has shown or said
+    bool bReached = false;          // a connection came about, to the server or its proxy
 };
 
 // Why the line cannot be one of the headers of a request, in one line and without its value; empty

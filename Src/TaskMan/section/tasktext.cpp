@@ -61,6 +61,7 @@ void ForEachKey(const tagTaskAnswer& /*kind*/, Visit visit) {
     visit("connections", &tagTaskAnswer::nConnections);
     visit("tries", &tagTaskAnswer::nTries);
     visit("parts", &tagTaskAnswer::bParts);
+    visit("reached", &tagTaskAnswer::bReached);
 }
 
 // ---- Values to texts and back. Read is false for a value that its field cannot hold.
