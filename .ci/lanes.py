@@ -66,7 +66,7 @@ class Lane(threading.Thread):
         """Returns how many seconds it took. Only a hang meets the deadline."""
         begin = time.monotonic()
         while not holds():
-            self.expect(time.monotonic() < begin + 60, what)
+            self.expect(time.monotonic() < begin + 300, what)
             time.sleep(0.002)
         return round(time.monotonic() - begin, 2)
 
@@ -233,7 +233,7 @@ class ListLane(Lane):
 
     def end(self):
         self.command.stdin.close()
-        status = self.command.wait(timeout=60)
+        status = self.command.wait(timeout=300)
         self.reader.join()
         died = list(self.ends.values()).count("died")
         self.figures["files"] += len(self.contents)
@@ -255,7 +255,7 @@ class ListLane(Lane):
         """The same list once more, undisturbed: it comes to its end, and nothing stays."""
         whole = self.state / "list"
         whole.write_text("".join(f"{self.address}{name}\n" for name in self.contents))
-        subprocess.run([TASKMAN, "get", "-s", "-j8", "-d", self.got, "-i", whole], timeout=60,
+        subprocess.run([TASKMAN, "get", "-s", "-j8", "-d", self.got, "-i", whole], timeout=300,
                        stdout=subprocess.DEVNULL, stderr=self.messages, check=True)
         self.check_files(self.contents)
         self.wait_for_end(self.workers)

@@ -56,6 +56,7 @@ http.server.test(Handler, http.server.ThreadingHTTPServer, port={port}, bind="12
 
 # Whoever runs this in the background has it ignored, and so would the programs that it starts.
 signal.signal(signal.SIGINT, signal.default_int_handler)
+os.umask(0o022)  # servers may have a user of their own
 
 
 def children(pid):
@@ -70,7 +71,7 @@ def children(pid):
 
 
 def some_port():
-    """None that the system gives to connections. Whether it is free shows when a server binds it."""
+    """None that the system gives to connections. That it is free shows when a server binds it."""
     return random.randrange(20000, 32000)
 
 

@@ -81,7 +81,7 @@ class Run:
         return f"{word}{joint}t={self.number}" if word.startswith("http") else word
 
     def end(self):
-        self.out, self.err = self.process.communicate(timeout=60)
+        self.out, self.err = self.process.communicate(timeout=300)
         self.status = self.process.returncode
         return self.status
 
