@@ -7,6 +7,17 @@ using namespace test_support;
 
 namespace {
 
+// Sockets that a process has open.
+int Sockets(pid_t pid) {
+    namespace fs = std::filesystem;
+    int sockets = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        std::error_code closed;
+        if (fs::read_symlink(entry, closed).string().starts_with("socket:")) ++sockets;
+    }
+    return sockets;
+}
+
 class IdleWorkers : public testing::Test {
   protected:
     // No limit on the claim but that of a task that is handed over.
@@ -40,6 +51,7 @@ class IdleWorkers : public testing::Test {
 };
 
 TEST_F(IdleWorkers, ServeOneTaskAfterTheOtherAndRememberTheirConnectionsOnly) {
+    const int before = Sockets(getpid());
     const std::string answer = "HTTP/1.1 200 X\r\nContent-Length: 4\r\n\r\nbody";
     // Each connection carries two requests; a third one meets an answer that is not its own.
     HttpServer server(
@@ -61,6 +73,8 @@ TEST_F(IdleWorkers, ServeOneTaskAfterTheOtherAndRememberTheirConnectionsOnly) {
     EXPECT_EQ(workers, (std::vector{workers[0], workers[0], 0, workers[3]}));
     const std::vector<std::string> requests = server.Requests();
     ASSERT_EQ(requests.size(), 3U);
+    // Its connection ends soon: the server and the channel stay.
+    EXPECT_TRUE(WaitUntil([&] { return Sockets(getpid()) == before + 2; }));
     EXPECT_EQ(requests[1], requests[2]);  // of the third task, and of the first one of a worker
     // What a worker may not do for others.
     const HttpServer slow(patient_);
@@ -70,13 +84,6 @@ TEST_F(IdleWorkers, ServeOneTaskAfterTheOtherAndRememberTheirConnectionsOnly) {
     SetTaskLimits({.nIdleSeconds = 3600, .nTasksPerWorker = 1});  // no further one waits
     const std::function<void(tagTaskInfo&, tagTaskRequest&)> changes[] = {
         [](tagTaskInfo&, tagTaskRequest& request) { request.Headers = {"Cookie: x"}; },
-        [](tagTaskInfo&, tagTaskRequest& request) { request.strUser = "u"; },
-        [](tagTaskInfo&, tagTaskRequest& request) { request.strCaFile = "/ca"; },
-        [](tagTaskInfo&, tagTaskRequest& request) { request.bInsecure = true; },
-        [&](tagTaskInfo& task, tagTaskRequest&) {
-            task.bUseProxy = 1, task.nProxyType = 0, task.nProxyPort = slow.Port();
-            SetField(task.szProxyHost, "127.0.0.1");
-        },
         [](tagTaskInfo&, tagTaskRequest& request) { request.strNetrc = "/none"; },
         [](tagTaskInfo& task, tagTaskRequest&) {
             WriteFile(task.szFilePath + std::string(PART_RECORD_ENDING), "a record");
@@ -100,29 +107,6 @@ TEST_F(IdleWorkers, ServeOneTaskAfterTheOtherAndRememberTheirConnectionsOnly) {
         EXPECT_NE(course.worker.Pid(), workers[3]);
         Follow(course);
     }
-}
-
-TEST_F(IdleWorkers, GetNoTaskWithOtherFilesOfTheSameNames) {
-    const HttpServer slow({Reply().Pause(milliseconds(200)).Then(Reply::Ok("body"))});
-    tagTaskRequest request;
-    request.strCaFile = campaign_.Output({}) + "authorities";
-    const auto add = [&] {
-        tagTaskInfo task = campaign_.Task(slow.Url());
-        SetField(task.szFilePath, std::filesystem::relative(FieldText(task.szFilePath)).string());
-        const Course& course = campaign_.Add(task, &request);
-        Follow(course);
-        EXPECT_EQ(course.code, 3) << course.answer.strMessage;
-        return course.worker.Pid();
-    };
-    const auto before = std::filesystem::current_path();
-    const pid_t first = add();
-    EXPECT_EQ(add(), first);
-    std::filesystem::current_path("/");
-    const pid_t second = add();
-    EXPECT_NE(second, first);
-    std::filesystem::current_path(before);
-    WriteFile(request.strCaFile, "");
-    EXPECT_NE(add(), first);
 }
 
 TEST_F(IdleWorkers, AreChosenByTheirServers) {
@@ -197,17 +181,6 @@ TEST_F(IdleWorkers, LeaveNoLocksWhenAllAreKilled) {
     for (const std::string& name : platform::OwnSemaphoreNames()) {
         EXPECT_TRUE(!name.starts_with(own) || name == running.id) << name;
     }
-}
-
-// Sockets that a process has open.
-int Sockets(pid_t pid) {
-    namespace fs = std::filesystem;
-    int sockets = 0;
-    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
-        std::error_code closed;
-        if (fs::read_symlink(entry, closed).string().starts_with("socket:")) ++sockets;
-    }
-    return sockets;
 }
 
 TEST_F(IdleWorkers, HaveTheirChannelsAloneLikeOthers) {

@@ -8,6 +8,7 @@
 
 #include "TaskMan/task/delivery.h"
 #include "TaskMan/task/extended.h"
+#include "TaskMan/task/idleworkers.h"
 #include "TaskMan/task/scanner.h"
 #include "TaskMan/task/throttle.h"
 #include "TaskMan/taskman.h"
@@ -99,6 +100,71 @@ TEST_F(Supervised, WorkersHaveTheirTimes) {
     }
     Look(128);
     EXPECT_EQ(watch_.worker.state, Worker::kAlive);
+}
+
+TEST_F(Supervised, AnIdleWorkerHasItsTimeAndTenSecondsToExit) {
+    Threading::AutoLock hold(&g_watch_mutex);
+    g_phase = ManagerPhase::kRunning;
+    const auto waits = [this](double seconds) TS_NO_ANALYSIS {
+        std::vector<platform::ProcessWatch> processes;
+        std::vector<int> channels;
+        SuperviseIdleWorkers(start_ + std::chrono::milliseconds(std::lround(seconds * 1000)), {},
+                             processes, channels);
+        return !channels.empty();
+    };
+    for (const int code : {3, 8, 7}) {
+        Renew(Stage::kDelivered);
+        watch_.nFinalCode = code;
+        watch_.stay = std::chrono::seconds(2);
+        Descriptor worker;
+        watch_.channel.Open(worker);
+        send(worker.Get(), TASK_CHANNEL_IDLE, 6, 0);
+        watch_.channel.Heard();
+        Look(0);
+        EXPECT_EQ(watch_.stage.state == Stage::kFree, code != 7) << code;
+        EXPECT_EQ(waits(11.999), code != 7) << code;
+        EXPECT_FALSE(waits(12)) << code;
+    }
+    g_phase = ManagerPhase::kIdle;
+}
+
+TEST(Traits, AreOthersWhereAWorkerMustNotServe) {
+    using Task = tagTaskInfo;
+    using Request = tagTaskRequest;
+    void (*const changes[])(Task&, Request&) = {
+        [](Task&, Request& request) { request.Headers = {"Cookie: x"}; },
+        [](Task&, Request& request) { request.strUser = "u"; },
+        [](Task&, Request& request) { request.strPassword = "p"; },
+        [](Task&, Request& request) { request.strCaFile = "/x"; },
+        [](Task&, Request& request) { request.strCertFile = "/x"; },
+        [](Task&, Request& request) { request.strKeyFile = "/x"; },
+        [](Task&, Request& request) { request.bInsecure = true; },
+        [](Task& task, Request&) { task.bUseProxy = 0; },
+        [](Task& task, Request&) { SetField(task.szProxyHost, "x"); },
+        [](Task& task, Request&) { task.nProxyPort = 1; },
+        [](Task& task, Request&) { task.nProxyType = 5; },
+        [](Task& task, Request&) { SetField(task.szProxyUser, "x"); },
+        [](Task& task, Request&) { SetField(task.szProxyPassword, "x"); },
+        [](Task&, Request& request) { WriteFile(request.strCaFile, ""); },
+        [](Task&, Request& request) { WriteFile(request.strCertFile, ""); },
+        [](Task&, Request& request) { WriteFile(request.strKeyFile, ""); },
+        [](Task&, Request&) { std::filesystem::current_path("/"); },
+    };
+    const TempDir directory;
+    const auto here = std::filesystem::current_path();
+    for (const auto& change : changes) {
+        Task task("id");
+        task.bUseProxy = 1;
+        Request request;
+        request.strCaFile = directory.Path("ca");
+        request.strCertFile = directory.Path("certificate");
+        request.strKeyFile = directory.Path("key");
+        const Traits before = TraitsOf(task, request, "");
+        EXPECT_EQ(before.reach, TraitsOf(task, request, "").reach);
+        change(task, request);
+        EXPECT_NE(before.reach, TraitsOf(task, request, "").reach) << &change - changes;
+        std::filesystem::current_path(here);
+    }
 }
 
 TEST_F(Supervised, ExtendedDownloadsHaveTheTimeOfTheirRequests) {

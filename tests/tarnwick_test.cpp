@@ -1,6 +1,7 @@
 // The worker's operations inside the test program: reports and progress, download info files and
 // ranges.
 #include <curl/curl.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 
 #include <cmath>
@@ -11,10 +12,12 @@
 #include "Tarnwick/download.h"
 #include "Tarnwick/downloadinfo.h"
 #include "Tarnwick/jobstate.h"
+#include "Tarnwick/nexttask.h"
 #include "Tarnwick/progress.h"
 #include "Tarnwick/statereport.h"
 #include "Tarnwick/transfer.h"
 #include "common/fieldtext.h"
+#include "common/platform.h"
 #include "support/http_server.h"
 
 using namespace test_support;
@@ -243,6 +246,28 @@ TEST(Range, IsAHeaderOfItsHandle) {
     Curl_ReleaseHttpHead_Range(handles[0]);
     expect(0, "");
     for (CURL* handle : handles) curl_easy_cleanup(handle);
+}
+
+// A manager that is gone; what comes over the channel is told.
+std::string SaidBeforeTheNextTask() {
+    int ends[2];
+    socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
+    dup2(ends[1], STDIN_FILENO);
+    close(ends[1]);
+    shutdown(ends[0], SHUT_WR);
+    g_StaySeconds = 10;
+    EXPECT_FALSE(NextTask());
+    char said[16] = "";
+    recv(ends[0], said, sizeof said - 1, MSG_DONTWAIT);
+    close(ends[0]);
+    return said;
+}
+
+TEST(NextTask, IsNotForAWorkerThatHasGrown) {
+    if (platform::PrivateMemory() > 6 << 20) GTEST_SKIP() << "sanitizers take more";
+    EXPECT_EQ(SaidBeforeTheNextTask(), TASK_CHANNEL_IDLE);
+    const std::vector<char> memory(8 << 20, 'x');
+    EXPECT_EQ(SaidBeforeTheNextTask(), "");
 }
 
 }  // namespace
