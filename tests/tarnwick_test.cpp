@@ -17,7 +17,6 @@
 #include "Tarnwick/statereport.h"
 #include "Tarnwick/transfer.h"
 #include "common/fieldtext.h"
-#include "common/platform.h"
 #include "support/http_server.h"
 
 using namespace test_support;
@@ -264,9 +263,9 @@ std::string SaidBeforeTheNextTask() {
 }
 
 TEST(NextTask, IsNotForAWorkerThatHasGrown) {
-    if (platform::PrivateMemory() > 6 << 20) GTEST_SKIP() << "sanitizers take more";
+    if (WORKER_MEMORY_MOST > 8 << 20) GTEST_SKIP() << "sanitizers take more";
     EXPECT_EQ(SaidBeforeTheNextTask(), TASK_CHANNEL_IDLE);
-    const std::vector<char> memory(8 << 20, 'x');
+    const std::vector<char> memory(WORKER_MEMORY_MOST, 'x');
     EXPECT_EQ(SaidBeforeTheNextTask(), "");
 }
 

@@ -8,13 +8,13 @@
 #include "common/fieldtext.h"
 #include "common/platform.h"
 
-namespace {
-
 #ifdef TASKMAN_REPORTS
-constexpr std::size_t kMostMemory = 1024 * 1024 * 1024;  // sanitizers take most of it
+const std::size_t WORKER_MEMORY_MOST = 1024 * 1024 * 1024;  // sanitizers take most of it
 #else
-constexpr std::size_t kMostMemory = 8 * 1024 * 1024;
+const std::size_t WORKER_MEMORY_MOST = 8 * 1024 * 1024;
 #endif
+
+namespace {
 
 // Writes the defaults where the record is: an assigned one would be filled, copied and wiped.
 void Clear(tagTaskContext& slot) {
@@ -39,7 +39,7 @@ bool NextTask() {
     const std::chrono::seconds stay(std::exchange(g_StaySeconds, 0));
     if (stay.count() == 0) return false;
     ForgetTask();
-    if (platform::PrivateMemory() > kMostMemory) return false;
+    if (platform::PrivateMemory() > WORKER_MEMORY_MOST) return false;
     g_TaskID = AwaitTask(stay, g_HandedOver, g_RequestText, [] {
         if (g_Pool != nullptr) g_Pool->EndAll();
     });
