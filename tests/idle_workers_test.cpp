@@ -124,6 +124,16 @@ TEST_F(IdleWorkers, AreChosenByTheirServers) {
     EXPECT_EQ(next.worker.Pid(), second.worker.Pid());
 }
 
+TEST_F(IdleWorkers, AreThoseThatWereStoppedAsWell) {
+    HttpServer silent({Reply().Silence()});
+    const Course& course = Add(silent);
+    EXPECT_TRUE(WaitUntil([&] { return silent.RequestCount() == 1; }));
+    StopTask(course.id.c_str());
+    Follow(course);
+    EXPECT_EQ(course.code, 8);
+    EXPECT_EQ(Worker(), course.worker.Pid());
+}
+
 TEST_F(IdleWorkers, MayBreakAndTheNextTaskIsServed) {
     const struct {
         const char* steps;
