@@ -219,6 +219,9 @@ TEST(Get, AReaderThatTakesNothingDelaysNoEnd) {
         run.Signal(SIGINT);
         EXPECT_EQ(run.End(), "signal 2");
         EXPECT_EQ(run.Files(), "list");
+        const bool told =
+            Has(run.Err(), "taskman: cannot write standard output: nobody reads it\n");
+        EXPECT_EQ(told, Has(arguments, "--json")) << run.Err();
     }
 }
 

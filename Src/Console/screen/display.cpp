@@ -34,14 +34,16 @@ Detail DetailOf(const DisplayOptions& options) {
 }
 
 // Waits until the descriptor takes bytes or has failed. False when the command is to end and it
-// still takes none.
+// still takes none; errno is ETIMEDOUT then.
 bool AwaitRoom(int descriptor) {
     constexpr int kTurn = 250;         // milliseconds
     static std::atomic<int> turns{8};  // that are left, over all calls, once the command is to end
     pollfd room{descriptor, POLLOUT, 0};
     while (poll(&room, 1, kTurn) < 1) {
         const int stops = signals::StopCount();
-        if (stops > 1 || (stops == 1 && turns-- <= 0)) return false;
+        if (stops < 1 || (stops == 1 && turns-- > 0)) continue;
+        errno = ETIMEDOUT;
+        return false;
     }
     return true;
 }
@@ -192,6 +194,7 @@ bool WriteAll(int descriptor, std::string_view bytes) {
 
 std::string OutputFault() {
     if (errno == EPIPE) return "";
+    if (errno == ETIMEDOUT) return "cannot write standard output: nobody reads it";
     return sysutility::SystemFault("cannot write standard output", errno);
 }
 

@@ -161,8 +161,8 @@ double TimeLeft(double bytes, double speed);
 
 // ---- Output, for the main thread.
 
-// Writes everything to a descriptor; any thread may call. False when that fails, with errno set, or
-// when the command is to end and the reader does not read.
+// Writes everything to a descriptor; any thread may call. False when that fails, with errno set:
+// ETIMEDOUT when the command is to end and the reader does not read.
 bool WriteAll(int descriptor, std::string_view bytes);
 
 // Why the last write to standard output failed, by errno; empty for EPIPE: the reader left on
