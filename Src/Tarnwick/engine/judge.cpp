@@ -4,6 +4,7 @@
 
 #include "Tarnwick/engine/curl.h"
 #include "common/address.h"
+#include "common/stringutility.h"
 
 namespace engine {
 namespace {
@@ -159,7 +160,7 @@ Judgement JudgeError(CURLcode code, const std::string& text, const Answer& answe
     const bool known = found != std::end(kErrors);
     Judgement judged{known ? found->verdict : Verdict::kAgain,
                      known ? found->reason : TaskReason::kBrokenOff,
-                     text.empty() ? curl_easy_strerror(code) : text};
+                     text.empty() ? curl_easy_strerror(code) : strutil::trimRight(text)};
     if (code == CURLE_OUT_OF_MEMORY) judged.message = NO_MEMORY;
     // libcurl has no other code for a header line beyond its limit.
     if (code == CURLE_OUT_OF_MEMORY && answer.status != 0) {
