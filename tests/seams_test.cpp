@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 
+#include <atomic>
 #include <cmath>
 
 #include "Console/get/fetch.h"
@@ -81,6 +82,24 @@ TEST(Fetch, BelievesNoNumber) {
     EXPECT_LT(note(DOWNLOAD_STATE_FILE_SIZE, -1).size, 0);
     EXPECT_EQ(note(DOWNLOAD_STATE_PROGRESS, 1000).percent, 100);
     EXPECT_EQ(note(DOWNLOAD_STATE_PROGRESS, -1).percent, 0);
+}
+
+TEST(Helpers, LetNothingWaitForAPieceThatIsHeldUp) {
+    Helpers helpers;
+    std::atomic<bool> quick{false};
+    std::atomic<bool> freed{false};
+    std::atomic<bool> ended{false};
+    helpers.Run([&] { quick = true; });
+    ASSERT_TRUE(WaitUntil([&] { return quick.load(); }));
+    helpers.Run([&] {
+        WaitUntil([&] { return freed.load(); });
+        ended = freed.load();
+    });
+    helpers.Run([&] { freed = true; });
+    EXPECT_TRUE(WaitUntil([&] {
+        helpers.Hurry();
+        return ended.load();
+    }));
 }
 
 TEST(Slots, HoldNoLogin) {

@@ -60,6 +60,7 @@ Downloads::Downloads(const GetOptions& options, InputList& list, FailedList& fai
 }
 
 bool Downloads::StartNext() {
+    helpers_.Hurry();
     limit_.Update(running_);
     for (int i = 0; i < kMostAtOnce; ++i) {
         if (!HasRoom()) return false;

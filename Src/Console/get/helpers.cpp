@@ -11,8 +11,12 @@
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 // So many files are not worth a step together, in which those of others go to the disk as well.
 constexpr int kHandful = 4;
+// What takes longer has waited for a disk.
+constexpr std::chrono::microseconds kQuick{500};
 
 }  // namespace
 
@@ -27,31 +31,56 @@ Helpers::~Helpers() {
 
 void Helpers::Run(std::function<void()> work) {
     std::unique_lock hold(mutex_);
-    if (idle_ <= waiting_.size()) {
-        try {
-            threads_.emplace_back([this] { Work(); });
-        } catch (const std::system_error&) {
-            hold.unlock();
-            return work();
-        }
-    }
+    if (waiting_.empty()) moved_ = Clock::now();
     waiting_.push_back(std::move(work));
+    const bool anyAwake = called_ > 0 || idle_ < threads_.size();
+    if ((anyAwake && !slow_) || Call() || !threads_.empty()) return;
+    work = std::move(waiting_.back());
+    waiting_.pop_back();
     hold.unlock();
-    changed_.notify_one();
+    work();
+}
+
+void Helpers::Hurry() {
+    const std::lock_guard hold(mutex_);
+    if (called_ >= waiting_.size() || Clock::now() - moved_ < kQuick) return;
+    slow_ = true;
+    Call();
+}
+
+// Has one more thread come to the work that waits. False when there is none.
+bool Helpers::Call() {
+    ++called_;
+    if (idle_ >= called_) {
+        changed_.notify_one();
+        return true;
+    }
+    try {
+        threads_.emplace_back([this] { Work(); });
+    } catch (const std::system_error&) {
+        --called_;
+        return false;
+    }
+    return true;
 }
 
 void Helpers::Work() {
     std::unique_lock hold(mutex_);
-    for (;;) {
+    while (!over_ || !waiting_.empty()) {
+        if (called_ > 0) --called_;
+        while (!waiting_.empty()) {
+            const std::function<void()> work = std::move(waiting_.front());
+            waiting_.pop_front();
+            const Clock::time_point since = moved_ = Clock::now();
+            if (slow_ && !over_ && called_ < waiting_.size()) Call();
+            hold.unlock();
+            work();
+            hold.lock();
+            slow_ = Clock::now() - since >= kQuick;
+        }
         ++idle_;
-        changed_.wait(hold, [this] { return over_ || !waiting_.empty(); });
+        changed_.wait(hold, [this] { return over_ || called_ > 0; });
         --idle_;
-        if (waiting_.empty()) return;
-        const std::function<void()> work = std::move(waiting_.front());
-        waiting_.pop_front();
-        hold.unlock();
-        work();
-        hold.lock();
     }
 }
 

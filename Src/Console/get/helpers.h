@@ -2,6 +2,7 @@
 // comparing a digest. Any thread may call everything.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -37,7 +38,8 @@ class FileSync : private Uncopyable {
     int alone_ = 0;                  // files that are brought there for themselves
 };
 
-// Threads, as many as there is work at a time: one that has nothing to do waits for the next piece.
+// Threads: one that has nothing to do waits for the next piece of work. One after the other is done
+// by one thread while that takes no time; else there are as many as there is work at a time.
 class Helpers : private Uncopyable {
   public:
     // Waits for all work.
@@ -46,17 +48,25 @@ class Helpers : private Uncopyable {
     // Has a thread do the work, which throws nothing. Without a thread it is done here.
     void Run(std::function<void()> work);
 
+    // To be called now and then: sees to it that work does not wait for a piece that takes its
+    // time.
+    void Hurry();
+
     // For what the work has to bring to the disk.
     FileSync sync{};
 
   private:
+    bool Call();
     void Work();
 
     std::mutex mutex_{};  // guards the others
     std::condition_variable changed_{};
     std::deque<std::function<void()>> waiting_{};
     std::vector<std::thread> threads_{};
-    std::size_t idle_ = 0;
+    std::size_t idle_ = 0;                           // threads that wait
+    std::size_t called_ = 0;                         // threads that come, of these or new ones
+    bool slow_ = true;                               // the last piece took its time
+    std::chrono::steady_clock::time_point moved_{};  // when the first piece that waits became that
     bool over_ = false;
 };
 
