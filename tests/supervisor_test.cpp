@@ -103,8 +103,17 @@ TEST_F(Supervised, WorkersHaveTheirTimes) {
 }
 
 TEST_F(Supervised, AnIdleWorkerHasItsTimeAndTenSecondsToExit) {
+    const struct {
+        int code;
+        bool kept;
+        Worker state = Worker::kAlive;
+        ManagerPhase phase = ManagerPhase::kRunning;
+    } rows[] = {{3, true},
+                {8, true},
+                {7, false},
+                {3, false, Worker::kKilled},
+                {3, false, Worker::kAlive, ManagerPhase::kEnding}};
     Threading::AutoLock hold(&g_watch_mutex);
-    g_phase = ManagerPhase::kRunning;
     const auto waits = [this](double seconds) TS_NO_ANALYSIS {
         std::vector<platform::ProcessWatch> processes;
         std::vector<int> channels;
@@ -112,17 +121,19 @@ TEST_F(Supervised, AnIdleWorkerHasItsTimeAndTenSecondsToExit) {
                              processes, channels);
         return !channels.empty();
     };
-    for (const int code : {3, 8, 7}) {
+    for (const auto& [code, kept, state, phase] : rows) {
         Renew(Stage::kDelivered);
+        g_phase = phase;
         watch_.nFinalCode = code;
+        watch_.worker.state = state;
         watch_.stay = std::chrono::seconds(2);
         Descriptor worker;
         watch_.channel.Open(worker);
         send(worker.Get(), TASK_CHANNEL_IDLE, 6, 0);
         watch_.channel.Heard();
         Look(0);
-        EXPECT_EQ(watch_.stage.state == Stage::kFree, code != 7) << code;
-        EXPECT_EQ(waits(11.999), code != 7) << code;
+        EXPECT_EQ(watch_.stage.state == Stage::kFree, kept) << code;
+        EXPECT_EQ(waits(11.999), kept) << code;
         EXPECT_FALSE(waits(12)) << code;
     }
     g_phase = ManagerPhase::kIdle;
