@@ -16,6 +16,7 @@ daemon off; pid @state@/pid; error_log @state@/errors; worker_processes 1; event
 http {
     log_format lines escape=json '{"t":"$arg_t$arg_video_id","port":"$server_port","host":"$host",'
         '"uri":"$uri","status":$status,"resumed":"$ssl_session_reused",'
+        '"connection":$connection,'
         '"range":"$http_range","via":"$http_via",'
         '"authorization":"$http_authorization","cookie":"$http_cookie","x":"$http_x_key",'
         '"accept":"$http_accept","agent":"$http_user_agent",'

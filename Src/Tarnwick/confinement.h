@@ -10,8 +10,8 @@
 // libcurl, the resolver, TLS and the request need for reading; no program to execute; no other
 // process to signal or trace; no terminal; and no core dump, which would hold credentials. Returns
 // why that failed, in one line; empty: it is done, or the system has no such thing. Main thread
-// only, before there is another one: threads inherit it. Nothing gives rights back: a further call
-// does nothing, and returns what the first did.
+// only, before there is another one: threads inherit it. Nothing gives rights back: a further call,
+// of any thread, does nothing, and returns what the first did.
 //
 // Nothing below /proc can be read afterwards: platform::BootId and ProcessAge tell nothing.
 std::string Confine(const tagTaskRequest& request);
