@@ -131,7 +131,8 @@ TEST_F(IdleWorkers, AreChosenByTheirServers) {
     EXPECT_EQ(next.worker.Pid(), second.worker.Pid());
 }
 
-TEST_F(IdleWorkers, AreThoseThatWereStoppedAsWell) {
+TEST_F(IdleWorkers, AreThoseThatWereStoppedAsWellUntilTheirTimeIsOver) {
+    SetTaskLimits({.nIdleSeconds = 3});
     HttpServer silent({Reply().Silence()});
     const Course& course = Add(silent);
     EXPECT_TRUE(WaitUntil([&] { return silent.RequestCount() == 1; }));
@@ -139,6 +140,8 @@ TEST_F(IdleWorkers, AreThoseThatWereStoppedAsWell) {
     Follow(course);
     EXPECT_EQ(course.code, 8);
     EXPECT_EQ(Worker(), course.worker.Pid());
+    // By itself: the manager kills it after ten seconds more.
+    EXPECT_TRUE(WaitUntil([] { return Worker() == 0; }, milliseconds(12'000)));
 }
 
 TEST_F(IdleWorkers, MayBreakAndTheNextTaskIsServed) {
