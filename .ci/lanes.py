@@ -145,7 +145,9 @@ class ListLane(Lane):
 
     def stop_waiting(self):
         """Stops the waiting worker that gets the next task; returns its process id and slot."""
+        until = time.monotonic() + 20
         while True:
+            self.expect(time.monotonic() < until, "no worker waits")
             self.settle()
             workers, _ = self.waiting()
             if not workers:  # after the time of all of them, or the deaths of all
