@@ -45,6 +45,10 @@ int SyncFileSystem(int descriptor) {
     return syncfs(descriptor) == 0 ? 0 : errno;
 }
 
+int WriteFault(int descriptor) {
+    return sync_file_range(descriptor, 0, 0, SYNC_FILE_RANGE_WAIT_BEFORE) == 0 ? 0 : errno;
+}
+
 int SyncData(int descriptor) {
     return fdatasync(descriptor) == 0 ? 0 : errno;
 }

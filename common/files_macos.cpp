@@ -29,6 +29,10 @@ int SyncFileSystem(int /*descriptor*/) {
     return ENOTSUP;
 }
 
+int WriteFault(int /*descriptor*/) {
+    return 0;
+}
+
 int SyncData(int descriptor) {
     return fcntl(descriptor, F_FULLFSYNC) == 0 ? 0 : errno;
 }

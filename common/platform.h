@@ -189,8 +189,14 @@ void StartWriting(int descriptor);
 int SyncData(int descriptor);
 
 // Brings all of the file system to the disk that the file is in. Returns 0 or an error number:
-// ENOTSUP where the system cannot, or cannot tell that it has failed.
+// ENOTSUP where the system cannot, or cannot tell that it has failed. It tells what has failed
+// since the file was opened, but for what somebody had heard of before.
 int SyncFileSystem(int descriptor);
+
+// Whether the system has failed to write this file to the disk, at any time since it was opened and
+// not told by this descriptor. Returns 0 or an error number. For a file that SyncFileSystem has
+// brought there, by way of another one.
+int WriteFault(int descriptor);
 
 // ---- What the file system keeps beside the bytes of a file.
 

@@ -112,8 +112,9 @@ int FileSync::Sync(int descriptor) {
         changed_.notify_all();
     }
     hold.unlock();
-    // Which file it was that failed, each tells itself.
-    return group->failed ? SyncFile(descriptor) : 0;
+    // Which file it was that failed, each tells itself; also one whose failure the step did not
+    // hear of, because it had been told to somebody before the file of the step was opened.
+    return group->failed ? SyncFile(descriptor) : platform::WriteFault(descriptor);
 }
 
 void HelperThread::Start(EventQueue& events, const std::string& id, std::function<Outcome()> work) {
