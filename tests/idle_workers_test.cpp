@@ -1,5 +1,6 @@
 // A manager whose workers wait for another task: which of them serve it, and what they remember.
 #include "TaskMan/partrecord.h"
+#include "TaskMan/task/idleworkers.h"
 #include "support/campaign.h"
 #include "support/http_server.h"
 
@@ -113,6 +114,45 @@ TEST_F(IdleWorkers, ServeOneTaskAfterTheOtherAndRememberTheirConnectionsOnly) {
         const Course& course = Add(task, task.nReserved1 == -2 ? nullptr : &request);
         EXPECT_NE(course.worker.Pid(), workers[3]);
         Follow(course);
+    }
+}
+
+TEST(Traits, AreOthersWhereAWorkerMustNotServe) {
+    using Task = tagTaskInfo;
+    using Request = tagTaskRequest;
+    void (*const changes[])(Task&, Request&) = {
+        [](Task&, Request& request) { request.Headers = {"Cookie: x"}; },
+        [](Task&, Request& request) { request.strUser = "u"; },
+        [](Task&, Request& request) { request.strPassword = "p"; },
+        [](Task&, Request& request) { request.strCaFile = "/x"; },
+        [](Task&, Request& request) { request.strCertFile = "/x"; },
+        [](Task&, Request& request) { request.strKeyFile = "/x"; },
+        [](Task&, Request& request) { request.bInsecure = true; },
+        [](Task& task, Request&) { task.bUseProxy = 0; },
+        [](Task& task, Request&) { SetField(task.szProxyHost, "x"); },
+        [](Task& task, Request&) { task.nProxyPort = 1; },
+        [](Task& task, Request&) { task.nProxyType = 5; },
+        [](Task& task, Request&) { SetField(task.szProxyUser, "x"); },
+        [](Task& task, Request&) { SetField(task.szProxyPassword, "x"); },
+        [](Task&, Request& request) { WriteFile(request.strCaFile, ""); },
+        [](Task&, Request& request) { WriteFile(request.strCertFile, ""); },
+        [](Task&, Request& request) { WriteFile(request.strKeyFile, ""); },
+        [](Task&, Request&) { std::filesystem::current_path("/"); },
+    };
+    const TempDir directory;
+    const auto here = std::filesystem::current_path();
+    for (const auto& change : changes) {
+        Task task("id");
+        task.bUseProxy = 1;
+        Request request;
+        request.strCaFile = directory.Path("ca");
+        request.strCertFile = directory.Path("certificate");
+        request.strKeyFile = directory.Path("key");
+        const Traits before = TraitsOf(task, request, "");
+        EXPECT_EQ(before.reach, TraitsOf(task, request, "").reach);
+        change(task, request);
+        EXPECT_NE(before.reach, TraitsOf(task, request, "").reach) << &change - changes;
+        std::filesystem::current_path(here);
     }
 }
 

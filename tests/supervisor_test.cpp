@@ -139,45 +139,6 @@ TEST_F(Supervised, AnIdleWorkerHasItsTimeAndTenSecondsToExit) {
     g_phase = ManagerPhase::kIdle;
 }
 
-TEST(Traits, AreOthersWhereAWorkerMustNotServe) {
-    using Task = tagTaskInfo;
-    using Request = tagTaskRequest;
-    void (*const changes[])(Task&, Request&) = {
-        [](Task&, Request& request) { request.Headers = {"Cookie: x"}; },
-        [](Task&, Request& request) { request.strUser = "u"; },
-        [](Task&, Request& request) { request.strPassword = "p"; },
-        [](Task&, Request& request) { request.strCaFile = "/x"; },
-        [](Task&, Request& request) { request.strCertFile = "/x"; },
-        [](Task&, Request& request) { request.strKeyFile = "/x"; },
-        [](Task&, Request& request) { request.bInsecure = true; },
-        [](Task& task, Request&) { task.bUseProxy = 0; },
-        [](Task& task, Request&) { SetField(task.szProxyHost, "x"); },
-        [](Task& task, Request&) { task.nProxyPort = 1; },
-        [](Task& task, Request&) { task.nProxyType = 5; },
-        [](Task& task, Request&) { SetField(task.szProxyUser, "x"); },
-        [](Task& task, Request&) { SetField(task.szProxyPassword, "x"); },
-        [](Task&, Request& request) { WriteFile(request.strCaFile, ""); },
-        [](Task&, Request& request) { WriteFile(request.strCertFile, ""); },
-        [](Task&, Request& request) { WriteFile(request.strKeyFile, ""); },
-        [](Task&, Request&) { std::filesystem::current_path("/"); },
-    };
-    const TempDir directory;
-    const auto here = std::filesystem::current_path();
-    for (const auto& change : changes) {
-        Task task("id");
-        task.bUseProxy = 1;
-        Request request;
-        request.strCaFile = directory.Path("ca");
-        request.strCertFile = directory.Path("certificate");
-        request.strKeyFile = directory.Path("key");
-        const Traits before = TraitsOf(task, request, "");
-        EXPECT_EQ(before.reach, TraitsOf(task, request, "").reach);
-        change(task, request);
-        EXPECT_NE(before.reach, TraitsOf(task, request, "").reach) << &change - changes;
-        std::filesystem::current_path(here);
-    }
-}
-
 TEST_F(Supervised, ExtendedDownloadsHaveTheTimeOfTheirRequests) {
     const struct {
         std::int32_t nAnswerSeconds, nTries;
