@@ -127,6 +127,12 @@ std::string Connection::FinalUrl() const {
     return url == nullptr ? request_.url : WithoutLogin(url);
 }
 
+bool Connection::HadPeer() const {
+    const char* peer = nullptr;
+    curl_easy_getinfo(curl_, CURLINFO_PRIMARY_IP, &peer);
+    return peer != nullptr && *peer != '\0';
+}
+
 std::size_t Connection::OnHeader(char* data, std::size_t size, std::size_t count,
                                  void* self) noexcept {
     auto& own = *static_cast<Connection*>(self);

@@ -101,6 +101,8 @@ class Connection : private Uncopyable {
     CURL* Handle() const { return curl_; }
     // Of the last request that libcurl has sent, behind redirects; without a login.
     std::string FinalUrl() const;
+    // Whether the request, or one that a redirect led away from, had a connection.
+    bool HadPeer() const;
     // Bytes of this request's body that went into the file; and of all bodies.
     std::uint64_t Got() const { return got_; }
     std::uint64_t Received() const { return received_; }

@@ -16,13 +16,6 @@ constexpr Clock::duration kLongRest = 5s;  // the same when nothing has come on 
 constexpr int kMostChanges = 1;
 constexpr const char* kServesOnce = " (an address that serves one request needs one connection)";
 
-// Whether the request, or one that a redirect led away from, had a connection.
-bool WasConnected(CURL* curl) {
-    const char* peer = nullptr;
-    curl_easy_getinfo(curl, CURLINFO_PRIMARY_IP, &peer);
-    return peer != nullptr && *peer != '\0';
-}
-
 }  // namespace
 
 // Called within curl_multi_perform: no request can begin or end here.
@@ -204,7 +197,7 @@ void Course::OnFailure(Connection& connection, const Judgement& judged) {
     if (MaybeFault fault = connection.Flush()) return GiveUp(*fault);
     const std::uint64_t got = connection.Got();
     const bool atFinal = connection.Current().url != task_.url;
-    if (WasConnected(connection.Handle())) result_.answer.bReached = true;
+    if (connection.HadPeer()) result_.answer.bReached = true;
     connection.End();
     blocks_.Release(connection.Id());
     const bool others = BusyCount() > 0;
