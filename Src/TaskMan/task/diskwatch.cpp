@@ -14,8 +14,9 @@
 namespace {
 
 // Guards both flags, so that the thread does not decide to end just when StartDiskWatch decides to
-// keep it.
-Threading::Mutex g_disk_watch_mutex;
+// keep it. It is never destroyed: a thread that a file system holds may outlive all else at the
+// exit.
+Threading::Mutex& g_disk_watch_mutex = *new Threading::Mutex;
 bool g_disk_watch_ends TS_GUARDED_BY(g_disk_watch_mutex) = false;
 bool g_disk_watch_runs TS_GUARDED_BY(g_disk_watch_mutex) = false;
 ManagerEvent g_wake_event;   // tells the thread to end
