@@ -189,13 +189,13 @@ void StartWriting(int descriptor);
 int SyncData(int descriptor);
 
 // Brings all of the file system to the disk that the file is in. Returns 0 or an error number:
-// ENOTSUP where the system cannot, or cannot tell that it has failed. It tells what has failed
-// since the file was opened, but for what somebody had heard of before.
+// ENOTSUP where the system cannot, or cannot tell that it has failed. A failure that was reported
+// to anybody before this file was opened is not reported again.
 int SyncFileSystem(int descriptor);
 
-// Whether the system has failed to write this file to the disk, at any time since it was opened and
-// not told by this descriptor. Returns 0 or an error number. For a file that SyncFileSystem has
-// brought there, by way of another one.
+// Whether the system has failed to write this file to the disk since it was opened, unless this
+// descriptor was told so before. Returns 0 or an error number. For a file that SyncFileSystem has
+// brought to the disk by the descriptor of another one.
 int WriteFault(int descriptor);
 
 // ---- What the file system keeps beside the bytes of a file.

@@ -15,7 +15,7 @@ using Clock = std::chrono::steady_clock;
 
 // So many files are not worth a step together, in which those of others go to the disk as well.
 constexpr int kHandful = 4;
-// What takes longer has waited for a disk.
+// A piece that takes longer is slow: it has waited for a disk, or compares a large file.
 constexpr std::chrono::microseconds kQuick{500};
 
 }  // namespace
@@ -48,7 +48,7 @@ void Helpers::Hurry() {
     Call();
 }
 
-// Has one more thread come to the work that waits. False when there is none.
+// Calls one more thread to the work that waits. False when none can be started.
 bool Helpers::Call() {
     ++called_;
     if (idle_ >= called_) {
@@ -112,8 +112,8 @@ int FileSync::Sync(int descriptor) {
         changed_.notify_all();
     }
     hold.unlock();
-    // Which file it was that failed, each tells itself; also one whose failure the step did not
-    // hear of, because it had been told to somebody before the file of the step was opened.
+    // Each file asks for itself whether it was the one that failed, also when the step succeeded:
+    // syncfs is silent about a failure that was reported before its own file was opened.
     return group->failed ? SyncFile(descriptor) : platform::WriteFault(descriptor);
 }
 
@@ -123,7 +123,7 @@ void HelperThread::Start(EventQueue& events, const std::string& id, std::functio
     helpers_.Run([&events, id, work = std::move(work), done] {
         Event event{Event::Kind::kEnd, id};
         event.outcome = work();
-        // First: who takes the event waits for this.
+        // Before the event: whoever takes that joins this work.
         done->set_value();
         events.Add(std::move(event));
     });

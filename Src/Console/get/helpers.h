@@ -38,8 +38,8 @@ class FileSync : private Uncopyable {
     int alone_ = 0;                  // files that are brought there for themselves
 };
 
-// Threads: one that has nothing to do waits for the next piece of work. One after the other is done
-// by one thread while that takes no time; else there are as many as there is work at a time.
+// Threads that do pieces of work, and wait for the next one in between. While the pieces are quick,
+// one thread does them one after the other; when they are slow, each piece has a thread of its own.
 class Helpers : private Uncopyable {
   public:
     // Waits for all work.
@@ -48,8 +48,8 @@ class Helpers : private Uncopyable {
     // Has a thread do the work, which throws nothing. Without a thread it is done here.
     void Run(std::function<void()> work);
 
-    // To be called now and then: sees to it that work does not wait for a piece that takes its
-    // time.
+    // To be called now and then: has a further thread come when work waits behind a piece that
+    // turns out to be slow.
     void Hurry();
 
     // For what the work has to bring to the disk.
@@ -63,10 +63,11 @@ class Helpers : private Uncopyable {
     std::condition_variable changed_{};
     std::deque<std::function<void()>> waiting_{};
     std::vector<std::thread> threads_{};
-    std::size_t idle_ = 0;                           // threads that wait
-    std::size_t called_ = 0;                         // threads that come, of these or new ones
-    bool slow_ = true;                               // the last piece took its time
-    std::chrono::steady_clock::time_point moved_{};  // when the first piece that waits became that
+    std::size_t idle_ = 0;    // threads that wait, those that are called included
+    std::size_t called_ = 0;  // threads, idle or new, that have been called and do not run yet
+    bool slow_ = true;        // the piece that ended last was slow, or one keeps others waiting
+    // When the piece at the head of `waiting_` got there.
+    std::chrono::steady_clock::time_point moved_{};
     bool over_ = false;
 };
 

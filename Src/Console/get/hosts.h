@@ -29,12 +29,12 @@ class Hosts {
     // asked for goes on.
     void NoteServed(const std::string& host);
 
-    // A task has reached the host, or has used up its tries without.
+    // A task has reached the host, or has used up its tries without reaching it.
     void NoteReached(const std::string& host) { reached_[host] = true; }
     void NoteUnreached(const std::string& host) { reached_.try_emplace(host, false); }
 
-    // Whether the latter is all that is known of the host. One that was reached may come back: it
-    // is worth all tries.
+    // Whether tasks have only failed to reach the host. One that was reached may come back: it is
+    // worth all tries.
     bool IsUnreached(const std::string& host) const;
 
   private:

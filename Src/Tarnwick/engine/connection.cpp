@@ -198,8 +198,8 @@ std::size_t Connection::TakeBody(const char* data, std::size_t size) {
     return mine < size ? 0 : size;
 }
 
-// Writes end at multiples of the buffer's size, as the file system likes it best; but what is the
-// rest of a block needs no buffer when it comes in one piece.
+// Writes end at multiples of the buffer's size, as the file system likes it best; but the rest of a
+// block that comes in one piece is written without the buffer.
 bool Connection::Gather(const char* data, std::size_t size, std::uint64_t position) {
     if (filled_ == 0 && shared_.blocks.Left(id_).Size() == 0) {
         begin_ = position;

@@ -21,7 +21,7 @@ using namespace std::chrono_literals;
 
 // What other writers of the file system are left.
 constexpr std::uint64_t kReserve = 64 * 1024 * 1024;
-// A smaller file is there before its room could be reserved.
+// A smaller file arrives sooner than its room could be reserved.
 constexpr std::uint64_t kWorthReserving = 1024 * 1024;
 constexpr std::uint64_t kPushed = 8 * 1024 * 1024;
 // A transfer that is over sooner than this does not begin to write early: that would cost it time.

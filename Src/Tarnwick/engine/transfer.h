@@ -27,8 +27,8 @@ class Pool : private Uncopyable {
     ~Pool();
     CURLM* Multi() const { return multi_; }  // null: there was no memory
 
-    // Has the pool know the connections that the handle opens, which shares its TLS sessions. The
-    // handle is cleaned up before the pool.
+    // Has the pool know the connections that the handle opens, and share its TLS sessions with the
+    // handle, which is cleaned up before the pool.
     void Watch(CURL* curl);
 
     // Ends those connections on which something has come since the transfers before: their end, or
@@ -44,7 +44,7 @@ class Pool : private Uncopyable {
     static int Close(void* self, curl_socket_t socket) noexcept;
 
     CURLM* const multi_;
-    CURLSH* const sessions_;  // libcurl would keep them with each handle; null: it does
+    CURLSH* const sessions_;  // null: there was no memory, and each handle keeps its own sessions
     std::vector<curl_socket_t> sockets_{};
 };
 

@@ -36,7 +36,8 @@ class Channel {
     // Descriptor to wait on for something to read; -1 when there is nothing to wait for any more.
     int Awaited() const { return over_ ? -1 : end_.load(); }
 
-    // Whether the descriptor is one of `told`, or these are none, so that it may be.
+    // Whether the channel is to be looked at when `told` is what WaitForEnd has returned: its
+    // descriptor is among these, or there are none, which says nothing.
     bool IsAmong(const std::vector<int>& told) const;
 
     // Reads what the worker has sent; whether there was something, its end included. A few bytes

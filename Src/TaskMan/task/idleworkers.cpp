@@ -25,8 +25,8 @@ bool EndedWell(std::int32_t nCode) {
     return nCode == DOWNLOAD_STATE_DOWNLOAD_FINISH || nCode == DOWNLOAD_STATE_STOPPED;
 }
 
-// Tells whether a file has been replaced: a worker may have connections by the earlier one, and may
-// not open the later one.
+// Changes when the file is replaced: a worker may have connections that rest on the earlier one,
+// and cannot open the later one. Empty when there is no such file.
 std::string StateOf(const std::string& path) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) return {};

@@ -42,8 +42,8 @@ bool KeepIfIdle(Watch& watch, Clock::time_point now) TS_REQUIRES(g_watch_mutex);
 
 // Looks after the idle workers and those that were dropped: reaps the dead, kills what has not
 // ended in time or says something. Adds what is to be waited for; returns when to look again at the
-// latest. One that gets a task before that is waited for already. `told`: the
-// descriptors of the channels that can be read; none: nothing is known of them.
+// latest. One that gets a task before that is waited for already. `told`: the descriptors of the
+// channels that can be read, which alone are looked at then; empty: all are.
 Clock::time_point SuperviseIdleWorkers(Clock::time_point now, const std::vector<int>& told,
                                        std::vector<platform::ProcessWatch>& processes,
                                        std::vector<int>& channels) TS_REQUIRES(g_watch_mutex);

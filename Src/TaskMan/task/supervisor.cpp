@@ -125,8 +125,8 @@ struct Round {
     bool bSlotFreed = false;
 };
 
-// Looks at the tasks whose time has come, and at those to whose channels `told` belong; at all when
-// there are none.
+// Looks at the tasks whose time has come and at those whose channels are among `told`; at all tasks
+// when that is empty.
 Round LookAround(const std::vector<int>& told) {
     Round round;
     Threading::AutoLock hold(&g_watch_mutex);
