@@ -92,7 +92,7 @@ class Downloads : private Uncopyable {
     File next_{};                            // read, not begun
     std::map<std::string, File> running_{};  // by their ids; a task or a helper thread runs
     std::deque<File> begun_{};  // had a task, and wait for the next: their page has been resolved,
-                                // or their host was busy
+                                // or their host was busy or reached at last
     std::deque<File> held_{};   // read, not begun: their hosts could not be asked
     const std::size_t room_;    // most files at once for which there are descriptors
     Hosts hosts_;

@@ -145,6 +145,7 @@ std::optional<Outcome> Fetch::Begin(std::int32_t rate, bool once, bool& later) {
         return Outcome{EndResult::kRefused, EXIT_STATUS_FAILED, reason};
     }
     phase_ = Phase::kTask;
+    once_ = once;
     view_.answer = {};
     view_.id = id_;
     view_.started = Clock::now();

@@ -116,6 +116,8 @@ class Fetch : private Uncopyable {
     void NoteBeginning(const tagTaskAnswer& answer);
     bool MayRest(const tagTaskAnswer& answer);
     void Rest(const tagTaskAnswer& answer);
+    bool LacksTries(const Event& event) const;
+    void AwaitTask(const tagTaskAnswer& answer);
     void Store();
     std::optional<Outcome> TakePage(const Event& event);
     std::string GiveUpPart() const;
@@ -138,7 +140,8 @@ class Fetch : private Uncopyable {
     std::optional<int> rest_{};  // see TakeRest
     int busy_tries_ = 0;         // that a busy host has ended, in a row and without progress
     std::uint64_t most_had_ = 0;
-    tagTaskAnswer spent_{};  // sums of the tasks that a busy host has ended
+    bool once_ = false;      // its task has but one try
+    tagTaskAnswer spent_{};  // sums of the tasks before the present one
     Phase phase_ = Phase::kIdle;
     HelperThread helper_;  // the last member: it is joined before the others are destroyed
 };

@@ -93,6 +93,10 @@ std::optional<Outcome> Fetch::NoteEnd(Event event, bool stopping) {
         Rest(event.answer);
         return std::nullopt;
     }
+    if (LacksTries(event) && !stopping) {
+        AwaitTask(event.answer);
+        return std::nullopt;
+    }
     Outcome outcome = page_ ? PageFailure(view_.address, event) : TaskFailure(event);
     if (event.answer.nRetryAfter > options_.retryAfter) {
         outcome.message +=
@@ -112,6 +116,19 @@ bool Fetch::MayRest(const tagTaskAnswer& answer) {
 // The file waits, with its part, until the host may be asked again.
 void Fetch::Rest(const tagTaskAnswer& answer) {
     rest_ = answer.nRetryAfter;
+    AwaitTask(answer);
+}
+
+// Whether the task was given one try only, because its host seemed to be away, and that has reached
+// the host and failed later: the file gets another task, with all tries.
+bool Fetch::LacksTries(const Event& event) const {
+    return once_ && options_.tries.count > 1 && event.remark.empty() &&
+           event.code == DOWNLOAD_STATE_DOWNLOAD_FAIL && event.answer.bReached &&
+           event.answer.nTries > spent_.nTries && event.answer.nRetryAfter <= options_.retryAfter;
+}
+
+// The file keeps its part for its next task.
+void Fetch::AwaitTask(const tagTaskAnswer& answer) {
     spent_ = answer;
     view_.answered = false;
     view_.speed = {};
