@@ -104,19 +104,24 @@ class Reply {
     std::vector<Step> steps_;
 };
 
-// A socket on 127.0.0.1, on a port the system picks.
-inline int Listen(int& port, int queue = 64) {
+// A socket on 127.0.0.1, on a port the system picks; it refuses connections until it listens.
+inline int Bind(int& port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
     auto* generic = reinterpret_cast<sockaddr*>(&address);
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    if (bind(listener, generic, size) != 0 || listen(listener, queue) != 0 ||
-        getsockname(listener, generic, &size) != 0) {
+    if (bind(listener, generic, size) != 0 || getsockname(listener, generic, &size) != 0) {
         throw std::runtime_error("no server on the loopback");
     }
     port = ntohs(address.sin_port);
+    return listener;
+}
+
+inline int Listen(int& port, int queue = 64) {
+    const int listener = Bind(port);
+    if (listen(listener, queue) != 0) throw std::runtime_error("no server on the loopback");
     return listener;
 }
 
