@@ -29,6 +29,7 @@ int SyncFileSystem(int /*descriptor*/) {
     return ENOTSUP;
 }
 
+// Each file is brought to the disk for itself here, and is told so then.
 int WriteFault(int /*descriptor*/) {
     return 0;
 }

@@ -205,8 +205,9 @@ std::string Target::OpenOnce() {
                                      : Fault("cannot lock", part_, error);
     }
     struct stat named {};
-    if (!fault.empty() || lstat(part_.c_str(), &named) != 0 || !SameFile(status, named))
+    if (!fault.empty() || lstat(part_.c_str(), &named) != 0 || !SameFile(status, named)) {
         return fault;
+    }
     found_ = found && rule_ == PartRule::kContinue && HasPartRecord(part_);
     if (!found_) RemoveRecord();
     if (found && !found_) {

@@ -39,8 +39,9 @@ bool IdsCollide(const std::string& one, const std::string& other) {
 
 std::string MakeTaskID() {
     unsigned random[2] = {};
-    if (getentropy(random, sizeof random) != 0)
+    if (getentropy(random, sizeof random) != 0) {
         throw std::system_error(errno, std::generic_category(), "no random numbers");
+    }
     char text[32];
     std::snprintf(text, sizeof text, "%06x%08x%08x%08x", static_cast<unsigned>(getpid()) & 0xFFFFFF,
                   static_cast<unsigned>(std::time(nullptr)), random[0], random[1]);
